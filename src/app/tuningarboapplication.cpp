@@ -1,0 +1,302 @@
+#include "app/tuningarboapplication.h"
+
+#include "settings/appcontext.h"
+
+#include <QDateTime>
+#include <QDebug>
+#include <QDir>
+#include <QFileInfo>
+#include <QLocale>
+#include <QMessageBox>
+#include <QMetaType>
+#include <QStyleFactory>
+#include <QTextCodec>
+#include <QTime>
+
+#include <atomic>
+#include <unistd.h>
+
+namespace {
+
+// The application whose handler is installed. Read by the handler on any
+// thread; written only while no other thread logs (start-up and shutdown).
+std::atomic<TuningArboApplication*> sLoggingApp{nullptr};
+
+const QString SHELL_PATCHES[] = {
+    QStringLiteral("arbo_main.pd"),      QStringLiteral("arbo_vprep.pd"),
+    QStringLiteral("equal-loudness.pd"), QStringLiteral("tb_compressor~.pd"),
+    QStringLiteral("tb_compressorUI.pd"),
+};
+
+// The creation time where the file system records one; otherwise the time
+// the file's metadata last changed, which a fresh copy also renews.
+QDateTime creationTime(const QFileInfo& info)
+{
+    const QDateTime birth = info.birthTime();
+    return birth.isValid() ? birth : info.metadataChangeTime();
+}
+
+} // namespace
+
+TuningArboApplication::TuningArboApplication(int& argc, char** argv)
+    : QApplication(argc, argv)
+{
+    setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
+
+    const QStringList arguments = QCoreApplication::arguments();
+    for (int i = 1; i < arguments.size(); ++i) {
+        // Exactly one leading dash goes: "--all" stays "-all" and matches nothing.
+        QString word = QString::fromLocal8Bit(argv[i]);
+        if (word.startsWith(QLatin1Char('-'))) {
+            word.remove(0, 1);
+        }
+        mFlags.insert(word.toLower());
+    }
+
+    AppContext::setSettings(&mSettings);
+
+    connect(&mSignalWatcher, &UnixSignalWatcher::terminationRequested, this,
+            [] { QCoreApplication::exit(0); });
+    mSignalWatcher.watch();
+}
+
+TuningArboApplication::~TuningArboApplication()
+{
+    removeLogHandler();
+    AppContext::setSettings(nullptr);
+}
+
+TuningArboApplication* TuningArboApplication::instance()
+{
+    return static_cast<TuningArboApplication*>(QCoreApplication::instance());
+}
+
+QString TuningArboApplication::version() { return QStringLiteral("1.5.0"); }
+
+bool TuningArboApplication::init()
+{
+    // 1. Types that travel through queued signals.
+    qRegisterMetaType<QList<float>>("QList<float>");
+
+    // 2.
+    setStyle(QStyleFactory::create(QStringLiteral("Fusion")));
+
+    // 3. Config folder.
+    const QString configDir = AppContext::configDir();
+    const bool configDirMade = QDir().mkpath(configDir);
+    qDebug() << "Config dir:" << configDir;
+    qDebug() << "Resource dir:" << AppContext::resourceDir();
+
+    // 4. The text has no %1 on purpose; the logged line keeps the literal %s.
+    if (!configDirMade) {
+        qCritical() << QStringLiteral("Could not create config directory %s.").arg(configDir);
+        QMessageBox::critical(
+            nullptr, applicationName(),
+            tr("Creation of config directory failed.\n\nThe program will now shut down."),
+            QMessageBox::Ok);
+        return false;
+    }
+
+    // 5. Log file, growing across runs.
+    mLogFile.setFileName(configDir + QStringLiteral("/log.txt"));
+    if (mLogFile.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered)) {
+        installLogHandler();
+        const QString banner = QStringLiteral("\n%1\nStarting app at %2\n")
+                                   .arg(QString(78, QLatin1Char('-')),
+                                        QDateTime::currentDateTime().toString(
+                                            QStringLiteral("dd/MM/yy hh:mm:ss.z")));
+        writeToLog(banner.toUtf8());
+    } else {
+        qCritical().noquote()
+            << QStringLiteral("Couldn't open log file %1 for writing.").arg(mLogFile.fileName());
+    }
+
+    // 6.
+    if (!loadStyleSheet()) {
+        fatalStartupMessage(
+            QStringLiteral("Initialisation of style sheet failed.\n\nThe program will now shut down."));
+        return false;
+    }
+
+    // 7. Not fatal: the options keep the values they hold.
+    if (!mSettings.init()) {
+        const QString text =
+            QStringLiteral("Failed to read saved options. All options will be reset to defaults.");
+        qCritical().noquote() << text;
+        QMessageBox::critical(nullptr, applicationName(), text, QMessageBox::Ok);
+    }
+
+    // 8.
+    QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedKingdom));
+
+    // 11.
+    if (!initPatchFolder()) {
+        fatalStartupMessage(QStringLiteral("Initialisation of patch directory failed. This means no "
+                                           "audio playback will be possible.\n\nThe program will "
+                                           "now shut down."));
+        return false;
+    }
+
+    return true;
+}
+
+void TuningArboApplication::term()
+{
+    syncToSettings();
+    mSettings.term();
+    removeLogHandler();
+}
+
+void TuningArboApplication::syncFromSettings() {}
+
+void TuningArboApplication::syncToSettings() {}
+
+void TuningArboApplication::fatalStartupMessage(const QString& text)
+{
+    qCritical().noquote() << text;
+    QMessageBox::critical(nullptr, applicationName(), text, QMessageBox::Ok);
+}
+
+bool TuningArboApplication::loadStyleSheet()
+{
+    const QString resourceDir = AppContext::resourceDir();
+    // Both sheets are required: the platform sheet is as essential as the main one.
+    struct Sheet
+    {
+        QString path;
+        const char* missingText;
+    };
+    const Sheet sheets[] = {
+        {resourceDir + QStringLiteral("/style.qss"), "Failed to find style sheet file %1."},
+        {resourceDir + QStringLiteral("/style_mac.qss"),
+         "Failed to find platform-specific style sheet file %1."},
+    };
+    QString styleSheet;
+    for (const Sheet& sheet : sheets) {
+        QFile file(sheet.path);
+        if (!file.exists()) {
+            qCritical().noquote() << QString::fromLatin1(sheet.missingText).arg(sheet.path);
+            return false;
+        }
+        if (!file.open(QIODevice::ReadOnly)) {
+            qCritical().noquote()
+                << QStringLiteral("Failed to open file %1 for reading.").arg(sheet.path);
+            return false;
+        }
+        styleSheet += QString::fromLatin1(file.readAll());
+    }
+    setStyleSheet(styleSheet);
+    return true;
+}
+
+bool TuningArboApplication::initPatchFolder()
+{
+    const QString patchDir = AppContext::patchDir();
+    QDir().mkpath(patchDir); // a failure shows in the copies below
+    const QString shellDir = AppContext::resourceDir() + QStringLiteral("/patches/shell/");
+    bool ok = true;
+    for (const QString& name : SHELL_PATCHES) {
+        ok = copyFile(shellDir + name, patchDir + QLatin1Char('/') + name) && ok;
+    }
+    return ok;
+}
+
+bool TuningArboApplication::copyFile(const QString& source, const QString& target)
+{
+    const QFileInfo targetInfo(target);
+    if (targetInfo.exists() && !(creationTime(targetInfo) < creationTime(QFileInfo(source)))) {
+        return true; // the runtime copy is current
+    }
+    if (targetInfo.exists() && !QFile::remove(target)) {
+        qCritical() << "Failed to delete" << target << "before copying";
+        return false;
+    }
+    if (!QFile::copy(source, target)) {
+        qCritical() << "Failed to copy" << source << "to" << target;
+        return false;
+    }
+    return true;
+}
+
+void TuningArboApplication::installLogHandler()
+{
+    sLoggingApp.store(this);
+    qInstallMessageHandler(loggingMessageHandler);
+    mLogHandlerInstalled = true;
+}
+
+void TuningArboApplication::removeLogHandler()
+{
+    if (mLogHandlerInstalled) {
+        qInstallMessageHandler(nullptr);
+        sLoggingApp.store(nullptr);
+        mLogHandlerInstalled = false;
+    }
+}
+
+void TuningArboApplication::writeToLog(const QByteArray& bytes)
+{
+    // One write() per message on the append-mode descriptor: the kernel keeps
+    // each message whole even when several threads log at once, which the
+    // buffered QFile API would not guarantee without a lock.
+    const int fd = mLogFile.handle();
+    if (fd >= 0) {
+        [[maybe_unused]] const ssize_t written = ::write(fd, bytes.constData(), size_t(bytes.size()));
+    }
+}
+
+void TuningArboApplication::loggingMessageHandler(QtMsgType type, const QMessageLogContext& context,
+                                                  const QString& message)
+{
+    TuningArboApplication* app = sLoggingApp.load();
+    if (!app) {
+        return;
+    }
+    const QString stamp = QTime::currentTime().toString(QStringLiteral("[hh:mm:ss.zzz] "));
+
+    if (!app->mFlags.isEmpty()) {
+        const QString file = QString::fromUtf8(context.file ? context.file : "");
+        int separator = file.lastIndexOf(QLatin1Char('/'));
+        if (separator < 0) {
+            separator = file.lastIndexOf(QLatin1Char('\\'));
+        }
+        // A message without a source file is dropped altogether once any word
+        // was given on the command line, log file included. Deliberate: the
+        // words ask for a diagnostic session, not for the everyday log.
+        if (separator < 0) {
+            return;
+        }
+        QString baseName = file.mid(separator + 1);
+        const int dot = baseName.lastIndexOf(QLatin1Char('.'));
+        if (dot >= 0) {
+            baseName.truncate(dot);
+        }
+        if (app->mFlags.contains(QStringLiteral("all")) ||
+            app->mFlags.contains(baseName.toLower())) {
+            emit app->diagnosticMessage(QStringLiteral("%1 %2\n").arg(stamp, message));
+        }
+    }
+
+    if (type == QtDebugMsg) {
+        return; // debug output is for the diagnostics dialog only
+    }
+
+    // The lock is taken and released before the write, not around it; the
+    // write below is a single system call and needs no lock to stay whole.
+    app->mLogMutex.lock();
+    app->mLogMutex.unlock();
+
+    QByteArray block;
+    if (type == QtCriticalMsg) {
+        block += "\nCRITICAL:\n";
+    } else if (type == QtFatalMsg) {
+        block += "\nFATAL:\n";
+    }
+    block += stamp.toUtf8();
+    block += message.toUtf8();
+    block += '\n';
+    if (type == QtCriticalMsg || type == QtFatalMsg) {
+        block += '\n';
+    }
+    app->writeToLog(block);
+}

@@ -1,0 +1,69 @@
+#pragma once
+
+#include "app/unixsignalwatcher.h"
+#include "settings/settings.h"
+
+#include <QApplication>
+#include <QFile>
+#include <QMutex>
+#include <QSet>
+#include <QString>
+
+// The application object. It owns, by value, every long-lived object of the
+// program and runs the start-up (init) and shutdown (term) sequences.
+//
+// The members are public: the user interface reaches them directly through
+// TuningArboApplication::instance(). Code below the user interface reaches
+// the same objects through AppContext, which the constructor fills in.
+class TuningArboApplication : public QApplication
+{
+    Q_OBJECT
+public:
+    TuningArboApplication(int& argc, char** argv);
+    ~TuningArboApplication() override;
+
+    // The running application (the global QApplication instance).
+    static TuningArboApplication* instance();
+
+    // The start-up sequence. On false the program shows why (already done
+    // here, in a message box) and ends with exit code 1.
+    bool init();
+    // The shutdown sequence, after the event loop has returned.
+    void term();
+
+    void syncFromSettings();
+    void syncToSettings();
+
+    // Copies source to target unless the target is at least as new as the
+    // source (by creation time). Returns false only on a failed delete or copy.
+    bool copyFile(const QString& source, const QString& target);
+    bool initPatchFolder();
+    bool loadStyleSheet();
+
+    static QString version();
+
+    // The one message handler of the process; installed once the log file is
+    // open. Safe to call from any thread.
+    static void loggingMessageHandler(QtMsgType type, const QMessageLogContext& context,
+                                      const QString& message);
+
+    Settings mSettings;
+    // Lower-cased command-line words, each without one leading "-"; they
+    // choose which source files' messages reach the diagnostics dialog.
+    QSet<QString> mFlags;
+    QFile mLogFile;
+    QMutex mLogMutex;
+
+signals:
+    void diagnosticMessage(const QString& message);
+
+private:
+    // Shows the critical start-up message box and logs the same text.
+    void fatalStartupMessage(const QString& text);
+    void writeToLog(const QByteArray& bytes);
+    void installLogHandler();
+    void removeLogHandler();
+
+    UnixSignalWatcher mSignalWatcher;
+    bool mLogHandlerInstalled = false;
+};

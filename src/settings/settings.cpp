@@ -1,0 +1,203 @@
+#include "settings/settings.h"
+
+#include <QJsonValue>
+#include <QStringList>
+
+#include <cmath>
+#include <limits>
+
+namespace {
+
+const QString AUDIO_DEVICE = QStringLiteral("audioDevice");
+const QString FRAMES_PER_BUFFER = QStringLiteral("framesPerBuffer");
+const QString BASE_FREQUENCY = QStringLiteral("baseFrequency");
+const QString CALIBRATION_FREQUENCY = QStringLiteral("calibrationFrequency");
+const QString BASE_NOTE = QStringLiteral("baseNote");
+const QString MASTER_VOLUME = QStringLiteral("masterVolume");
+const QString MONOPHONIC = QStringLiteral("monophonic");
+const QString DEFAULT_PATCH = QStringLiteral("defaultPatch");
+const QString UDP_PORT = QStringLiteral("udpPort");
+const QString CIRCLES_VIEW = QStringLiteral("circlesView");
+const QString ABS_REL_VIEW = QStringLiteral("absRelView");
+const QString UPDATE_CHECK_INTERVAL = QStringLiteral("updateCheckInterval");
+const QString T_SYS_LAST_UPDATE_CHECK = QStringLiteral("tSysLastUpdateCheck");
+const QString WINDOW_SIZE = QStringLiteral("windowSize");
+const QString WINDOW_POS = QStringLiteral("windowPos");
+const QString WINDOW_MAXIMIZED = QStringLiteral("windowMaximized");
+
+// Ints come only from JSON numbers, truncated toward zero. A number beyond the
+// range of int saturates rather than wrapping (casting it would be undefined).
+void readInt(const QJsonObject& json, const QString& key, int& field)
+{
+    const QJsonValue value = json.value(key);
+    if (!value.isDouble()) {
+        return;
+    }
+    const double number = std::trunc(value.toDouble());
+    if (number >= double(std::numeric_limits<int>::max())) {
+        field = std::numeric_limits<int>::max();
+    } else if (number <= double(std::numeric_limits<int>::min())) {
+        field = std::numeric_limits<int>::min();
+    } else {
+        field = int(number);
+    }
+}
+
+void readFloat(const QJsonObject& json, const QString& key, float& field)
+{
+    const QJsonValue value = json.value(key);
+    if (value.isDouble()) {
+        field = float(value.toDouble());
+    }
+}
+
+void readBool(const QJsonObject& json, const QString& key, bool& field)
+{
+    const QJsonValue value = json.value(key);
+    if (value.isBool()) {
+        field = value.toBool();
+    }
+}
+
+void readString(const QJsonObject& json, const QString& key, QString& field)
+{
+    const QJsonValue value = json.value(key);
+    if (value.isString()) {
+        field = value.toString();
+    }
+}
+
+// The "%1,%2" form of sizes and positions. Fewer than two parts leave the
+// pair as it was; a part that is not a decimal integer counts as 0.
+bool readPair(const QJsonObject& json, const QString& key, int& first, int& second)
+{
+    const QStringList parts = json.value(key).toString().split(QLatin1Char(','));
+    if (parts.size() < 2) {
+        return false;
+    }
+    first = parts.at(0).toInt();
+    second = parts.at(1).toInt();
+    return true;
+}
+
+// Floats are written with the fewest digits that read back as the same float,
+// so a hand-edited 0.8 stays 0.8 in the file rather than 0.800000011920929.
+double jsonFloat(float value)
+{
+    for (int precision = 1; precision < 9; ++precision) {
+        const double candidate = QString::number(double(value), 'g', precision).toDouble();
+        if (float(candidate) == value) {
+            return candidate;
+        }
+    }
+    return double(value);
+}
+
+QString pairText(int first, int second)
+{
+    return QStringLiteral("%1,%2").arg(first).arg(second);
+}
+
+} // namespace
+
+Settings::Settings(QObject* parent) : SerializableRoot(parent) {}
+
+bool Settings::init() { return SerializableRoot::init(QStringLiteral("options.json")); }
+
+void Settings::read(const QJsonObject& json)
+{
+    readInt(json, AUDIO_DEVICE, mAudioDevice);
+    readInt(json, FRAMES_PER_BUFFER, mFramesPerBuffer);
+    readFloat(json, BASE_FREQUENCY, mBaseFrequency);
+    readInt(json, CALIBRATION_FREQUENCY, mCalibrationFrequency);
+    readString(json, BASE_NOTE, mBaseNote);
+    readFloat(json, MASTER_VOLUME, mMasterVolume);
+    readBool(json, MONOPHONIC, mMonophonic);
+    readString(json, DEFAULT_PATCH, mDefaultPatch);
+    readInt(json, UDP_PORT, mUdpPort);
+    readBool(json, CIRCLES_VIEW, mCirclesView);
+    readInt(json, ABS_REL_VIEW, mAbsRelView);
+    readInt(json, UPDATE_CHECK_INTERVAL, mUpdateCheckInterval);
+    readString(json, T_SYS_LAST_UPDATE_CHECK, mTSysLastUpdateCheck);
+
+    int width = 0;
+    int height = 0;
+    if (readPair(json, WINDOW_SIZE, width, height)) {
+        mWindowSize = QSize(width, height);
+    }
+    int x = 0;
+    int y = 0;
+    if (readPair(json, WINDOW_POS, x, y)) {
+        mWindowPos = QPoint(x, y);
+    }
+    readBool(json, WINDOW_MAXIMIZED, mWindowMaximized);
+}
+
+void Settings::write(QJsonObject& json) const
+{
+    json.insert(AUDIO_DEVICE, mAudioDevice);
+    json.insert(FRAMES_PER_BUFFER, mFramesPerBuffer);
+    json.insert(BASE_FREQUENCY, jsonFloat(mBaseFrequency));
+    json.insert(CALIBRATION_FREQUENCY, mCalibrationFrequency);
+    json.insert(BASE_NOTE, mBaseNote);
+    json.insert(MASTER_VOLUME, jsonFloat(mMasterVolume));
+    json.insert(MONOPHONIC, mMonophonic);
+    json.insert(DEFAULT_PATCH, mDefaultPatch);
+    json.insert(UDP_PORT, mUdpPort);
+    json.insert(CIRCLES_VIEW, mCirclesView);
+    json.insert(ABS_REL_VIEW, mAbsRelView);
+    json.insert(UPDATE_CHECK_INTERVAL, mUpdateCheckInterval);
+    json.insert(T_SYS_LAST_UPDATE_CHECK, mTSysLastUpdateCheck);
+    json.insert(WINDOW_SIZE, pairText(mWindowSize.width(), mWindowSize.height()));
+    json.insert(WINDOW_POS, pairText(mWindowPos.x(), mWindowPos.y()));
+    json.insert(WINDOW_MAXIMIZED, mWindowMaximized);
+}
+
+void Settings::onAudioDeviceChanged(int device)
+{
+    if (device != mAudioDevice) {
+        mAudioDevice = device;
+    }
+}
+
+void Settings::onFramesPerBufferChanged(int frames)
+{
+    if (frames != mFramesPerBuffer) {
+        mFramesPerBuffer = frames;
+    }
+}
+
+void Settings::onBaseFrequencyChanged(float frequency)
+{
+    if (frequency != mBaseFrequency) {
+        mBaseFrequency = frequency;
+    }
+}
+
+void Settings::onCalibrationFrequencyChanged(int frequency)
+{
+    if (frequency != mCalibrationFrequency) {
+        mCalibrationFrequency = frequency;
+    }
+}
+
+void Settings::onBaseNoteChanged(QString note)
+{
+    if (note != mBaseNote) {
+        mBaseNote = note;
+    }
+}
+
+void Settings::onMasterVolumeChanged(float volume)
+{
+    if (volume != mMasterVolume) {
+        mMasterVolume = volume;
+    }
+}
+
+void Settings::onMonophonicChanged(bool monophonic)
+{
+    if (monophonic != mMonophonic) {
+        mMonophonic = monophonic;
+    }
+}

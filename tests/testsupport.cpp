@@ -1,0 +1,61 @@
+#include "testsupport.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <memory>
+
+namespace TestSupport {
+
+namespace {
+std::unique_ptr<QTemporaryDir> sHome;
+}
+
+QString isolateHome()
+{
+    if (!sHome) {
+        sHome = std::make_unique<QTemporaryDir>(QDir::tempPath() + QStringLiteral("/arbo-test-XXXXXX"));
+        const QByteArray path = QFile::encodeName(sHome->path());
+        qputenv("HOME", path);
+        qputenv("XDG_DATA_HOME", path + "/.local/share");
+        qputenv("XDG_CONFIG_HOME", path + "/.config");
+        qputenv("XDG_CACHE_HOME", path + "/.cache");
+        QDir().mkpath(sHome->path() + QStringLiteral("/runtime"));
+        QFile::setPermissions(sHome->path() + QStringLiteral("/runtime"),
+                              QFileDevice::ReadOwner | QFileDevice::WriteOwner |
+                                  QFileDevice::ExeOwner);
+        qputenv("XDG_RUNTIME_DIR", path + "/runtime");
+    }
+    return sHome->path();
+}
+
+QString home() { return sHome ? sHome->path() : QString(); }
+
+QString configDir() { return home() + QStringLiteral("/.local/share/Merrow Tuning Arbo"); }
+
+QString binDir() { return QCoreApplication::applicationDirPath(); }
+
+QString mainBinary() { return binDir() + QStringLiteral("/merrow-tuning-arbo"); }
+
+bool writeFile(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        return false;
+    }
+    return file.write(bytes) == bytes.size();
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QString dataDir() { return QStringLiteral(ARBO_TEST_DATA_DIR); }
+
+} // namespace TestSupport

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <QApplication>
+#include <QByteArray>
+#include <QString>
+#include <QtTest>
+
+// Shared helpers of the test executables.
+namespace TestSupport {
+
+// Points HOME, XDG_DATA_HOME, XDG_CONFIG_HOME, XDG_CACHE_HOME and
+// XDG_RUNTIME_DIR at a fresh temporary folder that lives until the process
+// ends, so no test ever reads or writes the real user's files. Call it before
+// the QApplication is constructed. Returns the folder.
+QString isolateHome();
+
+// The temporary home made by isolateHome().
+QString home();
+
+// The instrument's configuration folder inside the temporary home.
+QString configDir();
+
+// The folder of the executables, which is also the resource folder.
+QString binDir();
+
+// The instrument's executable.
+QString mainBinary();
+
+// Writes `bytes` to `path`, creating missing parent folders. Fails the
+// calling test (through QVERIFY in the caller) when it returns false.
+bool writeFile(const QString& path, const QByteArray& bytes);
+
+// Reads a whole file; empty when it cannot be read.
+QByteArray readFile(const QString& path);
+
+// The folder of hostile and sample input files, tests/data in the source tree.
+QString dataDir();
+
+} // namespace TestSupport
+
+// main() for a QtTest class: isolates the home folder, makes a QApplication
+// named like the instrument (so the configuration folder is the real one
+// inside the temporary home), runs the tests.
+#define ARBO_TEST_MAIN(TestClass)                                                                  \
+    int main(int argc, char** argv)                                                                \
+    {                                                                                              \
+        TestSupport::isolateHome();                                                                \
+        QApplication app(argc, argv);                                                              \
+        app.setApplicationName(QStringLiteral("Merrow Tuning Arbo"));                              \
+        TestClass test;                                                                            \
+        QTEST_SET_MAIN_SOURCE_PATH                                                                 \
+        return QTest::qExec(&test, argc, argv);                                                    \
+    }
