@@ -17,7 +17,8 @@ std::unique_ptr<QTemporaryDir> sHome;
 QString isolateHome()
 {
     if (!sHome) {
-        sHome = std::make_unique<QTemporaryDir>(QDir::tempPath() + QStringLiteral("/arbo-test-XXXXXX"));
+        sHome =
+            std::make_unique<QTemporaryDir>(QDir::tempPath() + QStringLiteral("/arbo-test-XXXXXX"));
         const QByteArray path = QFile::encodeName(sHome->path());
         qputenv("HOME", path);
         qputenv("XDG_DATA_HOME", path + "/.local/share");
@@ -32,13 +33,25 @@ QString isolateHome()
     return sHome->path();
 }
 
-QString home() { return sHome ? sHome->path() : QString(); }
+QString home()
+{
+    return sHome ? sHome->path() : QString();
+}
 
-QString configDir() { return home() + QStringLiteral("/.local/share/Merrow Tuning Arbo"); }
+QString configDir()
+{
+    return home() + QStringLiteral("/.local/share/Merrow Tuning Arbo");
+}
 
-QString binDir() { return QCoreApplication::applicationDirPath(); }
+QString binDir()
+{
+    return QCoreApplication::applicationDirPath();
+}
 
-QString mainBinary() { return binDir() + QStringLiteral("/merrow-tuning-arbo"); }
+QString mainBinary()
+{
+    return binDir() + QStringLiteral("/merrow-tuning-arbo");
+}
 
 bool writeFile(const QString& path, const QByteArray& bytes)
 {
@@ -56,6 +69,9 @@ QByteArray readFile(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-QString dataDir() { return QStringLiteral(ARBO_TEST_DATA_DIR); }
+QString dataDir()
+{
+    return QStringLiteral(ARBO_TEST_DATA_DIR);
+}
 
 } // namespace TestSupport

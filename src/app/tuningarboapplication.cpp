@@ -23,8 +23,8 @@ namespace {
 std::atomic<TuningArboApplication*> sLoggingApp{nullptr};
 
 const QString SHELL_PATCHES[] = {
-    QStringLiteral("arbo_main.pd"),      QStringLiteral("arbo_vprep.pd"),
-    QStringLiteral("equal-loudness.pd"), QStringLiteral("tb_compressor~.pd"),
+    QStringLiteral("arbo_main.pd"),       QStringLiteral("arbo_vprep.pd"),
+    QStringLiteral("equal-loudness.pd"),  QStringLiteral("tb_compressor~.pd"),
     QStringLiteral("tb_compressorUI.pd"),
 };
 
@@ -38,8 +38,7 @@ QDateTime creationTime(const QFileInfo& info)
 
 } // namespace
 
-TuningArboApplication::TuningArboApplication(int& argc, char** argv)
-    : QApplication(argc, argv)
+TuningArboApplication::TuningArboApplication(int& argc, char** argv) : QApplication(argc, argv)
 {
     setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
 
@@ -71,7 +70,10 @@ TuningArboApplication* TuningArboApplication::instance()
     return static_cast<TuningArboApplication*>(QCoreApplication::instance());
 }
 
-QString TuningArboApplication::version() { return QStringLiteral("1.5.0"); }
+QString TuningArboApplication::version()
+{
+    return QStringLiteral("1.5.0");
+}
 
 bool TuningArboApplication::init()
 {
@@ -98,23 +100,12 @@ bool TuningArboApplication::init()
     }
 
     // 5. Log file, growing across runs.
-    mLogFile.setFileName(configDir + QStringLiteral("/log.txt"));
-    if (mLogFile.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered)) {
-        installLogHandler();
-        const QString banner = QStringLiteral("\n%1\nStarting app at %2\n")
-                                   .arg(QString(78, QLatin1Char('-')),
-                                        QDateTime::currentDateTime().toString(
-                                            QStringLiteral("dd/MM/yy hh:mm:ss.z")));
-        writeToLog(banner.toUtf8());
-    } else {
-        qCritical().noquote()
-            << QStringLiteral("Couldn't open log file %1 for writing.").arg(mLogFile.fileName());
-    }
+    openLogFile(configDir + QStringLiteral("/log.txt"));
 
     // 6.
     if (!loadStyleSheet()) {
-        fatalStartupMessage(
-            QStringLiteral("Initialisation of style sheet failed.\n\nThe program will now shut down."));
+        fatalStartupMessage(QStringLiteral(
+            "Initialisation of style sheet failed.\n\nThe program will now shut down."));
         return false;
     }
 
@@ -131,9 +122,10 @@ bool TuningArboApplication::init()
 
     // 11.
     if (!initPatchFolder()) {
-        fatalStartupMessage(QStringLiteral("Initialisation of patch directory failed. This means no "
-                                           "audio playback will be possible.\n\nThe program will "
-                                           "now shut down."));
+        fatalStartupMessage(
+            QStringLiteral("Initialisation of patch directory failed. This means no "
+                           "audio playback will be possible.\n\nThe program will "
+                           "now shut down."));
         return false;
     }
 
@@ -218,6 +210,23 @@ bool TuningArboApplication::copyFile(const QString& source, const QString& targe
     return true;
 }
 
+bool TuningArboApplication::openLogFile(const QString& path)
+{
+    mLogFile.setFileName(path);
+    // Unbuffered: every message goes out in one write() of its own (see writeToLog).
+    if (!mLogFile.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered)) {
+        qCritical().noquote() << QStringLiteral("Couldn't open log file %1 for writing.").arg(path);
+        return false;
+    }
+    installLogHandler();
+    const QString banner =
+        QStringLiteral("\n%1\nStarting app at %2\n")
+            .arg(QString(78, QLatin1Char('-')),
+                 QDateTime::currentDateTime().toString(QStringLiteral("dd/MM/yy hh:mm:ss.z")));
+    writeToLog(banner.toUtf8());
+    return true;
+}
+
 void TuningArboApplication::installLogHandler()
 {
     sLoggingApp.store(this);
@@ -241,7 +250,8 @@ void TuningArboApplication::writeToLog(const QByteArray& bytes)
     // buffered QFile API would not guarantee without a lock.
     const int fd = mLogFile.handle();
     if (fd >= 0) {
-        [[maybe_unused]] const ssize_t written = ::write(fd, bytes.constData(), size_t(bytes.size()));
+        [[maybe_unused]] const ssize_t written =
+            ::write(fd, bytes.constData(), size_t(bytes.size()));
     }
 }
 

@@ -42,6 +42,11 @@ public:
 
     static QString version();
 
+    // Opens the log file in append mode, installs the message handler and
+    // writes the start-up banner. Without it, messages go to Qt's default
+    // output. Returns whether the file opened.
+    bool openLogFile(const QString& path);
+
     // The one message handler of the process; installed once the log file is
     // open. Safe to call from any thread.
     static void loggingMessageHandler(QtMsgType type, const QMessageLogContext& context,

@@ -27,24 +27,51 @@ Settings* settings()
     return &defaults;
 }
 
-void setSettings(Settings* settings) { sSettings = settings; }
+void setSettings(Settings* settings)
+{
+    sSettings = settings;
+}
 
-Arbo* lattice() { return sLattice; }
-void setLattice(Arbo* lattice) { sLattice = lattice; }
+Arbo* lattice()
+{
+    return sLattice;
+}
+void setLattice(Arbo* lattice)
+{
+    sLattice = lattice;
+}
 
-PdPlayer* player() { return sPlayer; }
-void setPlayer(PdPlayer* player) { sPlayer = player; }
+PdPlayer* player()
+{
+    return sPlayer;
+}
+void setPlayer(PdPlayer* player)
+{
+    sPlayer = player;
+}
 
-AudioOutput* audioOutput() { return sAudioOutput; }
-void setAudioOutput(AudioOutput* output) { sAudioOutput = output; }
+AudioOutput* audioOutput()
+{
+    return sAudioOutput;
+}
+void setAudioOutput(AudioOutput* output)
+{
+    sAudioOutput = output;
+}
 
 QString configDir()
 {
     return QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
 }
 
-QString resourceDir() { return QCoreApplication::applicationDirPath(); }
+QString resourceDir()
+{
+    return QCoreApplication::applicationDirPath();
+}
 
-QString patchDir() { return configDir() + QStringLiteral("/patch"); }
+QString patchDir()
+{
+    return configDir() + QStringLiteral("/patch");
+}
 
 } // namespace AppContext

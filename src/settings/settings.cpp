@@ -102,7 +102,10 @@ QString pairText(int first, int second)
 
 Settings::Settings(QObject* parent) : SerializableRoot(parent) {}
 
-bool Settings::init() { return SerializableRoot::init(QStringLiteral("options.json")); }
+bool Settings::init()
+{
+    return SerializableRoot::init(QStringLiteral("options.json"));
+}
 
 void Settings::read(const QJsonObject& json)
 {
