@@ -1,0 +1,630 @@
+#include "sound/pdplayer.h"
+
+#include "input/arboevent.h"
+#include "model/arbo.h"
+#include "settings/appcontext.h"
+#include "settings/debuglog.h"
+#include "sound/audiooutput.h"
+
+#include <z_libpd.h>
+#include <z_print_util.h>
+
+#include <QDebug>
+#include <QFileInfo>
+#include <QThread>
+
+#include <clocale>
+#include <cmath>
+#include <cstring>
+
+PdPlayer* PdPlayer::sThis = nullptr;
+
+namespace {
+
+// How long the GUI thread waits for the audio thread to open or close a patch
+// before it stops waiting. A running stream answers within a buffer or two;
+// a stream whose device has died would otherwise freeze the window for good.
+constexpr unsigned long PATCH_COMMAND_TIMEOUT_MS = 5000;
+
+// The gap, with the output muted, on either side of closing a patch.
+constexpr unsigned long PATCH_CLOSE_SLEEP_MS = 50;
+
+} // namespace
+
+PdPlayer::PdPlayer(QObject* parent) : QObject(parent)
+{
+    sThis = this;
+    for (int i = 0; i < VOICE_COUNT; ++i) {
+        mVoices[i] = NoteOn();
+    }
+    mNoteMap.reserve(VOICE_COUNT);
+}
+
+PdPlayer::~PdPlayer()
+{
+    if (sThis == this) {
+        sThis = nullptr;
+    }
+}
+
+bool PdPlayer::init()
+{
+    if (!mGuiBuffer.init()) {
+        qCritical() << "failed to allocate gui command buffer";
+        return false;
+    }
+    if (!mSerialBuffer.init()) {
+        qCritical() << "failed to allocate serial command buffer";
+        return false;
+    }
+    qWarning() << "calling libpd init";
+    // Pd reads the numbers in patch files and messages with the C library,
+    // which follows LC_NUMERIC; Qt has set the locale from the environment, so
+    // under a decimal-comma locale 0.5 would read as 0. libpd_init sets "C"
+    // only the first time it runs in a process; this holds every time.
+    std::setlocale(LC_NUMERIC, "C");
+    // Pd prints in pieces; the concatenator hands over whole lines.
+    libpd_set_printhook(libpd_print_concatenator);
+    libpd_set_concatenated_printhook(&PdPlayer::pdPrintHook);
+    libpd_set_listhook(&PdPlayer::pdListHook);
+    libpd_init(); // -1 when already done in this process, which is fine
+    return true;
+}
+
+int PdPlayer::initAudio(int outChannels, int sampleRate)
+{
+    qWarning() << "Initialising libpd with sampleRate" << sampleRate;
+    return libpd_init_audio(0, outChannels, sampleRate);
+}
+
+void PdPlayer::term()
+{
+    qWarning() << "PdPlayer::term...";
+    unloadPatch();
+}
+
+// ---------------------------------------------------------------------------
+// Commands
+
+void PdPlayer::queueEventGui(const ArboEvent* event)
+{
+    mGuiBuffer.queueEvent(event);
+}
+
+void PdPlayer::queueEventSerial(const ArboEvent* event)
+{
+    mSerialBuffer.queueEvent(event);
+}
+
+void PdPlayer::processEvents()
+{
+    processBuffer(mSerialBuffer);
+    processBuffer(mGuiBuffer);
+}
+
+void PdPlayer::processBuffer(PdMessageBuffer& buffer)
+{
+    buffer.processEvents(mChunkList);
+    for (const PdMessageBuffer::Chunk* chunk : mChunkList) {
+        carryOut(*chunk);
+    }
+    mChunkList.clear();
+}
+
+void PdPlayer::carryOut(const PdMessageBuffer::Chunk& chunk)
+{
+    const float value = chunk.value;
+    switch (chunk.type) {
+    case ArboEvent::NoteToggle:
+        toggleNote(chunk.path);
+        break;
+    case ArboEvent::AllNotesOff:
+        allNotesOff();
+        break;
+    case ArboEvent::Transpose: {
+        // Rounded to the nearest step, halves upward. Anything that is not a
+        // prime step of the table (4, 1000, NaN from a hand-written tag map)
+        // is refused here: its ratio would be 0 or a division by zero.
+        const float rounded = std::floor(value + 0.5f);
+        if (!(std::fabs(rounded) <= 31.0f)) {
+            qWarning() << "Ignoring transposition by" << value << "- not a prime step";
+            break;
+        }
+        transpose(static_cast<signed char>(rounded));
+        break;
+    }
+    case ArboEvent::VoiceVolumeStep:
+        setVoiceVolume(mVoiceVolume + value);
+        break;
+    case ArboEvent::VoiceVolume:
+        setVoiceVolume(value);
+        break;
+    case ArboEvent::MasterVolumeStep:
+        setVolume(mVolume + value);
+        break;
+    case ArboEvent::MasterVolume:
+        setVolume(value);
+        break;
+    case ArboEvent::Monophonic:
+        setMonophonic(value > 0.5f);
+        break;
+    case ArboEvent::PatchStep:
+        if (value > 0.0f) {
+            emit patchIncRequested();
+        } else {
+            emit patchDecRequested();
+        }
+        break;
+    case ArboEvent::BaseFrequency:
+        setBaseFrequency(value);
+        break;
+    case ArboEvent::PrimeToggle:
+        // Truncated; an index outside the flags is no prime and is ignored.
+        if (value >= 0.0f && value < float(PRIME_FLAG_COUNT)) {
+            togglePrimeEnabled(int(value));
+        }
+        break;
+    case ArboEvent::Macro1:
+    case ArboEvent::Macro2:
+    case ArboEvent::Macro3:
+    case ArboEvent::Macro4:
+    case ArboEvent::Macro5:
+    case ArboEvent::Macro6:
+    case ArboEvent::Macro7:
+    case ArboEvent::Macro8:
+        setMacroValue(chunk.type - ArboEvent::Macro1 + 1, value);
+        break;
+    case ArboEvent::OpenPatch:
+        openPatch();
+        break;
+    case ArboEvent::ClosePatch:
+        closePatch();
+        break;
+    default:
+        break; // codes outside the vocabulary are ignored
+    }
+}
+
+void PdPlayer::setVolume(float volume)
+{
+    mVolume = volume;
+    sendPdVolumeMessage(mVolume);
+    emit volumeChanged(mVolume);
+}
+
+void PdPlayer::setVoiceVolume(float volume)
+{
+    // Takes effect from the next note-on; nothing goes to the patch now.
+    mVoiceVolume = volume;
+    emit voiceVolumeChanged(mVoiceVolume);
+}
+
+void PdPlayer::setMonophonic(bool monophonic)
+{
+    // Voices already sounding are left to ring.
+    mMonophonic = monophonic;
+    mMonoVoice = -1;
+    emit monophonicChanged(mMonophonic);
+}
+
+void PdPlayer::setBaseFrequency(float frequency)
+{
+    // Sounding voices keep their frequency; new notes use the new base.
+    mBaseFrequency = frequency;
+    emit baseFrequencyChanged(mBaseFrequency);
+}
+
+void PdPlayer::togglePrimeEnabled(int prime)
+{
+    if (prime < 0 || prime >= PRIME_FLAG_COUNT) {
+        return;
+    }
+    mPrimeEnabled[prime] = !mPrimeEnabled[prime];
+    emit primeEnabledToggled(prime, mPrimeEnabled[prime]);
+}
+
+bool PdPlayer::primeEnabled(int prime) const
+{
+    return prime >= 0 && prime < PRIME_FLAG_COUNT && mPrimeEnabled[prime];
+}
+
+void PdPlayer::setMacroValue(int macro, float value)
+{
+    // Macros are for the whole patch: voice -1 goes out as voice number 0.
+    sendPdVoiceMessage(Macro1 + macro - 1, value, -1);
+    emit macroValueChanged(macro, value);
+}
+
+void PdPlayer::transpose(signed char step)
+{
+    if (step == 0) {
+        mTransposition = ArboRatio(1, 1);
+    } else {
+        if (!Arbo::isValidPrime(step)) {
+            return;
+        }
+        // The transposition is refused rather than wrapped when it would no
+        // longer fit in 64 bits: a wrong ratio would be a wrong pitch.
+        if (!mTransposition.multiplyIfExact(ArboRatio::pathRatio(ArboPath(step)))) {
+            qWarning() << "Transposition by" << int(step) << "would overflow; ignored";
+            return;
+        }
+    }
+    emit transposed(mTransposition, int(step));
+}
+
+float PdPlayer::ratioToFrequency(const ArboRatio& ratio) const
+{
+    return float(ratio.numerator()) / float(ratio.denominator()) * mBaseFrequency;
+}
+
+// ---------------------------------------------------------------------------
+// Notes and voices
+
+void PdPlayer::toggleNote(const ArboPath& path)
+{
+    if (!path.isValid()) {
+        return;
+    }
+    // The root has no last step: it consults flag 0, which only PrimeToggle 0
+    // changes, so the 1/1 is never blocked by a prime.
+    const int length = path.length();
+    const int prime = length > 0 ? std::abs(int(path.toCharArray()[length - 1])) : 0;
+    if (!primeEnabled(prime)) {
+        return;
+    }
+    ArboRatio ratio = mTransposition;
+    if (!ratio.multiplyIfExact(ArboRatio::pathRatio(path))) {
+        qWarning() << "Note at" << path.toString() << "lies beyond the exact ratios; ignored";
+        return;
+    }
+    const auto found = mNoteMap.constFind(ratio);
+    if (found != mNoteMap.constEnd() && !found.value()->released) {
+        noteOff(ratio);
+    } else {
+        // Absent, or still releasing: struck again on a new voice.
+        noteOn(ratio);
+    }
+}
+
+void PdPlayer::noteOn(const ArboRatio& ratio)
+{
+    ++mSequence;
+    const float frequency = float(ratio.numerator()) / float(ratio.denominator()) * mBaseFrequency;
+
+    int chosen = -1;
+    for (int i = 0; i < VOICE_COUNT; ++i) {
+        if (mVoices[i].seqId == 0) {
+            chosen = i;
+            break;
+        }
+    }
+    bool stolen = false;
+    if (chosen < 0) {
+        // Steal the voice struck longest ago, released or not.
+        chosen = 0;
+        for (int i = 1; i < VOICE_COUNT; ++i) {
+            if (mVoices[i].seqId < mVoices[chosen].seqId) {
+                chosen = i;
+            }
+        }
+        NoteOn& victim = mVoices[chosen];
+        if (!victim.released) {
+            noteOff(victim.ratio);
+        }
+        onVoiceStopped(chosen);
+        stolen = true;
+    }
+
+    if (mMonophonic && mMonoVoice != -1) {
+        const NoteOn& previous = mVoices[mMonoVoice];
+        if (previous.seqId != 0 && !previous.released) {
+            ARBO_DEBUG() << "turning off previous mono voice" << mMonoVoice << "ratio"
+                         << previous.ratio.toString();
+            noteOff(previous.ratio);
+        }
+    }
+    if (mMonophonic) {
+        mMonoVoice = chosen;
+    }
+
+    NoteOn& record = mVoices[chosen];
+    record.ratio = ratio;
+    record.voice = chosen;
+    record.seqId = mSequence;
+    record.released = false;
+    // The one allocation of a note-on: QHash makes a node per entry, even
+    // with room reserved for every voice.
+    mNoteMap.insert(ratio, &record);
+
+    ARBO_DEBUG() << "noteOn for ratio" << ratio.toString() << "freq" << frequency << "voice"
+                 << chosen << "seqId" << record.seqId << "stolen" << (stolen ? "true" : "false");
+
+    // Outside the audible range the voice is taken and reported sounding,
+    // but the patch is told nothing.
+    if (frequency > MIN_FREQUENCY && frequency < MAX_FREQUENCY) {
+        sendPdVoiceMessage(Frequency, frequency, chosen);
+        sendPdVoiceMessage(Volume, mVoiceVolume, chosen);
+        sendPdVoiceMessage(Gate, 1.0f, chosen);
+    }
+    emit noteToggled(ratio, true);
+}
+
+void PdPlayer::noteOff(const ArboRatio& ratio)
+{
+    const auto found = mNoteMap.constFind(ratio);
+    if (found == mNoteMap.constEnd()) {
+        return;
+    }
+    NoteOn* record = found.value();
+    ARBO_DEBUG() << "noteOff for ratio" << ratio.toString() << "voice" << record->voice;
+    // No check of `released`: stop-all sends a second gate-off to voices
+    // already releasing, and reports them off again, by design.
+    record->released = true;
+    sendPdVoiceMessage(Gate, 0.0f, record->voice);
+    emit noteToggled(ratio, false);
+}
+
+void PdPlayer::allNotesOff()
+{
+    for (auto it = mNoteMap.constBegin(); it != mNoteMap.constEnd(); ++it) {
+        noteOff(it.key());
+    }
+}
+
+void PdPlayer::onVoiceStopped(int voice)
+{
+    if (voice < 0 || voice >= VOICE_COUNT) {
+        return;
+    }
+    NoteOn& record = mVoices[voice];
+    // A voice struck again meanwhile, or a repeated report, is not ours to free.
+    if (!record.released) {
+        return;
+    }
+    ARBO_DEBUG() << "voice stopped for" << record.ratio.toString() << "voice" << voice;
+    const auto found = mNoteMap.find(record.ratio);
+    // The ratio may since sound on another voice; that entry stays.
+    if (found != mNoteMap.end() && found.value()->voice == voice) {
+        ARBO_DEBUG() << "removing voice" << voice << "from note map";
+        mNoteMap.erase(found);
+    }
+    record.released = false;
+    record.seqId = 0;
+}
+
+// ---------------------------------------------------------------------------
+// Messages to the patch
+
+bool PdPlayer::sendPdVoiceMessage(int type, float value, int voice)
+{
+    const int status = libpd_start_message(3);
+    if (status != 0) {
+        qCritical() << "libpd_start_message for arbo-in returned error status: " << status;
+        return false;
+    }
+    ARBO_DEBUG() << "pd arbo-in message: value" << value << "param" << type << "voice" << voice + 1;
+    libpd_add_float(value);
+    libpd_add_float(float(type));
+    libpd_add_float(float(voice + 1));
+    libpd_finish_list("arbo-in");
+    return true;
+}
+
+bool PdPlayer::sendPdVolumeMessage(float value)
+{
+    const int status = libpd_start_message(1);
+    if (status != 0) {
+        qCritical() << "libpd_start_message for master-vol returned error status: " << status;
+        return false;
+    }
+    ARBO_DEBUG() << "pd master-vol message: value" << value;
+    libpd_add_float(value);
+    libpd_finish_list("master-vol");
+    return true;
+}
+
+bool PdPlayer::setDsp(bool on)
+{
+    const int status = libpd_start_message(1);
+    if (status != 0) {
+        qCritical() << "libpd_start_message for setDsp returned error status: " << status;
+        return false;
+    }
+    libpd_add_float(on ? 1.0f : 0.0f);
+    return libpd_finish_message("pd", "dsp") == 0;
+}
+
+bool PdPlayer::sendPdQueryMacrosMessage()
+{
+    mAwaitingMacroNames = true;
+    const int status = libpd_bang("query-macros");
+    if (status != 0) {
+        qCritical() << "libpd_bang for query-macros returned error status: " << status;
+        return false;
+    }
+    return true;
+}
+
+void PdPlayer::pdPrintHook(const char* text)
+{
+    qDebug().noquote() << "libPD:" << text;
+}
+
+void PdPlayer::pdListHook(const char* recv, int argc, _atom* argv)
+{
+    PdPlayer* player = sThis;
+    if (!player) {
+        return;
+    }
+    if (std::strcmp(recv, "voice-stop") == 0) {
+        if (argc > 0 && libpd_is_float(&argv[0])) {
+            // Range-checked before the conversion: a patch may send anything.
+            const float number = libpd_get_float(&argv[0]);
+            if (number >= 1.0f && number < float(VOICE_COUNT + 1)) {
+                player->onVoiceStopped(int(number) - 1);
+            }
+        }
+    } else if (std::strcmp(recv, "output-voice-info") == 0 && player->mAwaitingMacroNames) {
+        // Only the first reply after a query counts.
+        if (argc >= 2 && libpd_is_symbol(&argv[1])) {
+            player->onMacroNamesReceived(QString::fromLocal8Bit(libpd_get_symbol(&argv[1])));
+        }
+        player->mAwaitingMacroNames = false;
+    }
+}
+
+void PdPlayer::onMacroNamesReceived(const QString& text)
+{
+    ARBO_DEBUG() << "Received macro names:" << text;
+    mMacroNames = text.split(QLatin1Char(':'));
+    mMacroDefaults.clear();
+    for (QString& name : mMacroNames) {
+        const int open = name.indexOf(QLatin1Char('('));
+        const int close = name.indexOf(QLatin1Char(')'));
+        if (open < 0 || close <= open) {
+            mMacroDefaults.append(-1.0f); // no default
+            continue;
+        }
+        mMacroDefaults.append(name.mid(open + 1, close - open - 1).toFloat());
+        name.truncate(open);
+    }
+    emit macroNamesReceived(mMacroNames);
+    emit macroDefaultsReceived(mMacroDefaults);
+}
+
+// ---------------------------------------------------------------------------
+// Patch lifecycle
+
+void PdPlayer::unloadPatch()
+{
+    AudioOutput* output = AppContext::audioOutput();
+    if (output) {
+        output->mute();
+    }
+    ARBO_DEBUG() << "GUI sleep before unload patch";
+    QThread::msleep(PATCH_CLOSE_SLEEP_MS);
+    ARBO_DEBUG() << "GUI waiting for audio thread to unload patch";
+    runPatchCommand(ArboEvent::ClosePatch);
+    ARBO_DEBUG() << "GUI sleep after unload patch";
+    QThread::msleep(PATCH_CLOSE_SLEEP_MS);
+    if (output) {
+        output->unmute();
+    }
+    ARBO_DEBUG() << "GUI woke up after unloading patch";
+}
+
+bool PdPlayer::loadPatch(const QFileInfo& file)
+{
+    ARBO_DEBUG() << "PdPlayer::loadPatch A";
+    unloadPatch();
+    {
+        QMutexLocker lock(&mPatchMutex);
+        mPendingPatchFile = file.fileName().toLocal8Bit();
+        mPendingPatchFolder = file.absolutePath().toLocal8Bit();
+        mPendingPatch = true;
+    }
+    ARBO_DEBUG() << "GUI waiting for audio thread to load patch";
+    runPatchCommand(ArboEvent::OpenPatch);
+    ARBO_DEBUG() << "GUI woke up after loading patch";
+
+    QMutexLocker lock(&mPatchMutex);
+    const bool failed = mPendingPatch;
+    mPendingPatch = false;
+    mPendingPatchFile.clear();
+    mPendingPatchFolder.clear();
+    lock.unlock();
+    if (failed) {
+        return false;
+    }
+    emit patchLoaded(file.absoluteFilePath());
+    return true;
+}
+
+void PdPlayer::runPatchCommand(int command)
+{
+    const ArboEvent event(static_cast<ArboEvent::Type>(command), 0.0f);
+    AudioOutput* output = AppContext::audioOutput();
+    if (!output || !output->isStreamRunning()) {
+        // No audio thread runs, so nothing else touches libpd: carry the
+        // command out here, or it would wait for a callback that never comes.
+        queueEventGui(&event);
+        processEvents();
+        return;
+    }
+    // Locked before queueing, so the audio thread cannot report the command
+    // done before this thread waits for it.
+    QMutexLocker lock(&mPatchMutex);
+    mPatchCommandDone = false;
+    queueEventGui(&event);
+    while (!mPatchCommandDone) {
+        if (!mPatchCondition.wait(&mPatchMutex, PATCH_COMMAND_TIMEOUT_MS)) {
+            qCritical() << "Audio thread did not answer the patch command" << command
+                        << "- giving up waiting";
+            return;
+        }
+    }
+}
+
+void PdPlayer::closePatch()
+{
+    // The GUI thread holds this lock only briefly (to queue, then inside the
+    // wait, which releases it), so the audio thread never waits long here.
+    QMutexLocker lock(&mPatchMutex);
+    if (mPatch) {
+        qWarning() << "Closing PD patch...";
+        allNotesOff();
+        setDsp(false);
+        if (mVoiceInfoBinding) {
+            libpd_unbind(mVoiceInfoBinding);
+            mVoiceInfoBinding = nullptr;
+        }
+        libpd_closefile(mPatch);
+        mPatch = nullptr;
+        mMacroNames.clear();
+        emit macroNamesReceived(mMacroNames);
+        mMacroDefaults.clear();
+    }
+    // Also when nothing was open: the GUI thread is waiting either way.
+    mPatchCommandDone = true;
+    mPatchCondition.wakeAll();
+}
+
+void PdPlayer::openPatch()
+{
+    ARBO_DEBUG() << "PdPlayer::openPatch()";
+    QMutexLocker lock(&mPatchMutex);
+    const auto done = [this] {
+        mPatchCommandDone = true;
+        mPatchCondition.wakeAll();
+    };
+    if (!mPendingPatch) {
+        done();
+        return;
+    }
+    qWarning().noquote() << "Opening PD patch: " << mPendingPatchFolder << mPendingPatchFile;
+    // Opening parses the file: the one place where the audio thread reads a
+    // file. It happens only while the output is muted for a patch change.
+    mPatch = libpd_openfile(mPendingPatchFile.constData(), mPendingPatchFolder.constData());
+    if (!mPatch) {
+        qCritical().noquote() << "Opening PD patch failed: " << mPendingPatchFolder
+                              << mPendingPatchFile;
+        done();
+        return;
+    }
+    if (!setDsp(true)) {
+        qCritical().noquote() << "setDsp(true) failed after opening: " << mPendingPatchFolder
+                              << mPendingPatchFile;
+        done();
+        return;
+    }
+    mVoiceInfoBinding = libpd_bind("output-voice-info");
+    // A new "voice-stop" binding at every open, the old ones kept: a report
+    // may then arrive more than once, and onVoiceStopped ignores the repeats.
+    mVoiceStopBinding = libpd_bind("voice-stop");
+    // The patch answers during this call, through the list hook.
+    sendPdQueryMacrosMessage();
+    // Only the flag: the GUI thread frees the names, not the audio thread.
+    mPendingPatch = false;
+    done();
+}

@@ -1,0 +1,206 @@
+#pragma once
+
+#include "model/arboratio.h"
+#include "sound/pdmessagebuffer.h"
+#include "sound/staticarray.h"
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+#include <QMutex>
+#include <QObject>
+#include <QStringList>
+#include <QWaitCondition>
+
+#include <atomic>
+#include <cstdint>
+
+class ArboEvent;
+class QFileInfo;
+struct _atom;
+
+// The sound engine: one Pure Data instance (libpd) with the open patch, a pool
+// of 128 voices, the transposition, volumes, base frequency, monophonic switch
+// and the per-prime enable flags.
+//
+// Every change that can affect sound arrives as a command (an ArboEvent)
+// queued into one of two lock-free command buffers: queueEventGui from the GUI
+// thread, queueEventSerial from the UDP listener thread. The audio callback
+// drains them at the start of each buffer (processEvents) and carries the
+// commands out, so every libpd call on a running patch is made from that one
+// thread. Results come back as signals emitted on the audio thread; connect
+// them queued so that receivers run on the GUI thread.
+//
+// The patch contract: voice and macro messages go to the receiver "arbo-in"
+// as lists (value, PdVoiceMessageType, voice number 1..128, 0 for the whole
+// patch), the master volume to "master-vol", "dsp 1"/"dsp 0" to "pd", and a
+// bang to "query-macros" after opening. The patch reports "voice-stop" with
+// the 1-based voice number when a released voice has fallen silent, and
+// answers the query on "output-voice-info" with the macro names text.
+class PdPlayer : public QObject
+{
+    Q_OBJECT
+public:
+    enum PdVoiceMessageType
+    {
+        Gate = 1,      // 1.0 at note-on, 0.0 at note-off
+        Frequency = 2, // Hz
+        Volume = 3,    // the voice volume
+        Macro1 = 4,    // Macro1..Macro8: the macro value, for the whole patch
+        Macro2,
+        Macro3,
+        Macro4,
+        Macro5,
+        Macro6,
+        Macro7,
+        Macro8,
+    };
+
+    // One voice of the pool.
+    struct NoteOn
+    {
+        ArboRatio ratio;         // the sounding ratio, transposition included
+        std::int32_t voice = -1; // the voice's own index, 0..127
+        std::int32_t seqId = 0;  // note-on sequence number; 0 means free
+        bool released = false;   // gate off sent, waiting for "voice-stop"
+    };
+
+    static constexpr int VOICE_COUNT = 128;
+    static constexpr int PRIME_FLAG_COUNT = 32;
+    // Notes are played only strictly inside this range; outside it a voice is
+    // taken but the patch is told nothing.
+    static constexpr float MIN_FREQUENCY = 20.0f;
+    static constexpr float MAX_FREQUENCY = 20000.0f;
+
+    explicit PdPlayer(QObject* parent = nullptr);
+    ~PdPlayer() override;
+
+    // GUI thread, at start-up. Allocates the two command buffers, installs
+    // libpd's hooks and starts libpd. False when a buffer cannot be made.
+    bool init();
+    // GUI thread, while no audio stream runs (the audio output calls it when
+    // it opens a device). Returns libpd_init_audio's result.
+    int initAudio(int outChannels, int sampleRate);
+    // GUI thread, at shutdown: closes the patch.
+    void term();
+
+    // GUI thread. Closes any open patch and opens `file`, waiting for the
+    // audio thread to do it. Returns false when libpd could not open it (or
+    // could not switch DSP on); then no patchLoaded is emitted.
+    bool loadPatch(const QFileInfo& file);
+    // GUI thread. Closes the open patch (if any), waiting for the audio thread,
+    // with the output muted around it so the teardown is not heard.
+    void unloadPatch();
+
+    // Audio thread: drains the serial buffer, then the GUI buffer, carrying
+    // each command out in order. Wand commands thus come first within a
+    // buffer. Never blocks; allocates only where noted in the source.
+    void processEvents();
+
+    // Audio thread (or any thread while no audio thread runs).
+    bool isPatchOpen() const { return mPatch != nullptr; }
+
+    // Any thread: numerator / denominator × the base frequency.
+    float ratioToFrequency(const ArboRatio& ratio) const;
+
+    // The same effects as the commands, without a buffer. Audio thread (or
+    // while no audio thread runs); nothing in the program calls them.
+    void setVolume(float volume);
+    void setVoiceVolume(float volume);
+    void setMonophonic(bool monophonic);
+    void setBaseFrequency(float frequency);
+    void togglePrimeEnabled(int prime);
+    void setMacroValue(int macro, float value);
+    void transpose(signed char step);
+
+    // Read-only views for tests and diagnostics; audio thread, or any thread
+    // while no audio thread runs.
+    const StaticArray<NoteOn, VOICE_COUNT>& voices() const { return mVoices; }
+    const ArboRatio& transposition() const { return mTransposition; }
+    float volume() const { return mVolume; }
+    float voiceVolume() const { return mVoiceVolume; }
+    float baseFrequency() const { return mBaseFrequency; }
+    bool monophonic() const { return mMonophonic; }
+    bool primeEnabled(int prime) const;
+    int soundingNoteCount() const { return mNoteMap.size(); }
+
+signals:
+    void noteToggled(ArboRatio ratio, bool on);
+    void transposed(ArboRatio transposition, int step);
+    void volumeChanged(float volume);
+    void voiceVolumeChanged(float volume);
+    void baseFrequencyChanged(float frequency);
+    void monophonicChanged(bool monophonic);
+    void primeEnabledToggled(int prime, bool enabled);
+    void macroNamesReceived(QStringList names);
+    void macroDefaultsReceived(QList<float> defaults);
+    void macroValueChanged(int macro, float value);
+    void patchLoaded(QString path);
+    void patchDecRequested();
+    void patchIncRequested();
+
+public slots:
+    // GUI thread only: copies the event into the GUI command buffer. The
+    // caller keeps the event. Never blocks.
+    void queueEventGui(const ArboEvent* event);
+    // UDP listener thread only (connected directly): copies the event into
+    // the serial command buffer. The caller keeps the event. Never blocks.
+    void queueEventSerial(const ArboEvent* event);
+
+private:
+    void processBuffer(PdMessageBuffer& buffer);
+    void carryOut(const PdMessageBuffer::Chunk& chunk);
+    void toggleNote(const ArboPath& path);
+    void noteOn(const ArboRatio& ratio);
+    void noteOff(const ArboRatio& ratio);
+    void allNotesOff();
+    void onVoiceStopped(int voice);
+    void openPatch();
+    void closePatch();
+    // GUI thread: queues a patch command and waits until it is carried out.
+    void runPatchCommand(int command);
+
+    bool sendPdVoiceMessage(int type, float value, int voice);
+    bool sendPdVolumeMessage(float value);
+    bool setDsp(bool on);
+    bool sendPdQueryMacrosMessage();
+    void onMacroNamesReceived(const QString& text);
+
+    static void pdPrintHook(const char* text);
+    static void pdListHook(const char* recv, int argc, _atom* argv);
+
+    // The player that libpd's plain-function hooks reach.
+    static PdPlayer* sThis;
+
+    PdMessageBuffer mGuiBuffer;
+    PdMessageBuffer mSerialBuffer;
+    PdMessageBuffer::ChunkList mChunkList;
+    void* mPatch = nullptr;
+    ArboRatio mTransposition{1, 1};
+    float mVolume = 0.8f;
+    float mVoiceVolume = 1.0f;
+    float mBaseFrequency = 440.0f;
+    bool mMonophonic = false;
+    StaticArray<bool, PRIME_FLAG_COUNT> mPrimeEnabled{PRIME_FLAG_COUNT, true};
+    int mMonoVoice = -1;
+    StaticArray<NoteOn, VOICE_COUNT> mVoices;
+    QHash<ArboRatio, NoteOn*> mNoteMap;
+    std::int32_t mSequence = 0;
+    QStringList mMacroNames;
+    QList<float> mMacroDefaults;
+    void* mVoiceInfoBinding = nullptr;
+    bool mAwaitingMacroNames = false;
+    void* mVoiceStopBinding = nullptr;
+
+    // Written by the GUI thread before it queues OpenPatch, read and cleared
+    // by the audio thread in openPatch, both under mPatchMutex. Still set
+    // after the command means the open failed.
+    QByteArray mPendingPatchFile;
+    QByteArray mPendingPatchFolder;
+    bool mPendingPatch = false;
+    // Set by the audio thread when it has carried out the patch command the
+    // GUI thread waits for; guards the wait against spurious wake-ups.
+    bool mPatchCommandDone = false;
+    QWaitCondition mPatchCondition;
+    QMutex mPatchMutex;
+};
