@@ -42,6 +42,13 @@ private slots:
     void commandLineWordsLoseOneDashAndCase();
 
 private:
+    // As if the words had been given on the command line: the handler then
+    // also leaves debug messages switched on.
+    void setFlags(const QSet<QString>& flags)
+    {
+        mApp->mFlags = flags;
+        QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, !flags.isEmpty());
+    }
     QString logText() const { return QString::fromUtf8(TestSupport::readFile(mLogPath)); }
     QString newLogText() const { return logText().mid(mLogStart); }
 
@@ -64,7 +71,7 @@ void TestLogging::initTestCase()
 
 void TestLogging::init()
 {
-    mApp->mFlags.clear();
+    setFlags({});
     mLogStart = logText().size();
 }
 
@@ -97,7 +104,7 @@ void TestLogging::diagnosticsFilterByCommandLineWords()
 
     // "all": every file, debug included; the stamp and the text are
     // separated by two blanks.
-    mApp->mFlags = {"all"};
+    setFlags({"all"});
     qDebug("%s", "debug for diagnostics");
     QCOMPARE(diagnostics.size(), 1);
     QVERIFY(QRegularExpression("^" + STAMP + " debug for diagnostics\\n$")
@@ -111,9 +118,9 @@ void TestLogging::diagnosticsFilterByCommandLineWords()
     QVERIFY(!newLogText().contains("no source file"));
 
     // A word picks the file by its base name, lower-cased, extension cut.
-    mApp->mFlags = {"tst_logging"};
+    setFlags({"tst_logging"});
     qWarning("%s", "picked by name");
-    mApp->mFlags = {"pdplayer"};
+    setFlags({"pdplayer"});
     qWarning("%s", "another file's word");
     QCOMPARE(diagnostics.size(), 2);
     QVERIFY(diagnostics.at(1).endsWith(" picked by name\n"));
@@ -124,7 +131,7 @@ void TestLogging::diagnosticsFilterByCommandLineWords()
 
 void TestLogging::messagesFromManyThreadsStayWhole()
 {
-    mApp->mFlags = {"all"};
+    setFlags({"all"});
     std::atomic<int> diagnostics{0};
     QObject receiver;
     connect(

@@ -1,5 +1,6 @@
 #include "app/tuningarboapplication.h"
 
+#include "input/arboevent.h"
 #include "settings/appcontext.h"
 
 #include <QDateTime>
@@ -7,6 +8,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QLocale>
+#include <QLoggingCategory>
 #include <QMessageBox>
 #include <QMetaType>
 #include <QStyleFactory>
@@ -52,6 +54,7 @@ TuningArboApplication::TuningArboApplication(int& argc, char** argv) : QApplicat
         mFlags.insert(word.toLower());
     }
 
+    AppContext::setPlayer(&mPlayer);
     AppContext::setSettings(&mSettings);
 
     connect(&mSignalWatcher, &UnixSignalWatcher::terminationRequested, this,
@@ -63,6 +66,7 @@ TuningArboApplication::~TuningArboApplication()
 {
     removeLogHandler();
     AppContext::setSettings(nullptr);
+    AppContext::setPlayer(nullptr);
 }
 
 TuningArboApplication* TuningArboApplication::instance()
@@ -78,6 +82,8 @@ QString TuningArboApplication::version()
 bool TuningArboApplication::init()
 {
     // 1. Types that travel through queued signals.
+    qRegisterMetaType<ArboPath>("ArboPath");
+    qRegisterMetaType<ArboRatio>("ArboRatio");
     qRegisterMetaType<QList<float>>("QList<float>");
 
     // 2.
@@ -120,6 +126,13 @@ bool TuningArboApplication::init()
     // 8.
     QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedKingdom));
 
+    // 9.
+    if (!mPlayer.init()) {
+        fatalStartupMessage(QStringLiteral("PD initialisation failed. This means no audio playback "
+                                           "will be possible.\n\nThe program will now shut down."));
+        return false;
+    }
+
     // 11.
     if (!initPatchFolder()) {
         fatalStartupMessage(
@@ -129,17 +142,38 @@ bool TuningArboApplication::init()
         return false;
     }
 
+    // 14.
+    syncFromSettings();
+
     return true;
 }
 
 void TuningArboApplication::term()
 {
     syncToSettings();
+    mPlayer.term();
     mSettings.term();
     removeLogHandler();
 }
 
-void TuningArboApplication::syncFromSettings() {}
+void TuningArboApplication::syncFromSettings()
+{
+    const ArboEvent events[] = {
+        ArboEvent(ArboEvent::BaseFrequency, mSettings.mBaseFrequency),
+        ArboEvent(ArboEvent::MasterVolume, mSettings.mMasterVolume),
+        ArboEvent(ArboEvent::Monophonic, mSettings.mMonophonic ? 1.0f : 0.0f),
+    };
+    for (const ArboEvent& event : events) {
+        mPlayer.queueEventGui(&event);
+    }
+    // From now on the options follow the player.
+    connect(&mPlayer, &PdPlayer::baseFrequencyChanged, &mSettings,
+            &Settings::onBaseFrequencyChanged, Qt::QueuedConnection);
+    connect(&mPlayer, &PdPlayer::volumeChanged, &mSettings, &Settings::onMasterVolumeChanged,
+            Qt::QueuedConnection);
+    connect(&mPlayer, &PdPlayer::monophonicChanged, &mSettings, &Settings::onMonophonicChanged,
+            Qt::QueuedConnection);
+}
 
 void TuningArboApplication::syncToSettings() {}
 
@@ -229,6 +263,12 @@ bool TuningArboApplication::openLogFile(const QString& path)
 
 void TuningArboApplication::installLogHandler()
 {
+    // Without diagnostics words nobody receives debug messages (the file never
+    // gets them), so switch them off at the source: they are then not even
+    // formatted, which keeps them off the audio thread's budget.
+    if (mFlags.isEmpty()) {
+        QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+    }
     sLoggingApp.store(this);
     qInstallMessageHandler(loggingMessageHandler);
     mLogHandlerInstalled = true;
@@ -238,6 +278,7 @@ void TuningArboApplication::removeLogHandler()
 {
     if (mLogHandlerInstalled) {
         qInstallMessageHandler(nullptr);
+        QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
         sLoggingApp.store(nullptr);
         mLogHandlerInstalled = false;
     }

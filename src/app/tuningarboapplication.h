@@ -2,6 +2,7 @@
 
 #include "app/unixsignalwatcher.h"
 #include "settings/settings.h"
+#include "sound/pdplayer.h"
 
 #include <QApplication>
 #include <QFile>
@@ -52,6 +53,7 @@ public:
     static void loggingMessageHandler(QtMsgType type, const QMessageLogContext& context,
                                       const QString& message);
 
+    PdPlayer mPlayer;
     Settings mSettings;
     // Lower-cased command-line words, each without one leading "-"; they
     // choose which source files' messages reach the diagnostics dialog.
