@@ -263,7 +263,9 @@ float PdPlayer::ratioToFrequency(const ArboRatio& ratio) const
 
 void PdPlayer::toggleNote(const ArboPath& path)
 {
-    if (!path.isValid()) {
+    // A path comes through the ring as raw bytes; one that is not made of
+    // prime steps of the table has no pitch and is ignored like the invalid one.
+    if (!path.isValid() || !path.hasValidSteps()) {
         return;
     }
     // The root has no last step: it consults flag 0, which only PrimeToggle 0
