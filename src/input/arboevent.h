@@ -1,0 +1,57 @@
+#pragma once
+
+// One command for the sound engine: what to do (the type) and with which
+// number (the value). Mouse controls, wands and the player all speak this
+// vocabulary; a note toggle is an ArboNoteEvent, which adds the path.
+//
+// A plain value; events are copied into the player's command buffers, so
+// whoever creates one keeps and frees it.
+class ArboEvent
+{
+public:
+    // The numbers are stored in users' "rfid_map.json" files: never renumber,
+    // never reuse, only add at the end. The underlying type is fixed so that a
+    // number outside this list (read from such a file) is still a legal value
+    // of the type; the player ignores it.
+    enum Type : int
+    {
+        NoteToggle = 0,       // value 1.0; the path is in the ArboNoteEvent
+        AllNotesOff = 1,      // value ignored
+        Transpose = 2,        // signed prime step, rounded; 0 resets
+        VoiceVolumeStep = 3,  // amount to add to the voice volume
+        VoiceVolume = 4,      // new voice volume
+        MasterVolumeStep = 5, // amount to add to the master volume
+        MasterVolume = 6,     // new master volume
+        Monophonic = 7,       // above 0.5 means on
+        PatchStep = 8,        // above 0 means next patch, otherwise previous
+        BaseFrequency = 9,    // frequency in Hz
+        PrimeToggle = 10,     // the prime, truncated to an integer
+        Macro1 = 11,          // Macro1 to Macro8: the macro's new value
+        Macro2 = 12,
+        Macro3 = 13,
+        Macro4 = 14,
+        Macro5 = 15,
+        Macro6 = 16,
+        Macro7 = 17,
+        Macro8 = 18,
+        OpenPatch = 19,  // value ignored
+        ClosePatch = 20, // value ignored
+    };
+    // Highest type the player carries out; anything outside 0 to this is
+    // ignored by the consumer.
+    static constexpr int LAST_TYPE = ClosePatch;
+
+    // Type NoteToggle with value 0 (zero-initialised, as for any value type).
+    ArboEvent() = default;
+    ArboEvent(Type type, float value);
+    ArboEvent(const ArboEvent&) = default;
+    ArboEvent& operator=(const ArboEvent&) = default;
+    virtual ~ArboEvent();
+
+    Type type() const { return mType; }
+    float value() const { return mValue; }
+
+private:
+    Type mType = NoteToggle;
+    float mValue = 0.0f;
+};

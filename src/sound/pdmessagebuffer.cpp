@@ -1,0 +1,133 @@
+#include "sound/pdmessagebuffer.h"
+
+#include "input/arboevent.h"
+#include "input/arbonoteevent.h"
+
+#include <QDebug>
+
+extern "C" {
+#include "z_ringbuffer.h"
+}
+
+namespace {
+
+// Where the audio thread copies the ring's bytes before handing out pointers.
+// Static, so draining never allocates; one for all buffers (see processEvents).
+// Declared as chunks, so that copying bytes into it is a plain copy into
+// trivially copyable objects.
+PdMessageBuffer::Chunk sScratch[PdMessageBuffer::MAX_CHUNKS];
+
+} // namespace
+
+PdMessageBuffer::PdMessageBuffer() = default;
+
+PdMessageBuffer::~PdMessageBuffer()
+{
+    if (mUnreportedDrops != 0) {
+        reportDrops(std::chrono::steady_clock::now());
+    }
+    if (mRing) {
+        rb_free(mRing);
+    }
+}
+
+bool PdMessageBuffer::init()
+{
+    if (!mRing) {
+        mRing = rb_create(RING_BYTES);
+    }
+    return mRing != nullptr;
+}
+
+bool PdMessageBuffer::queueEvent(const ArboEvent* event)
+{
+    if (!event) {
+        return false;
+    }
+    Chunk chunk;
+    chunk.type = event->type();
+    chunk.value = event->value();
+    if (const auto* note = dynamic_cast<const ArboNoteEvent*>(event)) {
+        chunk.path = note->path();
+    }
+    return writeChunk(&chunk);
+}
+
+bool PdMessageBuffer::writeChunk(const Chunk* chunk)
+{
+    if (!mRing || !chunk) {
+        return false;
+    }
+    // The ring checks for room and copies all 16 bytes, or nothing, in this
+    // one call; asking for the free space first would only add a second pair
+    // of atomic operations on the line the reader is polling.
+    if (rb_write_to_buffer(mRing, 1, reinterpret_cast<const char*>(chunk), CHUNK_BYTES) != 0) {
+        noteDrop();
+        return false;
+    }
+    if (mUnreportedDrops != 0) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - mLastWarning >= FULL_WARNING_INTERVAL) {
+            reportDrops(now);
+        }
+    }
+    return true;
+}
+
+void PdMessageBuffer::noteDrop()
+{
+    const auto now = std::chrono::steady_clock::now();
+    if (mWarned && now - mLastWarning < FULL_WARNING_INTERVAL) {
+        ++mUnreportedDrops;
+        return;
+    }
+    if (mUnreportedDrops != 0) {
+        reportDrops(now);
+    }
+    qWarning("Command buffer full");
+    mWarned = true;
+    mLastWarning = now;
+}
+
+void PdMessageBuffer::reportDrops(std::chrono::steady_clock::time_point now)
+{
+    qWarning("%lu more commands were dropped because the command buffer was full",
+             mUnreportedDrops);
+    mUnreportedDrops = 0;
+    mWarned = true;
+    mLastWarning = now;
+}
+
+void PdMessageBuffer::processEvents(ChunkList& list)
+{
+    if (!mRing) {
+        return;
+    }
+    int bytes = rb_available_to_read(mRing);
+    if (bytes <= 0) {
+        return;
+    }
+    // Only whole chunks are ever written; rounding down is a guard, not a case.
+    bytes -= bytes % CHUNK_BYTES;
+    const std::size_t first = list.size();
+    const int room = static_cast<int>(list.capacity() - first) * CHUNK_BYTES;
+    if (bytes > room) {
+        bytes = room; // the rest stays in the ring for the next drain
+    }
+    if (bytes == 0) {
+        return;
+    }
+    // Bytes only ever get added behind our back, so this read cannot fail.
+    if (rb_read_from_buffer(mRing, reinterpret_cast<char*>(&sScratch[first]), bytes) != 0) {
+        return;
+    }
+    const std::size_t count = static_cast<std::size_t>(bytes / CHUNK_BYTES);
+    for (std::size_t i = 0; i < count; ++i) {
+        list.append(&sScratch[first + i]);
+    }
+}
+
+int PdMessageBuffer::freeChunks() const
+{
+    return mRing ? rb_available_to_write(mRing) / CHUNK_BYTES : 0;
+}

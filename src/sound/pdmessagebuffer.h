@@ -1,0 +1,120 @@
+#pragma once
+
+#include "model/arbopath.h"
+#include "sound/staticarray.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+class ArboEvent;
+struct ring_buffer;
+
+// Carries commands from one producing thread to the audio thread without
+// locks, through libpd's single-producer single-consumer byte ring.
+//
+// Each command is flattened into a 16-byte Chunk and copied byte for byte.
+// The ring only ever holds whole chunks: a chunk is written in one call that
+// either copies all 16 bytes or none (when the ring is full, the command is
+// dropped), and the write position is published only after the bytes are in,
+// so the reader never sees part of a chunk.
+//
+// Threads: exactly one thread writes a buffer (queueEvent, writeChunk) and
+// only the audio thread reads it (processEvents). Neither side takes a lock or
+// waits for the other. Nothing allocates after init(), except the rate-limited
+// warning when the ring is full (see writeChunk).
+class PdMessageBuffer
+{
+public:
+    // One command as it travels through the ring. Trivially copyable and
+    // exactly 16 bytes; the layout is fixed (asserted below the class).
+    struct Chunk
+    {
+        std::int32_t type = -1; // ArboEvent::Type; -1 is no command
+        ArboPath path;          // the note's path; empty for other commands
+        float value = 0.0f;
+    };
+
+    // libpd's ring keeps one byte empty to tell "full" from "empty", so 16383
+    // bytes are usable: 1023 chunks fit, not 1024. The list and the scratch
+    // area are still sized for 1024, which is always enough.
+    static constexpr int RING_BYTES = 16384;
+    static constexpr int CHUNK_BYTES = 16;
+    static constexpr std::size_t MAX_CHUNKS = RING_BYTES / CHUNK_BYTES;
+    using ChunkList = StaticArray<const Chunk*, MAX_CHUNKS>;
+
+    // Between two "Command buffer full" warnings, drops are only counted.
+    static constexpr std::chrono::milliseconds FULL_WARNING_INTERVAL{1000};
+
+    // No ring yet: nothing can be written or read before init().
+    PdMessageBuffer();
+    // Frees the ring. No thread may be writing or reading any more.
+    ~PdMessageBuffer();
+    PdMessageBuffer(const PdMessageBuffer&) = delete;
+    PdMessageBuffer& operator=(const PdMessageBuffer&) = delete;
+
+    // GUI thread, at start-up, before any writer or reader runs. Creates the
+    // ring (the one allocation); false when that fails. Calling it again on a
+    // buffer that has its ring does nothing and returns true.
+    bool init();
+
+    // Writer thread only. Flattens `event` into a chunk on the stack (the path
+    // is copied when it is an ArboNoteEvent, otherwise left empty) and writes
+    // it with writeChunk. The caller keeps the event. Never blocks; returns
+    // whether the command went in (false for a null event, before init(), or
+    // when the ring is full).
+    bool queueEvent(const ArboEvent* event);
+
+    // Writer thread only. Appends the 16 bytes when the ring has room for
+    // them, otherwise drops the chunk and returns false. Never blocks and does
+    // not allocate, except when it logs: the warning "Command buffer full" is
+    // written for the first drop and then at most once per
+    // FULL_WARNING_INTERVAL while drops go on; the drops in between are
+    // counted and their number is logged with the next warning, or with the
+    // first successful write at least an interval after the last message.
+    // Logging allocates and takes the log handler's lock; that is acceptable
+    // here because the writers are the GUI and UDP threads, never the audio
+    // thread, and the limit keeps a flood of commands from flooding the log.
+    bool writeChunk(const Chunk* chunk);
+
+    // Audio thread only. Reads everything that is in the ring at this moment
+    // (whole chunks, as many as the list has room for) into a static scratch
+    // area and appends a pointer to each chunk, in order, to `list`. Never
+    // blocks or allocates.
+    //
+    // The scratch area is one for all buffers: a chunk lands in the scratch
+    // slot matching its position in the list, so draining a second buffer
+    // into a list that still holds the first one's chunks keeps both. The
+    // pointers stay valid until the next call (on any buffer) that fills the
+    // same positions, that is after the caller has cleared the list: carry
+    // the chunks out before clearing it.
+    void processEvents(ChunkList& list);
+
+    // Any thread. How many more chunks would fit right now: a snapshot that
+    // may only grow until the writer writes again. 0 before init().
+    int freeChunks() const;
+
+private:
+    void noteDrop();
+    void reportDrops(std::chrono::steady_clock::time_point now);
+
+    ring_buffer* mRing = nullptr;
+
+    // Writer-side state of the rate-limited warning; touched only by the
+    // writer thread (and by the destructor, once no writer is left).
+    std::chrono::steady_clock::time_point mLastWarning;
+    bool mWarned = false;
+    unsigned long mUnreportedDrops = 0;
+};
+
+static_assert(std::is_trivially_copyable<PdMessageBuffer::Chunk>::value,
+              "chunks are copied byte for byte through the ring");
+static_assert(std::is_standard_layout<PdMessageBuffer::Chunk>::value,
+              "the chunk's layout must be fixed");
+static_assert(sizeof(PdMessageBuffer::Chunk) == PdMessageBuffer::CHUNK_BYTES,
+              "a chunk is exactly 16 bytes");
+static_assert(offsetof(PdMessageBuffer::Chunk, type) == 0, "type at offset 0");
+static_assert(offsetof(PdMessageBuffer::Chunk, path) == 4, "path at offset 4");
+static_assert(offsetof(PdMessageBuffer::Chunk, value) == 12, "value at offset 12");
+static_assert(PdMessageBuffer::RING_BYTES % 256 == 0, "libpd's ring wants a multiple of 256");
