@@ -1,0 +1,128 @@
+#include "input/rfidmap.h"
+
+#include "input/arboevent.h"
+#include "input/arbonoteevent.h"
+
+#include <QDebug>
+#include <QJsonObject>
+#include <QJsonValue>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+const QString RfidMap::FILE_NAME = QStringLiteral("rfid_map.json");
+
+namespace {
+
+const QString EVENT_KEY = QStringLiteral("event");
+const QString VALUE_KEY = QStringLiteral("value");
+
+// "event" as an int. JSON numbers are doubles, and converting a double that
+// does not fit to int is undefined behaviour, so out-of-range numbers
+// saturate. Anything but a number counts as 0.
+int toEventType(const QJsonValue& json)
+{
+    const double number = json.toDouble(0.0);
+    if (std::isnan(number)) {
+        return 0;
+    }
+    if (number >= static_cast<double>(std::numeric_limits<int>::max())) {
+        return std::numeric_limits<int>::max();
+    }
+    if (number <= static_cast<double>(std::numeric_limits<int>::min())) {
+        return std::numeric_limits<int>::min();
+    }
+    return static_cast<int>(number); // truncates toward zero
+}
+
+// "value" as a float, clamped for the same reason (a double beyond the float
+// range does not convert either). Anything but a number counts as 0.
+float toEventValue(const QJsonValue& json)
+{
+    const double number = json.toDouble(0.0);
+    if (std::isnan(number)) {
+        return 0.0f;
+    }
+    constexpr double LIMIT = std::numeric_limits<float>::max();
+    return static_cast<float>(std::clamp(number, -LIMIT, LIMIT));
+}
+
+} // namespace
+
+RfidMap::RfidMap(QObject* parent) : SerializableRoot(parent)
+{
+    // The file is the user's: whatever the program made of it is never
+    // written back over it.
+    setSaveOnTerm(false);
+}
+
+RfidMap::~RfidMap() = default;
+
+bool RfidMap::init()
+{
+    return SerializableRoot::init(FILE_NAME);
+}
+
+void RfidMap::initWithDefaults()
+{
+    mEvents.clear();
+}
+
+void RfidMap::read(const QJsonObject& json)
+{
+    mEvents.clear();
+    for (auto it = json.constBegin(); it != json.constEnd(); ++it) {
+        // Readers report tags in whatever case they like; lookup() lowers too.
+        const QString rfid = it.key().toLower();
+        const QJsonObject entry = it.value().toObject();
+        const QJsonValue value = entry.value(VALUE_KEY);
+        const QString text = value.toString();
+
+        std::shared_ptr<const ArboEvent> event;
+        if (value.isString() && text.startsWith(QLatin1Char('/'))) {
+            // A path makes a note toggle whatever "event" says.
+            const ArboPath path(text);
+            if (!path.isValid()) {
+                qWarning().noquote()
+                    << QStringLiteral("RFID %1 was assigned invalid path %2. Ignoring.")
+                           .arg(rfid, text);
+                continue;
+            }
+            event = std::make_shared<const ArboNoteEvent>(path);
+            qDebug().noquote() << QStringLiteral("RFID %1 mapped to: event %2, value %3")
+                                      .arg(rfid)
+                                      .arg(int(event->type()))
+                                      .arg(path.toString());
+        } else {
+            const auto type = static_cast<ArboEvent::Type>(toEventType(entry.value(EVENT_KEY)));
+            event = std::make_shared<const ArboEvent>(type, toEventValue(value));
+            qDebug().noquote() << QStringLiteral("RFID %1 mapped to: event %2, value %3")
+                                      .arg(rfid)
+                                      .arg(int(event->type()))
+                                      .arg(double(event->value()));
+        }
+        mEvents.insert(rfid, std::move(event));
+    }
+}
+
+void RfidMap::write(QJsonObject& json) const
+{
+    for (auto it = mEvents.constBegin(); it != mEvents.constEnd(); ++it) {
+        const ArboEvent* event = it.value().get();
+        QJsonObject entry;
+        entry.insert(EVENT_KEY, int(event->type()));
+        if (const auto* note = dynamic_cast<const ArboNoteEvent*>(event)) {
+            entry.insert(VALUE_KEY, note->path().toString());
+        } else {
+            entry.insert(VALUE_KEY, double(event->value()));
+        }
+        json.insert(it.key(), entry);
+    }
+}
+
+const ArboEvent* RfidMap::lookup(const QString& rfid) const
+{
+    const auto it = mEvents.constFind(rfid.toLower());
+    return it == mEvents.constEnd() ? nullptr : it.value().get();
+}
