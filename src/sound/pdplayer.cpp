@@ -68,6 +68,7 @@ bool PdPlayer::init()
     libpd_set_concatenated_printhook(&PdPlayer::pdPrintHook);
     libpd_set_listhook(&PdPlayer::pdListHook);
     libpd_init(); // -1 when already done in this process, which is fine
+    mPdInstance = libpd_this_instance();
     return true;
 }
 
@@ -98,6 +99,9 @@ void PdPlayer::queueEventSerial(const ArboEvent* event)
 
 void PdPlayer::processEvents()
 {
+    // A thread-local pointer store: cheap enough for every buffer, and the
+    // audio library does not promise to call back on one thread for good.
+    libpd_set_instance(mPdInstance);
     processBuffer(mSerialBuffer);
     processBuffer(mGuiBuffer);
 }

@@ -18,6 +18,7 @@
 class ArboEvent;
 class QFileInfo;
 struct _atom;
+struct _pdinstance;
 
 // The sound engine: one Pure Data instance (libpd) with the open patch, a pool
 // of 128 voices, the transposition, volumes, base frequency, monophonic switch
@@ -95,6 +96,9 @@ public:
     // Audio thread: drains the serial buffer, then the GUI buffer, carrying
     // each command out in order. Wand commands thus come first within a
     // buffer. Never blocks; allocates only where noted in the source.
+    // It first makes libpd's instance the calling thread's own (libpd keeps
+    // its current instance per thread), so that the caller may go on to
+    // compute audio with libpd on the same thread.
     void processEvents();
 
     // Audio thread (or any thread while no audio thread runs).
@@ -171,6 +175,11 @@ private:
 
     // The player that libpd's plain-function hooks reach.
     static PdPlayer* sThis;
+
+    // libpd's instance, made by init() on the GUI thread. libpd keeps the
+    // current instance in a thread-local pointer that starts out null on any
+    // other thread, so the audio thread must be given it before calling in.
+    _pdinstance* mPdInstance = nullptr;
 
     PdMessageBuffer mGuiBuffer;
     PdMessageBuffer mSerialBuffer;
