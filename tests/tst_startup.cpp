@@ -1,8 +1,11 @@
 // Start-up and shutdown of the whole program: the real binary on a temporary
 // configuration folder, and start-up failures, which stop at a message box,
 // run in a child process of this test that dismisses the box and reports it.
+// The program needs an audio device: a private JACK server on the dummy
+// driver stands in for the sound card.
 
 #include "app/tuningarboapplication.h"
+#include "jackfixture.h"
 #include "testsupport.h"
 
 #include <QDir>
@@ -102,10 +105,10 @@ private:
 };
 
 RunResult runStartupChild(const QString& executable, const QString& dataHome,
-                          const QStringList& args = {})
+                          const QProcessEnvironment& audio, const QStringList& args = {})
 {
     QProcess process;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    QProcessEnvironment env = audio;
     env.insert("XDG_DATA_HOME", dataHome);
     env.insert("QT_QPA_PLATFORM", "offscreen");
     process.setProcessEnvironment(env);
@@ -140,13 +143,25 @@ class TestStartup : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase();
     void fatalFailuresStopWithTheirMessage_data();
     void fatalFailuresStopWithTheirMessage();
     void unopenableLogFileIsNotFatal();
     void damagedOptionsAreReportedOnceAndStartupGoesOn();
     void binaryStartsCopiesShellPatchesAndShutsDownOnSigterm();
     void outdatedRuntimePatchIsReplaced();
+
+private:
+    JackFixture mJack;
 };
+
+void TestStartup::initTestCase()
+{
+    if (!JackFixture::toolsAvailable()) {
+        QSKIP("jackd, jack_lsp or jack_capture is not installed (scripts/install-deps.sh)");
+    }
+    QVERIFY2(mJack.start(), qPrintable(mJack.error()));
+}
 
 void TestStartup::fatalFailuresStopWithTheirMessage_data()
 {
@@ -154,19 +169,25 @@ void TestStartup::fatalFailuresStopWithTheirMessage_data()
     QTest::addColumn<bool>("configBelowFile");
     QTest::addColumn<QString>("message");
     QTest::addColumn<QString>("logged");
+    QTest::addColumn<bool>("noAudioDevice");
 
     QTest::newRow("config folder below a regular file")
         << QStringList() << true
         << "Creation of config directory failed.\n\nThe program will now shut down."
-        << "Could not create config directory %s.";
+        << "Could not create config directory %s." << false;
     QTest::newRow("no style.qss")
         << QStringList{"style.qss"} << false
         << "Initialisation of style sheet failed.\n\nThe program will now shut down."
-        << "Failed to find style sheet file";
+        << "Failed to find style sheet file" << false;
     QTest::newRow("no style_mac.qss alone")
         << QStringList{"style_mac.qss"} << false
         << "Initialisation of style sheet failed.\n\nThe program will now shut down."
-        << "Failed to find platform-specific style sheet file";
+        << "Failed to find platform-specific style sheet file" << false;
+    QTest::newRow("no usable audio device")
+        << QStringList() << false
+        << "Initialisation of audio device failed. This means no audio playback will be "
+           "possible.\n\nThe program will now shut down."
+        << "No default output device returned from Pa_GetDefaultOutputDevice" << true;
 }
 
 void TestStartup::fatalFailuresStopWithTheirMessage()
@@ -175,6 +196,7 @@ void TestStartup::fatalFailuresStopWithTheirMessage()
     QFETCH(bool, configBelowFile);
     QFETCH(QString, message);
     QFETCH(QString, logged);
+    QFETCH(bool, noAudioDevice);
 
     ResourceCopy resources(omit);
     QTemporaryDir home;
@@ -184,7 +206,14 @@ void TestStartup::fatalFailuresStopWithTheirMessage()
         dataHome = home.path() + "/plain-file/share";
     }
 
-    const RunResult result = runStartupChild(resources.executable(), dataHome);
+    const RunResult result =
+        runStartupChild(resources.executable(), dataHome,
+                        noAudioDevice ? JackFixture::noDeviceEnvironment() : mJack.environment());
+    if (noAudioDevice && result.exitCode == 0) {
+        // The environment hides ALSA's and JACK's devices; a device of
+        // another kind (OSS) cannot be hidden from PortAudio this way.
+        QSKIP("This machine has an audio device outside ALSA and JACK");
+    }
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.messageBoxes, QStringList{message});
 
@@ -202,7 +231,8 @@ void TestStartup::unopenableLogFileIsNotFatal()
     const QString config = home.path() + "/Merrow Tuning Arbo";
     QVERIFY(QDir().mkpath(config + "/log.txt")); // a folder where the log file belongs
 
-    const RunResult result = runStartupChild(resources.executable(), home.path());
+    const RunResult result =
+        runStartupChild(resources.executable(), home.path(), mJack.environment());
     QVERIFY2(result.errors.contains("Couldn't open log file"), qPrintable(result.errors));
     QVERIFY(result.messageBoxes.isEmpty());
     QCOMPARE(result.exitCode, 0);
@@ -218,7 +248,8 @@ void TestStartup::damagedOptionsAreReportedOnceAndStartupGoesOn()
     const QString config = home.path() + "/Merrow Tuning Arbo";
     QVERIFY(TestSupport::writeFile(config + "/options.json", "{ \"udpPort\": 9"));
 
-    const RunResult result = runStartupChild(resources.executable(), home.path());
+    const RunResult result =
+        runStartupChild(resources.executable(), home.path(), mJack.environment());
     QCOMPARE(result.messageBoxes,
              QStringList{"Failed to read saved options. All options will be reset to defaults."});
     QCOMPARE(result.exitCode, 0);
@@ -233,7 +264,7 @@ void TestStartup::binaryStartsCopiesShellPatchesAndShutsDownOnSigterm()
 
     auto runOnce = [&](const QStringList& args) {
         QProcess process;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        QProcessEnvironment env = mJack.environment();
         env.insert("XDG_DATA_HOME", home.path());
         env.insert("QT_QPA_PLATFORM", "offscreen");
         process.setProcessEnvironment(env);
@@ -287,7 +318,8 @@ void TestStartup::outdatedRuntimePatchIsReplaced()
     QTest::qWait(20);
     ResourceCopy resources;
 
-    const RunResult result = runStartupChild(resources.executable(), home.path());
+    const RunResult result =
+        runStartupChild(resources.executable(), home.path(), mJack.environment());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(TestSupport::readFile(config + "/patch/arbo_main.pd"),
              TestSupport::readFile(resources.path() + "/patches/shell/arbo_main.pd"));

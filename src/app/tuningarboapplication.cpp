@@ -55,6 +55,7 @@ TuningArboApplication::TuningArboApplication(int& argc, char** argv) : QApplicat
     }
 
     AppContext::setPlayer(&mPlayer);
+    AppContext::setAudioOutput(&mAudioOutput);
     AppContext::setSettings(&mSettings);
 
     connect(&mSignalWatcher, &UnixSignalWatcher::terminationRequested, this,
@@ -66,6 +67,7 @@ TuningArboApplication::~TuningArboApplication()
 {
     removeLogHandler();
     AppContext::setSettings(nullptr);
+    AppContext::setAudioOutput(nullptr);
     AppContext::setPlayer(nullptr);
 }
 
@@ -133,6 +135,17 @@ bool TuningArboApplication::init()
         return false;
     }
 
+    // 10. The device the options name, else the system's default. The device
+    // table goes to the log either way, so a failure shows what there was.
+    if (!mAudioOutput.init(mSettings.mFramesPerBuffer, mSettings.mAudioDevice, &mPlayer)) {
+        fatalStartupMessage(QStringLiteral("Initialisation of audio device failed. This means no "
+                                           "audio playback will be possible.\n\nThe program "
+                                           "will now shut down."));
+        mAudioOutput.logDevices();
+        return false;
+    }
+    mAudioOutput.logDevices();
+
     // 11.
     if (!initPatchFolder()) {
         fatalStartupMessage(
@@ -152,6 +165,7 @@ void TuningArboApplication::term()
 {
     syncToSettings();
     mPlayer.term();
+    mAudioOutput.term();
     mSettings.term();
     removeLogHandler();
 }
@@ -175,7 +189,12 @@ void TuningArboApplication::syncFromSettings()
             Qt::QueuedConnection);
 }
 
-void TuningArboApplication::syncToSettings() {}
+void TuningArboApplication::syncToSettings()
+{
+    // The device actually opened, which after a fallback is not the one the
+    // options asked for.
+    mSettings.mAudioDevice = mAudioOutput.selectedDevice();
+}
 
 void TuningArboApplication::fatalStartupMessage(const QString& text)
 {

@@ -2,6 +2,7 @@
 
 #include "app/unixsignalwatcher.h"
 #include "settings/settings.h"
+#include "sound/paaudiooutput.h"
 #include "sound/pdplayer.h"
 
 #include <QApplication>
@@ -54,6 +55,7 @@ public:
                                       const QString& message);
 
     PdPlayer mPlayer;
+    PaAudioOutput mAudioOutput;
     Settings mSettings;
     // Lower-cased command-line words, each without one leading "-"; they
     // choose which source files' messages reach the diagnostics dialog.
