@@ -1,12 +1,187 @@
 #include "model/arbo.h"
 
 #include "model/arboconstants.h"
+#include "settings/appcontext.h"
+#include "sound/pdplayer.h"
 
-Arbo::Arbo(QObject* parent) : SerializableRoot(parent) {}
+#include <QDebug>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QJsonValue>
 
-void Arbo::read(const QJsonObject&) {}
+#include <cmath>
+#include <cstdlib>
 
-void Arbo::write(QJsonObject&) const {}
+const QString Arbo::FILE_NAME = QStringLiteral("arbo_v15.json");
+const QColor Arbo::WHITE = QColor(255, 255, 255, 255);
+
+namespace {
+
+const QString COLORS = QStringLiteral("colors");
+const QString PRIME = QStringLiteral("prime");
+const QString COLOR = QStringLiteral("color");
+const QString ROOT = QStringLiteral("root");
+
+struct PrimeColor
+{
+    int prime;
+    int red, green, blue;
+};
+
+// Keys 0 and 1 are no primes; the display takes its greys from them.
+const PrimeColor DEFAULT_COLORS[] = {
+    {0, 183, 183, 183}, {1, 32, 32, 32},   {2, 91, 91, 91},    {3, 81, 115, 182}, {5, 156, 4, 4},
+    {7, 40, 56, 208},   {11, 180, 97, 16}, {13, 113, 0, 113},  {17, 7, 116, 7},   {19, 153, 153, 0},
+    {23, 0, 91, 91},    {29, 119, 92, 66}, {31, 42, 157, 123},
+};
+
+// The trunk of steps of 2 and 3. Every trunk node gets the leaves of the higher
+// primes. The shape is uneven on purpose: /-2/-2 has no -3 branch.
+const char* const DEFAULT_TRUNK[] = {
+    "/-2",     "/-2/-2", "/-2/-2/3", "/-2/-2/3/3", "/-2/-3",      "/-2/3",
+    "/-2/3/3", "/2",     "/2/-3",    "/2/-3/-3",   "/2/-3/-3/-3", "/2/3",
+    "/2/3/3",  "/-3",    "/-3/-3",   "/-3/-3/-3",  "/3",          "/3/3",
+};
+
+// Octave links (all under prime 2), node to linked node. Also uneven on
+// purpose: the /2 branch and the root link nowhere themselves.
+const char* const DEFAULT_LINKS[][2] = {
+    {"/-2/-2/3", "/-2/3"},  {"/-2/-2/3/3", "/-2/3/3"},    {"/-2/-3", "/-3"},
+    {"/-2/3", "/3"},        {"/-2/3/3", "/3/3"},          {"/-3", "/2/-3"},
+    {"/-3/-3", "/2/-3/-3"}, {"/-3/-3/-3", "/2/-3/-3/-3"}, {"/3", "/2/3"},
+    {"/3/3", "/2/3/3"},
+};
+
+const int LEAF_PRIMES[] = {5, 7, 11, 13, 17, 19, 23, 29, 31};
+
+// The node at `path` below `root`, or null.
+ArboBall* nodeAt(ArboBall* root, const ArboPath& path)
+{
+    ArboBall* node = root;
+    for (int step : path.toList()) {
+        if (!node) {
+            break;
+        }
+        node = node->childAtPrime(step);
+    }
+    return node;
+}
+
+} // namespace
+
+Arbo::Arbo(QObject* parent) : SerializableRoot(parent)
+{
+    replaceRoot();
+}
+
+Arbo::~Arbo()
+{
+    // Ratios made after this point must not read a lattice that is gone.
+    if (AppContext::lattice() == this) {
+        AppContext::setLattice(nullptr);
+    }
+}
+
+bool Arbo::init(PdPlayer* player)
+{
+    if (!SerializableRoot::init(FILE_NAME)) {
+        return false;
+    }
+    if (player) {
+        // The player emits on the audio thread; queued, the slots run here.
+        connect(player, &PdPlayer::noteToggled, this, &Arbo::onNoteToggled, Qt::QueuedConnection);
+        connect(player, &PdPlayer::transposed, this, &Arbo::onTransposed, Qt::QueuedConnection);
+        connect(player, &PdPlayer::baseFrequencyChanged, this, &Arbo::onBaseFrequencyChanged,
+                Qt::QueuedConnection);
+        connect(player, &PdPlayer::primeEnabledToggled, this, &Arbo::onPrimeEnabledToggled,
+                Qt::QueuedConnection);
+    }
+    return true;
+}
+
+void Arbo::replaceRoot()
+{
+    // The ball map points into the old tree: empty it before the tree goes.
+    mBallMap.clear();
+    mMaxKeyNumerator = 0;
+    mMaxKeyDenominator = 0;
+    mMaxKeyValue = 0.0;
+    delete mRoot;
+    mRoot = new ArboBall(ArboPath(), WHITE, this);
+}
+
+void Arbo::read(const QJsonObject& json)
+{
+    const QJsonValue colors = json.value(COLORS);
+    if (colors.isArray()) {
+        const QJsonArray array = colors.toArray();
+        for (const QJsonValue& entry : array) {
+            const QJsonValue prime = entry.toObject().value(PRIME);
+            const QColor color(entry.toObject().value(COLOR).toString());
+            // A prime beyond the range of int could not be looked up anyway.
+            if (!prime.isDouble() || !(std::fabs(prime.toDouble()) < 2147483647.0) ||
+                !color.isValid()) {
+                qWarning() << "Lattice file: skipped the colour entry" << entry;
+                continue;
+            }
+            mPrimeColors.insert(int(prime.toDouble()), color);
+        }
+    } else if (json.contains(COLORS)) {
+        qWarning() << "Lattice file: skipped \"colors\" (not an array)";
+    }
+
+    replaceRoot();
+    const QJsonValue root = json.value(ROOT);
+    if (!root.isObject() && json.contains(ROOT)) {
+        qWarning() << "Lattice file: skipped \"root\" (not an object)";
+    }
+    mRoot->read(root.toObject());
+    buildBallMap();
+}
+
+void Arbo::write(QJsonObject& json) const
+{
+    QJsonArray colors;
+    for (auto it = mPrimeColors.constBegin(); it != mPrimeColors.constEnd(); ++it) {
+        colors.append(QJsonObject{{PRIME, it.key()}, {COLOR, it.value().name()}});
+    }
+    json.insert(COLORS, colors);
+    QJsonObject root;
+    mRoot->write(root);
+    json.insert(ROOT, root);
+}
+
+void Arbo::initWithDefaults()
+{
+    mPrimeColors.clear();
+    for (const PrimeColor& entry : DEFAULT_COLORS) {
+        mPrimeColors.insert(entry.prime, QColor(entry.red, entry.green, entry.blue, 255));
+    }
+    qDebug() << "Arbo::initWithDefaults - mPrimeColors:" << mPrimeColors;
+
+    replaceRoot();
+    QList<ArboBall*> trunk{mRoot};
+    for (const char* text : DEFAULT_TRUNK) {
+        const ArboPath path(QString::fromLatin1(text));
+        ArboPath parentPath = path;
+        parentPath.removeLeaf();
+        ArboBall* parent = nodeAt(mRoot, parentPath);
+        Q_ASSERT(parent); // the table lists every parent before its children
+        const int step = path.toList().constLast();
+        auto* node = new ArboBall(path, lookupColor(step), parent);
+        parent->addChild(step, node);
+        trunk.append(node);
+    }
+    for (ArboBall* node : qAsConst(trunk)) {
+        addLeaves(node);
+    }
+    for (const auto& link : DEFAULT_LINKS) {
+        ArboBall* node = nodeAt(mRoot, ArboPath(QString::fromLatin1(link[0])));
+        Q_ASSERT(node);
+        node->addLink(2, QString::fromLatin1(link[1]));
+    }
+    buildBallMap();
+}
 
 bool Arbo::isValidPrime(int p)
 {
@@ -15,5 +190,173 @@ bool Arbo::isValidPrime(int p)
 
 float Arbo::primeRatio(int p)
 {
-    return p >= 1 ? ArboConstants::PRIME_RATIOS[p] : 1.0f / ArboConstants::PRIME_RATIOS[-p];
+    const int prime = std::abs(p);
+    const float ratio =
+        prime < ArboConstants::PRIME_TABLE_SIZE ? ArboConstants::PRIME_RATIOS[prime] : -1.0f;
+    return p >= 1 ? ratio : 1.0f / ratio;
+}
+
+QColor Arbo::lookupColor(int p) const
+{
+    return mPrimeColors.value(std::abs(p), WHITE);
+}
+
+bool Arbo::canTransposeTo(const ArboRatio& step) const
+{
+    ArboRatio transposed = mTransposition;
+    if (!transposed.multiplyIfExact(step)) {
+        return mTransposition.canMultiplyWith(step); // false; logs why
+    }
+    // Written so that a NaN base frequency refuses too.
+    const float frequency = mBaseFrequency * float(transposed.toDouble());
+    if (!(frequency >= MIN_FREQUENCY && frequency <= MAX_FREQUENCY)) {
+        return false;
+    }
+    // This runs for every transpose button after every change. When the
+    // largest parts of all keys pass, every key passes, and the loop below
+    // would only confirm it.
+    if (ArboRatio::surelyExactProduct(mMaxKeyNumerator, mMaxKeyDenominator, mMaxKeyValue, step)) {
+        return true;
+    }
+    for (auto it = mBallMap.constBegin(); it != mBallMap.constEnd(); ++it) {
+        if (!it.key().canMultiplyWith(step)) {
+            qDebug().noquote() << QStringLiteral("canTransposeTo fail on %1 to %2:\n  ball: %3 at "
+                                                 "%4 can't be played")
+                                      .arg(mTransposition.toString(), step.toString(),
+                                           it.value()->path().toString(), it.key().toString());
+            return false;
+        }
+    }
+    return true;
+}
+
+void Arbo::buildBallMap()
+{
+    // Rebuilt on every transposition: keep the table's size so that refilling
+    // it does not grow it step by step.
+    const int size = mBallMap.size();
+    mBallMap.clear();
+    mBallMap.reserve(size);
+    mMaxKeyNumerator = 0;
+    mMaxKeyDenominator = 0;
+    mMaxKeyValue = 0.0;
+    buildBallMapFrom(mRoot);
+    for (const ArboRatio& ratio : qAsConst(mPlaying)) {
+        if (ArboBall* node = ballFromRatio(ratio)) {
+            node->setPlaying(true);
+        }
+    }
+}
+
+void Arbo::buildBallMapFrom(ArboBall* node)
+{
+    if (!node) {
+        return;
+    }
+    // Nodes read from a file have valid steps and at most six of them, so
+    // neither check fails for the tree itself; but a transposition reported
+    // by the engine may be too large for some nodes, which are then left out
+    // rather than keyed by a wrapped-around ratio.
+    ArboRatio key = mTransposition;
+    if (node->ratio().numerator() == 0) {
+        qWarning().noquote() << "Ball map: skipped the node" << node->path().toString()
+                             << "(not a path of prime steps)";
+    } else if (!key.multiplyIfExact(node->ratio())) {
+        qWarning().noquote() << "Ball map: skipped the node" << node->path().toString()
+                             << "(its ratio under the transposition" << mTransposition.toString()
+                             << "does not fit in 64 bits)";
+    } else {
+        mBallMap.insert(key, node);
+        mMaxKeyNumerator = qMax(mMaxKeyNumerator, key.numerator());
+        mMaxKeyDenominator = qMax(mMaxKeyDenominator, key.denominator());
+        mMaxKeyValue = qMax(mMaxKeyValue, key.toDouble());
+    }
+    node->setPlaying(false);
+    for (ArboBall* child : node->children()) {
+        buildBallMapFrom(child);
+    }
+}
+
+void Arbo::simplifyTransposeSteps()
+{
+    ArboConstants::cancelOppositeSteps(mTransposeSteps);
+}
+
+void Arbo::togglePrimeFrom(ArboBall* node, int prime, bool enabled)
+{
+    if (!node) {
+        return;
+    }
+    if (ArboBall* up = node->childAtPrime(prime)) {
+        up->setEnabled(enabled);
+    }
+    if (ArboBall* down = node->childAtPrime(-prime)) {
+        down->setEnabled(enabled);
+    }
+    for (ArboBall* child : node->children()) {
+        togglePrimeFrom(child, prime, enabled);
+    }
+}
+
+void Arbo::addLeaves(ArboBall* node)
+{
+    for (int prime : LEAF_PRIMES) {
+        addLeaf(node, prime);
+    }
+}
+
+void Arbo::addLeaf(ArboBall* node, int prime)
+{
+    for (int step : {-prime, prime}) {
+        ArboPath path = node->path();
+        path.addLeaf(static_cast<signed char>(step));
+        node->addChild(step, new ArboBall(path, lookupColor(prime), node));
+    }
+}
+
+void Arbo::onNoteToggled(ArboRatio ratio, bool on)
+{
+    if (on) {
+        mPlaying.insert(ratio);
+    } else {
+        mPlaying.remove(ratio);
+    }
+    if (ArboBall* node = ballFromRatio(ratio)) {
+        node->setPlaying(on);
+    }
+}
+
+void Arbo::onTransposed(ArboRatio ratio, int step)
+{
+    mTransposition = ratio;
+    if (step == 0) {
+        mTransposeSteps.clear();
+    } else if (isValidPrime(step)) {
+        mTransposeSteps.append(step);
+        simplifyTransposeSteps();
+    } else {
+        // The engine never takes such a step; keeping it would make every
+        // absolute ratio meaningless.
+        qWarning() << "Transposition step" << step << "is no prime step; not recorded";
+    }
+    buildBallMap();
+    emit transposeOrBaseFrequencyChanged();
+}
+
+void Arbo::onBaseFrequencyChanged(float frequency)
+{
+    if (frequency == mBaseFrequency) {
+        return;
+    }
+    mBaseFrequency = frequency;
+    emit transposeOrBaseFrequencyChanged();
+}
+
+void Arbo::onPrimeEnabledToggled(int prime, bool enabled)
+{
+    if (prime == 1) {
+        mRoot->setEnabled(enabled);
+    } else {
+        togglePrimeFrom(mRoot, prime, enabled);
+    }
 }

@@ -114,8 +114,24 @@ bool ArboRatio::multiplyExact(Rational& accumulator, const Rational& factor)
     return true;
 }
 
+bool ArboRatio::surelyExactProduct(unsigned long long numerator, unsigned long long denominator,
+                                   double value, const ArboRatio& other)
+{
+    // When even the products before cancelling fit, the cancelled product
+    // fits; and for a value below 2^20 the rational and the floating-point
+    // products differ by a few units in the last place, less than 1e-9, far
+    // inside the tolerance of canMultiplyWith().
+    unsigned long long product = 0;
+    return !__builtin_mul_overflow(numerator, other.numerator(), &product) &&
+           !__builtin_mul_overflow(denominator, other.denominator(), &product) &&
+           value * other.toDouble() < SURE_VALUE_LIMIT;
+}
+
 bool ArboRatio::canMultiplyWith(const ArboRatio& other) const
 {
+    if (surelyExactProduct(numerator(), denominator(), toDouble(), other)) {
+        return true;
+    }
     Rational product = mRatio;
     const bool fits = multiplyExact(product, other.mRatio);
     if (!fits) {

@@ -88,6 +88,16 @@ public:
     bool operator==(const ArboRatio& other) const { return mRatio == other.mRatio; }
     bool operator!=(const ArboRatio& other) const { return !(*this == other); }
 
+    // Whether canMultiplyWith() is certain to hold for every ratio whose
+    // numerator, denominator and value are at most the given ones, without
+    // running its full test: the products of the parts fit in 64 bits and the
+    // product's value stays below SURE_VALUE_LIMIT. A false result says
+    // nothing. Lets a caller test a whole set of ratios by its largest parts
+    // at once. Any thread.
+    static bool surelyExactProduct(unsigned long long numerator, unsigned long long denominator,
+                                   double value, const ArboRatio& other);
+    static constexpr double SURE_VALUE_LIMIT = 1048576.0; // 2^20
+
     // Multiplies `accumulator` by `factor` when the exact product fits in 64
     // bits; otherwise leaves it and returns false. Any thread.
     static bool multiplyExact(Rational& accumulator, const Rational& factor);
