@@ -1,3 +1,8 @@
+#include "model/arbo.h"
+#include "model/arboball.h"
+#include "model/arbopath.h"
+#include "model/arboratio.h"
+#include "notation/cardnote.h"
 #include "notation/note.h"
 #include "notation/noteinterval.h"
 #include "settings/appcontext.h"
@@ -9,6 +14,7 @@
 
 #include <climits>
 #include <cmath>
+#include <memory>
 
 namespace {
 
@@ -52,6 +58,60 @@ double semitoneOfSpelling(const QString& spelling)
     return semitone + 12 * spelling.mid(i).toInt();
 }
 
+// The steps of a path text such as "/3/-2", read without the model's parser.
+QList<int> stepsOfPath(const QString& text)
+{
+    QList<int> steps;
+    const QStringList parts = text.split(QLatin1Char('/'), Qt::SkipEmptyParts);
+    for (const QString& part : parts) {
+        steps.append(part.toInt());
+    }
+    return steps;
+}
+
+// The just ratio of a list of signed prime steps, from the octave-reduced
+// ratio of each prime, in double precision.
+double ratioOfSteps(const QList<int>& steps)
+{
+    static const QHash<int, double> RATIOS = {
+        {2, 2.0},     {3, 1.5},     {5, 1.25},    {7, 1.75},    {11, 1.375}, {13, 1.625},
+        {17, 1.0625}, {19, 1.1875}, {23, 1.4375}, {29, 1.8125}, {31, 1.9375}};
+    double ratio = 1.0;
+    for (int step : steps) {
+        ratio = step > 0 ? ratio * RATIOS.value(step) : ratio / RATIOS.value(-step);
+    }
+    return ratio;
+}
+
+// The letter of a spelling counted in diatonic steps from C0.
+int diatonicOfSpelling(const QString& spelling)
+{
+    const int letter = QStringLiteral("CDEFGAB").indexOf(spelling.at(0));
+    int i = 1;
+    while (i < spelling.size() && (spelling.at(i) == '#' || spelling.at(i) == 'b')) {
+        ++i;
+    }
+    return letter + 7 * spelling.mid(i).toInt();
+}
+
+// How far the letter and the tempered pitch move for a step along each prime,
+// as a musician names the interval: the fifth moves four letters and seven
+// semitones, the septimal seventh six letters and ten semitones, and so on.
+struct IntervalMove
+{
+    int letters;
+    int semitones;
+};
+
+IntervalMove moveOfStep(int step)
+{
+    static const QHash<int, IntervalMove> MOVES = {
+        {2, {7, 12}}, {3, {4, 7}},  {5, {2, 4}},  {7, {6, 10}},  {11, {3, 6}}, {13, {5, 8}},
+        {17, {1, 1}}, {19, {2, 3}}, {23, {3, 6}}, {29, {6, 10}}, {31, {6, 11}}};
+    const IntervalMove move = MOVES.value(step < 0 ? -step : step);
+    return step < 0 ? IntervalMove{-move.letters, -move.semitones} : move;
+}
+
 } // namespace
 
 class TestNotation : public QObject
@@ -87,14 +147,28 @@ private slots:
     void addIntervalToEnharmonicFollowsFrequency();
     void addCents();
 
+    void cardReadings();
+    void cardSpelling_data();
+    void cardSpelling();
+    void everyCardOfTheDefaultLattice_data();
+    void everyCardOfTheDefaultLattice();
+    void cardWithoutLattice();
+
 private:
+    void setPitchReference(float baseFrequency, const QString& baseNote, int calibration);
+    void transpose(const QList<int>& steps);
+    Note cardNote(const QString& path, float* frequency = nullptr);
+
     Settings mOptions;
+    Arbo* mLattice = nullptr;
 };
 
 void TestNotation::initTestCase()
 {
     sPreviousHandler = qInstallMessageHandler(captureDebug);
     AppContext::setSettings(&mOptions);
+    mLattice = new Arbo(this);
+    AppContext::setLattice(mLattice);
 }
 
 void TestNotation::init()
@@ -103,11 +177,15 @@ void TestNotation::init()
     mOptions.mCalibrationFrequency = 440;
     mOptions.mBaseFrequency = 440.0f;
     mOptions.mBaseNote = QStringLiteral("A 4");
+    AppContext::setLattice(mLattice);
+    mLattice->onBaseFrequencyChanged(440.0f);
+    mLattice->onTransposed(ArboRatio(1, 1), 0);
     sDebugLines.clear();
 }
 
 void TestNotation::cleanupTestCase()
 {
+    AppContext::setLattice(nullptr);
     AppContext::setSettings(nullptr);
     qInstallMessageHandler(sPreviousHandler);
 }
@@ -568,6 +646,308 @@ void TestNotation::addCents()
     sharp.addCents(70.0f);
     QCOMPARE(sharp.noteSpelling(), QStringLiteral("G#4"));
     QVERIFY(std::fabs(sharp.cents() + 30.0f) < 1e-3f);
+}
+
+void TestNotation::setPitchReference(float baseFrequency, const QString& baseNote, int calibration)
+{
+    // The application keeps the options' base frequency and the lattice's in
+    // step (both follow the player); so does the test.
+    mOptions.mBaseFrequency = baseFrequency;
+    mOptions.mBaseNote = baseNote;
+    mOptions.mCalibrationFrequency = calibration;
+    mLattice->onBaseFrequencyChanged(baseFrequency);
+}
+
+void TestNotation::transpose(const QList<int>& steps)
+{
+    // As the sound engine reports it: the whole new transposition and the step.
+    ArboRatio transposition(1, 1);
+    for (int step : steps) {
+        transposition *= ArboRatio::pathRatio(ArboPath(static_cast<signed char>(step)));
+        mLattice->onTransposed(transposition, step);
+    }
+    QCOMPARE(mLattice->transposeSteps(), steps);
+}
+
+Note TestNotation::cardNote(const QString& path, float* frequency)
+{
+    const ArboBall node(ArboPath(path), Arbo::WHITE, nullptr);
+    const float f = CardNote::justFrequency(&node);
+    if (frequency) {
+        *frequency = f;
+    }
+    return CardNote::noteForBall(&node, f);
+}
+
+void TestNotation::cardReadings()
+{
+    // What the card's labels show, rounded to whole cents.
+    Note root = cardNote(QStringLiteral("/"));
+    QCOMPARE(root.noteSpelling(), QStringLiteral("A4"));
+    QCOMPARE(root.cents(), 0.0f);
+
+    float frequency = 0.0f;
+    const Note fifth = cardNote(QStringLiteral("/3"), &frequency);
+    QCOMPARE(frequency, 660.0f);
+    QCOMPARE(fifth.noteSpelling(), QStringLiteral("E5"));
+    QCOMPARE(qRound(fifth.cents()), 2);
+    QVERIFY(debugLineContains(QStringLiteral("centsDiff: ")));
+
+    // The just major third lies 13.7 cents below the tempered one.
+    const Note third = cardNote(QStringLiteral("/5"));
+    QCOMPARE(third.noteSpelling(), QStringLiteral("C#5"));
+    QVERIFY2(std::fabs(third.cents() + 13.686f) < 0.01f,
+             qPrintable(QString::number(third.cents())));
+    QCOMPARE(qRound(third.cents()), -14);
+
+    const Note seventh = cardNote(QStringLiteral("/7"));
+    QCOMPARE(seventh.noteSpelling(), QStringLiteral("G5"));
+    QCOMPARE(qRound(seventh.cents()), -31);
+    QVERIFY(!seventh.isEnharmonic());
+
+    // A4 at 442: the 440 Hz base reads 7.85 cents flat, its fifth 5.9 flat.
+    setPitchReference(440.0f, QStringLiteral("A 4"), 442);
+    QCOMPARE(qRound(cardNote(QStringLiteral("/")).cents()), -8);
+    const Note flatFifth = cardNote(QStringLiteral("/3"));
+    QCOMPARE(flatFifth.noteSpelling(), QStringLiteral("E5"));
+    QCOMPARE(qRound(flatFifth.cents()), -6);
+    // Base and calibration both at 442: in tune again.
+    setPitchReference(442.0f, QStringLiteral("A 4"), 442);
+    QCOMPARE(cardNote(QStringLiteral("/")).cents(), 0.0f);
+    QCOMPARE(qRound(cardNote(QStringLiteral("/3")).cents()), 2);
+
+    // A base note named with a flat: the walk starts from Ab, so the fifth is
+    // Eb, not D#.
+    setPitchReference(415.304688f, QStringLiteral("Ab 4"), 440);
+    QCOMPARE(cardNote(QStringLiteral("/")).noteSpelling(), QStringLiteral("Ab4"));
+    const Note flatKeyFifth = cardNote(QStringLiteral("/3"));
+    QCOMPARE(flatKeyFifth.noteSpelling(), QStringLiteral("Eb5"));
+    QCOMPARE(qRound(flatKeyFifth.cents()), 2);
+}
+
+void TestNotation::cardSpelling_data()
+{
+    QTest::addColumn<QString>("baseNote");
+    QTest::addColumn<float>("baseFrequency");
+    QTest::addColumn<int>("calibration");
+    QTest::addColumn<QList<int>>("transposition");
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QString>("spelling");
+    QTest::addColumn<bool>("enharmonic");
+
+    const QList<int> none;
+    auto row = [&](const char* name, const QList<int>& transposition, const char* path,
+                   const char* spelling, bool enharmonic = false) {
+        QTest::newRow(name) << "A 4" << 440.0f << 440 << transposition << path << spelling
+                            << enharmonic;
+    };
+    // One step along every prime, up and down.
+    row("root", none, "/", "A4");
+    row("fifth", none, "/3", "E5");
+    row("fifth down", none, "/-3", "D4");
+    row("octave", none, "/2", "A5");
+    row("octave down", none, "/-2", "A3");
+    row("major third", none, "/5", "C#5");
+    row("major third down", none, "/-5", "F4");
+    row("septimal seventh", none, "/7", "G5");
+    row("septimal seventh down", none, "/-7", "B3");
+    row("11", none, "/11", "D#5");
+    row("13", none, "/13", "F5");
+    row("17", none, "/17", "Bb4");
+    row("17 down", none, "/-17", "G#4");
+    row("19", none, "/19", "C5");
+    row("23", none, "/23", "D#5");
+    row("29", none, "/29", "G5");
+    row("31", none, "/31", "G#5");
+    row("31 octave down", none, "/31/-2", "G#4");
+    // Chains of fifths: the Pythagorean comma grows by 1.955 cents a fifth.
+    row("two fifths", none, "/3/3", "B5");
+    row("three fifths", none, "/3/3/3", "F#6");
+    row("four fifths", none, "/3/3/3/3", "C#7");
+    row("five fifths", none, "/3/3/3/3/3", "G#7");
+    row("six fifths", none, "/3/3/3/3/3/3", "D#8");
+    row("six fifths down", none, "/-3/-3/-3/-3/-3/-3", "Eb1");
+    row("seven fifths", {3}, "/3/3/3/3/3/3", "A#8");
+    row("nine fifths, two octaves down", {3, 3, 3, -2, -2}, "/3/3/3/3/3/3", "B#7");
+    // Mixed steps.
+    row("fourth", none, "/3/-2", "E4");
+    row("third an octave down", none, "/5/-2", "C#4");
+    row("major seventh", none, "/3/5", "G#5");
+    row("minor third", none, "/5/-3", "F#4");
+    row("septimal minor third", none, "/7/-3", "C5");
+    row("fifth of three octaves", none, "/2/2/2/-3", "D7");
+    row("tritone there and back", none, "/11/-11", "A4");
+    row("two 17s", none, "/17/17", "Cb5");
+    row("two 19s down", none, "/-19/-19", "D#4");
+    row("transposed back to the base", {-3}, "/3", "A4");
+    row("seventh transposed back", {7}, "/-7", "A4");
+    // Chains of thirds run into double sharps and flats and then give up.
+    row("two thirds", none, "/5/5", "E#5");
+    row("three thirds", none, "/5/5/5", "G##5");
+    row("three thirds down", none, "/-5/-5/-5", "Bbb3");
+    row("four thirds: B## is 55 cents off", none, "/5/5/5/5", "C6", true);
+    row("four thirds by transposition", {5}, "/5/5/5", "C6", true);
+    row("five thirds: D### is no spelling", none, "/5/5/5/5/5", "E6", true);
+    row("six thirds", none, "/5/5/5/5/5/5", "G#6", true);
+    row("four thirds down", none, "/-5/-5/-5/-5", "F#3", true);
+    row("two septimal sevenths", none, "/7/7", "E6", true);
+    row("two 13s", none, "/13/13", "D6", true);
+    row("three 19s: a diminished seventh", none, "/19/19/19", "Gb5");
+
+    // A base note named with a flat, tempered Ab4 from the options' list.
+    auto flatRow = [&](const char* name, const char* path, const char* spelling,
+                       bool enharmonic = false) {
+        QTest::newRow(name) << "Ab 4" << 415.304688f << 440 << none << path << spelling
+                            << enharmonic;
+    };
+    flatRow("Ab root", "/", "Ab4");
+    flatRow("Ab fifth", "/3", "Eb5");
+    flatRow("Ab fifth down", "/-3", "Db4");
+    flatRow("Ab third", "/5", "C5");
+    flatRow("Ab third down", "/-5", "Fb4");
+    flatRow("Ab two thirds down", "/-5/-5", "Dbb4");
+    flatRow("Ab seventh", "/7", "Gb5");
+    flatRow("Ab two fifths", "/3/3", "Bb5");
+
+    // Calibration 442 with the base at 440: every reading 7.85 cents lower.
+    auto calibratedRow = [&](const char* name, const char* path, const char* spelling,
+                             bool enharmonic = false) {
+        QTest::newRow(name) << "A 4" << 440.0f << 442 << none << path << spelling << enharmonic;
+    };
+    calibratedRow("442 root", "/", "A4");
+    calibratedRow("442 fifth", "/3", "E5");
+    calibratedRow("442 third", "/5", "C#5");
+    calibratedRow("442 seventh", "/7", "G5");
+    calibratedRow("442 11", "/11", "D5", true);
+    calibratedRow("442 six thirds", "/5/5/5/5/5/5", "G#6", true);
+}
+
+void TestNotation::cardSpelling()
+{
+    QFETCH(QString, baseNote);
+    QFETCH(float, baseFrequency);
+    QFETCH(int, calibration);
+    QFETCH(QList<int>, transposition);
+    QFETCH(QString, path);
+    QFETCH(QString, spelling);
+    QFETCH(bool, enharmonic);
+
+    setPitchReference(baseFrequency, baseNote, calibration);
+    transpose(transposition);
+
+    float frequency = 0.0f;
+    const Note note = cardNote(path, &frequency);
+    const double expectedFrequency =
+        baseFrequency * ratioOfSteps(transposition + stepsOfPath(path));
+    QVERIFY2(std::fabs(frequency - expectedFrequency) <= expectedFrequency * 2e-7,
+             qPrintable(QString::number(frequency)));
+
+    QCOMPARE(note.noteSpelling(), spelling);
+    QCOMPARE(note.isEnharmonic(), enharmonic);
+    // The cents are the just pitch against the tempered pitch of the spelling.
+    const double expectedCents = 1200.0 * std::log2(expectedFrequency / calibration) + 5700.0 -
+                                 100.0 * semitoneOfSpelling(spelling);
+    QVERIFY2(
+        std::fabs(note.cents() - expectedCents) < 0.01,
+        qPrintable(QStringLiteral("%1 cents, expected %2").arg(note.cents()).arg(expectedCents)));
+}
+
+void TestNotation::everyCardOfTheDefaultLattice_data()
+{
+    QTest::addColumn<QList<int>>("transposition");
+    QTest::addColumn<int>("calibration");
+    QTest::addColumn<QString>("baseNote");
+    QTest::addColumn<QString>("baseSpelling");
+    QTest::addColumn<int>("semitonesAboveA4");
+
+    QTest::newRow("untransposed") << QList<int>() << 440 << "A 4"
+                                  << "A4" << 0;
+    QTest::newRow("up a fifth") << QList<int>{3} << 440 << "A 4"
+                                << "A4" << 0;
+    QTest::newRow("up two thirds") << QList<int>{5, 5} << 440 << "A 4"
+                                   << "A4" << 0;
+    QTest::newRow("down a septimal seventh") << QList<int>{-7} << 440 << "A 4"
+                                             << "A4" << 0;
+    QTest::newRow("baroque pitch, C") << QList<int>{3, 3, 3, -2} << 415 << "C 4"
+                                      << "C4" << -9;
+    QTest::newRow("442, Gb") << QList<int>{-5} << 442 << "Gb 4"
+                             << "Gb4" << -3;
+}
+
+void TestNotation::everyCardOfTheDefaultLattice()
+{
+    QFETCH(QList<int>, transposition);
+    QFETCH(int, calibration);
+    QFETCH(QString, baseNote);
+    QFETCH(QString, baseSpelling);
+    QFETCH(int, semitonesAboveA4);
+
+    // The base frequency as the options make it from calibration and name.
+    const float baseFrequency =
+        static_cast<float>(calibration * (440.0 * std::pow(2.0, semitonesAboveA4 / 12.0)) / 440.0);
+    setPitchReference(baseFrequency, baseNote, calibration);
+    mLattice->initWithDefaults();
+    transpose(transposition);
+
+    QList<const ArboBall*> nodes{mLattice->root()};
+    int spelledByIntervals = 0;
+    for (int i = 0; i < nodes.size(); ++i) {
+        const ArboBall* node = nodes.at(i);
+        for (const ArboBall* child : node->children()) {
+            nodes.append(child);
+        }
+        QCOMPARE(node->lattice(), mLattice);
+
+        const float frequency = CardNote::justFrequency(node);
+        const Note note = CardNote::noteForBall(node, frequency);
+        const QList<int> steps = transposition + node->path().toList();
+        const QString what = node->path().toString() + QStringLiteral(" -> ") +
+                             note.noteSpelling() + QLatin1Char(' ') + QString::number(note.cents());
+
+        // The spelling and its cents name the pitch that sounds.
+        const double pitch =
+            12.0 * std::log2(baseFrequency * ratioOfSteps(steps) / calibration) + 57.0;
+        QVERIFY2(std::fabs(semitoneOfSpelling(note.noteSpelling()) + note.cents() / 100.0 - pitch) <
+                     1e-4,
+                 qPrintable(what));
+        QVERIFY2(note.cents() > -49.5f && note.cents() <= 50.5f, qPrintable(what));
+        QVERIFY2(note.accidental() >= -2 && note.accidental() <= 2, qPrintable(what));
+
+        // A note that kept its intervals has moved by them: as many letters
+        // and tempered semitones as a musician counts along the way.
+        if (!note.isEnharmonic()) {
+            int letters = diatonicOfSpelling(baseSpelling);
+            int semitones = static_cast<int>(semitoneOfSpelling(baseSpelling));
+            for (int step : steps) {
+                letters += moveOfStep(step).letters;
+                semitones += moveOfStep(step).semitones;
+            }
+            QVERIFY2(diatonicOfSpelling(note.noteSpelling()) == letters, qPrintable(what));
+            QVERIFY2(semitoneOfSpelling(note.noteSpelling()) == semitones, qPrintable(what));
+            ++spelledByIntervals;
+        }
+    }
+    QCOMPARE(nodes.size(), 19 * 19);
+    // Most cards keep their intervals, so the check above is not vacuous.
+    QVERIFY2(spelledByIntervals > nodes.size() / 2,
+             qPrintable(QString::number(spelledByIntervals)));
+}
+
+void TestNotation::cardWithoutLattice()
+{
+    // Before a lattice is registered, the options' base frequency is used and
+    // nothing is transposed.
+    AppContext::setLattice(nullptr);
+    mOptions.mBaseFrequency = 415.304688f;
+    mOptions.mBaseNote = QStringLiteral("Ab 4");
+    const ArboBall node(ArboPath(QStringLiteral("/3")), Arbo::WHITE, nullptr);
+    const float frequency = CardNote::justFrequency(&node);
+    AppContext::setLattice(mLattice);
+    QVERIFY(std::fabs(frequency - 415.304688f * 1.5f) < 1e-3f);
+    AppContext::setLattice(nullptr);
+    const Note note = CardNote::noteForBall(&node, frequency);
+    AppContext::setLattice(mLattice);
+    QCOMPARE(note.noteSpelling(), QStringLiteral("Eb5"));
 }
 
 ARBO_TEST_MAIN(TestNotation)

@@ -248,8 +248,11 @@ float Note::toFrequency() const
     // frequency of the spelled pitch at concert pitch, the way the note reads
     // on paper. Its one user inside the notation is an interval added to an
     // enharmonic note, which goes out through here and back through
-    // storeFromFreq; under a calibration other than 440 such a step therefore
-    // also carries the calibration's offset (-7.85 cents at 442 Hz).
+    // storeFromFreq; under a calibration other than 440 such a step also
+    // carries the calibration's offset (-7.85 cents at 442 Hz). A card does
+    // not show that offset: its cents are measured last, from the just
+    // frequency itself, so only the choice of spelling near a border can
+    // differ, never the pitch the card names.
     const float pitch = toSemitonePitch();
     const float f0 = 440.0f;
     const float a = 1.0594631f;

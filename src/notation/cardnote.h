@@ -1,0 +1,31 @@
+#pragma once
+
+#include "notation/note.h"
+
+class ArboBall;
+
+// The note that a card shows for a node of the lattice, worked out without any
+// widget so that the card only has to draw it.
+//
+// Both functions read the node's lattice (its base frequency, transposition
+// and transposition steps; for a node outside any tree the registered
+// AppContext::lattice()) and the options, so they belong to the GUI thread.
+// Without any lattice they take the options' base frequency and no
+// transposition.
+class CardNote
+{
+public:
+    // The frequency the node sounds at: the lattice's base frequency times the
+    // transposition ratio times the node's ratio, the product taken as one
+    // exact fraction and converted the way the sound engine converts it, so
+    // that the card shows the frequency that is actually played.
+    static float justFrequency(const ArboBall* node);
+
+    // Spells the node as a musician reads it: the base note (named as the
+    // user named it), moved by the interval of each transposition step and
+    // then of each step of the node's path, keeps the spelling those intervals
+    // give; the cents say how far `justFrequency` lies from that spelled
+    // pitch in equal temperament. Beyond half a semitone, or past a double
+    // sharp or flat, the note is spelled enharmonically (Note::isEnharmonic).
+    static Note noteForBall(const ArboBall* node, float justFrequency);
+};
