@@ -158,16 +158,38 @@ bool TuningArboApplication::init()
     // 14.
     syncFromSettings();
 
+    // 15. The wands, only when the user has written a tag map; without one
+    // the instrument is played with the mouse and nothing is said about it.
+    if (QFileInfo::exists(configDir + QStringLiteral("/rfid_map.json"))) {
+        // Direct: the player copies each event into its serial ring on the
+        // listener's thread, the ring's one writer; the event stays the map's.
+        connect(&mUdpListener, &UdpListener::eventReceived, &mPlayer, &PdPlayer::queueEventSerial,
+                Qt::DirectConnection);
+        connect(&mUdpListener, &UdpListener::fatalError, this,
+                &TuningArboApplication::onUdpFatalError, Qt::QueuedConnection);
+        mUdpListener.start(QThread::InheritPriority);
+    }
+
     return true;
 }
 
 void TuningArboApplication::term()
 {
     syncToSettings();
+    mUdpListener.term();
     mPlayer.term();
     mAudioOutput.term();
     mSettings.term();
     removeLogHandler();
+}
+
+void TuningArboApplication::onUdpFatalError(QString error)
+{
+    QMessageBox::critical(nullptr, applicationName(),
+                          tr("Failed to connect to the arbo, only screen-based interaction will "
+                             "be possible.\n\nError: %1")
+                              .arg(error),
+                          QMessageBox::Ok);
 }
 
 void TuningArboApplication::syncFromSettings()

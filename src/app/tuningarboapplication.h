@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/unixsignalwatcher.h"
+#include "input/udplistener.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
 #include "sound/pdplayer.h"
@@ -54,6 +55,7 @@ public:
     static void loggingMessageHandler(QtMsgType type, const QMessageLogContext& context,
                                       const QString& message);
 
+    UdpListener mUdpListener;
     PdPlayer mPlayer;
     PaAudioOutput mAudioOutput;
     Settings mSettings;
@@ -65,6 +67,10 @@ public:
 
 signals:
     void diagnosticMessage(const QString& message);
+
+public slots:
+    // The wand listener cannot work: says so and goes on with the mouse only.
+    void onUdpFatalError(QString error);
 
 private:
     // Shows the critical start-up message box and logs the same text.
