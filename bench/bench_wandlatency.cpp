@@ -1,0 +1,269 @@
+// How long a wand's note takes through the program: from the sendto() of the
+// datagram to the audio callback that carries the note out (the player's
+// noteToggled, timed on the audio thread by a direct connection).
+//
+// The real pieces: the UDP listener thread with its tag map, the player's
+// serial ring, PaAudioOutput on a private JACK server (dummy driver, 44100 Hz,
+// 256 frames) playing Sine.pd. One tag toggles the note at /3, ARBO_BENCH_NOTES
+// times (400 by default), at random moments so that the datagrams fall on
+// every phase of the buffer period. Most of the latency is the wait for the
+// next callback, up to one period: goal p99 at most one period plus 1 ms.
+// udp_*: the share up to the listener's emission (the socket and the
+// listener's wake-up); ring_*: from there to the callback, which is the wait
+// for the next buffer plus whatever delays the audio thread (xruns counts the
+// buffers the device missed meanwhile; on a busy machine with JACK not
+// running in real time they, not the program, set the tail). output_latency_ms is what PortAudio
+// reports for the stream, which the player hears on top.
+
+#include "input/arbonoteevent.h"
+#include "input/udplistener.h"
+#include "input/wanddatagram.h"
+#include "jackfixture.h"
+#include "settings/appcontext.h"
+#include "settings/settings.h"
+#include "sound/paaudiooutput.h"
+#include "sound/patchloader.h"
+#include "sound/pdplayer.h"
+#include "testsupport.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QHostAddress>
+#include <QLoggingCategory>
+#include <QThread>
+#include <QUdpSocket>
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <random>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int SR = 44100;
+constexpr int FRAMES = 256;
+const QByteArray TAG = "04a1b2c3d4";
+
+PdPlayer* sPlayer = nullptr;
+Settings* sSettings = nullptr;
+std::atomic<bool> sListening{false};
+QtMessageHandler sDefaultHandler = nullptr;
+
+void watchMessages(QtMsgType type, const QMessageLogContext& context, const QString& text)
+{
+    if (text.startsWith(QLatin1String("UDP socket opened on port"))) {
+        sListening = true;
+    }
+    sDefaultHandler(type, context, text);
+}
+
+// Times written by other threads into slots reserved beforehand: no
+// allocation or lock where they are taken.
+class Stamps
+{
+public:
+    explicit Stamps(int capacity) : mTimes(std::size_t(capacity)) {}
+    void stamp()
+    {
+        const int i = mCount.fetch_add(1, std::memory_order_relaxed);
+        if (i < int(mTimes.size())) {
+            mTimes[std::size_t(i)] = Clock::now();
+            mDone.store(i + 1, std::memory_order_release);
+        }
+    }
+    int done() const { return mDone.load(std::memory_order_acquire); }
+    Clock::time_point at(int i) const { return mTimes[std::size_t(i)]; }
+
+private:
+    std::vector<Clock::time_point> mTimes;
+    std::atomic<int> mCount{0};
+    std::atomic<int> mDone{0};
+};
+
+bool installShellPatches()
+{
+    const QDir shell(TestSupport::binDir() + QStringLiteral("/patches/shell"));
+    QDir().mkpath(AppContext::patchDir());
+    const QStringList names = shell.entryList({QStringLiteral("*.pd")}, QDir::Files);
+    for (const QString& name : names) {
+        const QString target = AppContext::patchDir() + QLatin1Char('/') + name;
+        QFile::remove(target);
+        if (!QFile::copy(shell.filePath(name), target)) {
+            return false;
+        }
+    }
+    return !names.isEmpty();
+}
+
+double percentileMs(std::vector<double> values, double p)
+{
+    std::sort(values.begin(), values.end());
+    const std::size_t i = std::min(values.size() - 1, std::size_t(p * double(values.size())));
+    return values[i];
+}
+
+void wandToCallback(benchmark::State& state)
+{
+    const QByteArray notesText = qgetenv("ARBO_BENCH_NOTES");
+    const int notes = notesText.isEmpty() ? 400 : notesText.toInt();
+    if (!JackFixture::toolsAvailable()) {
+        state.SkipWithError("jackd is not installed");
+        return;
+    }
+    JackFixture jack;
+    if (!jack.start(SR, FRAMES)) {
+        state.SkipWithError(qPrintable(jack.error()));
+        return;
+    }
+    jack.applyToThisProcess();
+
+    PaAudioOutput output;
+    AppContext::setAudioOutput(&output);
+    if (!output.init(FRAMES, -1, sPlayer) ||
+        !PatchLoader::loadVoice(sPlayer,
+                                TestSupport::binDir() + QStringLiteral("/patches/Sine.pd"))) {
+        state.SkipWithError("could not open the JACK device or the voice");
+        output.term();
+        AppContext::setAudioOutput(nullptr);
+        return;
+    }
+
+    for (auto _ : state) {
+        Stamps sent(notes);
+        Stamps emitted(notes);
+        Stamps carriedOut(notes);
+
+        {
+            QUdpSocket probe;
+            probe.bind(QHostAddress::Any, 0, QUdpSocket::DontShareAddress);
+            sSettings->mUdpPort = probe.localPort();
+        }
+        UdpListener listener;
+        // Connected first, so called first: the moment the listener hands the
+        // event over, just before the player copies it into the ring.
+        QObject::connect(
+            &listener, &UdpListener::eventReceived, &listener,
+            [&emitted](const ArboEvent*) { emitted.stamp(); }, Qt::DirectConnection);
+        QObject::connect(&listener, &UdpListener::eventReceived, sPlayer,
+                         &PdPlayer::queueEventSerial, Qt::DirectConnection);
+        QObject::connect(
+            sPlayer, &PdPlayer::noteToggled, &listener,
+            [&carriedOut](const ArboRatio&, bool) { carriedOut.stamp(); }, Qt::DirectConnection);
+        sListening = false;
+        listener.start();
+        while (!sListening && !listener.isFinished()) {
+            QThread::msleep(1);
+        }
+
+        output.callbackStats().requestReset();
+        QUdpSocket sender;
+        const QByteArray datagram = WandDatagram(1, TAG).toBytes();
+        const quint16 port = quint16(sSettings->mUdpPort);
+        std::mt19937 random(1);
+        std::uniform_int_distribution<int> pauseUs(2000, 12000);
+        int lost = 0;
+        for (int i = 0; i < notes; ++i) {
+            QThread::usleep(static_cast<unsigned long>(pauseUs(random)));
+            sent.stamp();
+            sender.writeDatagram(datagram, QHostAddress::LocalHost, port);
+            const Clock::time_point deadline = Clock::now() + std::chrono::seconds(1);
+            while (carriedOut.done() <= i - lost && Clock::now() < deadline) {
+                QThread::usleep(100);
+            }
+            if (carriedOut.done() <= i - lost) {
+                ++lost; // never carried out: counted, not timed
+            }
+        }
+        listener.term();
+        // The toggles alternate on and off; leave the note off.
+        const int count = std::min(carriedOut.done(), emitted.done());
+        if (count % 2 == 1) {
+            const ArboNoteEvent off(QStringLiteral("/3"));
+            sPlayer->queueEventGui(&off);
+        }
+
+        std::vector<double> total;
+        std::vector<double> udp;
+        std::vector<double> ring;
+        for (int i = 0; i < count && lost == 0; ++i) {
+            total.push_back(
+                std::chrono::duration<double, std::milli>(carriedOut.at(i) - sent.at(i)).count());
+            udp.push_back(
+                std::chrono::duration<double, std::milli>(emitted.at(i) - sent.at(i)).count());
+            ring.push_back(
+                std::chrono::duration<double, std::milli>(carriedOut.at(i) - emitted.at(i))
+                    .count());
+        }
+        if (total.empty()) {
+            state.SkipWithError("no note was carried out");
+            break;
+        }
+        const double period = 1000.0 * FRAMES / SR;
+        state.SetIterationTime(1e-3 * percentileMs(total, 0.5));
+        state.counters["notes"] = double(total.size());
+        state.counters["lost"] = lost;
+        state.counters["p50_ms"] = percentileMs(total, 0.5);
+        state.counters["p99_ms"] = percentileMs(total, 0.99);
+        state.counters["max_ms"] = percentileMs(total, 1.0);
+        state.counters["goal_ms"] = period + 1.0;
+        state.counters["period_ms"] = period;
+        state.counters["udp_p50_ms"] = percentileMs(udp, 0.5);
+        state.counters["udp_p99_ms"] = percentileMs(udp, 0.99);
+        state.counters["udp_max_ms"] = percentileMs(udp, 1.0);
+        state.counters["ring_p99_ms"] = percentileMs(ring, 0.99);
+        state.counters["ring_max_ms"] = percentileMs(ring, 1.0);
+        state.counters["output_latency_ms"] = output.streamOutputLatency() * 1e3;
+        state.counters["xruns"] = double(output.callbackStats().snapshot().underflows);
+    }
+    QThread::msleep(500);
+    sPlayer->unloadPatch();
+    output.term();
+    AppContext::setAudioOutput(nullptr);
+    jack.stop();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    TestSupport::isolateHome();
+    QCoreApplication app(argc, argv);
+    app.setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
+    // As in a performance without diagnostics: no note-by-note debug lines.
+    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+    sDefaultHandler = qInstallMessageHandler(watchMessages);
+
+    Settings settings;
+    sSettings = &settings;
+    AppContext::setSettings(&settings);
+    PdPlayer player;
+    sPlayer = &player;
+    AppContext::setPlayer(&player);
+    const QByteArray map = "{ \"" + TAG + "\": { \"event\": 0, \"value\": \"/3\" } }";
+    if (!player.init() || !installShellPatches() ||
+        !TestSupport::writeFile(AppContext::configDir() + QStringLiteral("/rfid_map.json"), map)) {
+        std::fprintf(stderr, "libpd, the patches or the tag map did not start\n");
+        return 1;
+    }
+
+    benchmark::RegisterBenchmark("wand_to_callback/256_frames", wandToCallback)
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime()
+        ->Iterations(1);
+
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    AppContext::setPlayer(nullptr);
+    AppContext::setSettings(nullptr);
+    return 0;
+}
