@@ -2,6 +2,7 @@
 
 #include "input/arboevent.h"
 #include "settings/appcontext.h"
+#include "ui/mainwindow.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -54,6 +55,7 @@ TuningArboApplication::TuningArboApplication(int& argc, char** argv) : QApplicat
         mFlags.insert(word.toLower());
     }
 
+    AppContext::setLattice(&mArbo);
     AppContext::setPlayer(&mPlayer);
     AppContext::setAudioOutput(&mAudioOutput);
     AppContext::setSettings(&mSettings);
@@ -65,10 +67,13 @@ TuningArboApplication::TuningArboApplication(int& argc, char** argv) : QApplicat
 
 TuningArboApplication::~TuningArboApplication()
 {
+    delete mMainWindow;
+    mMainWindow = nullptr;
     removeLogHandler();
     AppContext::setSettings(nullptr);
     AppContext::setAudioOutput(nullptr);
     AppContext::setPlayer(nullptr);
+    AppContext::setLattice(nullptr);
 }
 
 TuningArboApplication* TuningArboApplication::instance()
@@ -155,6 +160,18 @@ bool TuningArboApplication::init()
         return false;
     }
 
+    // 12. The lattice, loaded from its file or made from the defaults; it
+    // follows the player's signals from now on.
+    if (!mArbo.init(&mPlayer)) {
+        fatalStartupMessage(
+            QStringLiteral("Arbo initialisation failed.\n\nThe program will now shut down."));
+        return false;
+    }
+
+    // 13.
+    mMainWindow = new MainWindow(&mArbo);
+    mMainWindow->show();
+
     // 14.
     syncFromSettings();
 
@@ -177,6 +194,7 @@ void TuningArboApplication::term()
 {
     syncToSettings();
     mUdpListener.term();
+    mArbo.term();
     mPlayer.term();
     mAudioOutput.term();
     mSettings.term();
@@ -194,6 +212,18 @@ void TuningArboApplication::onUdpFatalError(QString error)
 
 void TuningArboApplication::syncFromSettings()
 {
+    if (mMainWindow) {
+        if (mSettings.mWindowSize != QSize(-1, -1)) {
+            mMainWindow->resize(mSettings.mWindowSize);
+        }
+        if (mSettings.mWindowPos != QPoint(-1, -1)) {
+            mMainWindow->move(mSettings.mWindowPos);
+        }
+        if (mSettings.mWindowMaximized) {
+            mMainWindow->showMaximized();
+        }
+    }
+
     const ArboEvent events[] = {
         ArboEvent(ArboEvent::BaseFrequency, mSettings.mBaseFrequency),
         ArboEvent(ArboEvent::MasterVolume, mSettings.mMasterVolume),
@@ -213,6 +243,14 @@ void TuningArboApplication::syncFromSettings()
 
 void TuningArboApplication::syncToSettings()
 {
+    if (mMainWindow) {
+        // A maximised window keeps its last normal geometry in the options.
+        mSettings.mWindowMaximized = mMainWindow->isMaximized();
+        if (!mSettings.mWindowMaximized) {
+            mSettings.mWindowSize = mMainWindow->size();
+            mSettings.mWindowPos = mMainWindow->pos();
+        }
+    }
     // The device actually opened, which after a fallback is not the one the
     // options asked for.
     mSettings.mAudioDevice = mAudioOutput.selectedDevice();

@@ -2,6 +2,7 @@
 
 #include "app/unixsignalwatcher.h"
 #include "input/udplistener.h"
+#include "model/arbo.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
 #include "sound/pdplayer.h"
@@ -18,6 +19,8 @@
 // The members are public: the user interface reaches them directly through
 // TuningArboApplication::instance(). Code below the user interface reaches
 // the same objects through AppContext, which the constructor fills in.
+class MainWindow;
+
 class TuningArboApplication : public QApplication
 {
     Q_OBJECT
@@ -55,6 +58,8 @@ public:
     static void loggingMessageHandler(QtMsgType type, const QMessageLogContext& context,
                                       const QString& message);
 
+    MainWindow* mMainWindow = nullptr;
+    Arbo mArbo;
     UdpListener mUdpListener;
     PdPlayer mPlayer;
     PaAudioOutput mAudioOutput;
