@@ -804,7 +804,17 @@ private slots:
     // locale German the patches load with the right numbers.
     void decimalCommaLocale()
     {
-        const QByteArray previous = std::setlocale(LC_ALL, nullptr);
+        // Whatever happens below, the rest of the process gets its locale back.
+        struct LocaleRestorer
+        {
+            QByteArray previous = std::setlocale(LC_ALL, nullptr);
+            ~LocaleRestorer()
+            {
+                std::setlocale(LC_ALL, previous.constData());
+                std::setlocale(LC_NUMERIC, "C");
+                qunsetenv("LOCPATH");
+            }
+        } restorer;
         QByteArray german;
         for (const char* name :
              {"de_DE.UTF-8", "de_DE.utf8", "de_DE", "fr_FR.UTF-8", "fr_FR.utf8"}) {
@@ -830,7 +840,6 @@ private slots:
             }
         }
         if (german.isEmpty()) {
-            qunsetenv("LOCPATH");
             QSKIP("No decimal-comma locale is installed and localedef could not build one");
         }
         QCOMPARE(std::localeconv()->decimal_point[0], ',');
@@ -854,6 +863,7 @@ private slots:
         Rig::clearCaptured();
         handle = Rig::openFile(probe);
         Rig::closeFile(handle);
+        QCOMPARE(int(Rig::voiceInfos().size()), 1);
         QCOMPARE(Rig::voiceInfos()[0][0], std::string("0.25"));
         QVERIFY(openVoice(Rig::voiceDir() + QStringLiteral("/Sine.pd")));
         const MacroInfo info = applyDefaults();
@@ -865,10 +875,6 @@ private slots:
             measureFrequency(out, framesFor(0.3), long(out.size()), 660.0, SR);
         QVERIFY(std::abs(cents(est.frequency, 660.0)) < 0.1);
         Rig::close();
-
-        std::setlocale(LC_ALL, previous.constData());
-        std::setlocale(LC_NUMERIC, "C");
-        qunsetenv("LOCPATH");
     }
 };
 
