@@ -281,4 +281,67 @@ double dominantFrequency(const QVector<float>& samples, double sampleRate, doubl
     return peaks.isEmpty() ? 0.0 : peaks.first().frequency;
 }
 
+double cents(double frequency, double reference)
+{
+    return 1200.0 * std::log2(frequency / reference);
+}
+
+std::complex<double> demodulate(const float* x, long start, long length, double frequency,
+                                double sampleRate)
+{
+    const double w = 2.0 * M_PI * frequency / sampleRate;
+    std::complex<double> sum;
+    double weights = 0.0;
+    std::complex<double> rot = std::polar(1.0, -w * double(start));
+    const std::complex<double> step = std::polar(1.0, -w);
+    for (long n = 0; n < length; ++n) {
+        const double hann = 0.5 - 0.5 * std::cos(2.0 * M_PI * (n + 0.5) / length);
+        sum += hann * double(x[start + n]) * rot;
+        weights += hann;
+        rot *= step;
+        if ((n & 1023) == 1023) {
+            rot /= std::abs(rot); // keep the rotator on the unit circle
+        }
+    }
+    return 2.0 * sum / weights;
+}
+
+ToneEstimate measureTone(const float* samples, long start, long end, double nominal,
+                         double sampleRate)
+{
+    const long window = long(sampleRate / 20);
+    std::vector<double> times;
+    std::vector<double> phases;
+    ToneEstimate result;
+    result.minAmplitude = std::numeric_limits<double>::max();
+    for (long at = start; at + window <= end; at += window) {
+        const std::complex<double> c = demodulate(samples, at, window, nominal, sampleRate);
+        result.minAmplitude = std::min(result.minAmplitude, std::abs(c));
+        const double phase = std::arg(c);
+        double unwrapped = phase;
+        if (!phases.empty()) {
+            const double step =
+                std::remainder(phase - std::remainder(phases.back(), 2.0 * M_PI), 2.0 * M_PI);
+            unwrapped = phases.back() + step;
+        }
+        phases.push_back(unwrapped);
+        times.push_back((double(at) + window / 2.0) / sampleRate);
+    }
+    if (times.size() < 2) {
+        result.minAmplitude = 0.0;
+        return result;
+    }
+    const double n = double(times.size());
+    double st = 0, sp = 0, stt = 0, stp = 0;
+    for (size_t i = 0; i < times.size(); ++i) {
+        st += times[i];
+        sp += phases[i];
+        stt += times[i] * times[i];
+        stp += times[i] * phases[i];
+    }
+    const double slope = (n * stp - st * sp) / (n * stt - st * st);
+    result.frequency = nominal + slope / (2.0 * M_PI);
+    return result;
+}
+
 } // namespace AudioAnalysis

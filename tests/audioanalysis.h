@@ -3,6 +3,8 @@
 #include <QString>
 #include <QVector>
 
+#include <complex>
+
 // Reading recorded audio and finding what sounds in it: a WAV reader and a
 // spectral peak finder, for tests that listen to the program's output.
 namespace AudioAnalysis {
@@ -53,5 +55,30 @@ QVector<Peak> spectralPeaks(const QVector<float>& samples, double sampleRate, in
 // The frequency of the strongest peak; 0 when there is none (silence).
 double dominantFrequency(const QVector<float>& samples, double sampleRate, double minHz = 20.0,
                          double maxHz = 20000.0);
+
+// 1200 · log2(frequency / reference).
+double cents(double frequency, double reference);
+
+// Complex amplitude of the component at `frequency` in a Hann window over
+// samples [start, start + length), its phase referred to sample 0, so that
+// windows at different places compare directly.
+std::complex<double> demodulate(const float* samples, long start, long length, double frequency,
+                                double sampleRate);
+
+struct ToneEstimate
+{
+    double frequency = 0.0;    // Hz
+    double minAmplitude = 0.0; // smallest amplitude of the tone in any window
+};
+
+// The frequency of the steady tone near `nominal` in samples [start, end),
+// precise enough to judge tuning to far below 0.1 cent: the tone's phase in
+// consecutive 50 ms windows, unwrapped and fitted by least squares. A window-
+// to-window phase step is unambiguous within ±10 Hz of `nominal`; over 2 s a
+// 0.1 cent error at 660 Hz turns the phase by 0.48 rad, while the fit
+// resolves far below 1e-3 rad. `minAmplitude` tells whether the tone really
+// sounded throughout.
+ToneEstimate measureTone(const float* samples, long start, long end, double nominal,
+                         double sampleRate);
 
 } // namespace AudioAnalysis

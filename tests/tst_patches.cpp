@@ -1,6 +1,7 @@
 // The instrument's Pd patches, run by the real libpd: tuning, envelopes,
 // voice bookkeeping, master volume, bus limiting, macros, and loading.
 
+#include "audioanalysis.h"
 #include "pdpatchrig.h"
 #include "testsupport.h"
 
@@ -37,78 +38,18 @@ long framesFor(double seconds, int sampleRate = SR)
     return (frames + BLOCK - 1) / BLOCK * BLOCK;
 }
 
-double cents(double frequency, double reference)
-{
-    return 1200.0 * std::log2(frequency / reference);
-}
+using AudioAnalysis::cents;
 
-// Complex amplitude of the component at `frequency` in a Hann window over
-// x[start, start + length), phase referred to sample 0 of the signal, so that
-// windows at different places compare directly.
 std::complex<double> demodulate(const Signal& x, long start, long length, double frequency,
                                 int sampleRate)
 {
-    const double w = 2.0 * M_PI * frequency / sampleRate;
-    std::complex<double> sum;
-    double weights = 0.0;
-    std::complex<double> rot = std::polar(1.0, -w * double(start));
-    const std::complex<double> step = std::polar(1.0, -w);
-    for (long n = 0; n < length; ++n) {
-        const double hann = 0.5 - 0.5 * std::cos(2.0 * M_PI * (n + 0.5) / length);
-        sum += hann * double(x[size_t(start + n)]) * rot;
-        weights += hann;
-        rot *= step;
-        if ((n & 1023) == 1023) {
-            rot /= std::abs(rot); // keep the rotator on the unit circle
-        }
-    }
-    return 2.0 * sum / weights;
+    return AudioAnalysis::demodulate(x.data(), start, length, frequency, sampleRate);
 }
 
-struct FrequencyEstimate
+AudioAnalysis::ToneEstimate measureFrequency(const Signal& x, long start, long end, double nominal,
+                                             int sampleRate)
 {
-    double frequency = 0.0;
-    double minAmplitude = 0.0; // smallest amplitude of the component in any window
-};
-
-// Frequency of the component near `nominal`: its phase in consecutive 50 ms
-// windows, unwrapped, fitted by least squares. A window-to-window phase step
-// is unambiguous within +-10 Hz of `nominal`; over 2 s a 0.1 cent error at
-// 660 Hz turns the phase by 0.48 rad, while the fit resolves far below 1e-3 rad.
-FrequencyEstimate measureFrequency(const Signal& x, long start, long end, double nominal,
-                                   int sampleRate)
-{
-    const long window = sampleRate / 20;
-    std::vector<double> times;
-    std::vector<double> phases;
-    FrequencyEstimate result;
-    result.minAmplitude = 1e9;
-    double unwrapped = 0.0;
-    for (long at = start; at + window <= end; at += window) {
-        const std::complex<double> c = demodulate(x, at, window, nominal, sampleRate);
-        result.minAmplitude = std::min(result.minAmplitude, std::abs(c));
-        const double phase = std::arg(c);
-        if (phases.empty()) {
-            unwrapped = phase;
-        } else {
-            double step = phase - std::remainder(phases.back(), 2.0 * M_PI);
-            step = std::remainder(step, 2.0 * M_PI);
-            unwrapped = phases.back() + step;
-        }
-        phases.push_back(unwrapped);
-        times.push_back((at + window / 2.0) / sampleRate);
-    }
-    const double n = double(times.size());
-    double st = 0, sp = 0, stt = 0, stp = 0;
-    for (size_t i = 0; i < times.size(); ++i) {
-        st += times[i];
-        sp += phases[i];
-        stt += times[i] * times[i];
-        stp += times[i] * phases[i];
-    }
-    const double slope = (n * stp - st * sp) / (n * stt - st * st);
-    result.frequency = nominal + slope / (2.0 * M_PI);
-    return result;
+    return AudioAnalysis::measureTone(x.data(), start, end, nominal, sampleRate);
 }
 
 float peak(const Signal& x, long from = 0, long to = -1)
@@ -390,7 +331,7 @@ private slots:
         Signal out;
         Rig::render(framesFor(2.6, sampleRate), &out);
         const long start = framesFor(0.3, sampleRate);
-        const FrequencyEstimate est =
+        const AudioAnalysis::ToneEstimate est =
             measureFrequency(out, start, long(out.size()), frequency, sampleRate);
         const double error = cents(est.frequency, frequency);
         qInfo("%s: %.9f Hz, %.6f cents", QTest::currentDataTag(), est.frequency, error);
@@ -871,7 +812,7 @@ private slots:
         Rig::noteOn(1, 660.0f);
         Signal out;
         Rig::render(framesFor(1.3), &out);
-        const FrequencyEstimate est =
+        const AudioAnalysis::ToneEstimate est =
             measureFrequency(out, framesFor(0.3), long(out.size()), 660.0, SR);
         QVERIFY(std::abs(cents(est.frequency, 660.0)) < 0.1);
         Rig::close();
