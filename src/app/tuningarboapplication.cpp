@@ -2,6 +2,7 @@
 
 #include "input/arboevent.h"
 #include "settings/appcontext.h"
+#include "sound/patchloader.h"
 #include "ui/mainwindow.h"
 
 #include <QDateTime>
@@ -24,20 +25,6 @@ namespace {
 // The application whose handler is installed. Read by the handler on any
 // thread; written only while no other thread logs (start-up and shutdown).
 std::atomic<TuningArboApplication*> sLoggingApp{nullptr};
-
-const QString SHELL_PATCHES[] = {
-    QStringLiteral("arbo_main.pd"),       QStringLiteral("arbo_vprep.pd"),
-    QStringLiteral("equal-loudness.pd"),  QStringLiteral("tb_compressor~.pd"),
-    QStringLiteral("tb_compressorUI.pd"),
-};
-
-// The creation time where the file system records one; otherwise the time
-// the file's metadata last changed, which a fresh copy also renews.
-QDateTime creationTime(const QFileInfo& info)
-{
-    const QDateTime birth = info.birthTime();
-    return birth.isValid() ? birth : info.metadataChangeTime();
-}
 
 } // namespace
 
@@ -296,31 +283,12 @@ bool TuningArboApplication::loadStyleSheet()
 
 bool TuningArboApplication::initPatchFolder()
 {
-    const QString patchDir = AppContext::patchDir();
-    QDir().mkpath(patchDir); // a failure shows in the copies below
-    const QString shellDir = AppContext::resourceDir() + QStringLiteral("/patches/shell/");
-    bool ok = true;
-    for (const QString& name : SHELL_PATCHES) {
-        ok = copyFile(shellDir + name, patchDir + QLatin1Char('/') + name) && ok;
-    }
-    return ok;
+    return PatchLoader::installShellPatches();
 }
 
 bool TuningArboApplication::copyFile(const QString& source, const QString& target)
 {
-    const QFileInfo targetInfo(target);
-    if (targetInfo.exists() && !(creationTime(targetInfo) < creationTime(QFileInfo(source)))) {
-        return true; // the runtime copy is current
-    }
-    if (targetInfo.exists() && !QFile::remove(target)) {
-        qCritical() << "Failed to delete" << target << "before copying";
-        return false;
-    }
-    if (!QFile::copy(source, target)) {
-        qCritical() << "Failed to copy" << source << "to" << target;
-        return false;
-    }
-    return true;
+    return PatchLoader::copyIfNewer(source, target);
 }
 
 bool TuningArboApplication::openLogFile(const QString& path)

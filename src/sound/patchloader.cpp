@@ -3,9 +3,62 @@
 #include "settings/appcontext.h"
 #include "sound/pdplayer.h"
 
+#include <QDateTime>
 #include <QDebug>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
+
+namespace {
+
+// The creation time where the file system records one; otherwise the time
+// the file's metadata last changed, which a fresh copy also renews.
+QDateTime creationTime(const QFileInfo& info)
+{
+    const QDateTime birth = info.birthTime();
+    return birth.isValid() ? birth : info.metadataChangeTime();
+}
+
+} // namespace
+
+const QStringList& PatchLoader::shellPatches()
+{
+    static const QStringList names = {
+        QStringLiteral("arbo_main.pd"),       QStringLiteral("arbo_vprep.pd"),
+        QStringLiteral("equal-loudness.pd"),  QStringLiteral("tb_compressor~.pd"),
+        QStringLiteral("tb_compressorUI.pd"),
+    };
+    return names;
+}
+
+bool PatchLoader::installShellPatches()
+{
+    const QString patchDir = AppContext::patchDir();
+    QDir().mkpath(patchDir); // a failure shows in the copies below
+    const QString shellDir = AppContext::resourceDir() + QStringLiteral("/patches/shell/");
+    bool ok = true;
+    for (const QString& name : shellPatches()) {
+        ok = copyIfNewer(shellDir + name, patchDir + QLatin1Char('/') + name) && ok;
+    }
+    return ok;
+}
+
+bool PatchLoader::copyIfNewer(const QString& source, const QString& target)
+{
+    const QFileInfo targetInfo(target);
+    if (targetInfo.exists() && !(creationTime(targetInfo) < creationTime(QFileInfo(source)))) {
+        return true; // the runtime copy is current
+    }
+    if (targetInfo.exists() && !QFile::remove(target)) {
+        qCritical() << "Failed to delete" << target << "before copying";
+        return false;
+    }
+    if (!QFile::copy(source, target)) {
+        qCritical() << "Failed to copy" << source << "to" << target;
+        return false;
+    }
+    return true;
+}
 
 QString PatchLoader::voiceFile()
 {

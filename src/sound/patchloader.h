@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 class PdPlayer;
 
@@ -16,6 +17,20 @@ public:
     // The runtime copy of the voice and the main patch that plays it.
     static QString voiceFile();
     static QString mainPatchFile();
+
+    // The engine's own patches, copied from the resource folder's
+    // "patches/shell" into the runtime patch folder at every start.
+    static const QStringList& shellPatches();
+
+    // Copies the shell patches into the runtime patch folder (made if
+    // missing), each only when the copy there is older than the resource.
+    // True when all of them are in place.
+    static bool installShellPatches();
+
+    // Copies source to target unless the target's creation time is not
+    // earlier than the source's (the runtime copy is then current). False
+    // only when an outdated target cannot be deleted or the copy fails.
+    static bool copyIfNewer(const QString& source, const QString& target);
 
     // Closes the open patch, installs `voicePatch` and opens the main patch.
     // Returns false, with the reason logged, when the copy or the opening

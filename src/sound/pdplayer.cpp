@@ -587,6 +587,16 @@ void PdPlayer::closePatch()
         }
         libpd_closefile(mPatch);
         mPatch = nullptr;
+        // The released voices were waiting for "voice-stop" from a patch that
+        // is gone; no patch will ever report them, so they are free now.
+        // (Clearing the map frees its nodes on this thread: a patch change is
+        // muted and already the heaviest thing the audio thread ever does.)
+        for (NoteOn& voice : mVoices) {
+            voice.seqId = 0;
+            voice.released = false;
+        }
+        mNoteMap.clear();
+        mMonoVoice = -1;
         mMacroNames.clear();
         emit macroNamesReceived(mMacroNames);
         mMacroDefaults.clear();
