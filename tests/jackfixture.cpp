@@ -99,7 +99,7 @@ QProcessEnvironment JackFixture::noDeviceEnvironment(QProcessEnvironment base)
     return base;
 }
 
-bool JackFixture::start(int sampleRate, int periodFrames, int timeoutMs)
+bool JackFixture::start(int sampleRate, int periodFrames, int timeoutMs, bool realtime)
 {
     stop();
     mError.clear();
@@ -116,11 +116,17 @@ bool JackFixture::start(int sampleRate, int periodFrames, int timeoutMs)
     mServer.setStandardOutputFile(log, QIODevice::Append);
     mServer.setStandardErrorFile(log, QIODevice::Append);
     mServer.setProcessEnvironment(environment());
-    mServer.start(QStringLiteral("jackd"),
-                  {QStringLiteral("--no-realtime"), QStringLiteral("-n"), mServerName,
-                   QStringLiteral("-d"), QStringLiteral("dummy"), QStringLiteral("-r"),
-                   QString::number(sampleRate), QStringLiteral("-p"),
-                   QString::number(periodFrames)});
+    QStringList args;
+    if (realtime) {
+        args << QStringLiteral("--realtime") << QStringLiteral("--realtime-priority")
+             << QStringLiteral("70");
+    } else {
+        args << QStringLiteral("--no-realtime");
+    }
+    args << QStringLiteral("-n") << mServerName << QStringLiteral("-d") << QStringLiteral("dummy")
+         << QStringLiteral("-r") << QString::number(sampleRate) << QStringLiteral("-p")
+         << QString::number(periodFrames);
+    mServer.start(QStringLiteral("jackd"), args);
     if (!mServer.waitForStarted(10000)) {
         mError = QStringLiteral("jackd did not start: %1").arg(mServer.errorString());
         return false;

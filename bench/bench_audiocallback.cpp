@@ -1,0 +1,383 @@
+// The audio callback's cost.
+//
+// steady/release: what one 256-frame buffer costs the real engine (PdPlayer
+// with the shipped patches, 128 voices) while the notes are held and while
+// they are released, with flush-to-zero and denormals-are-zero switched on
+// (as the callback does) and off. With them on, a release must cost no more
+// than the held notes. denormal_stress does the same for a patch that keeps
+// its signal in the denormal range, as a fading tail does when nothing in Pd
+// flushes it: there the mode makes the difference.
+//
+// jack_dummy: the real PaAudioOutput on a private JACK server (dummy driver,
+// 44100 Hz, 256 frames) with 128 voices sounding, for ARBO_BENCH_SECONDS
+// seconds (60 by default): the callback's median, 99th percentile and worst
+// duration against the buffer period, the overruns of that period and the
+// xruns PortAudio reported. Goals: p99 at most 25 % of the period, the worst
+// at most 50 %, no overrun. The server runs with real-time scheduling where
+// that is allowed (ARBO_BENCH_REALTIME=0: never), as a stage machine would.
+// ARBO_BENCH_VOICE names the voice patch (default Sine.pd).
+
+#include "input/arboevent.h"
+#include "input/arbonoteevent.h"
+#include "jackfixture.h"
+#include "model/arboratio.h"
+#include "settings/appcontext.h"
+#include "sound/denormals.h"
+#include "sound/paaudiooutput.h"
+#include "sound/patchloader.h"
+#include "sound/pdplayer.h"
+#include "testsupport.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QLoggingCategory>
+#include <QSet>
+#include <QThread>
+
+#include <benchmark/benchmark.h>
+#include <z_libpd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <vector>
+
+namespace {
+
+constexpr int SR = 44100;
+constexpr int FRAMES = 256;
+constexpr int TICKS = FRAMES / 64;
+constexpr int VOICES = 128;
+
+PdPlayer* sPlayer = nullptr;
+
+// A tone faded far below hearing (1e-39, a denormal) running through a row
+// of filters, as the quiet end of a release runs through a voice's filters
+// and the bus stages: every sample of every filter is then denormal, which
+// Pd's own block-end checks cannot prevent while the input keeps coming.
+const char* const DENORMAL_PATCH = "#N canvas 0 50 450 300 12;\n"
+                                   "#X obj 20 20 osc~ 440;\n"
+                                   "#X obj 20 50 *~ 1e-39;\n"
+                                   "#X obj 20 80 lop~ 5000;\n"
+                                   "#X obj 20 110 hip~ 20;\n"
+                                   "#X obj 20 140 lop~ 3000;\n"
+                                   "#X obj 20 170 hip~ 10;\n"
+                                   "#X obj 20 200 bp~ 1000 10;\n"
+                                   "#X obj 20 230 rpole~ 0.9;\n"
+                                   "#X obj 20 260 dac~;\n"
+                                   "#X obj 150 20 r query-macros;\n"
+                                   "#X connect 0 0 1 0;\n"
+                                   "#X connect 1 0 2 0;\n"
+                                   "#X connect 2 0 3 0;\n"
+                                   "#X connect 3 0 4 0;\n"
+                                   "#X connect 4 0 5 0;\n"
+                                   "#X connect 5 0 6 0;\n"
+                                   "#X connect 6 0 7 0;\n"
+                                   "#X connect 7 0 8 0;\n"
+                                   "#X connect 7 0 8 1;\n";
+
+// 128 different notes between 20 Hz and 20 kHz above 440 Hz: paths of up to
+// three prime steps, each ratio once.
+std::vector<ArboPath> chordPaths()
+{
+    const signed char primes[] = {2, 3, 5, 7, 11, 13};
+    std::vector<ArboPath> paths;
+    QSet<QString> ratios;
+    auto consider = [&](const ArboPath& path) {
+        if (int(paths.size()) >= VOICES) {
+            return;
+        }
+        const ArboRatio ratio = ArboRatio::pathRatio(path);
+        const double frequency = ratio.toDouble() * 440.0;
+        const QString key = QStringLiteral("%1/%2").arg(ratio.numerator()).arg(ratio.denominator());
+        if (frequency > 40.0 && frequency < 8000.0 && !ratios.contains(key)) {
+            ratios.insert(key);
+            paths.push_back(path);
+        }
+    };
+    consider(ArboPath());
+    for (signed char a : primes) {
+        for (int sa : {1, -1}) {
+            consider(ArboPath(static_cast<signed char>(sa * a)));
+        }
+    }
+    for (signed char a : primes) {
+        for (signed char b : primes) {
+            for (int sa : {1, -1}) {
+                for (int sb : {1, -1}) {
+                    ArboPath path(static_cast<signed char>(sa * a));
+                    path.addLeaf(static_cast<signed char>(sb * b));
+                    consider(path);
+                    for (signed char c : primes) {
+                        ArboPath longer = path;
+                        longer.addLeaf(static_cast<signed char>(sa * c));
+                        consider(longer);
+                    }
+                }
+            }
+        }
+    }
+    return paths;
+}
+
+void queueChord(PdPlayer& player, const std::vector<ArboPath>& paths)
+{
+    for (const ArboPath& path : paths) {
+        const ArboNoteEvent event(path);
+        player.queueEventGui(&event);
+    }
+}
+
+// One buffer the way the callback computes it, but with the denormal mode
+// left to the caller.
+void renderWithoutCallback(PdPlayer& player, float* out)
+{
+    player.processEvents();
+    libpd_process_float(TICKS, nullptr, out);
+}
+
+// CPU time of the calling thread: what a buffer costs, without the time the
+// thread waited for a core on a busy machine.
+double threadSeconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
+}
+
+// Renders `buffers` buffers and returns the thread's CPU seconds per buffer.
+double timeBuffers(PdPlayer& player, int buffers)
+{
+    static float out[2 * FRAMES];
+    const double start = threadSeconds();
+    for (int i = 0; i < buffers; ++i) {
+        renderWithoutCallback(player, out);
+        benchmark::DoNotOptimize(out);
+    }
+    return (threadSeconds() - start) / buffers;
+}
+
+void renderSeconds(PdPlayer& player, double seconds)
+{
+    static float out[2 * FRAMES];
+    const int buffers = int(seconds * SR / FRAMES);
+    for (int i = 0; i < buffers; ++i) {
+        renderWithoutCallback(player, out);
+    }
+}
+
+QString voicePath(const char* fallback = "Sine.pd")
+{
+    const QByteArray voice = qgetenv("ARBO_BENCH_VOICE");
+    return TestSupport::binDir() + QStringLiteral("/patches/") +
+           QString::fromLocal8Bit(voice.isEmpty() ? QByteArray(fallback) : voice);
+}
+
+// The share of one core a buffer takes, in per cent of the buffer's duration.
+double loadPercent(double secondsPerBuffer)
+{
+    return 100.0 * secondsPerBuffer / (double(FRAMES) / SR);
+}
+
+// 128 held notes: one buffer per iteration.
+void steady(benchmark::State& state, const QString& voice, bool flush)
+{
+    Denormals::Scope mode(flush);
+    if (!PatchLoader::loadVoice(sPlayer, voice)) {
+        state.SkipWithError("could not load the voice");
+        return;
+    }
+    const std::vector<ArboPath> paths = chordPaths();
+    queueChord(*sPlayer, paths);
+    renderSeconds(*sPlayer, 0.5); // past the attacks
+    double total = 0.0;
+    for (auto _ : state) {
+        const double perBuffer = timeBuffers(*sPlayer, 16);
+        state.SetIterationTime(perBuffer);
+        total += perBuffer;
+    }
+    state.counters["load_%"] = loadPercent(total / double(state.iterations()));
+    state.counters["sounding"] = sPlayer->soundingNoteCount();
+    sPlayer->unloadPatch();
+}
+
+// 128 notes released at once. Each iteration times the release itself (the
+// first 0.5 s after the note-offs, past the default release of 370 ms) per
+// buffer; apart from it the buffer that carries the note-offs out
+// ("note_offs_us") and the tail after the release, when the voices are off
+// and only the bus stages still decay ("tail_us").
+void release(benchmark::State& state, const QString& voice, bool flush)
+{
+    Denormals::Scope mode(flush);
+    if (!PatchLoader::loadVoice(sPlayer, voice)) {
+        state.SkipWithError("could not load the voice");
+        return;
+    }
+    const std::vector<ArboPath> paths = chordPaths();
+    const ArboEvent allOff(ArboEvent::AllNotesOff, 0.0f);
+    const int releaseBuffers = int(0.5 * SR / FRAMES);
+    const int tailBuffers = int(1.0 * SR / FRAMES);
+    double burstTotal = 0.0;
+    double releaseTotal = 0.0;
+    double tailTotal = 0.0;
+    for (auto _ : state) {
+        queueChord(*sPlayer, paths);
+        renderSeconds(*sPlayer, 0.3);
+        sPlayer->queueEventGui(&allOff);
+        // The buffer that carries the 128 note-offs out, apart: a burst of
+        // messages, not the sound of the release.
+        burstTotal += timeBuffers(*sPlayer, 1);
+        const double perBuffer = timeBuffers(*sPlayer, releaseBuffers - 1);
+        state.SetIterationTime(perBuffer);
+        releaseTotal += perBuffer;
+        tailTotal += timeBuffers(*sPlayer, tailBuffers);
+    }
+    const double iterations = double(state.iterations());
+    state.counters["load_%"] = loadPercent(releaseTotal / iterations);
+    state.counters["note_offs_us"] = burstTotal / iterations * 1e6;
+    state.counters["tail_us"] = tailTotal / iterations * 1e6;
+    state.counters["sounding_after"] = sPlayer->soundingNoteCount();
+    sPlayer->unloadPatch();
+}
+
+void denormalStress(benchmark::State& state, bool flush)
+{
+    Denormals::Scope mode(flush);
+    QTemporaryDir dir;
+    const QString path = dir.path() + QStringLiteral("/denormal.pd");
+    if (!TestSupport::writeFile(path, DENORMAL_PATCH) || !sPlayer->loadPatch(QFileInfo(path))) {
+        state.SkipWithError("could not open the patch");
+        return;
+    }
+    double total = 0.0;
+    for (auto _ : state) {
+        const double perBuffer = timeBuffers(*sPlayer, 16);
+        state.SetIterationTime(perBuffer);
+        total += perBuffer;
+    }
+    state.counters["load_%"] = loadPercent(total / double(state.iterations()));
+    sPlayer->unloadPatch();
+}
+
+// The real callback on a JACK dummy device for a minute, 128 voices.
+void jackDummy(benchmark::State& state)
+{
+    const QByteArray secondsText = qgetenv("ARBO_BENCH_SECONDS");
+    const double seconds = secondsText.isEmpty() ? 60.0 : secondsText.toDouble();
+    if (!JackFixture::toolsAvailable()) {
+        state.SkipWithError("jackd is not installed");
+        return;
+    }
+    // With real-time scheduling, as on a stage machine, unless that is not
+    // allowed here or ARBO_BENCH_REALTIME=0 asks for the plain scheduler.
+    JackFixture jack;
+    bool realtime = qgetenv("ARBO_BENCH_REALTIME") != "0";
+    if (!(realtime && jack.start(SR, FRAMES, 30000, true))) {
+        realtime = false;
+        if (!jack.start(SR, FRAMES)) {
+            state.SkipWithError(qPrintable(jack.error()));
+            return;
+        }
+    }
+    jack.applyToThisProcess();
+
+    PaAudioOutput output;
+    AppContext::setAudioOutput(&output);
+    if (!output.init(FRAMES, -1, sPlayer) || !PatchLoader::loadVoice(sPlayer, voicePath())) {
+        state.SkipWithError("could not open the JACK device or the voice");
+        output.term();
+        AppContext::setAudioOutput(nullptr);
+        return;
+    }
+    const std::vector<ArboPath> paths = chordPaths();
+
+    for (auto _ : state) {
+        // The chord's 128 note-ons all land in one callback: its cost is
+        // reported on its own, apart from the steady state.
+        output.callbackStats().requestReset();
+        QThread::msleep(100);
+        queueChord(*sPlayer, paths);
+        QThread::msleep(1000);
+        const CallbackStats::Snapshot onset = output.callbackStats().snapshot();
+
+        output.callbackStats().requestReset();
+        QThread::msleep(50);
+        const auto start = std::chrono::steady_clock::now();
+        QThread::msleep(static_cast<unsigned long>(seconds * 1000.0));
+        const CallbackStats::Snapshot stats = output.callbackStats().snapshot();
+        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+        state.SetIterationTime(elapsed.count());
+
+        const double period = double(stats.periodNs);
+        state.counters["sounding"] = sPlayer->soundingNoteCount();
+        state.counters["callbacks"] = double(stats.callbacks);
+        state.counters["median_us"] = double(stats.percentileNs(0.5)) / 1e3;
+        state.counters["p99_us"] = double(stats.percentileNs(0.99)) / 1e3;
+        state.counters["max_us"] = double(stats.maxNs) / 1e3;
+        state.counters["period_us"] = period / 1e3;
+        state.counters["p99_%"] = 100.0 * double(stats.percentileNs(0.99)) / period;
+        state.counters["max_%"] = 100.0 * double(stats.maxNs) / period;
+        state.counters["overruns"] = double(stats.overruns);
+        state.counters["xruns"] = double(stats.underflows);
+        state.counters["onset_max_us"] = double(onset.maxNs) / 1e3;
+        state.counters["latency_ms"] = output.streamOutputLatency() * 1e3;
+        state.counters["realtime"] = realtime ? 1 : 0;
+
+        const ArboEvent allOff(ArboEvent::AllNotesOff, 0.0f);
+        sPlayer->queueEventGui(&allOff);
+        QThread::msleep(1500);
+    }
+    sPlayer->unloadPatch();
+    output.term();
+    AppContext::setAudioOutput(nullptr);
+    jack.stop();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    TestSupport::isolateHome();
+    QCoreApplication app(argc, argv);
+    app.setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
+    // As in a performance without diagnostics: no note-by-note debug lines.
+    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+
+    PdPlayer player;
+    sPlayer = &player;
+    AppContext::setPlayer(&player);
+    if (!player.init() || player.initAudio(2, SR) != 0 || !PatchLoader::installShellPatches()) {
+        std::fprintf(stderr, "libpd or the patches did not start\n");
+        return 1;
+    }
+
+    const QString voice = voicePath();
+    const std::string name = QFileInfo(voice).completeBaseName().toStdString();
+    for (bool flush : {true, false}) {
+        const std::string mode = flush ? "/ftz" : "/no_ftz";
+        benchmark::RegisterBenchmark(("steady/" + name + mode).c_str(), steady, voice, flush)
+            ->Unit(benchmark::kMicrosecond)
+            ->UseManualTime();
+        benchmark::RegisterBenchmark(("release/" + name + mode).c_str(), release, voice, flush)
+            ->Unit(benchmark::kMicrosecond)
+            ->UseManualTime()
+            ->Iterations(20);
+        benchmark::RegisterBenchmark(("denormal_stress" + mode).c_str(), denormalStress, flush)
+            ->Unit(benchmark::kMicrosecond)
+            ->UseManualTime();
+    }
+    benchmark::RegisterBenchmark("jack_dummy/128_voices", jackDummy)
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime()
+        ->Iterations(1);
+
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    AppContext::setPlayer(nullptr);
+    return 0;
+}
