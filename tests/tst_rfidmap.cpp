@@ -43,6 +43,8 @@ private slots:
     // One member per row, under the key "Tag01", looked up as "tag01".
     void entryRules_data()
     {
+        const QString NOT_AN_OBJECT = QStringLiteral(
+            "RFID tag01 is not mapped to an object with \"event\" and \"value\". Ignoring.");
         QTest::addColumn<QByteArray>("member");
         QTest::addColumn<bool>("kept");
         QTest::addColumn<QString>("path"); // set for a note toggle
@@ -89,11 +91,12 @@ private slots:
         QTest::newRow("missing value")
             << QByteArray(R"({"event": 1})") << true << none << 1 << 0.0f << none;
         QTest::newRow("empty object") << QByteArray("{}") << true << none << 0 << 0.0f << none;
+        // Not an object: skipped, rather than read as a toggle of the root.
         QTest::newRow("number instead of object")
-            << QByteArray("7") << true << none << 0 << 0.0f << none;
+            << QByteArray("7") << false << none << 0 << 0.0f << NOT_AN_OBJECT;
         QTest::newRow("path instead of object")
-            << QByteArray(R"("/3")") << true << none << 0 << 0.0f << none;
-        QTest::newRow("null") << QByteArray("null") << true << none << 0 << 0.0f << none;
+            << QByteArray(R"("/3")") << false << none << 0 << 0.0f << NOT_AN_OBJECT;
+        QTest::newRow("null") << QByteArray("null") << false << none << 0 << 0.0f << NOT_AN_OBJECT;
         QTest::newRow("event as text")
             << QByteArray(R"({"event": "5", "value": 1})") << true << none << 0 << 1.0f << none;
         QTest::newRow("event as bool")
@@ -233,9 +236,17 @@ private slots:
                              "RFID 0000000003 was assigned invalid path /3/9. Ignoring.");
         QTest::ignoreMessage(QtWarningMsg,
                              "RFID 0000000012 was assigned invalid path /x. Ignoring.");
+        for (const char* tag : {"0000000006", "0000000007", "0000000008"}) {
+            QTest::ignoreMessage(QtWarningMsg,
+                                 qPrintable(QStringLiteral("RFID %1 is not mapped to an object "
+                                                           "with \"event\" and \"value\". "
+                                                           "Ignoring.")
+                                                .arg(QLatin1String(tag))));
+        }
         auto* map = new RfidMap;
         QVERIFY(map->init());
-        QCOMPARE(map->size(), 14);
+        QCOMPARE(map->size(), 11);
+        QVERIFY(!map->lookup(QStringLiteral("0000000006")));
 
         const ArboNoteEvent* note = asNote(map->lookup(QStringLiteral("0000000001")));
         QVERIFY(note);

@@ -75,6 +75,16 @@ void RfidMap::read(const QJsonObject& json)
     for (auto it = json.constBegin(); it != json.constEnd(); ++it) {
         // Readers report tags in whatever case they like; lookup() lowers too.
         const QString rfid = it.key().toLower();
+        // An entry must be an object. Read by the rules anyway, a slip such
+        // as "tag": "/3/5" would become a toggle of the root note, which a
+        // player would hear on stage as a wrong note; it is skipped instead.
+        if (!it.value().isObject()) {
+            qWarning().noquote() << QStringLiteral(
+                                        "RFID %1 is not mapped to an object with \"event\" and "
+                                        "\"value\". Ignoring.")
+                                        .arg(rfid);
+            continue;
+        }
         const QJsonObject entry = it.value().toObject();
         const QJsonValue value = entry.value(VALUE_KEY);
         const QString text = value.toString();

@@ -190,9 +190,10 @@ bool Arbo::isValidPrime(int p)
 
 float Arbo::primeRatio(int p)
 {
-    const int prime = std::abs(p);
-    const float ratio =
-        prime < ArboConstants::PRIME_TABLE_SIZE ? ArboConstants::PRIME_RATIOS[prime] : -1.0f;
+    // Range first: std::abs of the most negative int would overflow.
+    const bool inTable =
+        p > -ArboConstants::PRIME_TABLE_SIZE && p < ArboConstants::PRIME_TABLE_SIZE;
+    const float ratio = inTable ? ArboConstants::PRIME_RATIOS[std::abs(p)] : -1.0f;
     return p >= 1 ? ratio : 1.0f / ratio;
 }
 

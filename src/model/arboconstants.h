@@ -43,8 +43,9 @@ inline constexpr float PRIME_RATIOS[PRIME_TABLE_SIZE] = {
 // prime of the table (so +-2, +-3, +-5, ..., +-31). Any int is accepted.
 constexpr bool isValidPrime(int step)
 {
-    const int prime = step < 0 ? -step : step;
-    return step != 0 && prime < PRIME_TABLE_SIZE && PRIME_RATIOS[prime] > 0.0f;
+    // Range first: negating the most negative int would overflow.
+    return step != 0 && step > -PRIME_TABLE_SIZE && step < PRIME_TABLE_SIZE &&
+           PRIME_RATIOS[step < 0 ? -step : step] > 0.0f;
 }
 
 // The exact ratio of one signed step: the table entry for a positive step, its
