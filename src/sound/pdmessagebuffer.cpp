@@ -23,8 +23,8 @@ PdMessageBuffer::PdMessageBuffer() = default;
 
 PdMessageBuffer::~PdMessageBuffer()
 {
-    if (mUnreportedDrops != 0) {
-        reportDrops(std::chrono::steady_clock::now());
+    if (mFullWarning.suppressed() != 0) {
+        reportDrops();
     }
     if (mRing) {
         rb_free(mRing);
@@ -65,37 +65,28 @@ bool PdMessageBuffer::writeChunk(const Chunk* chunk)
         noteDrop();
         return false;
     }
-    if (mUnreportedDrops != 0) {
-        const auto now = std::chrono::steady_clock::now();
-        if (now - mLastWarning >= FULL_WARNING_INTERVAL) {
-            reportDrops(now);
-        }
+    // The clock is read only while drops wait to be reported.
+    if (mFullWarning.suppressed() != 0 && mFullWarning.summaryDue()) {
+        reportDrops();
     }
     return true;
 }
 
 void PdMessageBuffer::noteDrop()
 {
-    const auto now = std::chrono::steady_clock::now();
-    if (mWarned && now - mLastWarning < FULL_WARNING_INTERVAL) {
-        ++mUnreportedDrops;
-        return;
+    if (!mFullWarning.admit()) {
+        return; // counted, reported with the next message
     }
-    if (mUnreportedDrops != 0) {
-        reportDrops(now);
+    if (mFullWarning.suppressed() != 0) {
+        reportDrops();
     }
     qWarning("Command buffer full");
-    mWarned = true;
-    mLastWarning = now;
 }
 
-void PdMessageBuffer::reportDrops(std::chrono::steady_clock::time_point now)
+void PdMessageBuffer::reportDrops()
 {
     qWarning("%lu more commands were dropped because the command buffer was full",
-             mUnreportedDrops);
-    mUnreportedDrops = 0;
-    mWarned = true;
-    mLastWarning = now;
+             mFullWarning.takeSuppressed());
 }
 
 void PdMessageBuffer::processEvents(ChunkList& list)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "model/arbopath.h"
+#include "settings/logthrottle.h"
 #include "sound/staticarray.h"
 
 #include <chrono>
@@ -97,15 +98,13 @@ public:
 
 private:
     void noteDrop();
-    void reportDrops(std::chrono::steady_clock::time_point now);
+    void reportDrops();
 
     ring_buffer* mRing = nullptr;
 
     // Writer-side state of the rate-limited warning; touched only by the
     // writer thread (and by the destructor, once no writer is left).
-    std::chrono::steady_clock::time_point mLastWarning;
-    bool mWarned = false;
-    unsigned long mUnreportedDrops = 0;
+    LogThrottle mFullWarning{FULL_WARNING_INTERVAL};
 };
 
 static_assert(std::is_trivially_copyable<PdMessageBuffer::Chunk>::value,
