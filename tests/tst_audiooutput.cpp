@@ -166,6 +166,7 @@ private slots:
     void noteIsHeardOnTheJackDevice();
     void deviceRefusing44100IsOpenedAtItsOwnRate();
     void realBinaryOpensTheDeviceAndStoresIt();
+    void patchesChangeUnderSoundingNotes();
 
 private:
     QString writePatch(const QString& name, const char* text);
@@ -664,6 +665,60 @@ void TestAudioOutput::realBinaryOpensTheDeviceAndStoresIt()
             .object();
     QCOMPARE(options.value(QStringLiteral("audioDevice")).toInt(-2), 0);
     QCOMPARE(options.value(QStringLiteral("framesPerBuffer")).toInt(), 128);
+}
+
+// Patch changes while the stream runs and notes sound: the GUI thread waits
+// for the real audio thread to close and open, again and again, including a
+// patch that fails to load, and the engine keeps going.
+void TestAudioOutput::patchesChangeUnderSoundingNotes()
+{
+    QVERIFY(PatchLoader::installShellPatches());
+    PaAudioOutput output;
+    OutputGuard guard(output);
+    QVERIFY(output.init(256, -1, &mPlayer));
+    QVERIFY(output.isStreamRunning());
+
+    const QString patches = TestSupport::binDir() + QStringLiteral("/patches/");
+    QVERIFY(PatchLoader::loadVoice(&mPlayer, patches + QStringLiteral("Sine.pd")));
+
+    QSignalSpy loaded(&mPlayer, &PdPlayer::patchLoaded);
+    QSignalSpy notes(&mPlayer, &PdPlayer::noteToggled);
+    const QStringList voices = {"Organ.pd", "Pluck.pd", "Vocal.pd", "missing.pd", "Sine.pd"};
+    int expectedLoads = 0;
+    bool patchOpen = true;
+    for (const QString& voice : voices) {
+        // Notes sound while the patch changes under them. (Without a patch,
+        // after the failed load, notes would be taken but never heard or
+        // reported stopped; none are struck then.)
+        if (patchOpen) {
+            for (const char* path : {"/3", "/5", "/-3/7"}) {
+                const ArboNoteEvent note{QString::fromLatin1(path)};
+                mPlayer.queueEventGui(&note);
+            }
+        }
+        const QString file = patches + voice;
+        patchOpen = QFile::exists(file);
+        QCOMPARE(PatchLoader::loadVoice(&mPlayer, file), patchOpen);
+        expectedLoads += patchOpen ? 1 : 0;
+        QCOMPARE(loaded.count(), expectedLoads);
+        // The notes of the old patch went with it.
+        QTRY_COMPARE_WITH_TIMEOUT(mPlayer.soundingNoteCount(), 0, 10000);
+    }
+
+    // After all that, a note is heard at its pitch.
+    notes.clear();
+    const ArboNoteEvent fifth(QStringLiteral("/3"));
+    mPlayer.queueEventGui(&fifth);
+    QTRY_COMPARE_WITH_TIMEOUT(notes.count(), 1, 10000);
+    QTest::qWait(300);
+    const QString wav = mJack.workDir() + QStringLiteral("/after-changes.wav");
+    QVERIFY2(mJack.capture(wav, 1.0), qPrintable(mJack.error()));
+    const AudioAnalysis::Wav recording = AudioAnalysis::readWav(wav);
+    QVERIFY(recording.isValid());
+    const double frequency = AudioAnalysis::dominantFrequency(recording.channel(0), 44100);
+    QVERIFY2(std::fabs(frequency - 660.0) < 0.5, qPrintable(QString::number(frequency)));
+    mPlayer.queueEventGui(&fifth);
+    QTRY_COMPARE_WITH_TIMEOUT(mPlayer.soundingNoteCount(), 0, 15000);
 }
 
 ARBO_TEST_MAIN(TestAudioOutput)

@@ -32,8 +32,9 @@ public:
     virtual void unmute() = 0;
 
     // Whether a stream is running, so that its callback will drain the
-    // command buffers. GUI thread: the GUI thread is the one that starts and
-    // stops streams, so the answer cannot change under it.
+    // command buffers. GUI thread. The GUI thread starts and stops streams,
+    // but a stream can also stop on its own (its audio server went away), so
+    // the answer asks the audio library rather than remembering.
     virtual bool isStreamRunning() const = 0;
 
     int selectedDevice() const { return mSelectedDevice; }
