@@ -4,7 +4,10 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QMessageBox>
 #include <QTemporaryDir>
+
+#include <cstdio>
 
 #include <memory>
 
@@ -72,6 +75,49 @@ QByteArray readFile(const QString& path)
 QString dataDir()
 {
     return QStringLiteral(ARBO_TEST_DATA_DIR);
+}
+
+} // namespace TestSupport
+
+namespace TestSupport {
+
+MessageBoxAnswerer::MessageBoxAnswerer()
+{
+    connect(&mTimer, &QTimer::timeout, this, [this] {
+        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+            printLine(QStringLiteral("MESSAGEBOX: ") + box->text());
+            ++mAnswered;
+            box->done(QMessageBox::Ok);
+        }
+    });
+    mTimer.start(10);
+}
+
+void printLine(const QString& line)
+{
+    std::printf("%s\n", qPrintable(QString(line).replace(QLatin1Char('\n'), QLatin1String("\\n"))));
+    std::fflush(stdout);
+}
+
+QStringList messageBoxesIn(const QString& output)
+{
+    QStringList boxes;
+    const QStringList lines = output.split(QLatin1Char('\n'));
+    for (const QString& line : lines) {
+        if (line.startsWith(QLatin1String("MESSAGEBOX: "))) {
+            boxes << line.mid(12).replace(QLatin1String("\\n"), QLatin1String("\n"));
+        }
+    }
+    return boxes;
+}
+
+std::vector<char*> childArguments(int argc, char** argv)
+{
+    std::vector<char*> args{argv[0]};
+    for (int i = 2; i < argc; ++i) {
+        args.push_back(argv[i]);
+    }
+    return args;
 }
 
 } // namespace TestSupport

@@ -3,7 +3,11 @@
 #include <QApplication>
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
+#include <QTimer>
 #include <QtTest>
+
+#include <vector>
 
 // Shared helpers of the test executables.
 namespace TestSupport {
@@ -51,3 +55,33 @@ QString dataDir();
         QTEST_SET_MAIN_SOURCE_PATH                                                                 \
         return QTest::qExec(&test, argc, argv);                                                    \
     }
+
+namespace TestSupport {
+
+// For child processes that run the program's start-up in a test: answers
+// every message box as soon as it is shown (so nothing waits for a click) and
+// prints its text on standard output as one line, "MESSAGEBOX: " followed by
+// the text with its line breaks written as \n. The parent reads them back
+// with messageBoxesIn().
+class MessageBoxAnswerer : public QObject
+{
+public:
+    MessageBoxAnswerer();
+    int answered() const { return mAnswered; }
+
+private:
+    QTimer mTimer;
+    int mAnswered = 0;
+};
+
+// Writes one line on standard output at once, line breaks written as \n.
+void printLine(const QString& line);
+
+// The texts of the message boxes that a child's standard output reports.
+QStringList messageBoxesIn(const QString& output);
+
+// The child's own arguments: the program name and everything after the
+// word that selected the child (argv[1]).
+std::vector<char*> childArguments(int argc, char** argv);
+
+} // namespace TestSupport

@@ -197,10 +197,7 @@ int main(int argc, char** argv)
         qFatal("the end");
     }
     if (argc >= 2 && std::strcmp(argv[1], "--flags-child") == 0) {
-        std::vector<char*> args{argv[0]};
-        for (int i = 2; i < argc; ++i) {
-            args.push_back(argv[i]);
-        }
+        std::vector<char*> args = TestSupport::childArguments(argc, argv);
         int count = int(args.size());
         TuningArboApplication app(count, args.data());
         QStringList flags = app.mFlags.values();

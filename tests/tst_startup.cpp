@@ -31,22 +31,10 @@ const QStringList SHELL_PATCHES = {"arbo_main.pd", "arbo_vprep.pd", "equal-loudn
 // at once and its text printed on standard output as one line.
 int runChild(int argc, char** argv)
 {
-    std::vector<char*> args{argv[0]};
-    for (int i = 2; i < argc; ++i) {
-        args.push_back(argv[i]);
-    }
+    std::vector<char*> args = TestSupport::childArguments(argc, argv);
     int count = int(args.size());
     TuningArboApplication app(count, args.data());
-    QTimer dismiss;
-    QObject::connect(&dismiss, &QTimer::timeout, [] {
-        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
-            std::printf("MESSAGEBOX: %s\n",
-                        qPrintable(box->text().replace(QLatin1Char('\n'), QLatin1String("\\n"))));
-            std::fflush(stdout);
-            box->done(QMessageBox::Ok);
-        }
-    });
-    dismiss.start(10);
+    TestSupport::MessageBoxAnswerer answerer;
     if (!app.init()) {
         return 1;
     }
@@ -120,12 +108,8 @@ RunResult runStartupChild(const QString& executable, const QString& dataHome,
         return result;
     }
     result.exitCode = process.exitCode();
-    const QStringList lines = QString::fromUtf8(process.readAllStandardOutput()).split('\n');
-    for (const QString& line : lines) {
-        if (line.startsWith("MESSAGEBOX: ")) {
-            result.messageBoxes << line.mid(12).replace("\\n", "\n");
-        }
-    }
+    result.messageBoxes =
+        TestSupport::messageBoxesIn(QString::fromUtf8(process.readAllStandardOutput()));
     result.errors = QString::fromUtf8(process.readAllStandardError());
     return result;
 }

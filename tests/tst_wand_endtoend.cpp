@@ -34,48 +34,32 @@ const QByteArray RFID_MAP = R"({
     "04a1b2c3d5": {"event": 2, "value": 5}
 })";
 
-void print(const QString& line)
-{
-    std::printf("%s\n", qPrintable(QString(line).replace(QLatin1Char('\n'), QLatin1String("\\n"))));
-    std::fflush(stdout);
-}
-
 // The child: start-up as main() does it, every message box answered and its
 // text printed. Once the listener has given up and its box is answered, a
 // note is queued as a click on a ball queues it, to show that the mouse
 // still plays; then the program shuts down.
 int runChild(int argc, char** argv)
 {
-    std::vector<char*> args{argv[0]};
-    for (int i = 2; i < argc; ++i) {
-        args.push_back(argv[i]);
-    }
+    std::vector<char*> args = TestSupport::childArguments(argc, argv);
     int count = int(args.size());
     TuningArboApplication app(count, args.data());
-    int boxes = 0;
-    QTimer dismiss;
-    QObject::connect(&dismiss, &QTimer::timeout, [&boxes] {
-        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
-            print(QStringLiteral("MESSAGEBOX: ") + box->text());
-            ++boxes;
-            box->done(QMessageBox::Ok);
-        }
-    });
-    dismiss.start(10);
+    TestSupport::MessageBoxAnswerer answerer;
     if (!app.init()) {
         return 1;
     }
     QElapsedTimer waited;
     waited.start();
-    while (boxes == 0 && waited.elapsed() < 20000) {
+    while (answerer.answered() == 0 && waited.elapsed() < 20000) {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
     }
-    print(QStringLiteral("LISTENER FINISHED: %1").arg(app.mUdpListener.isFinished()));
+    TestSupport::printLine(
+        QStringLiteral("LISTENER FINISHED: %1").arg(app.mUdpListener.isFinished()));
 
     QObject::connect(
         &app.mPlayer, &PdPlayer::noteToggled, &app,
         [](const ArboRatio& ratio, bool on) {
-            print(QStringLiteral("NOTE %1 %2").arg(ratio.toString(), on ? "ON" : "OFF"));
+            TestSupport::printLine(
+                QStringLiteral("NOTE %1 %2").arg(ratio.toString(), on ? "ON" : "OFF"));
             QCoreApplication::quit();
         },
         Qt::QueuedConnection);
@@ -314,16 +298,10 @@ private slots:
         const QString output = QString::fromUtf8(child.readAllStandardOutput());
         const QString error =
             QStringLiteral("Can't open UDP socket on port %1. UDP thread shutting down.").arg(port);
-        QStringList boxes;
-        for (const QString& line : output.split(QLatin1Char('\n'))) {
-            if (line.startsWith(QLatin1String("MESSAGEBOX: "))) {
-                boxes << line.mid(12);
-            }
-        }
-        QCOMPARE(boxes, QStringList{QStringLiteral("Failed to connect to the arbo, only "
-                                                   "screen-based interaction will be "
-                                                   "possible.\\n\\nError: ") +
-                                    error});
+        QCOMPARE(TestSupport::messageBoxesIn(output),
+                 QStringList{QStringLiteral("Failed to connect to the arbo, only screen-based "
+                                            "interaction will be possible.\n\nError: ") +
+                             error});
         QVERIFY2(output.contains(QLatin1String("LISTENER FINISHED: 1")), qPrintable(output));
         QVERIFY2(output.contains(QLatin1String("NOTE 3/2 ON")), qPrintable(output));
         QCOMPARE(child.exitCode(), 0);
