@@ -69,7 +69,6 @@ private slots:
     void damagedFileKeepsDefaultsAndStaysUntilSaved_data();
     void damagedFileKeepsDefaultsAndStaysUntilSaved();
     void unusableFilePlaceFailsWithoutTouchingIt();
-    void saveOnTermClearedLeavesFileAlone();
     void killedSaveNeverLeavesAPartialFile();
 };
 
@@ -213,17 +212,6 @@ void TestSettings::unusableFilePlaceFailsWithoutTouchingIt()
     QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("^Couldn't (open|write) file .*"));
     QVERIFY(!settings.save());
     QCOMPARE(TestSupport::readFile(optionsPath() + "/keep.txt"), QByteArray("mine"));
-}
-
-void TestSettings::saveOnTermClearedLeavesFileAlone()
-{
-    QVERIFY(TestSupport::writeFile(optionsPath(), R"({"udpPort": 9001})"));
-    Settings settings;
-    settings.setSaveOnTerm(false);
-    QVERIFY(settings.init());
-    settings.mUdpPort = 1;
-    settings.term();
-    QCOMPARE(TestSupport::readFile(optionsPath()), QByteArray(R"({"udpPort": 9001})"));
 }
 
 void TestSettings::killedSaveNeverLeavesAPartialFile()
