@@ -56,6 +56,12 @@ TuningArboApplication::~TuningArboApplication()
 {
     delete mMainWindow;
     mMainWindow = nullptr;
+    // The listener writes into the player's command ring, and the player is
+    // destroyed before it (members go in reverse order): after a start-up
+    // that stopped half-way, or a term() whose wait ran out, its thread must
+    // be gone first.
+    mUdpListener.term();
+    mUdpListener.wait();
     removeLogHandler();
     AppContext::setSettings(nullptr);
     AppContext::setAudioOutput(nullptr);
