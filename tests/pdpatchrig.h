@@ -1,7 +1,10 @@
 #pragma once
 
+#include "sound/denormals.h"
+
 #include <QString>
 #include <QStringList>
+#include <QVector>
 
 #include <string>
 #include <vector>
@@ -33,36 +36,30 @@ bool init();
 
 // Flush-to-zero and denormals-are-zero on the calling thread, as on the
 // program's audio thread.
-void setDenormalsOff();
+inline void setDenormalsOff()
+{
+    Denormals::flushToZero();
+}
 
 // libpd_init_audio(0, 2, sampleRate). Takes effect for the next open().
 bool setSampleRate(int sampleRate);
-int sampleRate();
 
-// The resource folder's shell patches and voice patches.
-QString shellDir();
-QString voiceDir();
-// The voice patches shipped in the resource folder, sorted by name.
+// The voice patches shipped in the resource folder, sorted by name, and one
+// of them by file name ("Sine.pd").
 QStringList voicePatches();
+QString voicePatch(const QString& fileName);
 
-// Makes `folder` a runtime patch folder: the five shell files and the voice
-// patch at `voicePath` copied in as "arbo_voice.pd" (replacing older copies).
+// Makes `folder` a runtime patch folder: the shell files and the voice patch
+// at `voicePath` copied in as "arbo_voice.pd" (replacing older copies).
 bool prepareRuntimeFolder(const QString& folder, const QString& voicePath);
 
-// Opens "arbo_main.pd" from `folder` and switches DSP on. Clears the captured
-// reports and prints. Returns false when libpd returns a null handle.
-bool open(const QString& folder);
-// Opens any patch file; returns libpd's handle (null on failure). No DSP.
-void* openFile(const QString& path);
-void closeFile(void* handle);
-// Sends "dsp 1" or "dsp 0" to Pd.
-void setDsp(bool on);
-// Switches DSP off and closes the patch opened by open().
+// Closes the open patch, opens `file` from `folder` and switches DSP on.
+// Clears the captured reports and prints. False when libpd cannot open it.
+bool open(const QString& folder, const QString& file = QStringLiteral("arbo_main.pd"));
+// Switches DSP off and closes the open patch.
 void close();
-bool isOpen();
 
 // The patch contract.
-void sendVoice(float value, int type, int voice);
 void noteOn(int voice, float frequency, float volume = 1.0f);
 void gate(int voice, bool on);
 void sendMacro(int macro, float value); // macro 1..8, sent to the whole patch
@@ -71,16 +68,24 @@ void queryMacros();
 
 // Renders `frames` (a multiple of 64) stereo frames, appending the left
 // channel to `left` and the right channel to `right` (either may be null).
-void render(long frames, std::vector<float>* left, std::vector<float>* right = nullptr);
-// Frames rendered since open().
-long framesRendered();
+void render(long frames, QVector<float>* left, QVector<float>* right = nullptr);
 
-// Captured since open() (or the last clearCaptured()).
-const std::vector<VoiceStop>& voiceStops();
-// Each "output-voice-info" list, its atoms rendered as text.
-const std::vector<std::vector<std::string>>& voiceInfos();
-// Complete lines printed by Pd.
-const std::vector<std::string>& printed();
-void clearCaptured();
+// What the patch said since open() (or the last clear()).
+struct Captured
+{
+    long frames = 0; // rendered since open(), not cleared
+    std::vector<VoiceStop> stops;
+    // The macro text of each "output-voice-info" answer (its second atom).
+    std::vector<std::string> macroTexts;
+    // Complete lines printed by Pd (each is also logged as a warning).
+    std::vector<std::string> printed;
+    void clear()
+    {
+        stops.clear();
+        macroTexts.clear();
+        printed.clear();
+    }
+};
+Captured& captured();
 
 } // namespace PdPatchRig
