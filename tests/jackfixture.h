@@ -3,7 +3,6 @@
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QString>
-#include <QStringList>
 #include <QTemporaryDir>
 
 #include <memory>
@@ -33,12 +32,12 @@ public:
     // "PortAudio:out_0" and "PortAudio:out_1".
     static const QString PORTAUDIO_CLIENT;
 
-    JackFixture();
-    ~JackFixture();
+    JackFixture() = default;
+    ~JackFixture() { stop(); }
     JackFixture(const JackFixture&) = delete;
     JackFixture& operator=(const JackFixture&) = delete;
 
-    // Whether jackd and jack_capture can be found on the PATH.
+    // Whether jackd, jack_lsp and jack_capture can be found on the PATH.
     static bool toolsAvailable();
 
     // Starts the server and waits (up to `timeoutMs`) until its playback
@@ -51,14 +50,10 @@ public:
                bool realtime = false);
     // Stops jack_capture (if running) and the server, by their process ids.
     void stop();
-    bool isRunning() const;
 
-    QString serverName() const { return mServerName; }
-    int sampleRate() const { return mSampleRate; }
-    int periodFrames() const { return mPeriodFrames; }
     QString error() const { return mError; }
     // A folder for captures and logs that lives as long as the fixture.
-    QString workDir() const;
+    QString workDir() const { return mDir ? mDir->path() : QString(); }
 
     // `base` plus the variables that point JACK clients at this server and
     // hide the ALSA devices.
@@ -72,34 +67,15 @@ public:
     // started on demand). Needs no running fixture.
     static QProcessEnvironment
     noDeviceEnvironment(QProcessEnvironment base = QProcessEnvironment::systemEnvironment());
-    // The ALSA configuration that defines no device.
-    static QString emptyAlsaConfig();
 
-    // The ports of the server (jack_lsp), or those matching `pattern` as a
-    // substring. Empty when the server does not answer.
-    QStringList ports(const QString& pattern = QString()) const;
-    // Waits until a port whose name contains `pattern` exists.
+    // Waits until a port whose name contains `pattern` exists (jack_lsp).
     bool waitForPort(const QString& pattern, int timeoutMs = 15000) const;
 
-    // Starts jack_capture, recording `seconds` from `ports` (names or
-    // patterns that jack_capture accepts, e.g. "PortAudio:out_*", which
-    // stands for both channels) into a `channels`-channel 32-bit float WAV
-    // file at `wavPath`. The ports must exist already.
-    bool startCapture(const QString& wavPath, double seconds,
-                      const QStringList& ports = {PORTAUDIO_CLIENT + QStringLiteral(":out_*")},
-                      int channels = 2);
-    // Waits until jack_capture has finished writing (it stops by itself after
-    // its time). False on a time-out or a failed recording; see error().
-    bool waitForCapture(int timeoutMs = 30000);
-    // Records `seconds` and waits for the file: startCapture + waitForCapture.
-    bool capture(const QString& wavPath, double seconds,
-                 const QStringList& ports = {PORTAUDIO_CLIENT + QStringLiteral(":out_*")},
-                 int channels = 2);
-
-    // What the server and the capture wrote to their output, for failure
-    // messages.
-    QString serverLog() const;
-    QString captureLog() const;
+    // Records `seconds` of both of PortAudio's output ports with jack_capture
+    // into a stereo 32-bit float WAV file at `wavPath` and waits until the
+    // file is written. The ports must exist already. False on a failed
+    // recording, with the reason in error().
+    bool capture(const QString& wavPath, double seconds);
 
 private:
     // A process that ends when this test process does, even when the test
@@ -111,8 +87,11 @@ private:
         void setupChildProcess() override;
     };
 
-    bool runJackTool(const QString& tool, const QStringList& args, QByteArray* output,
-                     int timeoutMs = 5000) const;
+    // Starts `program` with this server's environment, its output into
+    // `logName` in workDir() (a pipe nobody reads would fill up and stall it).
+    bool startTool(ChildProcess& process, const QString& program, const QStringList& args,
+                   const QString& logName);
+    QString log(const QString& logName) const;
     static void stopProcess(QProcess& process);
 
     std::unique_ptr<QTemporaryDir> mDir;
@@ -120,7 +99,4 @@ private:
     ChildProcess mCapture;
     QString mServerName;
     QString mError;
-    QString mCaptureFile;
-    int mSampleRate = 0;
-    int mPeriodFrames = 0;
 };
