@@ -86,21 +86,6 @@ private:
     std::atomic<int> mDone{0};
 };
 
-bool installShellPatches()
-{
-    const QDir shell(TestSupport::binDir() + QStringLiteral("/patches/shell"));
-    QDir().mkpath(AppContext::patchDir());
-    const QStringList names = shell.entryList({QStringLiteral("*.pd")}, QDir::Files);
-    for (const QString& name : names) {
-        const QString target = AppContext::patchDir() + QLatin1Char('/') + name;
-        QFile::remove(target);
-        if (!QFile::copy(shell.filePath(name), target)) {
-            return false;
-        }
-    }
-    return !names.isEmpty();
-}
-
 double percentileMs(std::vector<double> values, double p)
 {
     std::sort(values.begin(), values.end());
@@ -246,7 +231,7 @@ int main(int argc, char** argv)
     sPlayer = &player;
     AppContext::setPlayer(&player);
     const QByteArray map = "{ \"" + TAG + "\": { \"event\": 0, \"value\": \"/3\" } }";
-    if (!player.init() || !installShellPatches() ||
+    if (!player.init() || !PatchLoader::installShellPatches() ||
         !TestSupport::writeFile(AppContext::configDir() + QStringLiteral("/rfid_map.json"), map)) {
         std::fprintf(stderr, "libpd, the patches or the tag map did not start\n");
         return 1;

@@ -1,5 +1,6 @@
 #include "pdpatchrig.h"
 
+#include "sound/patchloader.h"
 #include "testsupport.h"
 
 #include <QDir>
@@ -14,8 +15,6 @@ namespace PdPatchRig {
 namespace {
 
 constexpr int BLOCK = 64;
-const char* const SHELL_FILES[] = {"arbo_main.pd", "arbo_vprep.pd", "equal-loudness.pd",
-                                   "tb_compressor~.pd", "tb_compressorUI.pd"};
 
 int sInitResult = -2; // -2: not tried
 void* sPatch = nullptr;
@@ -104,8 +103,8 @@ bool prepareRuntimeFolder(const QString& folder, const QString& voicePath)
     };
     const QString shellDir = TestSupport::binDir() + QStringLiteral("/patches/shell/");
     bool ok = QDir().mkpath(folder) && copy(voicePath, QStringLiteral("arbo_voice.pd"));
-    for (const char* name : SHELL_FILES) {
-        ok = ok && copy(shellDir + QLatin1String(name), QLatin1String(name));
+    for (const QString& name : PatchLoader::shellPatches()) {
+        ok = ok && copy(shellDir + name, name);
     }
     return ok;
 }
