@@ -13,6 +13,7 @@
 #include <QLoggingCategory>
 #include <QMessageBox>
 #include <QMetaType>
+#include <QStatusBar>
 #include <QStyleFactory>
 #include <QTextCodec>
 #include <QTime>
@@ -164,6 +165,12 @@ bool TuningArboApplication::init()
     // 13.
     mMainWindow = new MainWindow(&mArbo);
     mMainWindow->show();
+    // A lost audio device is retried by the output itself; the performer
+    // sees what is going on in the window's status line.
+    connect(&mAudioOutput, &AudioOutput::deviceLost, mMainWindow,
+            [this](const QString& text) { mMainWindow->statusBar()->showMessage(text); });
+    connect(&mAudioOutput, &AudioOutput::deviceRestored, mMainWindow,
+            [this](const QString& text) { mMainWindow->statusBar()->showMessage(text, 10000); });
 
     // 14.
     syncFromSettings();

@@ -17,6 +17,12 @@ int sPipe[2] = {-1, -1};
 void onSignal(int signal)
 {
     const int savedErrno = errno;
+    // The first Ctrl+C asks for an orderly shutdown, which saves the user's
+    // work; should that ever hang, a second one ends the program at once.
+    struct sigaction action = {};
+    action.sa_handler = SIG_DFL;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(signal, &action, nullptr);
     const unsigned char byte = static_cast<unsigned char>(signal);
     // Non-blocking: if the pipe is somehow full, a quit is already pending.
     [[maybe_unused]] const ssize_t written = ::write(sPipe[0], &byte, 1);

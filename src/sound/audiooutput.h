@@ -32,14 +32,18 @@ public:
     virtual void unmute() = 0;
 
     // Whether a stream is running, so that its callback will drain the
-    // command buffers. GUI thread. The GUI thread starts and stops streams,
-    // but a stream can also stop on its own (its audio server went away), so
-    // the answer asks the audio library rather than remembering.
-    virtual bool isStreamRunning() const = 0;
+    // command buffers. GUI thread. A stream can also stop on its own (its
+    // audio server went away): the call notices that, and a false answer
+    // means that no callback will run the player until a new stream starts,
+    // so the caller may carry commands out itself.
+    virtual bool isStreamRunning() = 0;
 
     int selectedDevice() const { return mSelectedDevice; }
     int framesPerBuffer() const { return mFramesPerBuffer; }
     PdPlayer* player() const { return mPlayer; }
+    // The player that the callback runs; init() sets it too. GUI thread,
+    // while no stream runs (tests and benchmarks render without a device).
+    void setPlayer(PdPlayer* player) { mPlayer = player; }
 
     void setSelectedDevice(int device)
     {
@@ -49,6 +53,12 @@ public:
 
 signals:
     void selectedDeviceChanged(int device);
+    // The running stream stopped on its own (its device or audio server went
+    // away); `message` says so in words for the window. The output retries
+    // by itself.
+    void deviceLost(QString message);
+    // The lost device runs again; `message` says so for the window.
+    void deviceRestored(QString message);
 
 protected:
     int mSelectedDevice = -1;

@@ -1,54 +1,141 @@
 #include "sound/paaudiooutput.h"
 
+#include "input/arboevent.h"
 #include "sound/denormals.h"
 #include "sound/pdplayer.h"
+#include "sound/portaudiolibrary.h"
 
 #include <z_libpd.h>
 
 #include <QDebug>
+#include <QThread>
 
+#include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <functional>
+#include <mutex>
+#include <thread>
 
-PaAudioOutput::PaAudioOutput(QObject* parent) : AudioOutput(parent) {}
+// What a stream's callback is given: the output and the token the stream was
+// started with. Lives as long as the stream, or for good when the stream is
+// left behind, since its callback may still come.
+struct PaAudioOutput::StreamContext
+{
+    PaAudioOutput* output;
+    std::uint32_t token;
+};
+
+namespace {
+
+// The render owner while the GUI thread holds it; never a stream's token.
+constexpr std::uint32_t GUI_OWNER = 0xffffffffu;
+
+// Runs `call` on a thread of its own and waits at most `timeoutMs` for it.
+// True, with its result in `result`, when it came back in time. False when it
+// did not: the thread is left to finish whenever it can, and shares nothing
+// with the caller but the state below, which it keeps alive itself.
+bool callWithin(int timeoutMs, const std::function<PaError()>& call, PaError* result)
+{
+    struct State
+    {
+        std::mutex mutex;
+        std::condition_variable finished;
+        bool done = false;
+        PaError result = paNoError;
+    };
+    auto state = std::make_shared<State>();
+    std::thread([state, call] {
+        const PaError outcome = call();
+        std::lock_guard<std::mutex> lock(state->mutex);
+        state->result = outcome;
+        state->done = true;
+        state->finished.notify_all();
+    }).detach();
+    std::unique_lock<std::mutex> lock(state->mutex);
+    if (!state->finished.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                  [&] { return state->done; })) {
+        return false;
+    }
+    *result = state->result;
+    return true;
+}
+
+} // namespace
+
+PaAudioOutput::PaAudioOutput(QObject* parent)
+    : AudioOutput(parent), mLibrary(PortAudioLibrary::linked())
+{
+    mWatchdog.setInterval(WATCHDOG_INTERVAL_MS);
+    connect(&mWatchdog, &QTimer::timeout, this, &PaAudioOutput::checkStream);
+    mRetryTimer.setInterval(REOPEN_INTERVAL_MS);
+    connect(&mRetryTimer, &QTimer::timeout, this, &PaAudioOutput::retryLostDevice);
+}
 
 PaAudioOutput::~PaAudioOutput()
 {
     // Only after a start-up that stopped half-way; term() has done this
     // otherwise. Quietly: the log handler may already be gone.
-    if (mStream) {
-        Pa_StopStream(mStream);
-        Pa_CloseStream(mStream);
+    mWatchdog.stop();
+    mRetryTimer.stop();
+    if (mStream && !mLibrary->isAbandoned()) {
+        PaError ignored = paNoError;
+        const auto library = mLibrary;
+        PaStream* stream = mStream;
+        if (!callWithin(STOP_TIMEOUT_MS,
+                        [library, stream] {
+                            library->StopStream(stream);
+                            return library->CloseStream(stream);
+                        },
+                        &ignored)) {
+            PortAudioLibrary::abandon(mLibrary);
+        }
         mStream = nullptr;
     }
-    if (mInitialised) {
-        Pa_Terminate();
-        mInitialised = false;
+    retireCallbacks();
+    if (mInitialised && !mLibrary->isAbandoned()) {
+        PaError ignored = paNoError;
+        const auto library = mLibrary;
+        if (!callWithin(STOP_TIMEOUT_MS, [library] { return library->Terminate(); }, &ignored)) {
+            PortAudioLibrary::abandon(mLibrary);
+        }
+    }
+    mInitialised = false;
+    if (!mLibrary->isAbandoned()) {
+        delete mContext; // a context left behind stays: its callback may still come
     }
 }
 
-void PaAudioOutput::logPaError(const char* call, PaError error)
+void PaAudioOutput::logPaError(const char* call, PaError error) const
 {
     qCritical().noquote() << QStringLiteral("%1 returned err: %2 %3")
                                  .arg(QLatin1String(call))
                                  .arg(error)
-                                 .arg(QString::fromLocal8Bit(Pa_GetErrorText(error)));
+                                 .arg(QString::fromLocal8Bit(mLibrary->GetErrorText(error)));
 }
 
 bool PaAudioOutput::init(int framesPerBuffer, int deviceIndex, PdPlayer* player)
 {
+    // A value typed into the options file by hand: 0 or less cannot open a
+    // stream, and a huge one would delay every note by seconds.
+    if (framesPerBuffer < 1 || framesPerBuffer > MAX_FRAMES_PER_BUFFER) {
+        qWarning() << "Frames per buffer" << framesPerBuffer << "cannot be used (1 to"
+                   << MAX_FRAMES_PER_BUFFER << "); using" << DEFAULT_FRAMES_PER_BUFFER;
+        framesPerBuffer = DEFAULT_FRAMES_PER_BUFFER;
+    }
     mFramesPerBuffer = framesPerBuffer;
     mPlayer = player;
 
-    const PaError error = Pa_Initialize();
+    const PaError error = mLibrary->Initialize();
     if (error != paNoError) {
         logPaError("Pa_Initialize", error);
         return false;
     }
     mInitialised = true;
     qWarning() << "PortAudio initialised.";
-    qDebug() << "PortAudio version number:" << Pa_GetVersion();
-    qDebug() << "PortAudio version text:" << Pa_GetVersionText();
+    qDebug() << "PortAudio version number:" << mLibrary->GetVersion();
+    qDebug() << "PortAudio version text:" << mLibrary->GetVersionText();
 
     devices(); // builds the device map
 
@@ -61,16 +148,32 @@ bool PaAudioOutput::init(int framesPerBuffer, int deviceIndex, PdPlayer* player)
 void PaAudioOutput::term()
 {
     qWarning() << "PaAudioOutput::term...";
+    mRetryTimer.stop();
     closeDevice();
     if (mInitialised) {
         qWarning() << "Calling Pa_Terminate...";
-        const PaError error = Pa_Terminate();
-        if (error != paNoError) {
-            qWarning().noquote() << QStringLiteral("Pa_Terminate returned err: %1 %2")
-                                        .arg(error)
-                                        .arg(QString::fromLocal8Bit(Pa_GetErrorText(error)));
-        }
-        mInitialised = false;
+        terminateLibrary();
+    }
+}
+
+void PaAudioOutput::terminateLibrary()
+{
+    mInitialised = false;
+    if (mLibrary->isAbandoned()) {
+        return; // never called again, see PortAudioLibrary
+    }
+    PaError error = paNoError;
+    const auto library = mLibrary;
+    if (!callWithin(STOP_TIMEOUT_MS, [library] { return library->Terminate(); }, &error)) {
+        qCritical() << "Pa_Terminate did not return within" << STOP_TIMEOUT_MS
+                    << "ms; the audio library is left behind";
+        PortAudioLibrary::abandon(mLibrary);
+        return;
+    }
+    if (error != paNoError) {
+        qWarning().noquote() << QStringLiteral("Pa_Terminate returned err: %1 %2")
+                                    .arg(error)
+                                    .arg(QString::fromLocal8Bit(mLibrary->GetErrorText(error)));
     }
 }
 
@@ -87,17 +190,20 @@ QStringList PaAudioOutput::devices() const
 {
     QStringList list;
     mDeviceMap.clear();
-    const int count = Pa_GetDeviceCount();
+    if (!mInitialised) {
+        return list;
+    }
+    const int count = mLibrary->GetDeviceCount();
     if (count < 0) {
         logPaError("Pa_GetDeviceCount", count);
         return list;
     }
     for (int i = 0; i < count; ++i) {
-        const PaDeviceInfo* info = Pa_GetDeviceInfo(i);
+        const PaDeviceInfo* info = mLibrary->GetDeviceInfo(i);
         if (!info || info->maxOutputChannels < 1) {
             continue; // input-only devices are not listed: list and PortAudio indices differ
         }
-        const PaHostApiInfo* hostApi = Pa_GetHostApiInfo(info->hostApi);
+        const PaHostApiInfo* hostApi = mLibrary->GetHostApiInfo(info->hostApi);
         const QString host = hostApi ? QString::fromLocal8Bit(hostApi->name) : QString();
         mDeviceMap.insert(list.size(), i);
         list.append(deviceEntry(host, QString::fromLocal8Bit(info->name)));
@@ -107,18 +213,21 @@ QStringList PaAudioOutput::devices() const
 
 void PaAudioOutput::logDevices() const
 {
-    const int count = Pa_GetDeviceCount();
+    if (!mInitialised) {
+        return;
+    }
+    const int count = mLibrary->GetDeviceCount();
     qDebug() << "Number of audio devices found:" << count;
     if (count < 0) {
         logPaError("Pa_GetDeviceCount", count);
         return;
     }
     for (int i = 0; i < count; ++i) {
-        const PaDeviceInfo* info = Pa_GetDeviceInfo(i);
+        const PaDeviceInfo* info = mLibrary->GetDeviceInfo(i);
         if (!info) {
             continue;
         }
-        const PaHostApiInfo* hostApi = Pa_GetHostApiInfo(info->hostApi);
+        const PaHostApiInfo* hostApi = mLibrary->GetHostApiInfo(info->hostApi);
         qDebug() << "Index:" << i;
         qDebug() << "Name:" << QString::fromLocal8Bit(info->name);
         qDebug() << "Host API:" << (hostApi ? QString::fromLocal8Bit(hostApi->name) : QString());
@@ -146,7 +255,7 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
     if (deviceIndex != -1 && mapped != mDeviceMap.constEnd()) {
         paIndex = mapped.value();
     } else {
-        paIndex = Pa_GetDefaultOutputDevice();
+        paIndex = mLibrary->GetDefaultOutputDevice();
         if (paIndex == paNoDevice) {
             qCritical() << "No default output device returned from Pa_GetDefaultOutputDevice";
             return false;
@@ -162,7 +271,7 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
     }
 
     // 2.
-    const int count = Pa_GetDeviceCount();
+    const int count = mLibrary->GetDeviceCount();
     if (paIndex < 0 || paIndex >= count) {
         qCritical().noquote() << QStringLiteral("Device index %1 passed to "
                                                 "PaAudioOutput::selectDevice did not translate "
@@ -180,7 +289,7 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
 
     // 4. Stereo, 32-bit float, interleaved; the latency halfway between the
     // device's low and high defaults.
-    const PaDeviceInfo* info = Pa_GetDeviceInfo(paIndex);
+    const PaDeviceInfo* info = mLibrary->GetDeviceInfo(paIndex);
     PaStreamParameters output;
     std::memset(&output, 0, sizeof(output));
     output.device = paIndex;
@@ -191,15 +300,16 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
     double sampleRate = SAMPLE_RATE;
 
     // 5.
-    const PaError supported = Pa_IsFormatSupported(nullptr, &output, sampleRate);
+    const PaError supported = mLibrary->IsFormatSupported(nullptr, &output, sampleRate);
     if (supported == paInvalidSampleRate) {
         qWarning() << "Got invalid sample rate for 44100";
         sampleRate = info->defaultSampleRate;
     } else if (supported != paFormatIsSupported) {
-        qCritical().noquote() << "Output format not supported"
-                              << QStringLiteral("Pa_IsFormatSupported returned err: %1 %2")
-                                     .arg(supported)
-                                     .arg(QString::fromLocal8Bit(Pa_GetErrorText(supported)));
+        qCritical().noquote()
+            << "Output format not supported"
+            << QStringLiteral("Pa_IsFormatSupported returned err: %1 %2")
+                   .arg(supported)
+                   .arg(QString::fromLocal8Bit(mLibrary->GetErrorText(supported)));
         setSelectedDevice(-1);
         return false;
     }
@@ -216,16 +326,22 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
     mSampleRate = sampleRate;
     mOutputLatency = 0.0;
     mStats.reset(); // no callback runs between the close above and the start below
-    PaError error = Pa_OpenStream(&mStream, nullptr, &output, sampleRate,
-                                  static_cast<unsigned long>(mFramesPerBuffer), paNoFlag,
-                                  &PaAudioOutput::portAudioCallback, this);
+    mCarryFrames = 0;
+    mStreamFinished.store(false);
+    mContext = new StreamContext{this, mStreamToken.load()};
+    PaError error = mLibrary->OpenStream(&mStream, nullptr, &output, sampleRate,
+                                         static_cast<unsigned long>(mFramesPerBuffer), paNoFlag,
+                                         &PaAudioOutput::portAudioCallback, mContext);
     if (error != paNoError) {
         logPaError("Pa_OpenStream", error);
         mStream = nullptr;
+        delete mContext;
+        mContext = nullptr;
         setSelectedDevice(-1);
         return false;
     }
-    if (const PaStreamInfo* streamInfo = Pa_GetStreamInfo(mStream)) {
+    mLibrary->SetStreamFinishedCallback(mStream, &PaAudioOutput::onStreamFinished);
+    if (const PaStreamInfo* streamInfo = mLibrary->GetStreamInfo(mStream)) {
         mOutputLatency = streamInfo->outputLatency;
         mSampleRate = streamInfo->sampleRate;
         qWarning() << "PaStream opened with output latency" << streamInfo->outputLatency
@@ -233,7 +349,7 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
     }
 
     // 9.
-    error = Pa_StartStream(mStream);
+    error = mLibrary->StartStream(mStream);
     if (error != paNoError) {
         // The stream stays open until the next closeDevice().
         logPaError("Pa_StartStream", error);
@@ -241,31 +357,87 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
         return false;
     }
     qWarning() << "PaStream started";
+    const QStringList list = devices();
+    mLostDeviceName = list.value(listIndex);
+    mSeenCallbacks = mCallbackCount.load();
+    mSinceProgress.start();
+    mWatchdog.start();
     setSelectedDevice(listIndex);
     return true;
 }
 
 bool PaAudioOutput::closeDevice()
 {
+    mWatchdog.stop();
     if (!mStream) {
         return true;
     }
-    qWarning() << "Stopping stream...";
-    PaError error = Pa_StopStream(mStream);
-    if (error != paNoError) {
-        logPaError("Pa_StopStream", error); // and close it all the same
+    bool closed = true;
+    if (mLibrary->isAbandoned()) {
+        mStream = nullptr; // nothing may be called in a library left behind
+    } else {
+        qWarning() << "Stopping stream...";
+        const auto library = mLibrary;
+        PaStream* stream = mStream;
+        PaError error = paNoError;
+        // Stopping and closing a stream whose server went away may never
+        // return (see PortAudioLibrary): both are bounded, and a stream that
+        // does not let go is left behind with its library.
+        const bool stopped = callWithin(
+            STOP_TIMEOUT_MS, [library, stream] { return library->StopStream(stream); }, &error);
+        if (stopped && error != paNoError) {
+            logPaError("Pa_StopStream", error); // and close it all the same
+        }
+        bool closedInTime = false;
+        if (stopped) {
+            qWarning() << "Closing stream...";
+            closedInTime = callWithin(
+                STOP_TIMEOUT_MS, [library, stream] { return library->CloseStream(stream); },
+                &error);
+        }
+        mStream = nullptr; // forgotten in any case
+        if (!closedInTime) {
+            qCritical() << "The audio stream did not stop within" << STOP_TIMEOUT_MS
+                        << "ms; it is left behind";
+            PortAudioLibrary::abandon(mLibrary);
+        } else if (error != paNoError) {
+            logPaError("Pa_CloseStream", error);
+            // Any other error still counts as closed, deliberately: the
+            // stream is unusable either way, and refusing to go on would
+            // leave the user with no way to pick another device.
+            closed = error != paUnanticipatedHostError;
+        }
     }
-    qWarning() << "Closing stream...";
-    error = Pa_CloseStream(mStream);
-    mStream = nullptr; // forgotten in any case
-    if (error != paNoError) {
-        logPaError("Pa_CloseStream", error);
-        // Any other error still counts as closed, deliberately: the stream is
-        // unusable either way, and refusing to go on would leave the user
-        // with no way to pick another device.
-        return error != paUnanticipatedHostError;
+    retireCallbacks();
+    if (!mLibrary->isAbandoned()) {
+        delete mContext;
     }
-    return true;
+    mContext = nullptr;
+    return closed;
+}
+
+void PaAudioOutput::retireCallbacks()
+{
+    // From here on no callback of an earlier stream matches the token; the
+    // next stream gets the new one.
+    mStreamToken.fetch_add(1);
+    if (mStreamToken.load() == GUI_OWNER) {
+        mStreamToken.store(1);
+    }
+    // Taking the owner once waits out a callback that is inside render()
+    // now; any that comes later sees the new token and stays out.
+    QElapsedTimer waited;
+    waited.start();
+    std::uint32_t expected = 0;
+    while (!mRenderOwner.compare_exchange_weak(expected, GUI_OWNER, std::memory_order_acquire)) {
+        expected = 0;
+        if (waited.elapsed() > STOP_TIMEOUT_MS) {
+            qCritical() << "An audio callback did not finish within" << STOP_TIMEOUT_MS << "ms";
+            return;
+        }
+        QThread::usleep(200);
+    }
+    mRenderOwner.store(0, std::memory_order_release);
 }
 
 void PaAudioOutput::mute()
@@ -278,23 +450,163 @@ void PaAudioOutput::unmute()
     mMuted.store(false, std::memory_order_relaxed);
 }
 
-bool PaAudioOutput::isStreamRunning() const
+bool PaAudioOutput::isStreamRunning()
 {
-    return mStream && Pa_IsStreamActive(mStream) == 1;
+    if (!mStream || mLost) {
+        return false;
+    }
+    checkStream(); // a stream that died is noticed here, not only by the watchdog
+    return mStream && !mLost;
+}
+
+void PaAudioOutput::checkStream()
+{
+    if (!mStream || mLost || mLibrary->isAbandoned()) {
+        return;
+    }
+    if (mStreamFinished.load()) {
+        loseStream(QStringLiteral("the audio stream stopped"));
+        return;
+    }
+    if (mLibrary->IsStreamActive(mStream) != 1) {
+        loseStream(QStringLiteral("the audio system stopped the stream"));
+        return;
+    }
+    const std::uint64_t callbacks = mCallbackCount.load(std::memory_order_relaxed);
+    if (callbacks != mSeenCallbacks) {
+        mSeenCallbacks = callbacks;
+        mSinceProgress.start();
+    } else if (mSinceProgress.elapsed() > STALL_TIMEOUT_MS) {
+        loseStream(QStringLiteral("no audio for %1 s").arg(STALL_TIMEOUT_MS / 1000.0));
+    }
+}
+
+void PaAudioOutput::loseStream(const QString& reason)
+{
+    mLost = true;
+    mRetryFailureLogged = false;
+    qWarning().noquote()
+        << QStringLiteral("Audio device lost: %1. Trying to open it again.").arg(reason);
+    closeDevice(); // bounded, and keeps every later callback of it away from the player
+    emit deviceLost(
+        QStringLiteral("Audio device lost (%1). Reconnecting as soon as it is back...")
+            .arg(reason));
+    mRetryTimer.start();
+}
+
+bool PaAudioOutput::retryLostDevice()
+{
+    if (!mLost) {
+        mRetryTimer.stop();
+        return true;
+    }
+    // PortAudio learns of devices and servers only when it starts, so each
+    // attempt starts it afresh; a library left behind is replaced by a copy.
+    if (mInitialised) {
+        terminateLibrary();
+    }
+    if (mLibrary->isAbandoned()) {
+        QString error;
+        std::shared_ptr<PortAudioLibrary> fresh = PortAudioLibrary::freshCopy(&error);
+        if (!fresh) {
+            if (!mRetryFailureLogged) {
+                qCritical().noquote() << "Cannot load the audio library again:" << error;
+                mRetryFailureLogged = true;
+            }
+            return false;
+        }
+        mLibrary = fresh;
+    }
+    if (mLibrary->Initialize() != paNoError) {
+        return false;
+    }
+    mInitialised = true;
+    // Quietly until there is something to open: the attempts repeat every
+    // second, and selectDevice() logs its failures as errors.
+    const int wanted = devices().indexOf(mLostDeviceName);
+    if (wanted < 0 && (mDeviceMap.isEmpty() || mLibrary->GetDefaultOutputDevice() == paNoDevice)) {
+        terminateLibrary();
+        return false;
+    }
+    // No callback runs now, so the player is this thread's to tidy up: what
+    // was queued meanwhile is carried out, then every note is let go, so
+    // that the device comes back silent and the lattice shows no note
+    // playing that nobody hears.
+    mPlayer->processEvents();
+    const ArboEvent allOff(ArboEvent::AllNotesOff, 1.0f);
+    mPlayer->queueEventGui(&allOff);
+    mPlayer->processEvents();
+    if (!selectDevice(wanted)) {
+        return false;
+    }
+    mLost = false;
+    mRetryTimer.stop();
+    const QString device = devices().value(selectedDevice());
+    qWarning().noquote() << "Audio device opened again:" << device;
+    emit deviceRestored(QStringLiteral("Audio device back: %1").arg(device));
+    return true;
+}
+
+void PaAudioOutput::onStreamFinished(void* userData)
+{
+    auto* context = static_cast<StreamContext*>(userData);
+    PaAudioOutput* output = context->output;
+    if (context->token == output->mStreamToken.load()) {
+        output->mStreamFinished.store(true);
+    }
 }
 
 int PaAudioOutput::portAudioCallback(const void* /*input*/, void* output, unsigned long frames,
                                      const PaStreamCallbackTimeInfo* /*timeInfo*/,
                                      PaStreamCallbackFlags statusFlags, void* userData)
 {
-    return static_cast<PaAudioOutput*>(userData)->render(static_cast<float*>(output), frames,
-                                                         statusFlags);
+    auto* context = static_cast<StreamContext*>(userData);
+    return context->output->onStreamCallback(context->token, static_cast<float*>(output), frames,
+                                             statusFlags);
 }
 
-int PaAudioOutput::render(float* output, unsigned long frames,
-                          PaStreamCallbackFlags statusFlags) noexcept
+int PaAudioOutput::onStreamCallback(std::uint32_t token, float* output, unsigned long frames,
+                                    PaStreamCallbackFlags statusFlags) noexcept
 {
+    // Real-time exceptions on this thread, all named by the design:
+    // - the player emits queued Qt signals (each allocates an event);
+    // - the player's note map may allocate a node at a note-on;
+    // - opening and closing a patch (a patch change, with the output muted)
+    //   reads the patch file and takes the patch mutex, which the waiting
+    //   GUI thread holds only for a moment;
+    // - the player's debug lines, formatted only when diagnostics were asked
+    //   for on the command line.
+    // Nothing else blocks, locks, allocates, logs or touches a file here: the
+    // render owner below is one compare-and-swap that never waits.
     const auto start = std::chrono::steady_clock::now();
+    const std::size_t bytes = std::size_t(frames) * CHANNELS * sizeof(float);
+    std::uint32_t nobody = 0;
+    if (!mRenderOwner.compare_exchange_strong(nobody, token, std::memory_order_acquire)) {
+        std::memset(output, 0, bytes); // another stream's callback, or the GUI thread, has it
+        return paContinue;
+    }
+    if (token != mStreamToken.load(std::memory_order_relaxed)) {
+        // A stream that was left behind came back to life: it must never
+        // run the player again.
+        mRenderOwner.store(0, std::memory_order_release);
+        std::memset(output, 0, bytes);
+        return paAbort;
+    }
+    render(output, int(frames));
+    mCallbackCount.store(mCallbackCount.load(std::memory_order_relaxed) + 1,
+                         std::memory_order_relaxed);
+    mRenderOwner.store(0, std::memory_order_release);
+
+    const auto end = std::chrono::steady_clock::now();
+    const double rate = mSampleRate > 0.0 ? mSampleRate : SAMPLE_RATE;
+    const auto periodNs = std::int64_t(double(frames) * 1e9 / rate);
+    mStats.record(std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count(),
+                  periodNs, (statusFlags & paOutputUnderflow) != 0);
+    return paContinue;
+}
+
+void PaAudioOutput::render(float* output, int frames) noexcept
+{
     // Every time rather than once: PortAudio does not promise one thread for
     // the stream's whole life, and setting it costs a register write.
     Denormals::flushToZero();
@@ -303,29 +615,41 @@ int PaAudioOutput::render(float* output, unsigned long frames,
     // gives this thread libpd's instance, which libpd_process_float needs.
     mPlayer->processEvents();
 
-    const std::size_t bytes = std::size_t(frames) * CHANNELS * sizeof(float);
-    bool silent = true;
-    if (mPlayer->isPatchOpen()) {
-        const unsigned long ticks = frames / PD_BLOCK_FRAMES;
-        libpd_process_float(int(ticks), nullptr, output);
-        // Pd only computes whole blocks. Frames per buffer that are no
-        // multiple of 64 leave a remainder Pd cannot fill; it is written as
-        // silence rather than left holding whatever the buffer held before.
-        const std::size_t written = std::size_t(ticks) * PD_BLOCK_FRAMES * CHANNELS;
-        if (written * sizeof(float) < bytes) {
-            std::memset(output + written, 0, bytes - written * sizeof(float));
-        }
-        // Muted: the patch went on running, only its output is discarded.
-        silent = mMuted.load(std::memory_order_relaxed);
+    const std::size_t bytes = std::size_t(std::max(frames, 0)) * CHANNELS * sizeof(float);
+    if (frames <= 0) {
+        return;
     }
-    if (silent) {
+    if (!mPlayer->isPatchOpen()) {
+        mCarryFrames = 0; // what was left of the last patch's tick is not played
+        std::memset(output, 0, bytes);
+        return;
+    }
+    constexpr std::size_t FRAME_BYTES = CHANNELS * sizeof(float);
+    int done = 0;
+    // 1. The rest of the tick that the previous buffer could not take.
+    if (mCarryFrames > 0) {
+        const int taken = std::min(mCarryFrames, frames);
+        std::memcpy(output, mCarry + (PD_BLOCK_FRAMES - mCarryFrames) * CHANNELS,
+                    std::size_t(taken) * FRAME_BYTES);
+        mCarryFrames -= taken;
+        done = taken;
+    }
+    // 2. Whole ticks, straight into the buffer.
+    const int ticks = (frames - done) / PD_BLOCK_FRAMES;
+    if (ticks > 0) {
+        libpd_process_float(ticks, nullptr, output + std::size_t(done) * CHANNELS);
+        done += ticks * PD_BLOCK_FRAMES;
+    }
+    // 3. One more tick for the end of the buffer; its tail waits for the
+    // next one. The sound runs on without a gap at any buffer size.
+    if (done < frames) {
+        libpd_process_float(1, nullptr, mCarry);
+        const int rest = frames - done;
+        std::memcpy(output + std::size_t(done) * CHANNELS, mCarry, std::size_t(rest) * FRAME_BYTES);
+        mCarryFrames = PD_BLOCK_FRAMES - rest;
+    }
+    // Muted: the patch went on running, only its output is discarded.
+    if (mMuted.load(std::memory_order_relaxed)) {
         std::memset(output, 0, bytes);
     }
-
-    const auto end = std::chrono::steady_clock::now();
-    const double rate = mSampleRate > 0.0 ? mSampleRate : SAMPLE_RATE;
-    const auto periodNs = std::int64_t(double(frames) * 1e9 / rate);
-    mStats.record(std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count(),
-                  periodNs, (statusFlags & paOutputUnderflow) != 0);
-    return paContinue;
 }

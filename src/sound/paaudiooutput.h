@@ -3,24 +3,40 @@
 #include "sound/audiooutput.h"
 #include "sound/callbackstats.h"
 
+#include <QElapsedTimer>
 #include <QHash>
 #include <QString>
+#include <QTimer>
 
 #include <portaudio.h>
 
 #include <atomic>
+#include <cstdint>
+#include <memory>
+
+class PortAudioLibrary;
 
 // The audio output on PortAudio: stereo 32-bit float at 44100 Hz (or the
 // device's own rate when it refuses 44100), run by the stream callback, which
 // has the player carry out its queued commands and then computes the sound
-// with libpd in whole 64-frame Pd blocks.
+// with libpd.
 //
-// Threads: everything but portAudioCallback() runs on the GUI thread. The
-// callback runs on PortAudio's audio thread; it never blocks, locks, allocates
-// or logs (the player's signals, emitted from inside processEvents, are the
-// design's one exception, see PdPlayer). The GUI thread and the callback
-// share only the muted flag and the timing statistics; the player pointer,
-// the stream and the sample rate change only while no stream runs.
+// Threads: everything but the callback and render() runs on the GUI thread.
+// The callback runs on PortAudio's audio thread; it never blocks, locks,
+// allocates or logs (the exceptions are named at the top of
+// onStreamCallback). The GUI thread and the callback share only atomics: the
+// muted flag, the stream token and render owner, the finished flag and the
+// timing statistics; the player pointer, the stream and the sample rate
+// change only while no stream runs.
+//
+// A stage machine loses its device now and then (a USB interface pulled, a
+// sound server restarted). A watchdog on the GUI thread notices a stream that
+// stopped on its own or whose callbacks no longer come, says so once
+// (deviceLost), and tries to open the device again every second until it
+// can (deviceRestored). Stopping and closing a stream, and ending PortAudio,
+// are bounded in time: a host API that never returns from them is left
+// behind for good (see PortAudioLibrary), so that neither a shutdown nor a
+// device change can hang.
 class PaAudioOutput : public AudioOutput
 {
     Q_OBJECT
@@ -29,6 +45,18 @@ public:
     static constexpr double SAMPLE_RATE = 44100.0;
     // Pd computes in blocks of this many frames.
     static constexpr int PD_BLOCK_FRAMES = 64;
+    // Frames per buffer outside 1..MAX_FRAMES_PER_BUFFER cannot be used; the
+    // output then asks for DEFAULT_FRAMES_PER_BUFFER.
+    static constexpr int MAX_FRAMES_PER_BUFFER = 8192;
+    static constexpr int DEFAULT_FRAMES_PER_BUFFER = 256;
+    // How long stopping or closing a stream, or ending PortAudio, may take
+    // before the library is left behind.
+    static constexpr int STOP_TIMEOUT_MS = 1500;
+    // A running stream whose callback has not come for this long is lost.
+    static constexpr int STALL_TIMEOUT_MS = 2000;
+    // How often the watchdog looks, and how often a lost device is retried.
+    static constexpr int WATCHDOG_INTERVAL_MS = 250;
+    static constexpr int REOPEN_INTERVAL_MS = 1000;
 
     explicit PaAudioOutput(QObject* parent = nullptr);
     // Closes the stream and ends PortAudio if term() was not called (as after
@@ -39,7 +67,7 @@ public:
     // device list and opens `deviceIndex`, falling back to the default
     // device. False when PortAudio does not start or no device opens.
     bool init(int framesPerBuffer, int deviceIndex, PdPlayer* player) override;
-    // Closes the device and ends PortAudio.
+    // Closes the device and ends PortAudio, each within STOP_TIMEOUT_MS.
     void term() override;
     // "host: device" for each device with output channels, in PortAudio's
     // order ("DS" stands for a Windows DirectSound host). Rebuilds the map
@@ -51,18 +79,19 @@ public:
     // -1, or an index that is not in the list, means the system's default
     // output device. Closes the running stream first.
     bool selectDevice(int deviceIndex) override;
-    // Stops and closes the stream, if there is one. False only when the host
-    // reported an unanticipated error while closing.
+    // Stops and closes the stream, if there is one, within STOP_TIMEOUT_MS.
+    // False only when the host reported an unanticipated error while closing.
     bool closeDevice();
     // GUI thread; the callback sees the change at its next buffer.
     void mute() override;
     void unmute() override;
     bool isMuted() const { return mMuted.load(std::memory_order_relaxed); }
 
-    // Whether the stream is open and PortAudio reports it active. False also
-    // when the host stopped it (a JACK server that went away), so that the
-    // player never waits for a callback that cannot come.
-    bool isStreamRunning() const override;
+    // Whether the stream is open, not lost and PortAudio reports it active,
+    // so that the player never waits for a callback that cannot come.
+    bool isStreamRunning() override;
+    // Whether the device was lost and is being retried.
+    bool isDeviceLost() const { return mLost; }
 
     // The device list entry for a host API and device name.
     static QString deviceEntry(const QString& hostApiName, const QString& deviceName);
@@ -77,19 +106,50 @@ public:
     const CallbackStats& callbackStats() const { return mStats; }
     CallbackStats& callbackStats() { return mStats; }
 
-    // The stream callback; `userData` is the PaAudioOutput. Public so that a
-    // test or benchmark can drive it with its own buffers while no stream runs.
+    // The one place where sound is made, shared by the stream callback, the
+    // tests and the benchmarks: carries out the player's queued commands,
+    // then fills `frames` stereo frames (any number) with the patch's output,
+    // or with silence while muted or with no patch open. Pd computes whole
+    // ticks of 64 frames; the part of a tick that does not fit is kept for
+    // the next call, so that every buffer size plays without gaps.
+    // Audio thread; or any thread while no stream runs.
+    void render(float* output, int frames) noexcept;
+
+    // The stream callback; `userData` is the stream's context.
     static int portAudioCallback(const void* input, void* output, unsigned long frames,
                                  const PaStreamCallbackTimeInfo* timeInfo,
                                  PaStreamCallbackFlags statusFlags, void* userData);
 
-private:
-    // The callback's work, on the audio thread.
-    int render(float* output, unsigned long frames, PaStreamCallbackFlags statusFlags) noexcept;
-    // Logs "<call> returned err: <n> <text>" at critical level.
-    static void logPaError(const char* call, PaError error);
+public slots:
+    // GUI thread: looks at the running stream (the watchdog's timer calls it).
+    void checkStream();
+    // GUI thread: one attempt to open the lost device again (the retry
+    // timer calls it). True when the device runs again.
+    bool retryLostDevice();
 
+private:
+    struct StreamContext;
+
+    int onStreamCallback(std::uint32_t token, float* output, unsigned long frames,
+                         PaStreamCallbackFlags statusFlags) noexcept;
+    static void onStreamFinished(void* userData);
+    // Declares the stream lost: logs it, keeps every later callback of it
+    // away from the player, lets it go and starts the retries.
+    void loseStream(const QString& reason);
+    // Makes sure no callback of an old stream is inside render() and none
+    // will enter it again.
+    void retireCallbacks();
+    // Ends PortAudio within STOP_TIMEOUT_MS, leaving the library behind if
+    // it does not come back.
+    void terminateLibrary();
+    // Logs "<call> returned err: <n> <text>" at critical level.
+    void logPaError(const char* call, PaError error) const;
+
+    std::shared_ptr<PortAudioLibrary> mLibrary;
     PaStream* mStream = nullptr;
+    // The context handed to the running stream's callback. A stream left
+    // behind keeps its context for good, as its callback may still come.
+    StreamContext* mContext = nullptr;
     bool mInitialised = false;
     // devices() is const but rebuilds the map, as the list and the map must
     // always agree.
@@ -100,4 +160,31 @@ private:
     double mSampleRate = 0.0;
     double mOutputLatency = 0.0;
     CallbackStats mStats;
+
+    // The token of the stream whose callbacks may render; a callback with
+    // another token writes silence and asks PortAudio to stop it.
+    std::atomic<std::uint32_t> mStreamToken{1};
+    // Whose callback is inside render() (its token), 0 when nobody's. Taken
+    // with one compare-and-swap that never waits: a callback that finds it
+    // taken writes silence. It keeps an old stream's late callback from ever
+    // running the player beside a new stream's callback or the GUI thread.
+    std::atomic<std::uint32_t> mRenderOwner{0};
+    // Callbacks of the running stream, for the watchdog.
+    std::atomic<std::uint64_t> mCallbackCount{0};
+    // Set by PortAudio's stream-finished report.
+    std::atomic<bool> mStreamFinished{false};
+
+    // Audio thread (or while no stream runs): the rest of the last Pd tick
+    // that did not fit into the previous buffer.
+    float mCarry[PD_BLOCK_FRAMES * CHANNELS] = {};
+    int mCarryFrames = 0;
+
+    // GUI thread: the watchdog and the retries.
+    QTimer mWatchdog;
+    QTimer mRetryTimer;
+    QElapsedTimer mSinceProgress;
+    std::uint64_t mSeenCallbacks = 0;
+    bool mLost = false;
+    bool mRetryFailureLogged = false;
+    QString mLostDeviceName;
 };
