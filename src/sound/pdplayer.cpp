@@ -10,6 +10,7 @@
 #include <z_print_util.h>
 
 #include <QDebug>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QThread>
 
@@ -25,6 +26,8 @@ namespace {
 // before it stops waiting. A running stream answers within a buffer or two;
 // a stream whose device has died would otherwise freeze the window for good.
 constexpr unsigned long PATCH_COMMAND_TIMEOUT_MS = 5000;
+// How often the waiting GUI thread looks whether the stream still runs.
+constexpr unsigned long PATCH_WAIT_SLICE_MS = 50;
 
 // The gap, with the output muted, on either side of closing a patch.
 constexpr unsigned long PATCH_CLOSE_SLEEP_MS = 50;
@@ -38,6 +41,8 @@ PdPlayer::PdPlayer(QObject* parent) : QObject(parent)
         mVoices[i] = NoteOn();
     }
     mNoteMap.reserve(VOICE_COUNT);
+    mReportTimer.setInterval(1000);
+    connect(&mReportTimer, &QTimer::timeout, this, &PdPlayer::reportRefusedCommands);
 }
 
 PdPlayer::~PdPlayer()
@@ -69,6 +74,7 @@ bool PdPlayer::init()
     libpd_set_listhook(&PdPlayer::pdListHook);
     libpd_init(); // -1 when already done in this process, which is fine
     mPdInstance = libpd_this_instance();
+    mReportTimer.start();
     return true;
 }
 
@@ -130,8 +136,10 @@ void PdPlayer::carryOut(const PdMessageBuffer::Chunk& chunk)
         // prime step of the table (4, 1000, NaN from a hand-written tag map)
         // is refused here: its ratio would be 0 or a division by zero.
         const float rounded = std::floor(value + 0.5f);
-        if (!(std::fabs(rounded) <= 31.0f)) {
-            qWarning() << "Ignoring transposition by" << value << "- not a prime step";
+        if (!(std::fabs(rounded) <= 31.0f) ||
+            (rounded != 0.0f && !Arbo::isValidPrime(static_cast<signed char>(rounded)))) {
+            mLastRefusedTransposition.store(value, std::memory_order_relaxed);
+            mRefusedTranspositions.fetch_add(1, std::memory_order_relaxed);
             break;
         }
         transpose(static_cast<signed char>(rounded));
@@ -179,10 +187,10 @@ void PdPlayer::carryOut(const PdMessageBuffer::Chunk& chunk)
         setMacroValue(chunk.type - ArboEvent::Macro1 + 1, value);
         break;
     case ArboEvent::OpenPatch:
-        openPatch();
+        openPatch(int(value));
         break;
     case ArboEvent::ClosePatch:
-        closePatch();
+        closePatch(int(value));
         break;
     default:
         break; // codes outside the vocabulary are ignored
@@ -250,7 +258,8 @@ void PdPlayer::transpose(signed char step)
         // The transposition is refused rather than wrapped when it would no
         // longer fit in 64 bits: a wrong ratio would be a wrong pitch.
         if (!mTransposition.multiplyIfExact(ArboRatio::pathRatio(ArboPath(step)))) {
-            qWarning() << "Transposition by" << int(step) << "would overflow; ignored";
+            mLastRefusedTransposition.store(float(step), std::memory_order_relaxed);
+            mRefusedTranspositions.fetch_add(1, std::memory_order_relaxed);
             return;
         }
     }
@@ -281,7 +290,10 @@ void PdPlayer::toggleNote(const ArboPath& path)
     }
     ArboRatio ratio = mTransposition;
     if (!ratio.multiplyIfExact(ArboRatio::pathRatio(path))) {
-        qWarning() << "Note at" << path.toString() << "lies beyond the exact ratios; ignored";
+        quint64 bytes = 0;
+        std::memcpy(&bytes, &path, sizeof(bytes));
+        mLastRefusedNote.store(bytes, std::memory_order_relaxed);
+        mRefusedNotes.fetch_add(1, std::memory_order_relaxed);
         return;
     }
     const auto found = mNoteMap.constFind(ratio);
@@ -342,6 +354,7 @@ void PdPlayer::noteOn(const ArboRatio& ratio)
     // The one allocation of a note-on: QHash makes a node per entry, even
     // with room reserved for every voice.
     mNoteMap.insert(ratio, &record);
+    updateSoundingCount();
 
     ARBO_DEBUG() << "noteOn for ratio" << ratio.toString() << "freq" << frequency << "voice"
                  << chosen << "seqId" << record.seqId << "stolen" << (stolen ? "true" : "false");
@@ -394,6 +407,7 @@ void PdPlayer::onVoiceStopped(int voice)
     if (found != mNoteMap.end() && found.value()->voice == voice) {
         ARBO_DEBUG() << "removing voice" << voice << "from note map";
         mNoteMap.erase(found);
+        updateSoundingCount();
     }
     record.released = false;
     record.seqId = 0;
@@ -454,7 +468,28 @@ bool PdPlayer::sendPdQueryMacrosMessage()
 
 void PdPlayer::pdPrintHook(const char* text)
 {
-    qDebug().noquote() << "libPD:" << text;
+    // Pd prints on the audio thread: not even formatted unless diagnostics
+    // were asked for.
+    ARBO_DEBUG().noquote() << "libPD:" << text;
+}
+
+void PdPlayer::reportRefusedCommands()
+{
+    if (const quint32 count = mRefusedTranspositions.exchange(0)) {
+        qWarning().noquote() << QStringLiteral("Ignored %1 transposition(s) that are no prime "
+                                               "step or would leave the exact ratios (last: %2)")
+                                    .arg(count)
+                                    .arg(double(mLastRefusedTransposition.load()));
+    }
+    if (const quint32 count = mRefusedNotes.exchange(0)) {
+        ArboPath path;
+        const quint64 bytes = mLastRefusedNote.load();
+        std::memcpy(static_cast<void*>(&path), &bytes, sizeof(bytes));
+        qWarning().noquote()
+            << QStringLiteral("Ignored %1 note(s) beyond the exact ratios (last: %2)")
+                   .arg(count)
+                   .arg(path.toString());
+    }
 }
 
 void PdPlayer::pdListHook(const char* recv, int argc, _atom* argv)
@@ -549,22 +584,41 @@ bool PdPlayer::loadPatch(const QFileInfo& file)
 
 void PdPlayer::runPatchCommand(int command)
 {
-    const ArboEvent event(static_cast<ArboEvent::Type>(command), 0.0f);
     AudioOutput* output = AppContext::audioOutput();
+    QMutexLocker lock(&mPatchMutex);
+    mPatchCommandSent = mPatchCommandSent % 0xffffff + 1;
+    const int sequence = mPatchCommandSent;
+    const ArboEvent event(static_cast<ArboEvent::Type>(command), float(sequence));
     if (!output || !output->isStreamRunning()) {
         // No audio thread runs, so nothing else touches libpd: carry the
         // command out here, or it would wait for a callback that never comes.
+        lock.unlock();
         queueEventGui(&event);
         processEvents();
         return;
     }
     // Locked before queueing, so the audio thread cannot report the command
     // done before this thread waits for it.
-    QMutexLocker lock(&mPatchMutex);
-    mPatchCommandDone = false;
     queueEventGui(&event);
-    while (!mPatchCommandDone) {
-        if (!mPatchCondition.wait(&mPatchMutex, PATCH_COMMAND_TIMEOUT_MS)) {
+    QElapsedTimer waited;
+    waited.start();
+    while (mPatchCommandDone != sequence) {
+        mPatchCondition.wait(&mPatchMutex, PATCH_WAIT_SLICE_MS);
+        if (mPatchCommandDone == sequence) {
+            break;
+        }
+        // The stream may have died under the command (its device went away):
+        // then nothing will answer, and no callback runs the player any more,
+        // so the command is carried out here. The lock is let go meanwhile:
+        // a callback finishing its buffer may need it.
+        lock.unlock();
+        const bool running = output->isStreamRunning();
+        if (!running) {
+            processEvents();
+            return;
+        }
+        lock.relock();
+        if (mPatchCommandDone != sequence && waited.elapsed() > qint64(PATCH_COMMAND_TIMEOUT_MS)) {
             qCritical() << "Audio thread did not answer the patch command" << command
                         << "- giving up waiting";
             return;
@@ -572,7 +626,13 @@ void PdPlayer::runPatchCommand(int command)
     }
 }
 
-void PdPlayer::closePatch()
+void PdPlayer::finishPatchCommand(int sequence)
+{
+    mPatchCommandDone = sequence;
+    mPatchCondition.wakeAll();
+}
+
+void PdPlayer::closePatch(int sequence)
 {
     // The GUI thread holds this lock only briefly (to queue, then inside the
     // wait, which releases it), so the audio thread never waits long here.
@@ -585,6 +645,12 @@ void PdPlayer::closePatch()
             libpd_unbind(mVoiceInfoBinding);
             mVoiceInfoBinding = nullptr;
         }
+        // Let go with the patch: a binding kept from every open would run the
+        // hook once more for each patch ever opened.
+        if (mVoiceStopBinding) {
+            libpd_unbind(mVoiceStopBinding);
+            mVoiceStopBinding = nullptr;
+        }
         libpd_closefile(mPatch);
         mPatch = nullptr;
         // The released voices were waiting for "voice-stop" from a patch that
@@ -596,26 +662,22 @@ void PdPlayer::closePatch()
             voice.released = false;
         }
         mNoteMap.clear();
+        updateSoundingCount();
         mMonoVoice = -1;
         mMacroNames.clear();
         emit macroNamesReceived(mMacroNames);
         mMacroDefaults.clear();
     }
     // Also when nothing was open: the GUI thread is waiting either way.
-    mPatchCommandDone = true;
-    mPatchCondition.wakeAll();
+    finishPatchCommand(sequence);
 }
 
-void PdPlayer::openPatch()
+void PdPlayer::openPatch(int sequence)
 {
     ARBO_DEBUG() << "PdPlayer::openPatch()";
     QMutexLocker lock(&mPatchMutex);
-    const auto done = [this] {
-        mPatchCommandDone = true;
-        mPatchCondition.wakeAll();
-    };
     if (!mPendingPatch) {
-        done();
+        finishPatchCommand(sequence); // the GUI thread stopped waiting for this one
         return;
     }
     qWarning().noquote() << "Opening PD patch: " << mPendingPatchFolder << mPendingPatchFile;
@@ -625,22 +687,23 @@ void PdPlayer::openPatch()
     if (!mPatch) {
         qCritical().noquote() << "Opening PD patch failed: " << mPendingPatchFolder
                               << mPendingPatchFile;
-        done();
+        finishPatchCommand(sequence);
         return;
     }
     if (!setDsp(true)) {
         qCritical().noquote() << "setDsp(true) failed after opening: " << mPendingPatchFolder
                               << mPendingPatchFile;
-        done();
+        finishPatchCommand(sequence);
         return;
     }
     mVoiceInfoBinding = libpd_bind("output-voice-info");
-    // A new "voice-stop" binding at every open, the old ones kept: a report
-    // may then arrive more than once, and onVoiceStopped ignores the repeats.
-    mVoiceStopBinding = libpd_bind("voice-stop");
+    // Once per patch; closePatch lets it go.
+    if (!mVoiceStopBinding) {
+        mVoiceStopBinding = libpd_bind("voice-stop");
+    }
     // The patch answers during this call, through the list hook.
     sendPdQueryMacrosMessage();
     // Only the flag: the GUI thread frees the names, not the audio thread.
     mPendingPatch = false;
-    done();
+    finishPatchCommand(sequence);
 }

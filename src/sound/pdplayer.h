@@ -10,6 +10,7 @@
 #include <QMutex>
 #include <QObject>
 #include <QStringList>
+#include <QTimer>
 #include <QWaitCondition>
 
 #include <atomic>
@@ -126,7 +127,19 @@ public:
     float baseFrequency() const { return mBaseFrequency; }
     bool monophonic() const { return mMonophonic; }
     bool primeEnabled(int prime) const;
-    int soundingNoteCount() const { return mNoteMap.size(); }
+    // Notes in the note map (sounding or releasing). Any thread: published
+    // by the audio thread after every change.
+    int soundingNoteCount() const { return mSoundingNotes.load(std::memory_order_relaxed); }
+
+    // Commands that the audio thread refused since the last report: a
+    // transposition that is no prime step or would leave the exact ratios,
+    // a note beyond the exact ratios. Any thread.
+    quint32 refusedTranspositions() const { return mRefusedTranspositions.load(); }
+    quint32 refusedNotes() const { return mRefusedNotes.load(); }
+    // GUI thread: logs what the audio thread refused since the last call, one
+    // line per kind, and clears the counts. A timer calls it every second
+    // while the player runs, so a flood of bad input costs a line a second.
+    void reportRefusedCommands();
 
 signals:
     void noteToggled(ArboRatio ratio, bool on);
@@ -159,10 +172,14 @@ private:
     void noteOff(const ArboRatio& ratio);
     void allNotesOff();
     void onVoiceStopped(int voice);
-    void openPatch();
-    void closePatch();
+    void openPatch(int sequence);
+    void closePatch(int sequence);
+    // Audio thread, under the patch mutex: the patch command `sequence` is
+    // carried out.
+    void finishPatchCommand(int sequence);
     // GUI thread: queues a patch command and waits until it is carried out.
     void runPatchCommand(int command);
+    void updateSoundingCount() { mSoundingNotes.store(mNoteMap.size(), std::memory_order_relaxed); }
 
     bool sendPdVoiceMessage(int type, float value, int voice);
     bool sendPdVolumeMessage(float value);
@@ -207,9 +224,22 @@ private:
     QByteArray mPendingPatchFile;
     QByteArray mPendingPatchFolder;
     bool mPendingPatch = false;
-    // Set by the audio thread when it has carried out the patch command the
-    // GUI thread waits for; guards the wait against spurious wake-ups.
-    bool mPatchCommandDone = false;
+    // Patch commands carry a sequence number (in the command's value): the
+    // GUI thread waits until the audio thread reports its own number done,
+    // so that a late answer to a command whose wait timed out cannot end the
+    // wait of the next one. Both under mPatchMutex. Kept below 2^24, where
+    // the float value holds every integer exactly.
+    int mPatchCommandSent = 0;
+    int mPatchCommandDone = 0;
     QWaitCondition mPatchCondition;
     QMutex mPatchMutex;
+
+    std::atomic<int> mSoundingNotes{0};
+    // Counted on the audio thread, reported by the GUI thread: the audio
+    // thread never logs because of what the input says.
+    std::atomic<quint32> mRefusedTranspositions{0};
+    std::atomic<float> mLastRefusedTransposition{0.0f};
+    std::atomic<quint32> mRefusedNotes{0};
+    std::atomic<quint64> mLastRefusedNote{0}; // the path's eight bytes
+    QTimer mReportTimer;
 };
