@@ -53,14 +53,20 @@ void JackFixture::ChildProcess::setupChildProcess()
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
 }
 
-bool JackFixture::toolsAvailable()
+QString JackFixture::missingTools()
 {
+    QStringList missing;
     for (const char* tool : {"jackd", "jack_capture", "jack_lsp"}) {
         if (QStandardPaths::findExecutable(QString::fromLatin1(tool)).isEmpty()) {
-            return false;
+            missing << QString::fromLatin1(tool);
         }
     }
-    return true;
+    if (missing.isEmpty()) {
+        return QString();
+    }
+    return QStringLiteral("%1 not found: install the Debian packages jackd2 and jack-capture "
+                          "(scripts/install-deps.sh does)")
+        .arg(missing.join(QStringLiteral(", ")));
 }
 
 QProcessEnvironment JackFixture::environment(QProcessEnvironment base) const
@@ -114,10 +120,15 @@ bool JackFixture::start(int sampleRate, int periodFrames, int timeoutMs, bool re
                       .arg(sFixtureCounter.fetch_add(1));
     const QStringList scheduling = realtime ? QStringList{"--realtime", "--realtime-priority", "70"}
                                             : QStringList{"--no-realtime"};
-    if (!startTool(mServer, QStringLiteral("jackd"),
-                   scheduling + QStringList{"-n", mServerName, "-d", "dummy", "-r",
-                                            QString::number(sampleRate), "-p",
-                                            QString::number(periodFrames)},
+    mServerArguments = scheduling + QStringList{"-n", mServerName, "-d", "dummy", "-r",
+                                                QString::number(sampleRate), "-p",
+                                                QString::number(periodFrames)};
+    return restartServer(timeoutMs);
+}
+
+bool JackFixture::restartServer(int timeoutMs)
+{
+    if (!startTool(mServer, QStringLiteral("jackd"), mServerArguments,
                    QStringLiteral("jackd.log"))) {
         return false;
     }
@@ -131,6 +142,14 @@ bool JackFixture::start(int sampleRate, int periodFrames, int timeoutMs, bool re
         }
     }
     return true;
+}
+
+void JackFixture::killServer()
+{
+    if (mServer.state() != QProcess::NotRunning) {
+        mServer.kill();
+        mServer.waitForFinished(10000);
+    }
 }
 
 void JackFixture::stopProcess(QProcess& process)

@@ -37,8 +37,10 @@ public:
     JackFixture(const JackFixture&) = delete;
     JackFixture& operator=(const JackFixture&) = delete;
 
-    // Whether jackd, jack_lsp and jack_capture can be found on the PATH.
-    static bool toolsAvailable();
+    // Empty when jackd, jack_lsp and jack_capture can be found on the PATH;
+    // otherwise what is missing and the Debian packages that bring it, for
+    // the test to fail with (a test that cannot listen must not pass).
+    static QString missingTools();
 
     // Starts the server and waits (up to `timeoutMs`) until its playback
     // ports exist. On failure returns false with the reason in error().
@@ -50,6 +52,11 @@ public:
                bool realtime = false);
     // Stops jack_capture (if running) and the server, by their process ids.
     void stop();
+    // The server goes away under its clients, as a crashed or restarted
+    // sound server does (SIGKILL to exactly its process)...
+    void killServer();
+    // ...and a new one comes up under the same name. False on failure.
+    bool restartServer(int timeoutMs = 30000);
 
     QString error() const { return mError; }
     // A folder for captures and logs that lives as long as the fixture.
@@ -98,5 +105,6 @@ private:
     ChildProcess mServer;
     ChildProcess mCapture;
     QString mServerName;
+    QStringList mServerArguments;
     QString mError;
 };

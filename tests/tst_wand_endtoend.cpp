@@ -10,11 +10,13 @@
 #include "jackfixture.h"
 #include "testsupport.h"
 
+#include <QElapsedTimer>
 #include <QTemporaryDir>
 #include <QUdpSocket>
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 
 namespace {
 
@@ -124,21 +126,44 @@ private:
                                  QStringList{"--quiet", "--port", QString::number(port)} + tags);
     }
 
-    // Records the program's output for `seconds`; the left channel, empty
-    // when the recording failed (mJack.error() says why).
-    QVector<float> record(const QString& name, double seconds)
+    // Records the program's output for `seconds`, again and again until the
+    // left channel shows what `done` waits for (a note that has started or
+    // faded), for at most `timeoutMs`. The last recording, empty when
+    // recording failed (mJack.error() says why).
+    QVector<float> recordUntil(const QString& name, double seconds,
+                               const std::function<bool(const QVector<float>&)>& done,
+                               int timeoutMs = 20000)
     {
         const QString path = mJack.workDir() + QLatin1Char('/') + name + QStringLiteral(".wav");
-        return mJack.capture(path, seconds) ? AudioAnalysis::readWav(path).channel(0)
-                                            : QVector<float>();
+        QElapsedTimer timer;
+        timer.start();
+        QVector<float> left;
+        do {
+            if (!mJack.capture(path, seconds)) {
+                return QVector<float>();
+            }
+            left = AudioAnalysis::readWav(path).channel(0);
+        } while (!done(left) && timer.elapsed() < timeoutMs);
+        return left;
+    }
+
+    // A tone within a few cents of `frequency` sounds. The exact pitch is
+    // checked offline; a live capture on a busy machine may drop a period.
+    static bool soundsNear(const QVector<float>& left, double frequency)
+    {
+        const double found = AudioAnalysis::dominantFrequency(left, 44100);
+        return AudioAnalysis::rmsDb(left) > -40.0 && found > 0.0 &&
+               std::abs(AudioAnalysis::cents(found, frequency)) < 10.0;
+    }
+    static bool silent(const QVector<float>& left)
+    {
+        return left.size() > 20000 && AudioAnalysis::rmsDb(left) < -80.0;
     }
 
 private slots:
     void initTestCase()
     {
-        if (!JackFixture::toolsAvailable()) {
-            QSKIP("jackd, jack_lsp or jack_capture is not installed (scripts/install-deps.sh)");
-        }
+        QVERIFY2(JackFixture::missingTools().isEmpty(), qPrintable(JackFixture::missingTools()));
         QVERIFY2(mJack.start(44100, 256), qPrintable(mJack.error()));
     }
 
@@ -157,21 +182,22 @@ private slots:
         QVERIFY(mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0")));
 
         QCOMPARE(wand(port, {NOTE_TAG}), 0);
-        QTest::qWait(300);
-        const double on = AudioAnalysis::dominantFrequency(record("on", 1.0), 44100);
-        QVERIFY2(std::abs(on - 660.0) < 0.5, qPrintable(QString::number(on) + mJack.error()));
+        const QVector<float> on = recordUntil("on", 1.0, [](auto& l) { return soundsNear(l, 660); });
+        QVERIFY2(soundsNear(on, 660.0),
+                 qPrintable(QString::number(AudioAnalysis::dominantFrequency(on, 44100)) +
+                            mJack.error()));
 
         QCOMPARE(wand(port, {NOTE_TAG}), 0);
-        QTest::qWait(1500); // past the release
-        const QVector<float> off = record("off", 0.5);
-        QVERIFY2(off.size() > 20000 && AudioAnalysis::rmsDb(off) < -80.0,
-                 qPrintable(QString::number(AudioAnalysis::rmsDb(off)) + mJack.error()));
+        const QVector<float> off = recordUntil("off", 0.5, silent);
+        QVERIFY2(silent(off), qPrintable(QString::number(AudioAnalysis::rmsDb(off)) + mJack.error()));
 
         // Transposed up by 5/4: /3 sounds at 440 * 5/4 * 3/2.
         QCOMPARE(wand(port, {TRANSPOSE_TAG, NOTE_TAG}), 0);
-        QTest::qWait(300);
-        const double moved = AudioAnalysis::dominantFrequency(record("transposed", 1.0), 44100);
-        QVERIFY2(std::abs(moved - 825.0) < 0.5, qPrintable(QString::number(moved) + mJack.error()));
+        const QVector<float> moved =
+            recordUntil("transposed", 1.0, [](auto& l) { return soundsNear(l, 825); });
+        QVERIFY2(soundsNear(moved, 825.0),
+                 qPrintable(QString::number(AudioAnalysis::dominantFrequency(moved, 44100)) +
+                            mJack.error()));
 
         QVERIFY(instrument.stop());
         QVERIFY2(!instrument.log().contains("CRITICAL"), qPrintable(instrument.log()));
