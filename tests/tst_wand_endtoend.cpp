@@ -11,6 +11,8 @@
 #include "testsupport.h"
 
 #include <QElapsedTimer>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QUdpSocket>
 
@@ -24,9 +26,11 @@ const char* const CHILD_FLAG = "--wand-child";
 
 const QByteArray NOTE_TAG = "04A1B2C3D4";      // the note at /3: 3/2 above 440 Hz
 const QByteArray TRANSPOSE_TAG = "04a1b2c3d5"; // up by the prime 5 (5/4)
+const QByteArray BASE_432_TAG = "04a1b2c3d6";  // the 1/1 at 432 Hz
 const QByteArray RFID_MAP = R"({
     "04a1b2c3d4": {"event": 0, "value": "/3"},
-    "04a1b2c3d5": {"event": 2, "value": 5}
+    "04a1b2c3d5": {"event": 2, "value": 5},
+    "04a1b2c3d6": {"event": 9, "value": 432}
 })";
 
 // The child: start-up as main() does it, every message box answered and its
@@ -202,6 +206,55 @@ private slots:
         QVERIFY(instrument.stop());
         QVERIFY2(!instrument.log().contains("CRITICAL"), qPrintable(instrument.log()));
         QCOMPARE(TestSupport::readFile(instrument.config("rfid_map.json")), RFID_MAP);
+    }
+
+    // The audio server goes away while a note sounds (a sound server
+    // restarted, an interface pulled): the program says so, opens the new
+    // server of the same name by itself, and plays again. Lost a second
+    // time, it still shuts down at once on SIGTERM and keeps the 1/1 that a
+    // wand set, and the lattice.
+    void survivesALostAudioServer()
+    {
+        const quint16 port = freePort();
+        Instrument instrument(mJack, port, RFID_MAP);
+        QVERIFY(instrument.start());
+        const QString opened = QStringLiteral("UDP socket opened on port %1").arg(port);
+        QTRY_VERIFY2_WITH_TIMEOUT(instrument.log().contains(opened) &&
+                                      instrument.log().contains("Opening PD patch"),
+                                  qPrintable(instrument.log()), 30000);
+        QVERIFY(mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0")));
+        QCOMPARE(wand(port, {BASE_432_TAG, NOTE_TAG}), 0); // 3/2 above 432 Hz
+        auto fifth = [](const QVector<float>& left) { return soundsNear(left, 648.0); };
+        QVERIFY2(fifth(recordUntil("before", 1.0, fifth)), qPrintable(mJack.error()));
+
+        mJack.killServer();
+        QTRY_VERIFY2_WITH_TIMEOUT(instrument.log().contains("Audio device lost"),
+                                  qPrintable(instrument.log()), 15000);
+        QVERIFY2(mJack.restartServer(), qPrintable(mJack.error()));
+        QTRY_VERIFY2_WITH_TIMEOUT(instrument.log().contains("Audio device opened again"),
+                                  qPrintable(instrument.log()), 30000);
+        QVERIFY(mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0")));
+        // The note that sounded was let go with the device; the tag strikes
+        // it anew.
+        QCOMPARE(wand(port, {NOTE_TAG}), 0);
+        QVERIFY2(fifth(recordUntil("after", 1.0, fifth)), qPrintable(mJack.error()));
+
+        QVERIFY(QFile::remove(instrument.config("arbo_v15.json")));
+        mJack.killServer();
+        QElapsedTimer shutdown;
+        shutdown.start();
+        instrument.process.terminate();
+        QVERIFY(instrument.process.waitForFinished(5000));
+        QVERIFY2(shutdown.elapsed() < 5000, qPrintable(QString::number(shutdown.elapsed())));
+        QCOMPARE(instrument.process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(instrument.process.exitCode(), 0);
+        const QJsonObject options =
+            QJsonDocument::fromJson(TestSupport::readFile(instrument.config("options.json")))
+                .object();
+        QCOMPARE(options.value(QStringLiteral("baseFrequency")).toDouble(), 432.0);
+        QVERIFY(QJsonDocument::fromJson(TestSupport::readFile(instrument.config("arbo_v15.json")))
+                    .isObject());
+        QVERIFY2(mJack.restartServer(), qPrintable(mJack.error())); // for the tests after this one
     }
 
     // Without a tag map there is no listener: no port open to the network,
