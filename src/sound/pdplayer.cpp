@@ -29,6 +29,54 @@ constexpr unsigned long PATCH_COMMAND_TIMEOUT_MS = 5000;
 // How often the waiting GUI thread looks whether the stream still runs.
 constexpr unsigned long PATCH_WAIT_SLICE_MS = 50;
 
+// Qt's mutex and wait condition synchronise on futexes that ThreadSanitizer
+// cannot see; in a sanitizer build the patch lock tells it what they order.
+// In every other build these are nothing.
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* address);
+extern "C" void __tsan_release(void* address);
+void sanitizerAcquire(void* address) { __tsan_acquire(address); }
+void sanitizerRelease(void* address) { __tsan_release(address); }
+#else
+void sanitizerAcquire(void*) {}
+void sanitizerRelease(void*) {}
+#endif
+
+// QMutexLocker for the patch mutex, with the sanitizer told.
+class PatchLock
+{
+public:
+    explicit PatchLock(QMutex* mutex) : mMutex(mutex) { relock(); }
+    ~PatchLock() { unlock(); }
+    PatchLock(const PatchLock&) = delete;
+    PatchLock& operator=(const PatchLock&) = delete;
+    void relock()
+    {
+        mMutex->lock();
+        sanitizerAcquire(mMutex);
+        mLocked = true;
+    }
+    void unlock()
+    {
+        if (mLocked) {
+            mLocked = false;
+            sanitizerRelease(mMutex);
+            mMutex->unlock();
+        }
+    }
+    // Waits on `condition`, which lets the mutex go meanwhile.
+    void wait(QWaitCondition* condition, unsigned long timeoutMs)
+    {
+        sanitizerRelease(mMutex);
+        condition->wait(mMutex, timeoutMs);
+        sanitizerAcquire(mMutex);
+    }
+
+private:
+    QMutex* mMutex;
+    bool mLocked = false;
+};
+
 // The gap, with the output muted, on either side of closing a patch.
 constexpr unsigned long PATCH_CLOSE_SLEEP_MS = 50;
 
@@ -560,7 +608,7 @@ bool PdPlayer::loadPatch(const QFileInfo& file)
     ARBO_DEBUG() << "PdPlayer::loadPatch A";
     unloadPatch();
     {
-        QMutexLocker lock(&mPatchMutex);
+        PatchLock lock(&mPatchMutex);
         mPendingPatchFile = file.fileName().toLocal8Bit();
         mPendingPatchFolder = file.absolutePath().toLocal8Bit();
         mPendingPatch = true;
@@ -569,7 +617,7 @@ bool PdPlayer::loadPatch(const QFileInfo& file)
     runPatchCommand(ArboEvent::OpenPatch);
     ARBO_DEBUG() << "GUI woke up after loading patch";
 
-    QMutexLocker lock(&mPatchMutex);
+    PatchLock lock(&mPatchMutex);
     const bool failed = mPendingPatch;
     mPendingPatch = false;
     mPendingPatchFile.clear();
@@ -585,7 +633,7 @@ bool PdPlayer::loadPatch(const QFileInfo& file)
 void PdPlayer::runPatchCommand(int command)
 {
     AudioOutput* output = AppContext::audioOutput();
-    QMutexLocker lock(&mPatchMutex);
+    PatchLock lock(&mPatchMutex);
     mPatchCommandSent = mPatchCommandSent % 0xffffff + 1;
     const int sequence = mPatchCommandSent;
     const ArboEvent event(static_cast<ArboEvent::Type>(command), float(sequence));
@@ -603,7 +651,7 @@ void PdPlayer::runPatchCommand(int command)
     QElapsedTimer waited;
     waited.start();
     while (mPatchCommandDone != sequence) {
-        mPatchCondition.wait(&mPatchMutex, PATCH_WAIT_SLICE_MS);
+        lock.wait(&mPatchCondition, PATCH_WAIT_SLICE_MS);
         if (mPatchCommandDone == sequence) {
             break;
         }
@@ -636,7 +684,7 @@ void PdPlayer::closePatch(int sequence)
 {
     // The GUI thread holds this lock only briefly (to queue, then inside the
     // wait, which releases it), so the audio thread never waits long here.
-    QMutexLocker lock(&mPatchMutex);
+    PatchLock lock(&mPatchMutex);
     if (mPatch) {
         qWarning() << "Closing PD patch...";
         allNotesOff();
@@ -675,7 +723,7 @@ void PdPlayer::closePatch(int sequence)
 void PdPlayer::openPatch(int sequence)
 {
     ARBO_DEBUG() << "PdPlayer::openPatch()";
-    QMutexLocker lock(&mPatchMutex);
+    PatchLock lock(&mPatchMutex);
     if (!mPendingPatch) {
         finishPatchCommand(sequence); // the GUI thread stopped waiting for this one
         return;
