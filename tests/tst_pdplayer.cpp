@@ -10,6 +10,7 @@
 #include "testsupport.h"
 
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QSet>
 #include <QSignalSpy>
 
@@ -69,6 +70,7 @@ private slots:
     void init();
     void fifthSoundsExactlyAndVoiceStopFreesTheVoice();
     void the129thNoteStealsTheOldestVoice();
+    void everyVoiceComesBackAfterAFlood();
     void disabledPrimesBlockTheirNotes();
     void transpositionMovesTheNextNote();
     void volumesAndMacrosReachThePatch();
@@ -206,6 +208,47 @@ void TestPdPlayer::the129thNoteStealsTheOldestVoice()
     QCOMPARE(toggled.at(3).at(1).toBool(), true);
     QCOMPARE(voiceOf(ArboRatio::pathRatio(paths.at(129))), 1);
     QCOMPARE(mPlayer.soundingNoteCount(), PdPlayer::VOICE_COUNT);
+}
+
+// Notes struck and released faster than a buffer, on all 128 voices and past
+// them (stealing voices in every state), with transpositions between: once
+// everything is let go, every voice is reported silent and freed. A voice
+// that the patch never reports would be lost for the rest of the
+// performance. Seeded, so a failure repeats.
+void TestPdPlayer::everyVoiceComesBackAfterAFlood()
+{
+    QStringList paths;
+    for (int p : {3, 5, 7, -3, -5, -7, 11, 13}) {
+        for (int q : {0, 3, 5, -3, -5, 7, -7, 2}) {
+            paths << (q ? QStringLiteral("/%1/%2").arg(p).arg(q) : QStringLiteral("/%1").arg(p));
+        }
+    }
+    QRandomGenerator random(1234);
+    int busiest = 0;
+    for (int buffer = 0; buffer < 2000; ++buffer) {
+        const int commands = int(random.bounded(8));
+        for (int c = 0; c < commands; ++c) {
+            const int pick = int(random.bounded(paths.size() + 4));
+            if (pick < paths.size()) {
+                toggle(paths.at(pick));
+            } else if (pick < paths.size() + 3) {
+                queue(ArboEvent(ArboEvent::Transpose, pick == paths.size() ? 0.0f : 5.0f));
+            } else {
+                queue(ArboEvent(ArboEvent::Macro2, 0.5f + float(random.bounded(0.5))));
+            }
+        }
+        render(BUFFER_SECONDS);
+        const auto& voices = mPlayer.voices();
+        busiest = std::max(busiest, int(std::count_if(voices.begin(), voices.end(),
+                                                       [](auto& v) { return v.seqId != 0; })));
+    }
+    QCOMPARE(busiest, PdPlayer::VOICE_COUNT); // voices were stolen
+    queue(ArboEvent(ArboEvent::AllNotesOff, 1.0f));
+    renderUntilAllFree(8.0);
+    QCOMPARE(mPlayer.soundingNoteCount(), 0);
+    for (const PdPlayer::NoteOn& voice : mPlayer.voices()) {
+        QCOMPARE(voice.seqId, 0);
+    }
 }
 
 void TestPdPlayer::disabledPrimesBlockTheirNotes()
