@@ -265,8 +265,8 @@ void jackDummy(benchmark::State& state)
 {
     const QByteArray secondsText = qgetenv("ARBO_BENCH_SECONDS");
     const double seconds = secondsText.isEmpty() ? 60.0 : secondsText.toDouble();
-    if (!JackFixture::toolsAvailable()) {
-        state.SkipWithError("jackd is not installed");
+    if (!JackFixture::missingTools().isEmpty()) {
+        state.SkipWithError(qPrintable(JackFixture::missingTools()));
         return;
     }
     // With real-time scheduling, as on a stage machine, unless that is not

@@ -97,8 +97,8 @@ void wandToCallback(benchmark::State& state)
 {
     const QByteArray notesText = qgetenv("ARBO_BENCH_NOTES");
     const int notes = notesText.isEmpty() ? 400 : notesText.toInt();
-    if (!JackFixture::toolsAvailable()) {
-        state.SkipWithError("jackd is not installed");
+    if (!JackFixture::missingTools().isEmpty()) {
+        state.SkipWithError(qPrintable(JackFixture::missingTools()));
         return;
     }
     JackFixture jack;
