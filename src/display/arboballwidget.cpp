@@ -43,7 +43,9 @@ const ArboPath& rootPath()
 ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diameter,
                                QGraphicsItem* parent)
     : QGraphicsItemGroup(parent), mNode(node), mOwner(owner),
-      mDisc(new QGraphicsEllipseItem(-diameter / 2.0, -diameter / 2.0, diameter, diameter)),
+      // Made as children first: addToGroup keeps an item's scene position, and
+      // a leaf's parents are already placed when it is built.
+      mDisc(new QGraphicsEllipseItem(-diameter / 2.0, -diameter / 2.0, diameter, diameter, this)),
       mGlow(nullptr), mNoteEvent(node->path()), mDiameter(diameter)
 {
     setHandlesChildEvents(false);
@@ -58,7 +60,7 @@ ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diam
     mDisc->setZValue(20);
 
     const double glowSize = BALL_GLOW_SIZE_FACTOR / 100.0 * diameter;
-    mGlow = new QGraphicsEllipseItem(-glowSize / 2, -glowSize / 2, glowSize, glowSize);
+    mGlow = new QGraphicsEllipseItem(-glowSize / 2, -glowSize / 2, glowSize, glowSize, this);
     mGlow->setPen(Qt::NoPen);
     QRadialGradient gradient(QPointF(0.0, 0.0), glowSize / 2);
     gradient.setColorAt(0.0, QColor(255, 255, 255, GLOW_ALPHA_START));
