@@ -16,10 +16,13 @@
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
+#include "ui/mainwindow.h"
 
 #include <QDir>
 #include <QGraphicsEllipseItem>
+#include <QLabel>
 #include <QSignalSpy>
+#include <QStackedWidget>
 
 #include <z_libpd.h>
 
@@ -72,6 +75,7 @@ private slots:
     void clickPlaysTheBallsNoteAndClickAgainStopsIt();
     void colourRules();
     void disabledPrimeHidesBallsAndStruts();
+    void mainWindowSwitchesBetweenTheDrawings();
 
 private:
     void buildView(ArboLeavesWidget::View style);
@@ -320,7 +324,6 @@ void TestDisplay::colourRules()
     // Transposed, the root turns grey, still emphasised.
     transpose(5);
     mView->updateArboBalls();
-    QTRY_VERIFY(rootNode->isPlaying() || true); // the flag is the model's own
     rootNode->setPlaying(true);
     QCOMPARE(fill(root), QColor(158, 158, 158));
     QCOMPARE(outline(root).color(), QColor(158, 158, 158).lighter(200));
@@ -385,6 +388,55 @@ void TestDisplay::disabledPrimeHidesBallsAndStruts()
     for (ArboStrutWidget* strut : fifthStruts) {
         QVERIFY(strut->isVisible());
     }
+}
+
+void TestDisplay::mainWindowSwitchesBetweenTheDrawings()
+{
+    mSettings.mCirclesView = true;
+    mSettings.mAbsRelView = 2;
+    MainWindow window(&mArbo);
+    window.resize(1000, 700);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    // Every start shows relative readouts.
+    QCOMPARE(mSettings.mAbsRelView, 0);
+
+    auto* stack = window.findChild<QStackedWidget*>(QStringLiteral("centralStack"));
+    QVERIFY(stack);
+    QCOMPARE(stack->widget(0)->objectName(), QStringLiteral("circleLayer"));
+    QCOMPARE(stack->widget(1)->objectName(), QStringLiteral("grapeLayer"));
+    QCOMPARE(stack->currentIndex(), 0);
+    QVERIFY(window.isCirclesViewShown());
+    QCOMPARE(window.arboView()->arboWidget()->view(), ArboLeavesWidget::Circles);
+
+    // The link label: "Grapes" first, "Flowers" after the bar.
+    auto* switcher = window.findChild<QLabel*>(QStringLiteral("viewSwitcher"));
+    QVERIFY(switcher && switcher->isVisible());
+    QCOMPARE(switcher->pos(), QPoint(108, 124));
+    QTest::mouseClick(switcher, Qt::LeftButton, Qt::NoModifier, QPoint(8, switcher->height() / 2));
+    QTRY_COMPARE(stack->currentIndex(), 1);
+    QCOMPARE(window.arboView()->arboWidget()->view(), ArboLeavesWidget::Grapes);
+    QVERIFY(!window.isCirclesViewShown());
+    QTest::mouseClick(switcher, Qt::LeftButton, Qt::NoModifier,
+                      QPoint(switcher->width() - 8, switcher->height() / 2));
+    QTRY_COMPARE(stack->currentIndex(), 0);
+    window.onSwitcherClicked(QStringLiteral("elsewhere"));
+    QCOMPARE(stack->currentIndex(), 0);
+
+    // Both drawings follow the lattice: a note played lights its ball in
+    // each, and a click in the shown one goes to the player. The card
+    // overlay over the layer lets the click through.
+    mView = window.arboView();
+    ArboBallWidget* fifth = ballAt(*mView, "/3");
+    const QPoint point = mView->viewport()->mapTo(&window, mView->mapFromScene(fifth->scenePos()));
+    QWidget* target = window.childAt(point);
+    QCOMPARE(target, mView->viewport());
+    click(fifth);
+    render(BUFFER_SECONDS);
+    QTRY_VERIFY(fifth->glow()->isVisible());
+    auto* grapes = stack->widget(1)->findChild<ArboView*>();
+    QVERIFY(ballAt(*grapes, "/3")->glow()->isVisible());
+    mView = nullptr; // the window's own
 }
 
 ARBO_TEST_MAIN(TestDisplay)

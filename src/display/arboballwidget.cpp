@@ -81,8 +81,21 @@ ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diam
     connect(node, &ArboBall::enabledChanged, this, &ArboBallWidget::onEnabledChanged,
             Qt::DirectConnection);
 
+    // The ball also watches its own events; a filter takes only once the
+    // item is in a scene (see itemChange).
     setFiltersChildEvents(true);
-    installSceneEventFilter(this);
+    if (scene()) {
+        installSceneEventFilter(this);
+    }
+}
+
+QVariant ArboBallWidget::itemChange(GraphicsItemChange change, const QVariant& value)
+{
+    // The lattice is built before it is added to the view's scene.
+    if (change == ItemSceneHasChanged && scene()) {
+        installSceneEventFilter(this);
+    }
+    return QGraphicsItemGroup::itemChange(change, value);
 }
 
 QRectF ArboBallWidget::boundingRect() const

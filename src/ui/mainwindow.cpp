@@ -1,12 +1,12 @@
 #include "ui/mainwindow.h"
 
-#include "app/tuningarboapplication.h"
-#include "settings/appcontext.h"
-#include "sound/patchloader.h"
-
 #include "display/arbolayer.h"
 #include "display/arboview.h"
+#include "model/arbo.h"
+#include "settings/appcontext.h"
 #include "settings/settings.h"
+#include "sound/patchloader.h"
+#include "sound/pdplayer.h"
 #include "ui_mainwindow.h"
 
 #include <QComboBox>
@@ -63,7 +63,7 @@ MainWindow::MainWindow(Arbo* lattice, QWidget* parent)
     connect(mViewSwitcher, &QLabel::linkActivated, this, &MainWindow::onSwitcherClicked);
     connect(mAbsRelSwitcher, &QLabel::linkActivated, this, &MainWindow::onAbsRelSwitcherClicked);
     connect(lattice, &Arbo::transposeOrBaseFrequencyChanged, this, &MainWindow::onTransposeChanged);
-    PdPlayer* player = &TuningArboApplication::instance()->mPlayer;
+    PdPlayer* player = AppContext::player();
     connect(player, &PdPlayer::patchDecRequested, this, &MainWindow::onPatchDecRequested,
             Qt::QueuedConnection);
     connect(player, &PdPlayer::patchIncRequested, this, &MainWindow::onPatchIncRequested,
@@ -174,7 +174,7 @@ void MainWindow::loadPatch(const QString& path)
 {
     const QString absolute = path.isEmpty() ? QString() : QFileInfo(path).absoluteFilePath();
     qWarning() << "Loading voice patch" << absolute;
-    PdPlayer* player = &TuningArboApplication::instance()->mPlayer;
+    PdPlayer* player = AppContext::player();
     if (!PatchLoader::loadVoice(player, absolute)) {
         QMessageBox::critical(this, QString::fromLatin1(AppContext::APP_NAME),
                               tr("Failed to load patch %1.").arg(absolute), QMessageBox::Ok);
