@@ -81,21 +81,12 @@ ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diam
     connect(node, &ArboBall::enabledChanged, this, &ArboBallWidget::onEnabledChanged,
             Qt::DirectConnection);
 
-    // The ball also watches its own events; a filter takes only once the
-    // item is in a scene (see itemChange).
+    // Events of the disc and the glow pass through sceneEventFilter. The
+    // ball's own hover leave arrives as hoverLeaveEvent: installing the ball
+    // as a scene event filter on itself would do the same, but the scene
+    // then walks its whole filter table for every item it removes, and
+    // rebuilding the lattice would take about a hundred milliseconds.
     setFiltersChildEvents(true);
-    if (scene()) {
-        installSceneEventFilter(this);
-    }
-}
-
-QVariant ArboBallWidget::itemChange(GraphicsItemChange change, const QVariant& value)
-{
-    // The lattice is built before it is added to the view's scene.
-    if (change == ItemSceneHasChanged && scene()) {
-        installSceneEventFilter(this);
-    }
-    return QGraphicsItemGroup::itemChange(change, value);
 }
 
 QRectF ArboBallWidget::boundingRect() const
@@ -253,11 +244,24 @@ void ArboBallWidget::hoverEnterEvent(QGraphicsSceneHoverEvent* event)
                  << (isUnderMouse() ? "true" : "false");
 }
 
+void ArboBallWidget::onHoverLeft()
+{
+    // Leaving the glow or the outline while still over the disc.
+    if (mNode->isPlaying() && mNode->isEnabled() && mDisc->isUnderMouse()) {
+        raiseCard();
+    }
+}
+
+void ArboBallWidget::hoverLeaveEvent(QGraphicsSceneHoverEvent* event)
+{
+    QGraphicsItemGroup::hoverLeaveEvent(event);
+    onHoverLeft();
+}
+
 bool ArboBallWidget::sceneEventFilter(QGraphicsItem*, QEvent* event)
 {
-    if (event->type() == QEvent::GraphicsSceneHoverLeave && mNode->isPlaying() &&
-        mNode->isEnabled() && mDisc->isUnderMouse()) {
-        raiseCard();
+    if (event->type() == QEvent::GraphicsSceneHoverLeave) {
+        onHoverLeft();
     }
     return false;
 }

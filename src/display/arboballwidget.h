@@ -60,10 +60,11 @@ protected:
     void mouseDoubleClickEvent(QGraphicsSceneMouseEvent* event) override;
     void hoverEnterEvent(QGraphicsSceneHoverEvent* event) override;
     bool sceneEventFilter(QGraphicsItem* watched, QEvent* event) override;
-    QVariant itemChange(GraphicsItemChange change, const QVariant& value) override;
+    void hoverLeaveEvent(QGraphicsSceneHoverEvent* event) override;
 
 private:
     void raiseCard();
+    void onHoverLeft();
 
     const ArboBall* mNode;
     ArboWidget* mOwner;

@@ -49,6 +49,7 @@ void ArboWidget::buildArbo()
 {
     mBalls.clear();
     if (!mLattice || !mLattice->root()) {
+        mBoundingRect = QRectF();
         return;
     }
     QHash<ArboPath, ArboBallWidget*> balls;
@@ -66,6 +67,11 @@ void ArboWidget::buildArbo()
             strut->setZValue(STRUT_Z);
         }
     }
+    // Nothing moves once built. Computing the rectangle on every call would
+    // walk the whole tree each time the scene asks, which it does for every
+    // item it removes: clearing the scene would take quadratic time.
+    prepareGeometryChange();
+    mBoundingRect = childrenBoundingRect();
 }
 
 ArboBallWidget* ArboWidget::buildArboFrom(const ArboBall& node, const QPointF& pos,
@@ -119,7 +125,7 @@ void ArboWidget::updateBalls()
 
 QRectF ArboWidget::boundingRect() const
 {
-    return childrenBoundingRect();
+    return mBoundingRect;
 }
 
 bool ArboWidget::sceneEventFilter(QGraphicsItem*, QEvent*)

@@ -42,6 +42,7 @@ public:
     // leaves before the node, deeper nodes of a branch before their parent.
     const QList<ArboBallWidget*>& balls() const { return mBalls; }
 
+    // The children's bounding rectangle, as it was when built.
     QRectF boundingRect() const override;
 
 protected:
@@ -53,4 +54,5 @@ private:
     const ArboView* mArboView;
     CardStackWidget* mCardStack;
     QList<ArboBallWidget*> mBalls;
+    QRectF mBoundingRect;
 };
