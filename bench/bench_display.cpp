@@ -18,7 +18,7 @@
 #include "display/arboview.h"
 #include "display/arbowidget.h"
 #include "input/arbonoteevent.h"
-#include "jackfixture.h"
+#include "jackplayback.h"
 #include "model/arbo.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
@@ -215,25 +215,12 @@ void clickToCallback(benchmark::State& state)
 {
     const QByteArray notesText = qgetenv("ARBO_BENCH_NOTES");
     const int notes = notesText.isEmpty() ? 400 : notesText.toInt();
-    if (!JackFixture::toolsAvailable()) {
-        state.SkipWithError("jackd is not installed (Debian package jackd2)");
+    JackPlayback playback;
+    if (!playback.start(sPlayer, TestSupport::binDir() + "/patches/Sine.pd", SR, FRAMES)) {
+        state.SkipWithError(qPrintable(playback.error()));
         return;
     }
-    JackFixture jack;
-    if (!jack.start(SR, FRAMES)) {
-        state.SkipWithError(qPrintable(jack.error()));
-        return;
-    }
-    jack.applyToThisProcess();
-    PaAudioOutput output;
-    AppContext::setAudioOutput(&output);
-    if (!output.init(FRAMES, -1, sPlayer) ||
-        !PatchLoader::loadVoice(sPlayer, TestSupport::binDir() + "/patches/Sine.pd")) {
-        state.SkipWithError("could not open the JACK device or the voice");
-        output.term();
-        AppContext::setAudioOutput(nullptr);
-        return;
-    }
+    PaAudioOutput& output = playback.output();
 
     ArboView view;
     view.resize(1200, 800);
@@ -241,8 +228,6 @@ void clickToCallback(benchmark::State& state)
     view.show();
     if (!QTest::qWaitForWindowExposed(&view)) {
         state.SkipWithError("the view was not shown");
-        output.term();
-        AppContext::setAudioOutput(nullptr);
         return;
     }
     const QPoint point = view.mapFromScene(ballAt(view, "/3")->scenePos());
@@ -303,10 +288,6 @@ void clickToCallback(benchmark::State& state)
     const ArboEvent stopAll(ArboEvent::AllNotesOff, 1.0f);
     sPlayer->queueEventGui(&stopAll);
     QThread::msleep(500);
-    sPlayer->unloadPatch();
-    output.term();
-    AppContext::setAudioOutput(nullptr);
-    jack.stop();
 }
 
 } // namespace

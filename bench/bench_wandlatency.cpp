@@ -18,7 +18,7 @@
 #include "input/arbonoteevent.h"
 #include "input/udplistener.h"
 #include "input/wanddatagram.h"
-#include "jackfixture.h"
+#include "jackplayback.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
@@ -97,27 +97,13 @@ void wandToCallback(benchmark::State& state)
 {
     const QByteArray notesText = qgetenv("ARBO_BENCH_NOTES");
     const int notes = notesText.isEmpty() ? 400 : notesText.toInt();
-    if (!JackFixture::toolsAvailable()) {
-        state.SkipWithError("jackd is not installed");
+    JackPlayback playback;
+    if (!playback.start(sPlayer, TestSupport::binDir() + QStringLiteral("/patches/Sine.pd"), SR,
+                        FRAMES)) {
+        state.SkipWithError(qPrintable(playback.error()));
         return;
     }
-    JackFixture jack;
-    if (!jack.start(SR, FRAMES)) {
-        state.SkipWithError(qPrintable(jack.error()));
-        return;
-    }
-    jack.applyToThisProcess();
-
-    PaAudioOutput output;
-    AppContext::setAudioOutput(&output);
-    if (!output.init(FRAMES, -1, sPlayer) ||
-        !PatchLoader::loadVoice(sPlayer,
-                                TestSupport::binDir() + QStringLiteral("/patches/Sine.pd"))) {
-        state.SkipWithError("could not open the JACK device or the voice");
-        output.term();
-        AppContext::setAudioOutput(nullptr);
-        return;
-    }
+    PaAudioOutput& output = playback.output();
 
     for (auto _ : state) {
         Stamps sent(notes);
@@ -207,10 +193,6 @@ void wandToCallback(benchmark::State& state)
         state.counters["xruns"] = double(output.callbackStats().snapshot().underflows);
     }
     QThread::msleep(500);
-    sPlayer->unloadPatch();
-    output.term();
-    AppContext::setAudioOutput(nullptr);
-    jack.stop();
 }
 
 } // namespace
