@@ -19,6 +19,7 @@
 #include "display/arbowidget.h"
 #include "input/arbonoteevent.h"
 #include "jackplayback.h"
+#include "latencyreport.h"
 #include "model/arbo.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
@@ -104,12 +105,6 @@ int trunkSize(const Arbo& lattice)
         trunk += high ? 0 : 1;
     }
     return trunk;
-}
-
-double percentile(std::vector<double> values, double p)
-{
-    std::sort(values.begin(), values.end());
-    return values[std::min(values.size() - 1, std::size_t(p * double(values.size())))];
 }
 
 void sceneBuild(benchmark::State& state, Arbo* lattice, ArboLeavesWidget::View style)
@@ -203,8 +198,8 @@ void clickToPlayerOffline(benchmark::State& state)
     }
     QObject::disconnect(counting);
     if (!times.empty()) {
-        state.counters["p50_us"] = percentile(times, 0.5);
-        state.counters["p99_us"] = percentile(times, 0.99);
+        state.counters["p50_us"] = LatencyReport::percentile(times, 0.5);
+        state.counters["p99_us"] = LatencyReport::percentile(times, 0.99);
     }
     const ArboEvent stopAll(ArboEvent::AllNotesOff, 1.0f);
     sPlayer->queueEventGui(&stopAll);
@@ -275,14 +270,7 @@ void clickToCallback(benchmark::State& state)
             state.SkipWithError("no click was carried out");
             break;
         }
-        const double period = 1000.0 * FRAMES / SR;
-        state.SetIterationTime(1e-3 * percentile(total, 0.5));
-        state.counters["notes"] = double(total.size());
-        state.counters["lost"] = lost;
-        state.counters["p50_ms"] = percentile(total, 0.5);
-        state.counters["p99_ms"] = percentile(total, 0.99);
-        state.counters["max_ms"] = percentile(total, 1.0);
-        state.counters["goal_ms"] = period + 1.0;
+        LatencyReport::report(state, total, lost, 1000.0 * FRAMES / SR);
         state.counters["xruns"] = double(output.callbackStats().snapshot().underflows);
     }
     const ArboEvent stopAll(ArboEvent::AllNotesOff, 1.0f);

@@ -19,6 +19,7 @@
 #include "input/udplistener.h"
 #include "input/wanddatagram.h"
 #include "jackplayback.h"
+#include "latencyreport.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
@@ -85,13 +86,6 @@ private:
     std::atomic<int> mCount{0};
     std::atomic<int> mDone{0};
 };
-
-double percentileMs(std::vector<double> values, double p)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t i = std::min(values.size() - 1, std::size_t(p * double(values.size())));
-    return values[i];
-}
 
 void wandToCallback(benchmark::State& state)
 {
@@ -175,20 +169,12 @@ void wandToCallback(benchmark::State& state)
             state.SkipWithError("no note was carried out");
             break;
         }
-        const double period = 1000.0 * FRAMES / SR;
-        state.SetIterationTime(1e-3 * percentileMs(total, 0.5));
-        state.counters["notes"] = double(total.size());
-        state.counters["lost"] = lost;
-        state.counters["p50_ms"] = percentileMs(total, 0.5);
-        state.counters["p99_ms"] = percentileMs(total, 0.99);
-        state.counters["max_ms"] = percentileMs(total, 1.0);
-        state.counters["goal_ms"] = period + 1.0;
-        state.counters["period_ms"] = period;
-        state.counters["udp_p50_ms"] = percentileMs(udp, 0.5);
-        state.counters["udp_p99_ms"] = percentileMs(udp, 0.99);
-        state.counters["udp_max_ms"] = percentileMs(udp, 1.0);
-        state.counters["ring_p99_ms"] = percentileMs(ring, 0.99);
-        state.counters["ring_max_ms"] = percentileMs(ring, 1.0);
+        LatencyReport::report(state, total, lost, 1000.0 * FRAMES / SR);
+        state.counters["udp_p50_ms"] = LatencyReport::percentile(udp, 0.5);
+        state.counters["udp_p99_ms"] = LatencyReport::percentile(udp, 0.99);
+        state.counters["udp_max_ms"] = LatencyReport::percentile(udp, 1.0);
+        state.counters["ring_p99_ms"] = LatencyReport::percentile(ring, 0.99);
+        state.counters["ring_max_ms"] = LatencyReport::percentile(ring, 1.0);
         state.counters["output_latency_ms"] = output.streamOutputLatency() * 1e3;
         state.counters["xruns"] = double(output.callbackStats().snapshot().underflows);
     }
