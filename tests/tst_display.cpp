@@ -194,9 +194,13 @@ void TestDisplay::geometryOfTheDefaultLattice()
     COMPARE_POINT(ballAt(*mView, "/3/-31")->scenePos(), fifth + QPointF(-8, 11.5 / 12 * 80));
     COMPARE_POINT(ballAt(*mView, "/3/11")->scenePos(), fifth + QPointF(-8, -5.51 / 12 * 80));
 
-    // The whole lattice fits in the view, nothing cut at the edges.
+    // The whole lattice fits in the view, glows included: nothing is cut at
+    // the edges when an outer ball sounds.
     const QRectF shown = mView->mapToScene(mView->viewport()->rect()).boundingRect();
     QVERIFY(shown.contains(mView->sceneRect().adjusted(1, 1, -1, -1)));
+    for (const ArboBallWidget* ball : balls) {
+        QVERIFY(mView->sceneRect().contains(ball->glow()->sceneBoundingRect()));
+    }
 
     // Flowers: one 35 units above the ball, one below, with 23 at the centre
     // and the ring of radius 14 (5 at 140°, mirrored through the centre).
