@@ -19,7 +19,7 @@
 
 #include "input/arboevent.h"
 #include "input/arbonoteevent.h"
-#include "jackfixture.h"
+#include "jackplayback.h"
 #include "model/arboratio.h"
 #include "settings/appcontext.h"
 #include "sound/denormals.h"
@@ -265,31 +265,15 @@ void jackDummy(benchmark::State& state)
 {
     const QByteArray secondsText = qgetenv("ARBO_BENCH_SECONDS");
     const double seconds = secondsText.isEmpty() ? 60.0 : secondsText.toDouble();
-    if (!JackFixture::missingTools().isEmpty()) {
-        state.SkipWithError(qPrintable(JackFixture::missingTools()));
-        return;
-    }
     // With real-time scheduling, as on a stage machine, unless that is not
     // allowed here or ARBO_BENCH_REALTIME=0 asks for the plain scheduler.
-    JackFixture jack;
-    bool realtime = qgetenv("ARBO_BENCH_REALTIME") != "0";
-    if (!(realtime && jack.start(SR, FRAMES, 30000, true))) {
-        realtime = false;
-        if (!jack.start(SR, FRAMES)) {
-            state.SkipWithError(qPrintable(jack.error()));
-            return;
-        }
-    }
-    jack.applyToThisProcess();
-
-    PaAudioOutput output;
-    AppContext::setAudioOutput(&output);
-    if (!output.init(FRAMES, -1, sPlayer) || !PatchLoader::loadVoice(sPlayer, voicePath())) {
-        state.SkipWithError("could not open the JACK device or the voice");
-        output.term();
-        AppContext::setAudioOutput(nullptr);
+    JackPlayback playback;
+    if (!playback.start(sPlayer, voicePath(), SR, FRAMES, qgetenv("ARBO_BENCH_REALTIME") != "0")) {
+        state.SkipWithError(qPrintable(playback.error()));
         return;
     }
+    PaAudioOutput& output = playback.output();
+    const bool realtime = playback.realtime();
     const std::vector<ArboPath> paths = chordPaths();
 
     for (auto _ : state) {
@@ -328,10 +312,6 @@ void jackDummy(benchmark::State& state)
         sPlayer->queueEventGui(&allOff);
         QThread::msleep(1500);
     }
-    sPlayer->unloadPatch();
-    output.term();
-    AppContext::setAudioOutput(nullptr);
-    jack.stop();
 }
 
 } // namespace

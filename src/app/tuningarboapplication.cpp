@@ -250,6 +250,7 @@ void TuningArboApplication::syncToSettings()
             mSettings.mWindowSize = mMainWindow->size();
             mSettings.mWindowPos = mMainWindow->pos();
         }
+        mSettings.mCirclesView = mMainWindow->isCirclesViewShown();
     }
     // The device actually opened, which after a fallback is not the one the
     // options asked for.

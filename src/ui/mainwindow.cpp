@@ -1,52 +1,69 @@
 #include "ui/mainwindow.h"
 
-#include "app/tuningarboapplication.h"
+#include "display/arbolayer.h"
+#include "display/arboview.h"
+#include "model/arbo.h"
 #include "settings/appcontext.h"
+#include "settings/settings.h"
 #include "sound/patchloader.h"
+#include "sound/pdplayer.h"
+#include "ui_mainwindow.h"
 
 #include <QComboBox>
 #include <QDebug>
 #include <QDir>
 #include <QFileDialog>
 #include <QFileInfo>
-#include <QHBoxLayout>
+#include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QStyle>
 
 namespace {
 const QString NONE_LOADED = QStringLiteral("None loaded");
-}
 
-MainWindow::MainWindow(Arbo* lattice, QWidget* parent) : QMainWindow(parent), mLattice(lattice)
+constexpr int CIRCLES_PAGE = 0;
+constexpr int GRAPES_PAGE = 1;
+
+// The same text whichever drawing is shown.
+const QString VIEW_SWITCHER_TEXT = QStringLiteral(
+    "<style type='text/css'>a { text-decoration: none; }a:link { color: #b4b4aa; }a:hover { "
+    "color: #c4c4ba; }</style><a href='grapes'>Grapes</a> | <a href='circles'>Flowers</a>");
+const QPoint VIEW_SWITCHER_POS(108, 124);
+} // namespace
+
+MainWindow::MainWindow(Arbo* lattice, QWidget* parent)
+    : QMainWindow(parent), mUi(std::make_unique<Ui::MainWindow>()), mLattice(lattice)
 {
+    mUi->setupUi(this);
     setWindowTitle(QString::fromLatin1(AppContext::APP_NAME));
+    mUi->patchDecButton->setIcon(style()->standardIcon(QStyle::SP_ArrowLeft));
+    mUi->patchIncButton->setIcon(style()->standardIcon(QStyle::SP_ArrowRight));
 
-    auto* central = new QWidget(this);
-    central->setObjectName(QStringLiteral("centralWidget"));
-    auto* row = new QHBoxLayout(central);
-    mPatchDecButton = new QPushButton(central);
-    mPatchDecButton->setObjectName(QStringLiteral("patchDecButton"));
-    mPatchDecButton->setIcon(style()->standardIcon(QStyle::SP_ArrowLeft));
-    mPatchDecButton->setFlat(true);
-    mPatchIncButton = new QPushButton(central);
-    mPatchIncButton->setObjectName(QStringLiteral("patchIncButton"));
-    mPatchIncButton->setIcon(style()->standardIcon(QStyle::SP_ArrowRight));
-    mPatchIncButton->setFlat(true);
-    mPatchMenu = new QComboBox(central);
-    mPatchMenu->setObjectName(QStringLiteral("patchMenu"));
-    mPatchMenu->setFrame(false);
-    mPatchMenu->setMinimumWidth(200);
-    mLoadPatchButton = new QPushButton(tr("Load"), central);
-    mLoadPatchButton->setObjectName(QStringLiteral("loadPatchButton"));
-    row->addWidget(mPatchDecButton);
-    row->addWidget(mPatchIncButton);
-    row->addWidget(mPatchMenu, 1);
-    row->addWidget(mLoadPatchButton);
-    setCentralWidget(central);
-    QMetaObject::connectSlotsByName(this);
+    Settings* settings = AppContext::settings();
+    mUi->circleLayer->init(ArboLeavesWidget::Circles, lattice);
+    mUi->grapeLayer->init(ArboLeavesWidget::Grapes, lattice);
+    mUi->centralStack->setCurrentIndex(settings->mCirclesView ? CIRCLES_PAGE : GRAPES_PAGE);
 
-    PdPlayer* player = &TuningArboApplication::instance()->mPlayer;
+    mViewSwitcher = new QLabel(mUi->centralWidget);
+    mViewSwitcher->setObjectName(QStringLiteral("viewSwitcher"));
+    mViewSwitcher->setTextFormat(Qt::RichText);
+    mViewSwitcher->setTextInteractionFlags(Qt::LinksAccessibleByMouse);
+    mViewSwitcher->setText(VIEW_SWITCHER_TEXT);
+    mViewSwitcher->move(VIEW_SWITCHER_POS);
+    mViewSwitcher->adjustSize();
+    mViewSwitcher->raise();
+    mAbsRelSwitcher = new QLabel(mUi->centralWidget);
+    mAbsRelSwitcher->setObjectName(QStringLiteral("absRelSwitcher"));
+
+    // Every start shows relative readouts; the stored mode is deliberately
+    // not restored.
+    settings->mAbsRelView = 0;
+
+    connect(mViewSwitcher, &QLabel::linkActivated, this, &MainWindow::onSwitcherClicked);
+    connect(mAbsRelSwitcher, &QLabel::linkActivated, this, &MainWindow::onAbsRelSwitcherClicked);
+    connect(lattice, &Arbo::transposeOrBaseFrequencyChanged, this, &MainWindow::onTransposeChanged);
+    PdPlayer* player = AppContext::player();
     connect(player, &PdPlayer::patchDecRequested, this, &MainWindow::onPatchDecRequested,
             Qt::QueuedConnection);
     connect(player, &PdPlayer::patchIncRequested, this, &MainWindow::onPatchIncRequested,
@@ -54,6 +71,48 @@ MainWindow::MainWindow(Arbo* lattice, QWidget* parent) : QMainWindow(parent), mL
 
     initPatchMenu();
     loadDefaultPatch();
+    onTransposeChanged();
+}
+
+MainWindow::~MainWindow() = default;
+
+ArboView* MainWindow::arboView() const
+{
+    return static_cast<ArboLayer*>(mUi->centralStack->currentWidget())->view();
+}
+
+bool MainWindow::isCirclesViewShown() const
+{
+    return mUi->centralStack->currentIndex() == CIRCLES_PAGE;
+}
+
+void MainWindow::onSwitcherClicked(const QString& link)
+{
+    if (link == QLatin1String("circles")) {
+        mUi->centralStack->setCurrentIndex(CIRCLES_PAGE);
+    } else if (link == QLatin1String("grapes")) {
+        mUi->centralStack->setCurrentIndex(GRAPES_PAGE);
+    }
+    arboView()->updateArboBalls();
+}
+
+void MainWindow::onAbsRelSwitcherClicked(const QString& link)
+{
+    Settings* settings = AppContext::settings();
+    if (link == QLatin1String("absolute")) {
+        settings->mAbsRelView = 1;
+    } else if (link == QLatin1String("absolute2")) {
+        settings->mAbsRelView = 2;
+    } else if (link == QLatin1String("relative")) {
+        settings->mAbsRelView = 0;
+    }
+    arboView()->updateArboBalls();
+    arboView()->updateCardStack();
+}
+
+void MainWindow::onTransposeChanged()
+{
+    arboView()->updateArboBalls();
 }
 
 void MainWindow::initPatchMenu()
@@ -75,22 +134,22 @@ void MainWindow::addPatchToMenu(const QString& path)
     if (name.endsWith(QLatin1String(".pd"))) {
         name.chop(3);
     }
-    if (mPatchMenu->findData(absolute, Qt::UserRole, Qt::MatchExactly | Qt::MatchCaseSensitive) <
-        0) {
-        mPatchMenu->addItem(name, absolute);
+    if (mUi->patchMenu->findData(absolute, Qt::UserRole,
+                                 Qt::MatchExactly | Qt::MatchCaseSensitive) < 0) {
+        mUi->patchMenu->addItem(name, absolute);
     }
 }
 
 void MainWindow::setNoPatchLoaded(bool noPatch)
 {
-    const int index = mPatchMenu->findText(NONE_LOADED);
+    const int index = mUi->patchMenu->findText(NONE_LOADED);
     if (noPatch) {
         if (index < 0) {
-            mPatchMenu->addItem(NONE_LOADED, QString());
-            mPatchMenu->setCurrentIndex(mPatchMenu->count() - 1);
+            mUi->patchMenu->addItem(NONE_LOADED, QString());
+            mUi->patchMenu->setCurrentIndex(mUi->patchMenu->count() - 1);
         }
     } else if (index >= 0) {
-        mPatchMenu->removeItem(index);
+        mUi->patchMenu->removeItem(index);
     }
 }
 
@@ -115,13 +174,13 @@ void MainWindow::loadPatch(const QString& path)
 {
     const QString absolute = path.isEmpty() ? QString() : QFileInfo(path).absoluteFilePath();
     qWarning() << "Loading voice patch" << absolute;
-    PdPlayer* player = &TuningArboApplication::instance()->mPlayer;
+    PdPlayer* player = AppContext::player();
     if (!PatchLoader::loadVoice(player, absolute)) {
         QMessageBox::critical(this, QString::fromLatin1(AppContext::APP_NAME),
                               tr("Failed to load patch %1.").arg(absolute), QMessageBox::Ok);
         // The engine stays without a patch; the menu shows the last good one.
-        if (mLastLoadedPatch >= 0 && mLastLoadedPatch < mPatchMenu->count()) {
-            mPatchMenu->setCurrentIndex(mLastLoadedPatch);
+        if (mLastLoadedPatch >= 0 && mLastLoadedPatch < mUi->patchMenu->count()) {
+            mUi->patchMenu->setCurrentIndex(mLastLoadedPatch);
         } else {
             setNoPatchLoaded(true);
         }
@@ -130,19 +189,19 @@ void MainWindow::loadPatch(const QString& path)
     setNoPatchLoaded(false);
     addPatchToMenu(absolute);
     mLastLoadedPatch =
-        mPatchMenu->findData(absolute, Qt::UserRole, Qt::MatchExactly | Qt::MatchCaseSensitive);
-    mPatchMenu->setCurrentIndex(mLastLoadedPatch);
+        mUi->patchMenu->findData(absolute, Qt::UserRole, Qt::MatchExactly | Qt::MatchCaseSensitive);
+    mUi->patchMenu->setCurrentIndex(mLastLoadedPatch);
 }
 
 void MainWindow::stepPatch(int step)
 {
-    const int count = mPatchMenu->count();
+    const int count = mUi->patchMenu->count();
     if (count == 0) {
         return; // nothing to step through
     }
-    const int index = (mPatchMenu->currentIndex() + step + count) % count;
-    mPatchMenu->setCurrentIndex(index);
-    loadPatch(mPatchMenu->itemData(index).toString());
+    const int index = (mUi->patchMenu->currentIndex() + step + count) % count;
+    mUi->patchMenu->setCurrentIndex(index);
+    loadPatch(mUi->patchMenu->itemData(index).toString());
 }
 
 void MainWindow::onPatchDecRequested()
@@ -157,7 +216,7 @@ void MainWindow::onPatchIncRequested()
 
 void MainWindow::on_patchMenu_activated(int index)
 {
-    loadPatch(mPatchMenu->itemData(index).toString());
+    loadPatch(mUi->patchMenu->itemData(index).toString());
 }
 
 void MainWindow::on_patchDecButton_clicked()
