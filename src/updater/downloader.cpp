@@ -175,6 +175,7 @@ void Downloader::begin(const QUrl& url)
         return;
     }
     mStartTime = QDateTime::currentSecsSinceEpoch();
+    mReceived = 0;
 
     QNetworkRequest request(url);
     request.setHeader(QNetworkRequest::UserAgentHeader, mUserAgentString);
@@ -210,6 +211,15 @@ void Downloader::saveFile()
     }
     if (mFile.isOpen() && mFile.write(data) != data.size()) {
         fail(tr("cannot write %1").arg(mFile.fileName()));
+        return;
+    }
+    // Qt reports progress at most every 150 ms or so and not at all for data
+    // that arrives just before the server pauses, so what was written is
+    // reported here as well; otherwise a stalled download shows stale figures.
+    mReceived += data.size();
+    if (!data.isEmpty()) {
+        const QVariant length = mReply->header(QNetworkRequest::ContentLengthHeader);
+        updateProgress(mReceived, length.isValid() ? length.toLongLong() : -1);
     }
 }
 

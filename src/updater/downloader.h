@@ -99,6 +99,7 @@ private:
     QFile mFile;
     qint64 mStartTime = 0; // seconds since the epoch
     int mRedirects = 0;
+    qint64 mReceived = 0; // bytes written to the partial file
 
     QProgressBar* mProgressBar;
     QLabel* mDownloadLabel;
