@@ -8,6 +8,7 @@ qtbase5-dev libqt5svg5-dev portaudio19-dev libboost-dev
 cmake g++ make pkg-config dpkg-dev
 libbenchmark-dev
 xvfb xauth jackd2 jack-capture sox
+openssl
 locales
 "
 
