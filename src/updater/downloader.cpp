@@ -182,6 +182,7 @@ void Downloader::begin(const QUrl& url)
     // Redirects are followed here, one by one, so each target can be checked.
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                          QNetworkRequest::ManualRedirectPolicy);
+    request.setTransferTimeout(Updater::TRANSFER_TIMEOUT_MS);
     mReply = mManager->get(request);
     connect(mReply, &QNetworkReply::readyRead, this, &Downloader::saveFile);
     connect(mReply, &QNetworkReply::downloadProgress, this, &Downloader::updateProgress);
@@ -325,7 +326,8 @@ void Downloader::installUpdate()
         QMessageBox::Information, TITLE,
         QStringLiteral("<h3>") + tr("Click \"OK\" to open the downloaded file now") +
             QStringLiteral("</h3>"),
-        text, QMessageBox::Ok | QMessageBox::Cancel, QMessageBox::Ok, [this](int button) {
+        text, QMessageBox::Ok | QMessageBox::Cancel, QMessageBox::Ok,
+        [this](int button) {
             if (button == QMessageBox::Ok) {
                 openDownload();
             } else if (mMandatoryUpdate) {
@@ -334,7 +336,8 @@ void Downloader::installUpdate()
                 mOpenButton->setEnabled(true);
                 mDownloadLabel->setText(tr("Click the \"Open\" button to apply the update"));
             }
-        });
+        },
+        this);
 }
 
 void Downloader::openDownload()
@@ -343,7 +346,7 @@ void Downloader::openDownload()
     if (!QFile::exists(path)) {
         Updater::showMessage(QMessageBox::Critical, tr("Error"),
                              tr("Cannot find downloaded update!"), QString(), QMessageBox::Close,
-                             QMessageBox::Close);
+                             QMessageBox::Close, {}, this);
         return;
     }
     // The desktop's handler for the file's type opens it; the program itself
@@ -361,19 +364,23 @@ void Downloader::cancelDownload()
         mMandatoryUpdate ? tr("Are you sure you want to cancel the download? This is a mandatory "
                               "update, exiting now will close the application")
                          : tr("Are you sure you want to cancel the download?");
-    Updater::showMessage(QMessageBox::Question, TITLE, text, QString(),
-                         QMessageBox::Yes | QMessageBox::No, QMessageBox::No, [this](int button) {
-                             if (button != QMessageBox::Yes) {
-                                 return;
-                             }
-                             dropReply();
-                             mFile.close();
-                             mFile.remove();
-                             hide();
-                             if (mMandatoryUpdate) {
-                                 QCoreApplication::quit();
-                             }
-                         });
+    Updater::showMessage(
+        QMessageBox::Question, TITLE, text, QString(), QMessageBox::Yes | QMessageBox::No,
+        QMessageBox::No,
+        [this](int button) {
+            // The download may have ended while the question was open.
+            if (button != QMessageBox::Yes || !mReply) {
+                return;
+            }
+            dropReply();
+            mFile.close();
+            mFile.remove();
+            hide();
+            if (mMandatoryUpdate) {
+                QCoreApplication::quit();
+            }
+        },
+        this);
 }
 
 void Downloader::closeEvent(QCloseEvent* event)

@@ -77,7 +77,7 @@ QMessageBox* Updater::showMessage(QMessageBox::Icon icon, const QString& title,
                                   const QString& heading, const QString& informative,
                                   QMessageBox::StandardButtons buttons,
                                   QMessageBox::StandardButton defaultButton,
-                                  std::function<void(int)> onFinished)
+                                  std::function<void(int)> onFinished, QObject* owner)
 {
     auto* box = new QMessageBox(icon, title, heading, buttons);
     box->setTextFormat(Qt::RichText);
@@ -87,7 +87,7 @@ QMessageBox* Updater::showMessage(QMessageBox::Icon icon, const QString& title,
     box->setWindowFlags(box->windowFlags() | Qt::Tool | Qt::WindowStaysOnTopHint);
     box->setAttribute(Qt::WA_DeleteOnClose);
     if (onFinished) {
-        QObject::connect(box, &QMessageBox::finished, box, std::move(onFinished));
+        QObject::connect(box, &QMessageBox::finished, owner ? owner : box, std::move(onFinished));
     }
     box->show();
     return box;
@@ -146,6 +146,9 @@ void Updater::sendRequest()
     // Redirects are followed here, one by one, so each target can be checked.
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                          QNetworkRequest::ManualRedirectPolicy);
+    // A server that accepts the connection and then says nothing would leave
+    // the check hanging for good.
+    request.setTransferTimeout(TRANSFER_TIMEOUT_MS);
     QNetworkReply* reply = mManager->get(request);
     mReply = reply;
     connect(reply, &QNetworkReply::downloadProgress, this, [this, reply](qint64 got, qint64 total) {
@@ -258,10 +261,13 @@ void Updater::showBox(QMessageBox::Icon icon, const QString& headingText,
                       std::function<void(int)> onFinished)
 {
     if (mBox) {
+        // A box replaced by a newer one is not an answer: closing it must not
+        // run its buttons' actions (a mandatory update's "No" would quit).
+        mBox->disconnect(this);
         mBox->close();
     }
     mBox = showMessage(icon, mModuleName, heading(headingText), informative, buttons, defaultButton,
-                       std::move(onFinished));
+                       std::move(onFinished), this);
 }
 
 void Updater::setUpdateAvailable(bool available)

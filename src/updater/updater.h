@@ -28,6 +28,8 @@ class Updater : public QObject
 public:
     static constexpr int MAX_REDIRECTS = 5;
     static constexpr qint64 MAX_FEED_SIZE = 1024 * 1024;
+    // Longest silence of the server, in ms, before a fetch counts as failed.
+    static constexpr int TRANSFER_TIMEOUT_MS = 30000;
 
     explicit Updater(const QString& url, QObject* parent = nullptr);
     ~Updater() override;
@@ -41,14 +43,16 @@ public:
     static bool isSafeUrl(const QUrl& url);
 
     // Shows a non-modal rich-text message box that stays on top and deletes
-    // itself when closed; `onFinished` gets the standard button that closed it.
+    // itself when closed; `onFinished` gets the standard button that closed it
+    // (0 when closed otherwise), and is dropped if `owner` is deleted first.
     // Shared by the checker, the downloader and the front so every message
     // looks and behaves alike (and a test can find and answer it).
     static QMessageBox* showMessage(QMessageBox::Icon icon, const QString& title,
                                     const QString& heading, const QString& informative,
                                     QMessageBox::StandardButtons buttons,
                                     QMessageBox::StandardButton defaultButton,
-                                    std::function<void(int)> onFinished = {});
+                                    std::function<void(int)> onFinished = {},
+                                    QObject* owner = nullptr);
 
     QString url() const { return mUrl; }
     QString openUrl() const { return mOpenUrl; }
