@@ -69,7 +69,14 @@ public:
             held.first->disconnectFromHost();
         }
     }
-    bool holding(const QString& path) const { return mHeld.contains(path); }
+    // Drops the connection of a held answer, mid-body.
+    void cut(const QString& path)
+    {
+        const auto held = mHeld.take(path);
+        if (held.first) {
+            held.first->abort();
+        }
+    }
 
     int connections = 0;
     QStringList paths; // every request's path, in order
@@ -653,6 +660,53 @@ private slots:
         QVERIFY(box);
         QCOMPARE(box->text(), QString("<h3>The update address is not safe</h3>"));
         QVERIFY(!updater->downloader()->isVisible());
+    }
+
+    // A refused or broken download leaves neither the file nor its ".part";
+    // a redirected one lands under the name of the address in the feed.
+    void failedDownloadsLeaveNothing()
+    {
+        const auto startDownload = [this](const QString& feedPath, const QString& filePath) {
+            mServer->feed(feedPath, feedJson("1.6", mServer->url(filePath)));
+            Updater* updater = makeUpdater(mServer->url(feedPath), false);
+            updater->checkForUpdates();
+            QMessageBox* box = waitForBox();
+            if (box) {
+                answer(box, QMessageBox::Yes);
+            }
+            return updater->downloader();
+        };
+
+        Downloader* downloader = startDownload("/missing.json", "/files/missing.deb");
+        auto* label = downloader->findChild<QLabel*>("downloadLabel");
+        QTRY_VERIFY_WITH_TIMEOUT(label->text().startsWith("Download failed: "), 15000);
+        QVERIFY(!QFile::exists(downloads() + "/missing.deb"));
+        QVERIFY(!QFile::exists(downloads() + "/missing.deb.part"));
+        QCOMPARE(downloader->findChild<QPushButton*>("stopButton")->text(), QString("Close"));
+        downloader->close();
+
+        mServer->route("/files/cut.deb", Route{200, QByteArray(100000, 'c'), {}, 50000});
+        downloader = startDownload("/cut.json", "/files/cut.deb");
+        QTRY_COMPARE_WITH_TIMEOUT(QFileInfo(downloads() + "/cut.deb.part").size(), qint64(50000),
+                                  15000);
+        mServer->cut("/files/cut.deb");
+        label = downloader->findChild<QLabel*>("downloadLabel");
+        QTRY_VERIFY_WITH_TIMEOUT(label->text().startsWith("Download failed: "), 15000);
+        QVERIFY(!QFile::exists(downloads() + "/cut.deb"));
+        QVERIFY(!QFile::exists(downloads() + "/cut.deb.part"));
+        downloader->close();
+
+        mServer->route("/files/old.deb", Route{302, {}, "/files/new.deb", -1});
+        mServer->route("/files/new.deb", Route{200, "new build", {}, -1});
+        downloader = startDownload("/redirected.json", "/files/old.deb");
+        QSignalSpy done(downloader, &Downloader::downloadFinished);
+        QVERIFY(done.wait(15000));
+        QCOMPARE(TestSupport::readFile(downloads() + "/old.deb"), QByteArray("new build"));
+        QVERIFY(!QFile::exists(downloads() + "/old.deb.part"));
+        QMessageBox* box = waitForBox();
+        QVERIFY(box);
+        answer(box, QMessageBox::Cancel);
+        downloader->close();
     }
 
     void sizeAndTimeTexts()
