@@ -166,7 +166,9 @@ void Updater::onReply(QNetworkReply* reply)
     if (reply == mReply) {
         mReply = nullptr;
     }
-    if (mOversized) {
+    // The progress signal stops a big feed early, but Qt may deliver a whole
+    // small burst without one, so the size is checked again here.
+    if (mOversized || reply->bytesAvailable() > MAX_FEED_SIZE) {
         qWarning() << "Update feed" << mUrl << "is larger than" << MAX_FEED_SIZE
                    << "bytes; ignored";
         emit checkingFinished(mUrl);
