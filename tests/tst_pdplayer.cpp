@@ -11,6 +11,7 @@
 
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QSet>
 #include <QSignalSpy>
 
@@ -131,6 +132,7 @@ void TestPdPlayer::init()
           ArboEvent(ArboEvent::Macro2, 0.3f), ArboEvent(ArboEvent::AllNotesOff, 1.0f)}) {
         queue(event);
     }
+    render(BUFFER_SECONDS); // carries the resets out even when nothing sounds
     renderUntilAllFree(6.0);
     QCOMPARE(mPlayer.soundingNoteCount(), 0);
 }
@@ -307,6 +309,22 @@ void TestPdPlayer::transpositionMovesTheNextNote()
     const qsizetype accepted = transposed.size() - 2;
     QVERIFY(accepted > 5 && accepted < 40);
     QCOMPARE(mPlayer.transposition().toDouble(), 0.75 * std::pow(31.0 / 16.0, double(accepted)));
+    // The audio thread only counts what it refused (no prime, too far, not a
+    // number, beyond 64 bits; a note beyond them too); the GUI thread
+    // reports it, one line per kind, and counts anew.
+    toggle("/31/31/31/31");
+    render(0.01);
+    QCOMPARE(mPlayer.refusedTranspositions(), quint32(3 + 40 - accepted));
+    QCOMPARE(mPlayer.refusedNotes(), quint32(1));
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression(QStringLiteral("^Ignored %1 transposition\\(s\\) .* "
+                                                           "\\(last: 31\\)$")
+                                                .arg(3 + 40 - accepted)));
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression("^Ignored 1 note\\(s\\) .* \\(last: /31/31/31/31\\)$"));
+    mPlayer.reportRefusedCommands();
+    QCOMPARE(mPlayer.refusedTranspositions() + mPlayer.refusedNotes(), quint32(0));
+    mPlayer.reportRefusedCommands(); // nothing new: nothing said
     queue(ArboEvent(ArboEvent::Transpose, 0.4f)); // below a half: back to 1/1
     render(0.01);
     QCOMPARE(mPlayer.transposition(), ArboRatio(1, 1));
