@@ -56,6 +56,7 @@ private slots:
     void volumeMonoPolyAndStopAll();
     void transposeStripCountsAndReadout();
     void refusedTranspositionVanishes();
+    void horizontalStripAndFirstClick();
     void primeButtons();
     void primeToggleHidesItsLeavesAndBlocksItsNotes();
     void patchMenuEdgeCases();
@@ -514,6 +515,55 @@ void TestMainWindow::refusedTranspositionVanishes()
     mPlayer.queueEventGui(&back);
     render();
     QTRY_VERIFY(downTwo->isEnabled());
+}
+
+void TestMainWindow::horizontalStripAndFirstClick()
+{
+    // A strip made while the 1/1 sits at 25 Hz, where an octave down is
+    // refused: before any change its buttons have asked nothing yet, so they
+    // show, but a click still asks the lattice and queues nothing.
+    const ArboEvent base(ArboEvent::BaseFrequency, 25.0f);
+    mPlayer.queueEventGui(&base);
+    render();
+    QTRY_COMPARE(mArbo.baseFrequency(), 25.0f);
+
+    TransposeWidget strip;
+    strip.init(Qt::Horizontal);
+    strip.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&strip));
+    QCOMPARE(strip.orientation(), Qt::Horizontal);
+    TransposeButton* up = nullptr;
+    TransposeButton* down = nullptr;
+    for (TransposeButton* button : strip.findChildren<TransposeButton*>()) {
+        if (button->step() == 2) {
+            up = button;
+        } else if (button->step() == -2) {
+            down = button;
+        }
+    }
+    QVERIFY(up && down && down->isEnabled());
+    QSignalSpy transposed(&mPlayer, &PdPlayer::transposed);
+    QTest::mouseClick(down, Qt::LeftButton);
+    render();
+    QCOMPARE(transposed.size(), 0);
+
+    // One column per prime, left to right; in a column, from the top: the
+    // count of the down step, the up button, the prime, the down button, the
+    // count of the up step.
+    PrimeToggleButton* two = nullptr;
+    PrimeToggleButton* three = nullptr;
+    for (PrimeToggleButton* button : strip.findChildren<PrimeToggleButton*>()) {
+        if (button->prime() == 2) {
+            two = button;
+        } else if (button->prime() == 3) {
+            three = button;
+        }
+    }
+    QVERIFY(two && three);
+    QVERIFY(two->geometry().right() < three->geometry().left());
+    QVERIFY(up->geometry().bottom() < two->geometry().top());
+    QVERIFY(two->geometry().bottom() < down->geometry().top());
+    QVERIFY(std::abs(up->geometry().center().x() - two->geometry().center().x()) <= 1);
 }
 
 void TestMainWindow::primeButtons()

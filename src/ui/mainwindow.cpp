@@ -285,9 +285,9 @@ QLabel* MainWindow::macroLabel(int number) const
     return findChild<QLabel*>(QStringLiteral("macroLabel%1").arg(number));
 }
 
-float MainWindow::normalised(const QSlider* slider, int value)
+float MainWindow::normalised(const QSlider* slider, float value)
 {
-    return float(value - slider->minimum()) / float(slider->maximum() - slider->minimum());
+    return (value - float(slider->minimum())) / float(slider->maximum() - slider->minimum());
 }
 
 int MainWindow::sliderPosition(const QSlider* slider, float value)
@@ -304,10 +304,8 @@ void MainWindow::queue(ArboEvent::Type type, float value)
 void MainWindow::setMacro(int index, float value)
 {
     // All sliders share the first one's range.
-    const QSlider* slider = mUi->macroSlider1;
-    const float normal =
-        (value - float(slider->minimum())) / float(slider->maximum() - slider->minimum());
-    queue(static_cast<ArboEvent::Type>(ArboEvent::Macro1 + index), normal);
+    queue(static_cast<ArboEvent::Type>(ArboEvent::Macro1 + index),
+          normalised(mUi->macroSlider1, value));
 }
 
 void MainWindow::onMacroSliderValueChanged(int value)
@@ -355,7 +353,7 @@ void MainWindow::onMacroDefaultsReceived(const QList<float>& values)
 
 void MainWindow::on_volumeSlider_valueChanged(int value)
 {
-    queue(ArboEvent::MasterVolume, normalised(mUi->volumeSlider, value));
+    queue(ArboEvent::MasterVolume, normalised(mUi->volumeSlider, float(value)));
 }
 
 void MainWindow::onVolumeChanged(float volume)

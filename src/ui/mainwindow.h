@@ -116,7 +116,7 @@ private:
     QSlider* macroSlider(int number) const;
     QLabel* macroLabel(int number) const;
     // A slider's position as a number from 0 to 1, and back.
-    static float normalised(const QSlider* slider, int value);
+    static float normalised(const QSlider* slider, float value);
     static int sliderPosition(const QSlider* slider, float value);
     // Queues an event made for this one call.
     static void queue(ArboEvent::Type type, float value);
