@@ -16,23 +16,13 @@ build=$(cd "${1:-$root/build}" && pwd)
 bin="$build/bin"
 out="$root/docs"
 
+work=$(mktemp -d)
 . "$root/scripts/stage.sh"
+trap stage_cleanup EXIT INT TERM
 need import imagemagick
 for program in merrow-tuning-arbo arbo-wand; do
     [ -x "$bin/$program" ] || { echo "screenshots.sh: build first ($bin/$program)" >&2; exit 1; }
 done
-
-work=$(mktemp -d)
-arbo_pid=""
-cleanup() {
-    if [ -n "$arbo_pid" ]; then
-        kill "$arbo_pid" 2>/dev/null || true
-        wait "$arbo_pid" 2>/dev/null || true
-    fi
-    stop_stage
-    rm -rf "$work"
-}
-trap cleanup EXIT INT TERM
 start_stage
 
 port=$((30000 + $$ % 20000))

@@ -3,10 +3,14 @@
 # card, so that nothing of the user's desktop or sound is touched.
 #
 # Source it after `set -eu`, with $work set to a private temporary folder.
-# It sets $DISPLAY and $JACK_DEFAULT_SERVER; stop_stage ends both servers.
+# start_stage sets $DISPLAY and $JACK_DEFAULT_SERVER; stop_stage ends both
+# servers. A script that starts the program keeps its process id in
+# $arbo_pid; `trap stage_cleanup EXIT INT TERM` then ends the program, the
+# servers and removes $work, whatever way the script ends.
 
 stage_xvfb_pid=""
 stage_jack_pid=""
+arbo_pid=""
 
 need() { # command debian-package
     if ! command -v "$1" >/dev/null 2>&1; then
@@ -54,4 +58,14 @@ stop_stage() {
     done
     stage_jack_pid=""
     stage_xvfb_pid=""
+}
+
+stage_cleanup() {
+    if [ -n "$arbo_pid" ]; then
+        kill "$arbo_pid" 2>/dev/null || true
+        wait "$arbo_pid" 2>/dev/null || true
+        arbo_pid=""
+    fi
+    stop_stage
+    rm -rf "$work"
 }

@@ -20,17 +20,8 @@ bin="$build/bin/merrow-tuning-arbo"
 [ -x "$bin" ] || { echo "startup-time.sh: build first ($bin)" >&2; exit 1; }
 
 work=$(mktemp -d)
-arbo_pid=""
 . "$root/scripts/stage.sh"
-cleanup() {
-    if [ -n "$arbo_pid" ]; then
-        kill "$arbo_pid" 2>/dev/null || true
-        wait "$arbo_pid" 2>/dev/null || true
-    fi
-    stop_stage
-    rm -rf "$work"
-}
-trap cleanup EXIT INT TERM
+trap stage_cleanup EXIT INT TERM
 start_stage
 
 home="$work/home"

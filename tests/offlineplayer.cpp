@@ -1,6 +1,13 @@
 #include "offlineplayer.h"
 
+#include "model/arbo.h"
+#include "settings/appcontext.h"
+#include "settings/settings.h"
+#include "sound/patchloader.h"
 #include "sound/pdplayer.h"
+#include "testsupport.h"
+
+#include <QDir>
 
 #include <z_libpd.h>
 
@@ -24,6 +31,18 @@ std::vector<float> render(PdPlayer& player, double seconds)
         }
     }
     return left;
+}
+
+void setUp(PdPlayer& player, Arbo& lattice, Settings& settings)
+{
+    QVERIFY(QDir().mkpath(TestSupport::configDir()));
+    AppContext::setSettings(&settings);
+    AppContext::setPlayer(&player);
+    AppContext::setLattice(&lattice);
+    QVERIFY(player.init());
+    QCOMPARE(player.initAudio(2, SAMPLE_RATE), 0);
+    QVERIFY(PatchLoader::installShellPatches());
+    QVERIFY(lattice.init(&player));
 }
 
 } // namespace OfflinePlayer

@@ -91,15 +91,11 @@ private:
 
 void TestDisplay::initTestCase()
 {
-    QVERIFY(QDir().mkpath(TestSupport::configDir()));
-    AppContext::setSettings(&mSettings);
-    AppContext::setPlayer(&mPlayer);
-    AppContext::setLattice(&mArbo);
-    QVERIFY(mPlayer.init());
-    QCOMPARE(mPlayer.initAudio(2, SAMPLE_RATE), 0);
-    QVERIFY(PatchLoader::installShellPatches());
+    OfflinePlayer::setUp(mPlayer, mArbo, mSettings);
+    if (QTest::currentTestFailed()) {
+        return;
+    }
     QVERIFY(PatchLoader::loadVoice(&mPlayer, TestSupport::binDir() + "/patches/Sine.pd"));
-    QVERIFY(mArbo.init(&mPlayer));
 }
 
 void TestDisplay::init()

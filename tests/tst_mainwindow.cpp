@@ -86,14 +86,10 @@ private:
 
 void TestMainWindow::initTestCase()
 {
-    QVERIFY(QDir().mkpath(TestSupport::configDir()));
-    AppContext::setSettings(&mSettings);
-    AppContext::setPlayer(&mPlayer);
-    AppContext::setLattice(&mArbo);
-    QVERIFY(mPlayer.init());
-    QCOMPARE(mPlayer.initAudio(2, SAMPLE_RATE), 0);
-    QVERIFY(PatchLoader::installShellPatches());
-    QVERIFY(mArbo.init(&mPlayer));
+    OfflinePlayer::setUp(mPlayer, mArbo, mSettings);
+    if (QTest::currentTestFailed()) {
+        return;
+    }
     // The window as the program shows it, with the program's style sheet.
     const QByteArray sheet = TestSupport::readFile(TestSupport::binDir() + "/style.qss");
     QVERIFY(!sheet.isEmpty());
