@@ -10,7 +10,8 @@
 # already exists, made by one warm-up run that is not counted), waits for the
 # log line "Main window painted", and ends the program with SIGTERM. The
 # figures come from the log's own time stamps and the time the script
-# started the process, all on the same clock.
+# started the process, all on the same clock. STARTUP_DEBUG=1 also prints
+# each run's raw stamps.
 set -eu
 
 root=$(cd "$(dirname "$0")/.." && pwd)

@@ -317,7 +317,9 @@ void MainWindow::onMacroSliderValueChanged(int value)
 
 void MainWindow::onMacroValueChanged(int macro, float value)
 {
-    // The player numbers its macros from 1, as the sliders are named.
+    // The player reports macro n for its command Macro<n>, counting from 1
+    // like the slider names: "macroSlider<n>" is the slider that sent it (or
+    // the one a wand's macro n belongs to).
     QSlider* slider = macroSlider(macro);
     if (!slider) {
         return;
