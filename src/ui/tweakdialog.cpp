@@ -14,6 +14,11 @@ TweakDialog::TweakDialog(QWidget* parent)
 {
     setWindowTitle(QStringLiteral("Tweak Dialog"));
     mUpdateButton->setObjectName(QStringLiteral("updateButton"));
+    // Enter in a spin box only confirms the typed value: a dialog's push
+    // buttons are pressed by Enter by default, and a redraw must come from a
+    // deliberate press of "Update".
+    mUpdateButton->setAutoDefault(false);
+    mUpdateButton->setDefault(false);
     mLayout->addWidget(mUpdateButton);
     connect(mUpdateButton, &QPushButton::clicked, this, &TweakDialog::updateTweaks);
 }
