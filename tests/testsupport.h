@@ -68,10 +68,13 @@ class MessageBoxAnswerer : public QObject
 public:
     MessageBoxAnswerer();
     int answered() const { return mAnswered; }
+    // "title | text" of each box answered, in order.
+    QStringList answeredBoxes() const { return mBoxes; }
 
 private:
     QTimer mTimer;
     int mAnswered = 0;
+    QStringList mBoxes;
 };
 
 // Writes one line on standard output at once, line breaks written as \n.

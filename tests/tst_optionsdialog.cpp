@@ -26,30 +26,6 @@
 #include <cmath>
 #include <memory>
 
-namespace {
-
-// Answers every message box as soon as it is shown, keeping its text.
-class BoxAnswerer : public QObject
-{
-public:
-    BoxAnswerer()
-    {
-        connect(&mTimer, &QTimer::timeout, this, [this] {
-            if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
-                texts << box->windowTitle() + QStringLiteral(" | ") + box->text();
-                box->done(QMessageBox::Ok);
-            }
-        });
-        mTimer.start(10);
-    }
-    QStringList texts;
-
-private:
-    QTimer mTimer;
-};
-
-} // namespace
-
 class TestOptionsDialog : public QObject
 {
     Q_OBJECT
@@ -335,10 +311,10 @@ private slots:
                 file.setFileTime(QDateTime::currentDateTime().addSecs(10),
                                  QFileDevice::FileModificationTime));
         file.close();
-        BoxAnswerer answerer;
+        TestSupport::MessageBoxAnswerer answerer;
         box->setCurrentIndex(broken);
         emit box->activated(broken); // as a choice of the user's
-        QCOMPARE(answerer.texts,
+        QCOMPARE(answerer.answeredBoxes(),
                  QStringList{QStringLiteral("Merrow Tuning Arbo | Failed to open audio device "
                                             "ALSA: arbo_test_device.")});
         QCOMPARE(box->currentIndex(), jack);
