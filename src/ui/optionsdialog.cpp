@@ -187,7 +187,9 @@ void OptionsDialog::toggle(QPointer<OptionsDialog>& dialog, QWidget* parent, QPo
     }
     delete dialog.data();
     dialog = new OptionsDialog(parent);
-    connect(dialog.data(), &OptionsDialog::positionStored, parent,
+    // Without a parent the dialog itself is the connection's context.
+    QObject* context = parent ? static_cast<QObject*>(parent) : dialog.data();
+    connect(dialog.data(), &OptionsDialog::positionStored, context,
             [&position](QPoint stored) { position = stored; });
     if (position != QPoint(0, 0)) {
         dialog->rePosition(position);
