@@ -70,10 +70,13 @@ public:
     int answered() const { return mAnswered; }
     // The texts of the boxes answered so far, in order.
     const QStringList& texts() const { return mTexts; }
+    // "title | text" of each box answered, in order.
+    QStringList answeredBoxes() const;
 
 private:
     QTimer mTimer;
     int mAnswered = 0;
+    QStringList mTitles;
     QStringList mTexts;
 };
 
