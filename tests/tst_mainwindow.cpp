@@ -21,7 +21,10 @@
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
+#include "ui/diagnosticsdialog.h"
 #include "ui/mainwindow.h"
+#include "ui/optionsdialog.h"
+#include "ui/tweakdialog.h"
 
 #include <QAction>
 #include <QComboBox>
@@ -32,6 +35,7 @@
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QSlider>
+#include <QSpinBox>
 #include <QStackedWidget>
 #include <QStatusBar>
 #include <QToolButton>
@@ -61,6 +65,7 @@ private slots:
     void primeToggleHidesItsLeavesAndBlocksItsNotes();
     void patchMenuEdgeCases();
     void keyboard();
+    void tweaksAndOptionsFromTheWindow();
 
 private:
     // A window as start-up makes it, shown.
@@ -759,6 +764,52 @@ void TestMainWindow::keyboard()
     QKeyEvent other(QEvent::KeyPress, Qt::Key_A, Qt::NoModifier, QStringLiteral("a"));
     QApplication::sendEvent(mWindow.get(), &other);
     QVERIFY(!other.isAccepted());
+
+    // Ctrl+9 shows the diagnostics and hides them again; 9 alone does not.
+    QWidget* diagnostics = mWindow->diagnosticsDialog();
+    QVERIFY(diagnostics->isVisible());
+    QApplication::sendEvent(mWindow.get(), &nine);
+    QVERIFY(diagnostics->isVisible());
+    QApplication::sendEvent(mWindow.get(), &ctrlNine);
+    QVERIFY(!diagnostics->isVisible());
+}
+
+// A tweak takes effect in the drawing only when "Update" is pressed; the
+// options button opens and closes the options.
+void TestMainWindow::tweaksAndOptionsFromTheWindow()
+{
+    makeWindow();
+    // The distance of the shown drawing's +3 ball from the root.
+    auto fifth = [this] {
+        for (ArboView* v : mWindow->findChildren<ArboView*>()) {
+            if (v->isVisible()) {
+                for (ArboBallWidget* ball : v->arboWidget()->balls()) {
+                    if (ball->node()->path() == ArboPath(QStringLiteral("/3"))) {
+                        return QLineF(QPointF(0, 0), ball->scenePos()).length();
+                    }
+                }
+            }
+        }
+        return -1.0;
+    };
+    QCOMPARE(qRound(fifth()), 66);
+    TweakDialog* tweaks = mWindow->tweakDialog();
+    QSpinBox* strut3 = tweaks->findChild<QSpinBox*>(QStringLiteral("STRUT_3_LENGTH"));
+    QVERIFY(strut3);
+    strut3->setValue(100);
+    QCOMPARE(STRUT_3_LENGTH, 100);
+    QCOMPARE(qRound(fifth()), 66); // not yet drawn
+    QTest::mouseClick(tweaks->updateButton(), Qt::LeftButton);
+    QCOMPARE(qRound(fifth()), 100);
+    strut3->setValue(66);
+    QTest::mouseClick(tweaks->updateButton(), Qt::LeftButton);
+    QCOMPARE(qRound(fifth()), 66);
+
+    QAbstractButton* options = child<QAbstractButton>(QStringLiteral("optionsButton"));
+    QTest::mouseClick(options, Qt::LeftButton);
+    QTRY_VERIFY(mWindow->optionsDialog() && mWindow->optionsDialog()->isVisible());
+    QTest::mouseClick(options, Qt::LeftButton);
+    QTRY_VERIFY(!mWindow->optionsDialog() || !mWindow->optionsDialog()->isVisible());
 }
 
 ARBO_TEST_MAIN(TestMainWindow)

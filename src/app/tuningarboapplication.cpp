@@ -4,6 +4,7 @@
 #include "settings/appcontext.h"
 #include "sound/patchloader.h"
 #include "ui/mainwindow.h"
+#include "ui/stylesheetloader.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -265,34 +266,7 @@ void TuningArboApplication::fatalStartupMessage(const QString& text)
 
 bool TuningArboApplication::loadStyleSheet()
 {
-    const QString resourceDir = AppContext::resourceDir();
-    // Both sheets are required: the platform sheet is as essential as the main one.
-    struct Sheet
-    {
-        QString path;
-        const char* missingText;
-    };
-    const Sheet sheets[] = {
-        {resourceDir + QStringLiteral("/style.qss"), "Failed to find style sheet file %1."},
-        {resourceDir + QStringLiteral("/style_mac.qss"),
-         "Failed to find platform-specific style sheet file %1."},
-    };
-    QString styleSheet;
-    for (const Sheet& sheet : sheets) {
-        QFile file(sheet.path);
-        if (!file.exists()) {
-            qCritical().noquote() << QString::fromLatin1(sheet.missingText).arg(sheet.path);
-            return false;
-        }
-        if (!file.open(QIODevice::ReadOnly)) {
-            qCritical().noquote()
-                << QStringLiteral("Failed to open file %1 for reading.").arg(sheet.path);
-            return false;
-        }
-        styleSheet += QString::fromLatin1(file.readAll());
-    }
-    setStyleSheet(styleSheet);
-    return true;
+    return StyleSheetLoader::load();
 }
 
 bool TuningArboApplication::initPatchFolder()

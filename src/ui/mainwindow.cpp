@@ -8,7 +8,12 @@
 #include "settings/settings.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
+#include "ui/diagnosticsdialog.h"
+#include "ui/optionsdialog.h"
+#include "ui/stylesheetloader.h"
+#include "ui/tweakdialog.h"
 #include "ui_mainwindow.h"
+#include "updater/updatedialog.h"
 
 #include <QComboBox>
 #include <QDebug>
@@ -22,6 +27,8 @@
 #include <QMessageBox>
 #include <QPainter>
 #include <QPushButton>
+#include <QShortcut>
+#include <QThread>
 #include <QSlider>
 #include <QSvgRenderer>
 
@@ -62,6 +69,8 @@ MainWindow::MainWindow(Arbo* lattice, QWidget* parent)
       mStopAllEvent(ArboEvent::AllNotesOff, 1.0f)
 {
     mUi->setupUi(this);
+    // First, so that it collects the messages of everything that follows.
+    mDiagnosticsDialog = new DiagnosticsDialog(this);
     setWindowTitle(QString::fromLatin1(AppContext::APP_NAME));
     setIcons();
     mUi->transposeWidget->init(Qt::Vertical);
@@ -120,9 +129,15 @@ MainWindow::MainWindow(Arbo* lattice, QWidget* parent)
     loadDefaultPatch();
     onTransposeChanged();
 
-    // The diagnostics, tweak and options dialogs are made here once they
-    // exist, parented to the window; the tweak dialog then gets the layout
-    // constants to edit.
+    // The tweak dialog edits the lattice's layout constants; Ctrl+T shows
+    // and hides it. (The options dialog is made fresh each time it opens.)
+    mTweakDialog = new TweakDialog(this);
+    mTweakDialog->addLayoutConstants();
+    connect(mTweakDialog, &TweakDialog::updateRequested, this, &MainWindow::updateTweaks);
+    auto* tweakShortcut = new QShortcut(QKeySequence(QStringLiteral("Ctrl+T")), this);
+    connect(tweakShortcut, &QShortcut::activated, this,
+            [this] { mTweakDialog->setVisible(!mTweakDialog->isVisible()); });
+
     applicationUpdateCheck();
 }
 
@@ -255,24 +270,38 @@ void MainWindow::keyPressEvent(QKeyEvent* event)
 
 void MainWindow::toggleDiagnostics()
 {
-    // Shows or hides the diagnostics dialog once it exists.
+    mDiagnosticsDialog->setVisible(!mDiagnosticsDialog->isVisible());
 }
 
 void MainWindow::applicationUpdateCheck()
 {
-    // The update check is wired in with the update dialog.
+    Settings* settings = AppContext::settings();
+    UpdateDialog::checkAtStartup(this, settings->mUpdateCheckInterval,
+                                 settings->mTSysLastUpdateCheck);
 }
 
 void MainWindow::updateTweaks()
 {
-    // Wired in with the tweak dialog.
+    queue(ArboEvent::AllNotesOff, 1.0f);
+    QThread::msleep(100);
+    QCoreApplication::processEvents();
+    StyleSheetLoader::load();
+    mLattice->load();
+    ArboLeavesWidget::clearPositionTables();
+    // Both drawings, not only the one shown: reloading the lattice replaced
+    // the nodes that the hidden one still points at.
+    mUi->circleLayer->view()->buildScene(ArboLeavesWidget::Circles);
+    mUi->grapeLayer->view()->buildScene(ArboLeavesWidget::Grapes);
+}
+
+OptionsDialog* MainWindow::optionsDialog() const
+{
+    return mOptionsDialog;
 }
 
 void MainWindow::on_optionsButton_clicked()
 {
-    // Toggles the options dialog once it exists: visible, its position is
-    // remembered and it closes; hidden, a fresh dialog opens at the
-    // remembered position (unless that is (0, 0)).
+    OptionsDialog::toggle(mOptionsDialog, this, mOptionsDialogPosition);
 }
 
 QSlider* MainWindow::macroSlider(int number) const

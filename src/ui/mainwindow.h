@@ -4,12 +4,16 @@
 
 #include <QList>
 #include <QMainWindow>
+#include <QPointer>
 #include <QPoint>
 #include <QStringList>
 
 #include <memory>
 
 class Arbo;
+class DiagnosticsDialog;
+class OptionsDialog;
+class TweakDialog;
 class ArboView;
 class QLabel;
 class QSlider;
@@ -61,19 +65,19 @@ public:
     // likes.
     void setOptionsDialogPosition(const QPoint& position) { mOptionsDialogPosition = position; }
 
-    // The automatic update check of the construction: due by the options
-    // "updateCheckInterval" and "tSysLastUpdateCheck", it opens the update
-    // dialog. Not wired yet: it comes with the update dialog's hook-up, and
-    // until then checks nothing.
+    // The automatic update check of the construction: when due by the
+    // options "updateCheckInterval" and "tSysLastUpdateCheck", it starts a
+    // check of the update feed (none when the build has no feed).
     void applicationUpdateCheck();
     // Called by the tweak dialog's "Update": stops all notes, reloads the
     // style sheets and the lattice file, clears the leaf position tables and
-    // rebuilds the shown drawing. Not wired yet: it comes with the tweak
-    // dialog, and until then does nothing.
+    // rebuilds the drawings.
     void updateTweaks();
     // Ctrl+9: shows the diagnostics dialog when hidden, hides it when shown.
-    // The dialog comes with its own change; until then this does nothing.
     void toggleDiagnostics();
+    DiagnosticsDialog* diagnosticsDialog() const { return mDiagnosticsDialog; }
+    TweakDialog* tweakDialog() const { return mTweakDialog; }
+    OptionsDialog* optionsDialog() const;
 
 public slots:
     // "circles" shows the flowers, "grapes" the grapes; other links nothing.
@@ -133,5 +137,9 @@ private:
     int mLastLoadedPatch = -1;
     QString mLastPatchFolder;
     QPoint mOptionsDialogPosition;
+    DiagnosticsDialog* mDiagnosticsDialog = nullptr;
+    TweakDialog* mTweakDialog = nullptr;
+    // Made anew each time it opens; gone when closed and deleted.
+    QPointer<OptionsDialog> mOptionsDialog;
     bool mFirstPaintLogged = false;
 };
