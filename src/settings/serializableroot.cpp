@@ -8,11 +8,17 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QRegularExpression>
-#include <QSaveFile>
+#include <QTemporaryFile>
 
 #include <cerrno>
+#include <cstdio>
 #include <unistd.h>
+
+namespace {
+// Between the document's file name and the six characters that make a
+// temporary file's name unique.
+const QString TEMPORARY_INFIX = QStringLiteral(".saving-");
+} // namespace
 
 SerializableRoot::SerializableRoot(QObject* parent) : SerializableNode(parent) {}
 
@@ -41,37 +47,56 @@ bool SerializableRoot::save() const
     if (mDamaged) {
         setDamagedFileAside();
     }
-    // QSaveFile writes next to the target and renames over it on commit(), so
-    // the old document survives anything that goes wrong before that point.
-    QSaveFile file(mPath);
-    if (!file.open(QIODevice::WriteOnly)) {
-        mLastSaveError = file.errorString();
-        qCritical().noquote() << QStringLiteral("Couldn't open file %1 for saving.").arg(mPath);
-        return false;
-    }
     QJsonObject json;
     write(json);
     const QByteArray bytes = QJsonDocument(json).toJson(QJsonDocument::Indented);
 
-    // A document smaller than the write buffer reaches the file only when the
-    // buffer is flushed, and commit() renames the temporary file over the
-    // target even when that last flush fails: on a full disk the user's file
-    // would be replaced by an empty one. So the flush happens here, where a
-    // failure can still abandon the temporary file, and so does the sync to
-    // disk, which is where a file system that allocates late reports no space.
+    // The document goes to a temporary file beside the target, which replaces
+    // the target only once it is complete and on disk: a crash, a kill or a
+    // full disk in between leaves the previous file as it was. The bytes are
+    // written with the system call itself so that a failure is seen, with
+    // the system's reason, at the write that fails (a buffered file reports a
+    // short write late and without a reason, and a save that went on would
+    // replace the user's file with an empty one). The temporary file has a
+    // name of its own kind so that the next start can tell a killed save's
+    // leftovers from the user's files.
+    QTemporaryFile file(mPath + TEMPORARY_INFIX + QStringLiteral("XXXXXX"));
+    if (!file.open()) {
+        mLastSaveError = file.errorString();
+        qCritical().noquote() << QStringLiteral("Couldn't open file %1 for saving.").arg(mPath);
+        return false;
+    }
+    const QFile::Permissions permissions =
+        QFile::exists(mPath)
+            ? QFile::permissions(mPath)
+            : QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther;
+    const int fd = file.handle();
     QString error;
-    if (file.write(bytes) != bytes.size() || !file.flush()) {
-        error = file.errorString();
-    } else if (::fsync(file.handle()) != 0 && errno != EINVAL) {
-        error = qt_error_string(errno); // EINVAL: this file system does not sync; fine
+    for (qint64 done = 0; done < bytes.size() && error.isEmpty();) {
+        const ssize_t written = ::write(fd, bytes.constData() + done, size_t(bytes.size() - done));
+        if (written > 0) {
+            done += written;
+        } else if (written < 0 && errno != EINTR) {
+            error = qt_error_string(errno);
+        }
+    }
+    // A file system that allocates late reports a full disk only here.
+    // EINVAL: this file system does not sync, nothing to wait for.
+    if (error.isEmpty() && ::fsync(fd) != 0 && errno != EINVAL) {
+        error = qt_error_string(errno);
+    }
+    if (error.isEmpty()) {
+        file.setPermissions(permissions);
+        file.close();
+        if (::rename(QFile::encodeName(file.fileName()).constData(),
+                     QFile::encodeName(mPath).constData()) == 0) {
+            file.setAutoRemove(false);
+        } else {
+            error = qt_error_string(errno);
+        }
     }
     if (!error.isEmpty()) {
-        file.cancelWriting(); // the temporary file goes, the old file stays
-    } else if (!file.commit()) {
-        error = file.errorString();
-    }
-    if (!error.isEmpty()) {
-        mLastSaveError = error;
+        mLastSaveError = error; // the temporary file goes with `file`
         qCritical().noquote() << QStringLiteral("Couldn't write file %1: %2").arg(mPath, error);
         return false;
     }
@@ -124,16 +149,10 @@ QString SerializableRoot::setDamagedFileAside() const
 void SerializableRoot::removeAbandonedTemporaryFiles() const
 {
     const QFileInfo target(mPath);
-    // The six letters and digits that QSaveFile appends to the file name.
-    const QRegularExpression temporary(
-        QStringLiteral("^%1\\.[A-Za-z0-9]{6}$").arg(QRegularExpression::escape(target.fileName())));
+    const QString pattern = target.fileName() + TEMPORARY_INFIX + QStringLiteral("??????");
     const QStringList names =
-        QDir(target.path())
-            .entryList({target.fileName() + QStringLiteral(".??????")}, QDir::Files | QDir::Hidden);
+        QDir(target.path()).entryList({pattern}, QDir::Files | QDir::Hidden | QDir::System);
     for (const QString& name : names) {
-        if (!temporary.match(name).hasMatch()) {
-            continue;
-        }
         const QString leftover = target.path() + QLatin1Char('/') + name;
         if (QFile::remove(leftover)) {
             qWarning().noquote()

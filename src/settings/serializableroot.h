@@ -52,8 +52,8 @@ public:
     QString setDamagedFileAside() const;
 
 private:
-    // A save killed half-way leaves its temporary file ("<file>.XXXXXX")
-    // behind; the next start removes it. Only one instance runs on a
+    // A save killed half-way leaves its temporary file
+    // ("<file>.saving-XXXXXX") behind; the next start removes it. Only one instance runs on a
     // configuration folder, so nobody else is writing such a file meanwhile.
     void removeAbandonedTemporaryFiles() const;
 
