@@ -47,33 +47,44 @@ QString TmpfsMount::path() const
     return mDir ? mDir->path() : QString();
 }
 
-bool TmpfsMount::fill()
+bool fillFileSystem(const QString& fillerPath, QString* error)
 {
-    const QByteArray name = QFile::encodeName(path() + FILLER);
-    const int fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    const int fd =
+        ::open(QFile::encodeName(fillerPath).constData(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (fd < 0) {
-        mError = QStringLiteral("cannot create the filler: %1")
-                     .arg(QString::fromLocal8Bit(std::strerror(errno)));
+        if (error) {
+            *error = QStringLiteral("cannot create the filler: %1")
+                         .arg(QString::fromLocal8Bit(std::strerror(errno)));
+        }
         return false;
     }
     const QByteArray chunk(4096, 'x');
     int failure = 0;
-    // Page-sized writes until one fails, then single bytes for the rest.
+    // Page-sized writes until one fails for lack of space, then single bytes
+    // for what is left of the last page.
     for (int size : {4096, 1}) {
-        for (;;) {
-            if (::write(fd, chunk.constData(), size_t(size)) < 0) {
-                failure = errno;
-                break;
-            }
+        while (::write(fd, chunk.constData(), size_t(size)) > 0) {
+        }
+        failure = errno;
+        if (failure != ENOSPC) {
+            break;
         }
     }
     ::close(fd);
     if (failure != ENOSPC) {
-        mError = QStringLiteral("filling the tmpfs ended with \"%1\", not with a full disk")
-                     .arg(QString::fromLocal8Bit(std::strerror(failure)));
+        if (error) {
+            *error = QStringLiteral("filling the file system ended with \"%1\", not with a full "
+                                    "disk")
+                         .arg(QString::fromLocal8Bit(std::strerror(failure)));
+        }
         return false;
     }
     return true;
+}
+
+bool TmpfsMount::fill()
+{
+    return fillFileSystem(path() + FILLER, &mError);
 }
 
 void TmpfsMount::makeRoom()

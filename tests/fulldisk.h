@@ -9,6 +9,10 @@
 
 // Ways to make a save fail for real, the way a user's machine does.
 
+// Appends to the file at `fillerPath` until its file system refuses another
+// byte for lack of space. False, with the reason in `error`, when it never does.
+bool fillFileSystem(const QString& fillerPath, QString* error = nullptr);
+
 // A small tmpfs mounted on a fresh temporary folder for the object's lifetime,
 // and filled up to the last byte on request: a full disk. Mounting needs root
 // (CI runs the tests as root); canMount() says whether this process may try.
