@@ -290,8 +290,12 @@ void TestStartup::damagedOptionsAreReportedOnceAndStartupGoesOn()
     QCOMPARE(result.messageBoxes,
              QStringList{"Failed to read saved options. All options will be reset to defaults."});
     QCOMPARE(result.exitCode, 0);
-    // Shutdown rewrote the damaged file with the values in use.
+    // Shutdown rewrote the damaged file with the values in use, and kept the
+    // damaged one beside it for repair.
     QVERIFY(TestSupport::readFile(config + "/options.json").contains("\"udpPort\": 8888"));
+    const QStringList kept = matching(config, "options.json.damaged-*");
+    QCOMPARE(kept.size(), 1);
+    QCOMPARE(TestSupport::readFile(config + "/" + kept.first()), QByteArray("{ \"udpPort\": 9"));
 }
 
 void TestStartup::binaryStartsCopiesShellPatchesAndShutsDownOnSigterm()
