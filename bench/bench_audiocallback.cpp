@@ -19,7 +19,7 @@
 
 #include "input/arboevent.h"
 #include "input/arbonoteevent.h"
-#include "jackfixture.h"
+#include "jackplayback.h"
 #include "model/arboratio.h"
 #include "settings/appcontext.h"
 #include "sound/denormals.h"
@@ -180,6 +180,38 @@ double loadPercent(double secondsPerBuffer)
     return 100.0 * secondsPerBuffer / (double(FRAMES) / SR);
 }
 
+// The render entry point the callback uses, 128 held notes, at a buffer size
+// that is (256) or is not (100, 1000) made of whole Pd ticks: what carrying
+// the rest of a tick over to the next buffer costs. Load in per cent of the
+// buffer's own duration.
+void renderAnySize(benchmark::State& state, const QString& voice)
+{
+    const int frames = int(state.range(0));
+    if (!PatchLoader::loadVoice(sPlayer, voice)) {
+        state.SkipWithError("could not load the voice");
+        return;
+    }
+    PaAudioOutput output; // no device: the benchmark is the audio thread
+    output.setPlayer(sPlayer);
+    std::vector<float> out(std::size_t(2 * frames));
+    queueChord(*sPlayer, chordPaths());
+    for (int i = 0; i < SR / 2 / frames; ++i) {
+        output.render(out.data(), frames); // past the attacks
+    }
+    double total = 0.0;
+    for (auto _ : state) {
+        const double start = threadSeconds();
+        output.render(out.data(), frames);
+        benchmark::DoNotOptimize(out.data());
+        const double elapsed = threadSeconds() - start;
+        state.SetIterationTime(elapsed);
+        total += elapsed;
+    }
+    state.counters["load_%"] =
+        100.0 * total / double(state.iterations()) / (double(frames) / SR);
+    sPlayer->unloadPatch();
+}
+
 // 128 held notes: one buffer per iteration.
 void steady(benchmark::State& state, const QString& voice, bool flush)
 {
@@ -265,31 +297,15 @@ void jackDummy(benchmark::State& state)
 {
     const QByteArray secondsText = qgetenv("ARBO_BENCH_SECONDS");
     const double seconds = secondsText.isEmpty() ? 60.0 : secondsText.toDouble();
-    if (!JackFixture::toolsAvailable()) {
-        state.SkipWithError("jackd is not installed");
-        return;
-    }
     // With real-time scheduling, as on a stage machine, unless that is not
     // allowed here or ARBO_BENCH_REALTIME=0 asks for the plain scheduler.
-    JackFixture jack;
-    bool realtime = qgetenv("ARBO_BENCH_REALTIME") != "0";
-    if (!(realtime && jack.start(SR, FRAMES, 30000, true))) {
-        realtime = false;
-        if (!jack.start(SR, FRAMES)) {
-            state.SkipWithError(qPrintable(jack.error()));
-            return;
-        }
-    }
-    jack.applyToThisProcess();
-
-    PaAudioOutput output;
-    AppContext::setAudioOutput(&output);
-    if (!output.init(FRAMES, -1, sPlayer) || !PatchLoader::loadVoice(sPlayer, voicePath())) {
-        state.SkipWithError("could not open the JACK device or the voice");
-        output.term();
-        AppContext::setAudioOutput(nullptr);
+    JackPlayback playback;
+    if (!playback.start(sPlayer, voicePath(), SR, FRAMES, qgetenv("ARBO_BENCH_REALTIME") != "0")) {
+        state.SkipWithError(qPrintable(playback.error()));
         return;
     }
+    PaAudioOutput& output = playback.output();
+    const bool realtime = playback.realtime();
     const std::vector<ArboPath> paths = chordPaths();
 
     for (auto _ : state) {
@@ -328,10 +344,6 @@ void jackDummy(benchmark::State& state)
         sPlayer->queueEventGui(&allOff);
         QThread::msleep(1500);
     }
-    sPlayer->unloadPatch();
-    output.term();
-    AppContext::setAudioOutput(nullptr);
-    jack.stop();
 }
 
 } // namespace
@@ -367,6 +379,12 @@ int main(int argc, char** argv)
             ->Unit(benchmark::kMicrosecond)
             ->UseManualTime();
     }
+    benchmark::RegisterBenchmark(("render/" + name).c_str(), renderAnySize, voice)
+        ->Arg(256)
+        ->Arg(100)
+        ->Arg(1000)
+        ->Unit(benchmark::kMicrosecond)
+        ->UseManualTime();
     benchmark::RegisterBenchmark("jack_dummy/128_voices", jackDummy)
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()

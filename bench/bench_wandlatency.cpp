@@ -18,7 +18,8 @@
 #include "input/arbonoteevent.h"
 #include "input/udplistener.h"
 #include "input/wanddatagram.h"
-#include "jackfixture.h"
+#include "jackplayback.h"
+#include "latencyreport.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
@@ -86,38 +87,17 @@ private:
     std::atomic<int> mDone{0};
 };
 
-double percentileMs(std::vector<double> values, double p)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t i = std::min(values.size() - 1, std::size_t(p * double(values.size())));
-    return values[i];
-}
-
 void wandToCallback(benchmark::State& state)
 {
     const QByteArray notesText = qgetenv("ARBO_BENCH_NOTES");
     const int notes = notesText.isEmpty() ? 400 : notesText.toInt();
-    if (!JackFixture::toolsAvailable()) {
-        state.SkipWithError("jackd is not installed");
+    JackPlayback playback;
+    if (!playback.start(sPlayer, TestSupport::binDir() + QStringLiteral("/patches/Sine.pd"), SR,
+                        FRAMES)) {
+        state.SkipWithError(qPrintable(playback.error()));
         return;
     }
-    JackFixture jack;
-    if (!jack.start(SR, FRAMES)) {
-        state.SkipWithError(qPrintable(jack.error()));
-        return;
-    }
-    jack.applyToThisProcess();
-
-    PaAudioOutput output;
-    AppContext::setAudioOutput(&output);
-    if (!output.init(FRAMES, -1, sPlayer) ||
-        !PatchLoader::loadVoice(sPlayer,
-                                TestSupport::binDir() + QStringLiteral("/patches/Sine.pd"))) {
-        state.SkipWithError("could not open the JACK device or the voice");
-        output.term();
-        AppContext::setAudioOutput(nullptr);
-        return;
-    }
+    PaAudioOutput& output = playback.output();
 
     for (auto _ : state) {
         Stamps sent(notes);
@@ -189,28 +169,16 @@ void wandToCallback(benchmark::State& state)
             state.SkipWithError("no note was carried out");
             break;
         }
-        const double period = 1000.0 * FRAMES / SR;
-        state.SetIterationTime(1e-3 * percentileMs(total, 0.5));
-        state.counters["notes"] = double(total.size());
-        state.counters["lost"] = lost;
-        state.counters["p50_ms"] = percentileMs(total, 0.5);
-        state.counters["p99_ms"] = percentileMs(total, 0.99);
-        state.counters["max_ms"] = percentileMs(total, 1.0);
-        state.counters["goal_ms"] = period + 1.0;
-        state.counters["period_ms"] = period;
-        state.counters["udp_p50_ms"] = percentileMs(udp, 0.5);
-        state.counters["udp_p99_ms"] = percentileMs(udp, 0.99);
-        state.counters["udp_max_ms"] = percentileMs(udp, 1.0);
-        state.counters["ring_p99_ms"] = percentileMs(ring, 0.99);
-        state.counters["ring_max_ms"] = percentileMs(ring, 1.0);
+        LatencyReport::report(state, total, lost, 1000.0 * FRAMES / SR);
+        state.counters["udp_p50_ms"] = LatencyReport::percentile(udp, 0.5);
+        state.counters["udp_p99_ms"] = LatencyReport::percentile(udp, 0.99);
+        state.counters["udp_max_ms"] = LatencyReport::percentile(udp, 1.0);
+        state.counters["ring_p99_ms"] = LatencyReport::percentile(ring, 0.99);
+        state.counters["ring_max_ms"] = LatencyReport::percentile(ring, 1.0);
         state.counters["output_latency_ms"] = output.streamOutputLatency() * 1e3;
         state.counters["xruns"] = double(output.callbackStats().snapshot().underflows);
     }
     QThread::msleep(500);
-    sPlayer->unloadPatch();
-    output.term();
-    AppContext::setAudioOutput(nullptr);
-    jack.stop();
 }
 
 } // namespace

@@ -8,6 +8,8 @@ qtbase5-dev libqt5svg5-dev portaudio19-dev libboost-dev
 cmake g++ make pkg-config dpkg-dev
 libbenchmark-dev
 xvfb xauth jackd2 jack-capture sox
+imagemagick xdotool
+openssl
 locales
 "
 

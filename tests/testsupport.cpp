@@ -86,6 +86,7 @@ MessageBoxAnswerer::MessageBoxAnswerer()
     connect(&mTimer, &QTimer::timeout, this, [this] {
         if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
             printLine(QStringLiteral("MESSAGEBOX: ") + box->text());
+            mTexts << box->text();
             ++mAnswered;
             box->done(QMessageBox::Ok);
         }

@@ -234,6 +234,19 @@ private slots:
         Rig::gate(11, false);
         QVERIFY(renderUntilStopped(11) >= 0);
         QCOMPARE(int(Rig::captured().stops.size()), 3);
+
+        // Struck and released at once (a fast wand), and released while its
+        // steal fade runs: each still reports, once.
+        Rig::noteOn(20, 440.0f);
+        Rig::gate(20, false);
+        QVERIFY(renderUntilStopped(20) >= 0);
+        Rig::noteOn(21, 440.0f);
+        render(0.1);
+        Rig::noteOn(21, 550.0f);
+        Rig::render(64, nullptr);
+        Rig::gate(21, false);
+        QVERIFY(renderUntilStopped(21) >= 0);
+        QCOMPARE(int(Rig::captured().stops.size()), 5);
     }
 
     // Each voice names 1 to 8 macros with defaults from 0 to 1. Macros go to

@@ -11,6 +11,8 @@
 #include "testsupport.h"
 
 #include <QProcess>
+#include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QSet>
 #include <QSignalSpy>
 
@@ -70,6 +72,7 @@ private slots:
     void init();
     void fifthSoundsExactlyAndVoiceStopFreesTheVoice();
     void the129thNoteStealsTheOldestVoice();
+    void everyVoiceComesBackAfterAFlood();
     void disabledPrimesBlockTheirNotes();
     void transpositionMovesTheNextNote();
     void volumesAndMacrosReachThePatch();
@@ -132,6 +135,7 @@ void TestPdPlayer::init()
           ArboEvent(ArboEvent::Macro2, 0.3f), ArboEvent(ArboEvent::AllNotesOff, 1.0f)}) {
         queue(event);
     }
+    render(BUFFER_SECONDS); // carries the resets out even when nothing sounds
     renderUntilAllFree(6.0);
     QCOMPARE(mPlayer.soundingNoteCount(), 0);
 }
@@ -211,6 +215,47 @@ void TestPdPlayer::the129thNoteStealsTheOldestVoice()
     QCOMPARE(mPlayer.soundingNoteCount(), PdPlayer::VOICE_COUNT);
 }
 
+// Notes struck and released faster than a buffer, on all 128 voices and past
+// them (stealing voices in every state), with transpositions between: once
+// everything is let go, every voice is reported silent and freed. A voice
+// that the patch never reports would be lost for the rest of the
+// performance. Seeded, so a failure repeats.
+void TestPdPlayer::everyVoiceComesBackAfterAFlood()
+{
+    QStringList paths;
+    for (int p : {3, 5, 7, -3, -5, -7, 11, 13}) {
+        for (int q : {0, 3, 5, -3, -5, 7, -7, 2}) {
+            paths << (q ? QStringLiteral("/%1/%2").arg(p).arg(q) : QStringLiteral("/%1").arg(p));
+        }
+    }
+    QRandomGenerator random(1234);
+    int busiest = 0;
+    for (int buffer = 0; buffer < 2000; ++buffer) {
+        const int commands = int(random.bounded(8));
+        for (int c = 0; c < commands; ++c) {
+            const int pick = int(random.bounded(paths.size() + 4));
+            if (pick < paths.size()) {
+                toggle(paths.at(pick));
+            } else if (pick < paths.size() + 3) {
+                queue(ArboEvent(ArboEvent::Transpose, pick == paths.size() ? 0.0f : 5.0f));
+            } else {
+                queue(ArboEvent(ArboEvent::Macro2, 0.5f + float(random.bounded(0.5))));
+            }
+        }
+        render(BUFFER_SECONDS);
+        const auto& voices = mPlayer.voices();
+        busiest = std::max(busiest, int(std::count_if(voices.begin(), voices.end(),
+                                                       [](auto& v) { return v.seqId != 0; })));
+    }
+    QCOMPARE(busiest, PdPlayer::VOICE_COUNT); // voices were stolen
+    queue(ArboEvent(ArboEvent::AllNotesOff, 1.0f));
+    renderUntilAllFree(8.0);
+    QCOMPARE(mPlayer.soundingNoteCount(), 0);
+    for (const PdPlayer::NoteOn& voice : mPlayer.voices()) {
+        QCOMPARE(voice.seqId, 0);
+    }
+}
+
 void TestPdPlayer::disabledPrimesBlockTheirNotes()
 {
     QSignalSpy prime(&mPlayer, &PdPlayer::primeEnabledToggled);
@@ -267,6 +312,22 @@ void TestPdPlayer::transpositionMovesTheNextNote()
     const qsizetype accepted = transposed.size() - 2;
     QVERIFY(accepted > 5 && accepted < 40);
     QCOMPARE(mPlayer.transposition().toDouble(), 0.75 * std::pow(31.0 / 16.0, double(accepted)));
+    // The audio thread only counts what it refused (no prime, too far, not a
+    // number, beyond 64 bits; a note beyond them too); the GUI thread
+    // reports it, one line per kind, and counts anew.
+    toggle("/31/31/31/31");
+    render(0.01);
+    QCOMPARE(mPlayer.refusedTranspositions(), quint32(3 + 40 - accepted));
+    QCOMPARE(mPlayer.refusedNotes(), quint32(1));
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression(QStringLiteral("^Ignored %1 transposition\\(s\\) .* "
+                                                           "\\(last: 31\\)$")
+                                                .arg(3 + 40 - accepted)));
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression("^Ignored 1 note\\(s\\) .* \\(last: /31/31/31/31\\)$"));
+    mPlayer.reportRefusedCommands();
+    QCOMPARE(mPlayer.refusedTranspositions() + mPlayer.refusedNotes(), quint32(0));
+    mPlayer.reportRefusedCommands(); // nothing new: nothing said
     queue(ArboEvent(ArboEvent::Transpose, 0.4f)); // below a half: back to 1/1
     render(0.01);
     QCOMPARE(mPlayer.transposition(), ArboRatio(1, 1));

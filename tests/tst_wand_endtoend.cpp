@@ -151,6 +151,20 @@ private:
         return left;
     }
 
+    // Waits until the started program listens on `port`, has its patch open
+    // and is connected to the server.
+    bool waitUntilPlayable(Instrument& instrument, quint16 port)
+    {
+        const QString opened = QStringLiteral("UDP socket opened on port %1").arg(port);
+        if (!QTest::qWaitFor([&] { return instrument.log().contains(opened) &&
+                                          instrument.log().contains("Opening PD patch"); },
+                             30000)) {
+            qWarning().noquote() << instrument.log();
+            return false;
+        }
+        return mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0"));
+    }
+
     // A tone within a few cents of `frequency` sounds. The exact pitch is
     // checked offline; a live capture on a busy machine may drop a period.
     static bool soundsNear(const QVector<float>& left, double frequency)
@@ -179,11 +193,7 @@ private slots:
         const quint16 port = freePort();
         Instrument instrument(mJack, port, RFID_MAP);
         QVERIFY(instrument.start());
-        const QString opened = QStringLiteral("UDP socket opened on port %1").arg(port);
-        QTRY_VERIFY2_WITH_TIMEOUT(instrument.log().contains(opened) &&
-                                      instrument.log().contains("Opening PD patch"),
-                                  qPrintable(instrument.log()), 30000);
-        QVERIFY(mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0")));
+        QVERIFY(waitUntilPlayable(instrument, port));
 
         QCOMPARE(wand(port, {NOTE_TAG}), 0);
         const QVector<float> on = recordUntil("on", 1.0, [](auto& l) { return soundsNear(l, 660); });
@@ -218,11 +228,7 @@ private slots:
         const quint16 port = freePort();
         Instrument instrument(mJack, port, RFID_MAP);
         QVERIFY(instrument.start());
-        const QString opened = QStringLiteral("UDP socket opened on port %1").arg(port);
-        QTRY_VERIFY2_WITH_TIMEOUT(instrument.log().contains(opened) &&
-                                      instrument.log().contains("Opening PD patch"),
-                                  qPrintable(instrument.log()), 30000);
-        QVERIFY(mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0")));
+        QVERIFY(waitUntilPlayable(instrument, port));
         QCOMPARE(wand(port, {BASE_432_TAG, NOTE_TAG}), 0); // 3/2 above 432 Hz
         auto fifth = [](const QVector<float>& left) { return soundsNear(left, 648.0); };
         QVERIFY2(fifth(recordUntil("before", 1.0, fifth)), qPrintable(mJack.error()));

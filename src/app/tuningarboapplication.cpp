@@ -282,6 +282,7 @@ void TuningArboApplication::syncToSettings()
             mSettings.mWindowSize = mMainWindow->size();
             mSettings.mWindowPos = mMainWindow->pos();
         }
+        mSettings.mCirclesView = mMainWindow->isCirclesViewShown();
     }
     // The user's choice, not the device opened: after a fallback to the
     // default device (the chosen one was not plugged in) the option must still

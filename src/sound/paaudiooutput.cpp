@@ -426,14 +426,20 @@ void PaAudioOutput::retireCallbacks()
     }
     // Taking the owner once waits out a callback that is inside render()
     // now; any that comes later sees the new token and stays out.
+    // There is no giving up: a callback that is still rendering owns the
+    // player, and touching it from here would corrupt it. A callback always
+    // ends (the longest thing it does is opening a patch), and none waits
+    // for this thread.
     QElapsedTimer waited;
     waited.start();
+    bool told = false;
     std::uint32_t expected = 0;
     while (!mRenderOwner.compare_exchange_weak(expected, GUI_OWNER, std::memory_order_acquire)) {
         expected = 0;
-        if (waited.elapsed() > STOP_TIMEOUT_MS) {
-            qCritical() << "An audio callback did not finish within" << STOP_TIMEOUT_MS << "ms";
-            return;
+        if (!told && waited.elapsed() > STOP_TIMEOUT_MS) {
+            qWarning() << "Waiting for an audio callback that has run for" << waited.elapsed()
+                       << "ms";
+            told = true;
         }
         QThread::usleep(200);
     }
@@ -473,7 +479,10 @@ void PaAudioOutput::checkStream()
         return;
     }
     const std::uint64_t callbacks = mCallbackCount.load(std::memory_order_relaxed);
-    if (callbacks != mSeenCallbacks) {
+    // A callback that is still rendering (opening a large patch takes a
+    // while) is slow, not gone: only a stream whose callbacks stopped coming
+    // is lost.
+    if (callbacks != mSeenCallbacks || mRenderOwner.load(std::memory_order_relaxed) != 0) {
         mSeenCallbacks = callbacks;
         mSinceProgress.start();
     } else if (mSinceProgress.elapsed() > STALL_TIMEOUT_MS) {

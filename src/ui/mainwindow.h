@@ -1,19 +1,50 @@
 #pragma once
 
+#include "input/arboevent.h"
+
+#include <QList>
 #include <QMainWindow>
+#include <QPoint>
+#include <QStringList>
+
+#include <memory>
 
 class Arbo;
-class QComboBox;
-class QPushButton;
+class ArboView;
+class QLabel;
+class QSlider;
 
-// The one top-level window. For now it holds the voice patch row: the patch
-// menu with its step buttons and the "Load" button; the player's requests to
-// step the patch (from the wands) arrive here too.
+namespace Ui {
+class MainWindow;
+}
+
+// The one top-level window. Its widgets come from the form (mainwindow.ui);
+// their object names are part of the interface, as tests and the style sheet
+// find widgets by them.
+//
+// Top: the logo, the voice patch row (menu, step buttons, "Load"), the preset
+// row (hidden: presets are not offered yet), eight macro sliders, the options
+// button and the volume. Left: the transpose strip. Middle: the lattice in one
+// of two drawings, "Flowers" (page 0 of centralStack) and "Grapes" (page 1),
+// switched by a link label. Bottom: "Stop all", Mono/Poly and the readout of
+// the transposition.
+//
+// Every control becomes an ArboEvent queued on the player; the player's
+// answers (volume, monophony, macros, patch steps from the wands) come back
+// queued and set the controls without sending anything again.
+//
+// GUI thread only.
 class MainWindow : public QMainWindow
 {
     Q_OBJECT
 public:
     explicit MainWindow(Arbo* lattice, QWidget* parent = nullptr);
+    ~MainWindow() override;
+
+    // The view of the drawing shown now.
+    ArboView* arboView() const;
+    // Whether the flowers drawing is shown (the "circlesView" option).
+    bool isCirclesViewShown() const;
 
     // Puts the voice patch at `path` into play; on failure shows why.
     void loadPatch(const QString& path);
@@ -23,24 +54,84 @@ public:
     void initPatchMenu();
     void addPatchToMenu(const QString& path);
     void setNoPatchLoaded(bool noPatch);
+    // Sends macro `index` (0..7) the slider position `value`, normalised to
+    // 0..1 by the sliders' range.
+    void setMacro(int index, float value);
+    // Where the options dialog opens next time; (0, 0) means wherever it
+    // likes.
+    void setOptionsDialogPosition(const QPoint& position) { mOptionsDialogPosition = position; }
+
+    // The automatic update check of the construction: due by the options
+    // "updateCheckInterval" and "tSysLastUpdateCheck", it opens the update
+    // dialog. Not wired yet: it comes with the update dialog's hook-up, and
+    // until then checks nothing.
+    void applicationUpdateCheck();
+    // Called by the tweak dialog's "Update": stops all notes, reloads the
+    // style sheets and the lattice file, clears the leaf position tables and
+    // rebuilds the shown drawing. Not wired yet: it comes with the tweak
+    // dialog, and until then does nothing.
+    void updateTweaks();
+    // Ctrl+9: shows the diagnostics dialog when hidden, hides it when shown.
+    // The dialog comes with its own change; until then this does nothing.
+    void toggleDiagnostics();
 
 public slots:
+    // "circles" shows the flowers, "grapes" the grapes; other links nothing.
+    void onSwitcherClicked(const QString& link);
+    // "absolute", "absolute2" or "relative": the readout mode of balls and
+    // cards.
+    void onAbsRelSwitcherClicked(const QString& link);
+    // The transposition or the base frequency changed: the readout follows
+    // and the balls recolour.
+    void onTransposeChanged();
+    void onVolumeChanged(float volume);
+    void onMonophonicChanged(bool monophonic);
+    void onMacroValueChanged(int macro, float value);
+    void onMacroNamesReceived(const QStringList& names);
+    void onMacroDefaultsReceived(const QList<float>& values);
     void onPatchDecRequested();
     void onPatchIncRequested();
+    void onMacroSliderValueChanged(int value);
     void on_patchMenu_activated(int index);
     void on_patchDecButton_clicked();
     void on_patchIncButton_clicked();
     void on_loadPatchButton_clicked();
+    void on_presetDecButton_clicked();
+    void on_presetIncButton_clicked();
+    void on_optionsButton_clicked();
+    void on_volumeSlider_valueChanged(int value);
+    void on_stopAllButton_clicked();
+    void on_monoButton_clicked();
+    void on_polyButton_clicked();
+
+protected:
+    void keyPressEvent(QKeyEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
+    void paintEvent(QPaintEvent* event) override;
 
 private:
+    void setIcons();
     void stepPatch(int step);
+    void updateReadout();
+    QSlider* macroSlider(int number) const;
+    QLabel* macroLabel(int number) const;
+    // A slider's position as a number from 0 to 1, and back.
+    static float normalised(const QSlider* slider, float value);
+    static int sliderPosition(const QSlider* slider, float value);
+    // Queues an event made for this one call.
+    static void queue(ArboEvent::Type type, float value);
 
+    std::unique_ptr<Ui::MainWindow> mUi;
     Arbo* mLattice;
-    QComboBox* mPatchMenu;
-    QPushButton* mPatchDecButton;
-    QPushButton* mPatchIncButton;
-    QPushButton* mLoadPatchButton;
+    QLabel* mViewSwitcher;
+    // Made and connected, but given no text: the readout mode is not offered
+    // in the window.
+    QLabel* mAbsRelSwitcher;
+    // Made once and queued again on every press.
+    const ArboEvent mStopAllEvent;
     // The menu item of the patch last loaded successfully; -1 before any.
     int mLastLoadedPatch = -1;
     QString mLastPatchFolder;
+    QPoint mOptionsDialogPosition;
+    bool mFirstPaintLogged = false;
 };

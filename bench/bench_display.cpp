@@ -1,0 +1,344 @@
+// The lattice display's costs against one 60 Hz frame (16.7 ms), with real
+// widgets on the offscreen platform:
+// - scene_build: building the whole scene (ArboView::buildScene) of the default
+//   lattice and of a generated lattice with ten times its trunk (190 trunk
+//   nodes, each with its 18 leaves); frame_share is the share of one frame.
+// - repaint_all_playing: one full synchronous repaint of a 1200x800 view
+//   with every ball playing (glows, outlines), both drawings.
+// - click_to_player/offline: a mouse press on a ball's point of the viewport
+//   until the player's processEvents, called right after, has carried the
+//   toggle out: the program's own share of a click's latency.
+// - click_to_callback/256_frames: the same press with the real PortAudio
+//   stream on a private JACK server (dummy driver, 44100 Hz, 256 frames)
+//   playing Sine.pd, until the audio callback carries the toggle out (the
+//   player's noteToggled, timed on the audio thread). Most of it is the wait
+//   for the next callback: goal p99 at most one buffer period plus 1 ms.
+
+#include "display/arboballwidget.h"
+#include "display/arboview.h"
+#include "display/arbowidget.h"
+#include "input/arbonoteevent.h"
+#include "jackplayback.h"
+#include "latencyreport.h"
+#include "model/arbo.h"
+#include "settings/appcontext.h"
+#include "settings/settings.h"
+#include "sound/paaudiooutput.h"
+#include "sound/patchloader.h"
+#include "sound/pdplayer.h"
+#include "testsupport.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QLoggingCategory>
+#include <QThread>
+#include <QtTest>
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <random>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr double FRAME_MS = 1000.0 / 60.0;
+constexpr int SR = 44100;
+constexpr int FRAMES = 256;
+constexpr int LARGE_TRUNK = 190;
+
+PdPlayer* sPlayer = nullptr;
+Arbo* sDefaultLattice = nullptr;
+Arbo* sLargeLattice = nullptr;
+
+// Grows the default tree breadth first, each trunk node taking the steps of
+// 2 and 3 that do not lead straight back, until the trunk has `trunk` nodes.
+// Paths stop at six steps, the most a path holds.
+void growTrunk(Arbo& lattice, int trunk)
+{
+    QList<ArboBall*> queue{lattice.root()};
+    int count = 0;
+    QList<ArboBall*> all;
+    while (!queue.isEmpty()) {
+        ArboBall* node = queue.takeFirst();
+        all.append(node);
+        ++count;
+        const QList<int> steps = node->path().toList();
+        const int last = steps.isEmpty() ? 0 : steps.constLast();
+        for (int step : {-3, -2, 2, 3}) {
+            if (step == -last || steps.size() >= 6) {
+                continue;
+            }
+            if (!node->childAtPrime(step)) {
+                if (count + queue.size() >= trunk) {
+                    continue;
+                }
+                const QString path = (steps.isEmpty() ? QString() : node->path().toString()) +
+                                     QStringLiteral("/%1").arg(step);
+                auto* child = new ArboBall(ArboPath(path), lattice.lookupColor(step), node);
+                node->addChild(step, child);
+                lattice.addLeaves(child);
+            }
+            queue.append(node->childAtPrime(step));
+        }
+        if (count >= trunk) {
+            break;
+        }
+    }
+    lattice.buildBallMap();
+}
+
+int trunkSize(const Arbo& lattice)
+{
+    int trunk = 0;
+    const QList<ArboBall*> nodes = lattice.root()->findChildren<ArboBall*>() << lattice.root();
+    for (const ArboBall* node : nodes) {
+        bool high = false;
+        for (int step : node->path().toList()) {
+            high = high || std::abs(step) >= ArboBall::HIGH_PRIME_STEP;
+        }
+        trunk += high ? 0 : 1;
+    }
+    return trunk;
+}
+
+void sceneBuild(benchmark::State& state, Arbo* lattice, ArboLeavesWidget::View style)
+{
+    ArboView view;
+    view.resize(1200, 800);
+    view.init(style, lattice, nullptr);
+    double totalMs = 0.0;
+    for (auto _ : state) {
+        const Clock::time_point start = Clock::now();
+        view.buildScene(style);
+        // The scene polishes new items from the event loop, before the next
+        // frame; without it they pile up across iterations.
+        QCoreApplication::processEvents();
+        totalMs += std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    }
+    state.counters["frame_share_%"] = totalMs / double(state.iterations()) / FRAME_MS * 100.0;
+    state.counters["balls"] = double(view.arboWidget()->balls().size());
+    state.counters["trunk"] = double(trunkSize(*lattice));
+}
+
+void setAllPlaying(Arbo* lattice, bool playing)
+{
+    const QList<ArboBall*> nodes = lattice->root()->findChildren<ArboBall*>() << lattice->root();
+    for (ArboBall* node : nodes) {
+        node->setPlaying(playing);
+    }
+}
+
+void repaintAllPlaying(benchmark::State& state, Arbo* lattice, ArboLeavesWidget::View style)
+{
+    ArboView view;
+    view.resize(1200, 800);
+    view.init(style, lattice, nullptr);
+    view.show();
+    if (!QTest::qWaitForWindowExposed(&view)) {
+        state.SkipWithError("the view was not shown");
+        return;
+    }
+    setAllPlaying(lattice, true);
+    view.viewport()->repaint(); // fills the glow caches once, as a first frame would
+    double totalMs = 0.0;
+    for (auto _ : state) {
+        const Clock::time_point start = Clock::now();
+        view.viewport()->repaint();
+        totalMs += std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    }
+    setAllPlaying(lattice, false);
+    state.counters["frame_share_%"] = totalMs / double(state.iterations()) / FRAME_MS * 100.0;
+}
+
+ArboBallWidget* ballAt(const ArboView& view, const QString& path)
+{
+    for (ArboBallWidget* ball : view.arboWidget()->balls()) {
+        if (ball->node()->path() == ArboPath(path)) {
+            return ball;
+        }
+    }
+    return nullptr;
+}
+
+void clickToPlayerOffline(benchmark::State& state)
+{
+    ArboView view;
+    view.resize(1200, 800);
+    view.init(ArboLeavesWidget::Grapes, sDefaultLattice, nullptr);
+    view.show();
+    if (!QTest::qWaitForWindowExposed(&view) ||
+        !PatchLoader::loadVoice(sPlayer, TestSupport::binDir() + "/patches/Sine.pd")) {
+        state.SkipWithError("no view or no voice");
+        return;
+    }
+    const QPoint point = view.mapFromScene(ballAt(view, "/3")->scenePos());
+    std::atomic<int> toggles{0};
+    const QMetaObject::Connection counting = QObject::connect(
+        sPlayer, &PdPlayer::noteToggled, sPlayer, [&toggles] { ++toggles; }, Qt::DirectConnection);
+    std::vector<double> times;
+    for (auto _ : state) {
+        const int before = toggles;
+        const Clock::time_point start = Clock::now();
+        QTest::mousePress(view.viewport(), Qt::LeftButton, Qt::NoModifier, point);
+        sPlayer->processEvents();
+        const Clock::time_point end = Clock::now();
+        QTest::mouseRelease(view.viewport(), Qt::LeftButton, Qt::NoModifier, point);
+        if (toggles != before + 1) {
+            state.SkipWithError("the click did not reach the player");
+            break;
+        }
+        times.push_back(std::chrono::duration<double, std::micro>(end - start).count());
+        state.SetIterationTime(1e-6 * times.back());
+    }
+    QObject::disconnect(counting);
+    if (!times.empty()) {
+        state.counters["p50_us"] = LatencyReport::percentile(times, 0.5);
+        state.counters["p99_us"] = LatencyReport::percentile(times, 0.99);
+    }
+    const ArboEvent stopAll(ArboEvent::AllNotesOff, 1.0f);
+    sPlayer->queueEventGui(&stopAll);
+    sPlayer->processEvents();
+}
+
+void clickToCallback(benchmark::State& state)
+{
+    const QByteArray notesText = qgetenv("ARBO_BENCH_NOTES");
+    const int notes = notesText.isEmpty() ? 400 : notesText.toInt();
+    JackPlayback playback;
+    if (!playback.start(sPlayer, TestSupport::binDir() + "/patches/Sine.pd", SR, FRAMES)) {
+        state.SkipWithError(qPrintable(playback.error()));
+        return;
+    }
+    PaAudioOutput& output = playback.output();
+
+    ArboView view;
+    view.resize(1200, 800);
+    view.init(ArboLeavesWidget::Grapes, sDefaultLattice, nullptr);
+    view.show();
+    if (!QTest::qWaitForWindowExposed(&view)) {
+        state.SkipWithError("the view was not shown");
+        return;
+    }
+    const QPoint point = view.mapFromScene(ballAt(view, "/3")->scenePos());
+
+    for (auto _ : state) {
+        std::vector<Clock::time_point> pressed(static_cast<std::size_t>(notes));
+        std::vector<Clock::time_point> carried(static_cast<std::size_t>(notes));
+        std::atomic<int> done{0};
+        const QMetaObject::Connection stamping = QObject::connect(
+            sPlayer, &PdPlayer::noteToggled, sPlayer,
+            [&carried, &done, notes](const ArboRatio&, bool) {
+                const int i = done.load(std::memory_order_relaxed);
+                if (i < notes) {
+                    carried[std::size_t(i)] = Clock::now();
+                    done.store(i + 1, std::memory_order_release);
+                }
+            },
+            Qt::DirectConnection);
+        output.callbackStats().requestReset();
+        std::mt19937 random(1);
+        std::uniform_int_distribution<int> pauseUs(2000, 12000);
+        int lost = 0;
+        for (int i = 0; i < notes; ++i) {
+            QThread::usleep(static_cast<unsigned long>(pauseUs(random)));
+            pressed[std::size_t(i - lost)] = Clock::now();
+            QTest::mousePress(view.viewport(), Qt::LeftButton, Qt::NoModifier, point);
+            QTest::mouseRelease(view.viewport(), Qt::LeftButton, Qt::NoModifier, point);
+            const Clock::time_point deadline = Clock::now() + std::chrono::seconds(1);
+            while (done.load(std::memory_order_acquire) <= i - lost && Clock::now() < deadline) {
+                QThread::usleep(100);
+            }
+            if (done.load(std::memory_order_acquire) <= i - lost) {
+                ++lost;
+            }
+        }
+        QObject::disconnect(stamping);
+        const int count = done.load(std::memory_order_acquire);
+        std::vector<double> total;
+        for (int i = 0; i < count; ++i) {
+            total.push_back(std::chrono::duration<double, std::milli>(carried[std::size_t(i)] -
+                                                                      pressed[std::size_t(i)])
+                                .count());
+        }
+        if (total.empty()) {
+            state.SkipWithError("no click was carried out");
+            break;
+        }
+        LatencyReport::report(state, total, lost, 1000.0 * FRAMES / SR);
+        state.counters["xruns"] = double(output.callbackStats().snapshot().underflows);
+    }
+    const ArboEvent stopAll(ArboEvent::AllNotesOff, 1.0f);
+    sPlayer->queueEventGui(&stopAll);
+    QThread::msleep(500);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    TestSupport::isolateHome();
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
+    QApplication app(argc, argv);
+    app.setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
+    // As in a performance without diagnostics: no note-by-note debug lines.
+    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+
+    Settings settings;
+    AppContext::setSettings(&settings);
+    PdPlayer player;
+    sPlayer = &player;
+    AppContext::setPlayer(&player);
+    QDir().mkpath(AppContext::configDir());
+    Arbo defaultLattice;
+    Arbo largeLattice;
+    if (!player.init() || player.initAudio(2, SR) != 0 || !PatchLoader::installShellPatches() ||
+        !defaultLattice.init(&player)) {
+        std::fprintf(stderr, "libpd, the patches or the lattice did not start\n");
+        return 1;
+    }
+    AppContext::setLattice(&defaultLattice);
+    largeLattice.initWithDefaults();
+    growTrunk(largeLattice, LARGE_TRUNK);
+    sDefaultLattice = &defaultLattice;
+    sLargeLattice = &largeLattice;
+
+    for (auto style : {ArboLeavesWidget::Circles, ArboLeavesWidget::Grapes}) {
+        const char* name = style == ArboLeavesWidget::Circles ? "flowers" : "grapes";
+        benchmark::RegisterBenchmark((std::string("scene_build/default/") + name).c_str(),
+                                     sceneBuild, sDefaultLattice, style)
+            ->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark((std::string("scene_build/large/") + name).c_str(), sceneBuild,
+                                     sLargeLattice, style)
+            ->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark((std::string("repaint_all_playing/default/") + name).c_str(),
+                                     repaintAllPlaying, sDefaultLattice, style)
+            ->Unit(benchmark::kMillisecond);
+    }
+    benchmark::RegisterBenchmark("click_to_player/offline", clickToPlayerOffline)
+        ->Unit(benchmark::kMicrosecond)
+        ->UseManualTime()
+        ->Iterations(400);
+    benchmark::RegisterBenchmark("click_to_callback/256_frames", clickToCallback)
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime()
+        ->Iterations(1);
+
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    AppContext::setLattice(nullptr);
+    AppContext::setPlayer(nullptr);
+    AppContext::setSettings(nullptr);
+    return 0;
+}

@@ -1,0 +1,84 @@
+#include "display/arboview.h"
+
+#include "display/arboballwidget.h"
+#include "display/arbowidget.h"
+#include "model/arboball.h"
+#include "notation/cardstackwidget.h"
+#include "settings/debuglog.h"
+
+#include <QGraphicsEllipseItem>
+#include <QGraphicsScene>
+#include <QResizeEvent>
+
+ArboView::ArboView(QWidget* parent) : QGraphicsView(parent), mScene(new QGraphicsScene(this))
+{
+    setRenderHints(QPainter::Antialiasing | QPainter::TextAntialiasing |
+                   QPainter::SmoothPixmapTransform);
+    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
+    setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    setScene(mScene);
+}
+
+void ArboView::init(ArboLeavesWidget::View view, Arbo* lattice, CardStackWidget* cardStack)
+{
+    mLattice = lattice;
+    mCardStack = cardStack;
+    buildScene(view);
+}
+
+void ArboView::buildScene(ArboLeavesWidget::View view)
+{
+    mScene->clear();
+    mArboWidget = new ArboWidget(view, this, mCardStack);
+    mScene->addItem(mArboWidget);
+    mArboWidget->setPos(0.0, 0.0);
+    mScene->setSceneRect(mArboWidget->sceneBoundingRect());
+    fitInView(sceneRect(), Qt::KeepAspectRatio);
+}
+
+void ArboView::updateArboBalls()
+{
+    if (mArboWidget) {
+        mArboWidget->updateBalls();
+    }
+}
+
+void ArboView::updateCardStack()
+{
+    if (mCardStack) {
+        mCardStack->updateCards();
+    }
+}
+
+void ArboView::resizeEvent(QResizeEvent* event)
+{
+    QGraphicsView::resizeEvent(event);
+    fitInView(sceneRect(), Qt::KeepAspectRatio);
+    emit resized();
+}
+
+void ArboView::detectBallMouseOver(const QPoint& point)
+{
+    QGraphicsItem* item = itemAt(point);
+    if (!item) {
+        return;
+    }
+    auto* ball = dynamic_cast<ArboBallWidget*>(item);
+    if (!ball && dynamic_cast<QGraphicsEllipseItem*>(item)) {
+        ball = dynamic_cast<ArboBallWidget*>(item->group());
+    }
+    if (ball) {
+        ARBO_DEBUG() << "You hovered over ball" << ball->node()->path().toString();
+    }
+}
+
+void ArboView::drawForeground(QPainter* painter, const QRectF& rect)
+{
+    QGraphicsView::drawForeground(painter, rect);
+}
+
+void ArboView::mouseMoveEvent(QMouseEvent* event)
+{
+    QGraphicsView::mouseMoveEvent(event);
+}
