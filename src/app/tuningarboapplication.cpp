@@ -186,14 +186,9 @@ bool TuningArboApplication::init()
     }
 
     // 13. The window loads the default voice as it is made.
-    bool voiceLoaded = false;
-    const QMetaObject::Connection loadWatch = connect(
-        &mPlayer, &PdPlayer::patchLoaded, this, [&voiceLoaded] { voiceLoaded = true; },
-        Qt::DirectConnection);
     mMainWindow = new MainWindow(&mArbo);
-    disconnect(loadWatch);
     mMainWindow->show();
-    if (!voiceLoaded) {
+    if (!mPlayer.isPatchOpen()) {
         loadAnyVoice();
     }
     // A lost audio device is retried by the output itself; the performer
