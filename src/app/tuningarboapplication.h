@@ -17,6 +17,7 @@
 #include <memory>
 
 class QLockFile;
+
 // The application object. It owns, by value, every long-lived object of the
 // program and runs the start-up (init) and shutdown (term) sequences.
 //
