@@ -396,7 +396,7 @@ private slots:
         const QJsonObject options =
             QJsonDocument::fromJson(TestSupport::readFile(config + QStringLiteral("/options.json")))
                 .object();
-        QCOMPARE(options.value(QStringLiteral("audioDevice")).toInt(-2), 5);
+        QCOMPARE(options.value(QStringLiteral("audioDevice")).toInt(-2), 0);
         QCOMPARE(options.value(QStringLiteral("framesPerBuffer")).toInt(), 128);
     }
 };

@@ -142,7 +142,6 @@ bool TuningArboApplication::init()
         screens << screen->availableGeometry();
     }
     mSettings.replaceUnusableValues(screens);
-    mChosenAudioDevice = mSettings.mAudioDevice;
 
     // 8.
     QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedKingdom));
@@ -280,16 +279,9 @@ void TuningArboApplication::syncToSettings()
         }
         mSettings.mCirclesView = mMainWindow->isCirclesViewShown();
     }
-    // The user's choice, not the device opened: after a fallback to the
-    // default device (the chosen one was not plugged in) the option must still
-    // name the chosen one, or the next start would forget it.
-    mSettings.mAudioDevice = mChosenAudioDevice;
-}
-
-void TuningArboApplication::chooseAudioDevice(int device)
-{
-    mChosenAudioDevice = device;
-    mSettings.mAudioDevice = device;
+    // The device actually opened, which after a fallback is not the one the
+    // options asked for.
+    mSettings.mAudioDevice = mAudioOutput.selectedDevice();
 }
 
 bool TuningArboApplication::lockConfigFolder(const QString& configDir)

@@ -45,12 +45,6 @@ public:
     void syncFromSettings();
     void syncToSettings();
 
-    // The user picked an output device (the options dialog calls this). Only
-    // such a choice changes the "audioDevice" option: a device that is
-    // missing at start (an interface not plugged in yet) stays the user's
-    // choice while the program plays on the system's default device.
-    void chooseAudioDevice(int device);
-
     // Copies source to target unless the target is at least as new as the
     // source (by creation time). Returns false only on a failed delete or copy.
     bool copyFile(const QString& source, const QString& target);
@@ -116,8 +110,6 @@ private:
     UnixSignalWatcher mSignalWatcher;
     bool mLogHandlerInstalled = false;
     std::unique_ptr<QLockFile> mInstanceLock;
-    // The "audioDevice" option as the user chose it, whatever was opened.
-    int mChosenAudioDevice = -1;
     // A termination signal ends the program with nobody at the window: then
     // nothing may wait for a click.
     bool mQuitBySignal = false;
