@@ -82,8 +82,10 @@ CardWidget::CardWidget(const ArboBall* node, CardStackWidget* stack)
         --mOctaveShift;
     }
 
-    setFixedWidth(CARD_WIDTH);
+    // One size for every card, so that a column of them lines up and each
+    // staff has the same spacing.
     setContentsMargins(4, 4, 6, 4);
+    setFixedSize(CARD_WIDTH, FIELD_SPACINGS * LINE_SPACING + 8);
     auto* row = new QHBoxLayout(this);
     row->setContentsMargins(0, 0, 0, 0);
     row->setSpacing(8);
