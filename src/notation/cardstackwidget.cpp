@@ -60,8 +60,9 @@ void CardStackWidget::showCardForBall(const ArboBallWidget* ball, int hierarchy)
     // A ball has one card: a second start (a note enabled while already
     // shown) replaces it rather than leaving an orphan behind.
     hideCardForBall(ball);
+    // The card takes its natural size itself, when it is made: one size for
+    // every card.
     auto* card = new CardWidget(ball->node(), this);
-    card->adjustSize();
     updatePosition(ball, card);
     card->show();
     card->setCardHirarchy(hierarchy);

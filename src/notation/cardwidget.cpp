@@ -8,8 +8,6 @@
 #include "settings/appcontext.h"
 #include "settings/settings.h"
 
-#include <QGridLayout>
-#include <QHBoxLayout>
 #include <QLabel>
 #include <QPainter>
 #include <QStyleOption>
@@ -27,6 +25,18 @@ namespace {
 constexpr qreal CLEF_X = 2;
 constexpr qreal NOTE_X = 40;
 constexpr qreal ACCIDENTAL_GAP = 2;
+// The text column right of the staff, in pixels: the letter's box (the
+// octave follows it), and the heights of the three rows (letter, octave and
+// cents; ratio; frequency). Placed by hand rather than by a layout: every
+// card has the same size, and asking each label for its size hint costs a
+// good share of rebuilding all cards at once.
+constexpr int TEXT_GAP = 8;
+constexpr int LETTER_WIDTH = 16;
+constexpr int OCTAVE_WIDTH = 14;
+constexpr int FIRST_ROW_HEIGHT = 25;
+constexpr int ROW_HEIGHT = 15;
+constexpr int ENHARMONIC_WIDTH = 24;
+constexpr int OCTAVE_MARK_SIZE = 14;
 // Ledger lines reach this far past the note head on each side.
 constexpr int LEDGER_OVERHANG = 4;
 // The staff is drawn in a field eight spacings high: two above the top line,
@@ -86,13 +96,6 @@ CardWidget::CardWidget(const ArboBall* node, CardStackWidget* stack)
     // staff has the same spacing.
     setContentsMargins(4, 4, 6, 4);
     setFixedSize(CARD_WIDTH, FIELD_SPACINGS * LINE_SPACING + 8);
-    auto* row = new QHBoxLayout(this);
-    row->setContentsMargins(0, 0, 0, 0);
-    row->setSpacing(8);
-    // The staff is painted, not laid out: this only reserves its room.
-    row->addSpacerItem(new QSpacerItem(STAFF_WIDTH, FIELD_SPACINGS * LINE_SPACING,
-                                       QSizePolicy::Fixed, QSizePolicy::Fixed));
-
     const int cents = int(std::lround(mNote.cents()));
     mNoteLabel = addLabel(QStringLiteral("noteLabel"), QString(mNote.noteLetter()));
     mOctaveLabel = addLabel(QStringLiteral("octaveLabel"), QString::number(mNote.octave()));
@@ -111,23 +114,13 @@ CardWidget::CardWidget(const ArboBall* node, CardStackWidget* stack)
                  mOctaveShift == 0 ? QString() : QString::number(std::abs(mOctaveShift) * 7 + 1));
     // Not in the text column: it sits beside the note head (updateCard).
     mOctaveShiftLabel->setVisible(mOctaveShift != 0);
-    mCentsLabel->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
-    mEnharmonicLabel->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    mNoteLabel->setAlignment(Qt::AlignRight | Qt::AlignBottom);
     mOctaveLabel->setAlignment(Qt::AlignLeft | Qt::AlignBottom);
-
-    auto* text = new QGridLayout;
-    text->setContentsMargins(0, 0, 0, 0);
-    text->setHorizontalSpacing(2);
-    text->setVerticalSpacing(0);
-    text->addWidget(mNoteLabel, 0, 0, Qt::AlignBottom);
-    text->addWidget(mOctaveLabel, 0, 1, Qt::AlignBottom);
-    text->addWidget(mCentsLabel, 0, 2, Qt::AlignBottom);
-    text->addWidget(mRatioLabel, 1, 0, 1, 2);
-    text->addWidget(mEnharmonicLabel, 1, 2);
-    text->addWidget(mFreqLabel, 2, 0, 1, 3);
-    text->setColumnStretch(2, 1);
-    text->setRowStretch(3, 1);
-    row->addLayout(text, 1);
+    mCentsLabel->setAlignment(Qt::AlignRight | Qt::AlignBottom);
+    mRatioLabel->setAlignment(Qt::AlignLeft | Qt::AlignVCenter);
+    mEnharmonicLabel->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    mFreqLabel->setAlignment(Qt::AlignLeft | Qt::AlignVCenter);
+    mOctaveShiftLabel->setAlignment(Qt::AlignCenter);
 
     const CardStackWidget::Symbol clef =
         mTreble ? CardStackWidget::TrebleClef : CardStackWidget::BassClef;
@@ -231,27 +224,39 @@ QPointF CardWidget::noteHeadCentre() const
 
 void CardWidget::updateCard()
 {
-    const QRect field = contentsRect();
-    const qreal left = field.left();
-    const qreal top = field.top();
+    const qreal left = contentsRect().left();
     const qreal s = mLineSpacing;
+    const qreal staffTop = contentsRect().top();
     const qreal clefLine = mTreble ? TREBLE_CLEF_LINE : BASS_CLEF_LINE;
-    placeSymbol(mClefSvg, left + CLEF_X, top + (clefLine + FIELD_TOP_TO_STAFF) * s, false);
-    const qreal noteY = top + (mStaffPosition + FIELD_TOP_TO_STAFF) * s;
+    placeSymbol(mClefSvg, left + CLEF_X, staffTop + (clefLine + FIELD_TOP_TO_STAFF) * s, false);
+    const qreal noteY = staffTop + (mStaffPosition + FIELD_TOP_TO_STAFF) * s;
     placeSymbol(mNoteSvg, left + NOTE_X, noteY, false);
     placeSymbol(mAccidentalSvg, left + NOTE_X - ACCIDENTAL_GAP, noteY, true);
 
     if (mOctaveShift != 0) {
         // Beside the note head, above it when the note sounds higher than
         // drawn, below when lower.
-        mOctaveShiftLabel->adjustSize();
-        const QSize size = mOctaveShiftLabel->size();
-        const qreal x = left + NOTE_X + 1.6 * s;
+        const qreal x = left + NOTE_X + 1.5 * s;
         const qreal centreY = mOctaveShift > 0 ? noteY - 1.2 * s : noteY + 1.2 * s;
-        const int y = std::clamp(int(std::lround(centreY - size.height() / 2.0)), 0,
-                                 std::max(0, height() - size.height()));
-        mOctaveShiftLabel->move(int(std::lround(x)), y);
+        const int y = std::clamp(int(std::lround(centreY - OCTAVE_MARK_SIZE / 2.0)), 0,
+                                 std::max(0, height() - OCTAVE_MARK_SIZE));
+        mOctaveShiftLabel->setGeometry(int(std::lround(x)), y, OCTAVE_MARK_SIZE, OCTAVE_MARK_SIZE);
     }
+
+    const QRect field = contentsRect();
+    const int textLeft = field.left() + STAFF_WIDTH + TEXT_GAP;
+    const int textWidth = field.right() + 1 - textLeft;
+    const int top = field.top();
+    mNoteLabel->setGeometry(textLeft, top, LETTER_WIDTH, FIRST_ROW_HEIGHT);
+    mOctaveLabel->setGeometry(textLeft + LETTER_WIDTH + 1, top, OCTAVE_WIDTH, FIRST_ROW_HEIGHT - 2);
+    const int centsLeft = textLeft + LETTER_WIDTH + 1 + OCTAVE_WIDTH;
+    mCentsLabel->setGeometry(centsLeft, top, textLeft + textWidth - centsLeft,
+                             FIRST_ROW_HEIGHT - 2);
+    const int ratioTop = top + FIRST_ROW_HEIGHT;
+    mRatioLabel->setGeometry(textLeft, ratioTop, textWidth - ENHARMONIC_WIDTH, ROW_HEIGHT);
+    mEnharmonicLabel->setGeometry(textLeft + textWidth - ENHARMONIC_WIDTH, ratioTop,
+                                  ENHARMONIC_WIDTH, ROW_HEIGHT);
+    mFreqLabel->setGeometry(textLeft, ratioTop + ROW_HEIGHT, textWidth, ROW_HEIGHT);
 }
 
 QList<int> CardWidget::staffLines() const
