@@ -1,6 +1,7 @@
 #!/bin/sh
-# Photographs the real program with a few notes sounding, once in each lattice
-# drawing, for the README: docs/lattice-flowers.png and docs/lattice-grapes.png.
+# Photographs the real program with a chord sounding (1/1, 5/4, 3/2, 7/4 and
+# 9/8, each with its note card), once in each lattice drawing, for the README:
+# docs/lattice-flowers.png and docs/lattice-grapes.png.
 #
 #   scripts/screenshots.sh [build folder]      (default: build)
 #
@@ -70,8 +71,9 @@ wait_for 100 env JACK_DEFAULT_SERVER="$server" jack_lsp -s "$server" ||
     { echo "screenshots.sh: jackd did not start" >&2; cat "$work/jackd.log" >&2; exit 1; }
 
 port=$((30000 + $$ % 20000))
-# The root, two trunk notes and three leaves of different primes.
-tags="0000000001 0000000002 0000000003 0000000004 0000000005 0000000006"
+# The chord: the root, its fifth and the fifth's fifth an octave down (trunk
+# notes), its third and seventh (leaves).
+tags="0000000001 0000000002 0000000003 0000000004 0000000005"
 
 shoot() { # style circlesView
     home="$work/$1"
@@ -89,11 +91,10 @@ JSON
     cat >"$config/rfid_map.json" <<JSON
 {
     "0000000001": { "event": 0, "value": "/" },
-    "0000000002": { "event": 0, "value": "/3" },
-    "0000000003": { "event": 0, "value": "/2/-3" },
-    "0000000004": { "event": 0, "value": "/3/5" },
-    "0000000005": { "event": 0, "value": "/-2/3/-7" },
-    "0000000006": { "event": 0, "value": "/2/3/11" }
+    "0000000002": { "event": 0, "value": "/5" },
+    "0000000003": { "event": 0, "value": "/3" },
+    "0000000004": { "event": 0, "value": "/7" },
+    "0000000005": { "event": 0, "value": "/-2/3/3" }
 }
 JSON
     HOME="$home" XDG_DATA_HOME="$home" XDG_CONFIG_HOME="$home" \
@@ -117,3 +118,9 @@ JSON
 mkdir -p "$out"
 shoot flowers true
 shoot grapes false
+# The chord's balls, their connector lines and the cards, twice the size, so
+# that the notation can be read (the window is 1200x820, the chord lies near
+# its middle).
+convert "$out/lattice-grapes.png" -crop 720x200+470+300 +repage -filter Lanczos -resize 200% \
+    "$out/note-cards.png"
+echo "wrote $out/note-cards.png"

@@ -438,10 +438,6 @@ void TestCards::hoverRaisesAndRebuildKeepsTheOrder()
         render();
     }
     QTRY_COMPARE(stack()->cards().size(), 3);
-    // The newest in front.
-    QCOMPARE(cardOf("/2")->cardHirarchy(), 0);
-    QCOMPARE(cardOf("/3")->cardHirarchy(), 1);
-    QCOMPARE(cardOf("/")->cardHirarchy(), 2);
     auto frontmost = [this]() {
         const QObjectList children = stack()->children();
         for (int i = children.size() - 1; i >= 0; --i) {
@@ -451,19 +447,26 @@ void TestCards::hoverRaisesAndRebuildKeepsTheOrder()
         }
         return static_cast<CardWidget*>(nullptr);
     };
-    QCOMPARE(frontmost(), cardOf("/2"));
+    // Piled by height, the lowest in front: the root's card lies lowest,
+    // the octave's highest.
+    QVERIFY(cardOf("/2")->y() < cardOf("/3")->y() && cardOf("/3")->y() < cardOf("/")->y());
+    QCOMPARE(cardOf("/")->cardHirarchy(), 0);
+    QCOMPARE(cardOf("/3")->cardHirarchy(), 1);
+    QCOMPARE(cardOf("/2")->cardHirarchy(), 2);
+    QCOMPARE(frontmost(), cardOf("/"));
 
     // The mouse entering a card brings it to the front.
     QEvent enter(QEvent::Enter);
-    QCoreApplication::sendEvent(cardOf("/"), &enter);
-    QCOMPARE(frontmost(), cardOf("/"));
-    QCOMPARE(cardOf("/")->cardHirarchy(), 0);
-    QCOMPARE(cardOf("/2")->cardHirarchy(), 1);
+    QCoreApplication::sendEvent(cardOf("/2"), &enter);
+    QCOMPARE(frontmost(), cardOf("/2"));
+    QCOMPARE(cardOf("/2")->cardHirarchy(), 0);
+    QCOMPARE(cardOf("/")->cardHirarchy(), 1);
     QCOMPARE(cardOf("/3")->cardHirarchy(), 2);
 
     // A ball's hover raises its card through the stack.
     click(ballAt(view(), "/3/5"));
     QTRY_VERIFY(cardOf("/3/5"));
+    QCOMPARE(stack()->cards().size(), 4);
     stack()->raiseCardForBall(ballAt(view(), "/3"));
     QCOMPARE(frontmost(), cardOf("/3"));
     QCOMPARE(cardOf("/3")->cardHirarchy(), 0);

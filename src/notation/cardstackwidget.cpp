@@ -48,11 +48,22 @@ bool CardStackWidget::loadSvgFile(const QString& name, QByteArray& bytes)
 
 void CardStackWidget::showCardForBall(const ArboBallWidget* ball)
 {
-    // The newest card goes in front: every other card moves one rank back.
-    for (CardWidget* card : qAsConst(mCards)) {
-        card->decreaseCardHirarchy();
-    }
     showCardForBall(ball, 0);
+    stackByPosition();
+}
+
+void CardStackWidget::stackByPosition()
+{
+    // Cards of neighbouring balls overlap. Piled with the lower ones in
+    // front, each card keeps its top row (letter, octave, cents) in sight
+    // above the next one; the mouse brings any card wholly to the front.
+    QList<CardWidget*> pile = mCards.values();
+    std::stable_sort(pile.begin(), pile.end(),
+                     [](const CardWidget* a, const CardWidget* b) { return a->y() < b->y(); });
+    for (int i = 0; i < pile.size(); ++i) {
+        pile[i]->raise();
+        pile[i]->setCardHirarchy(pile.size() - 1 - i);
+    }
 }
 
 void CardStackWidget::showCardForBall(const ArboBallWidget* ball, int hierarchy)

@@ -50,7 +50,8 @@ public:
     static QString symbolFileName(Symbol symbol);
     const QByteArray& svg(Symbol symbol) const { return mSvgs[size_t(symbol)]; }
 
-    // A new card in front of the others.
+    // A new card; then the whole pile is ordered by height, the lowest card
+    // in front.
     void showCardForBall(const ArboBallWidget* ball);
     // A new card with the given rank; the other cards keep theirs.
     void showCardForBall(const ArboBallWidget* ball, int hierarchy);
@@ -80,6 +81,8 @@ private slots:
     void onBallDestroyed(QObject* ball);
 
 private:
+    void stackByPosition();
+
     QHash<const ArboBallWidget*, CardWidget*> mCards;
     CardConnectorOverlay* mOverlay = nullptr;
     const ArboView* mView = nullptr;

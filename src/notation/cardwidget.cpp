@@ -33,8 +33,11 @@ constexpr qreal ACCIDENTAL_GAP = 2;
 constexpr int TEXT_GAP = 8;
 constexpr int LETTER_WIDTH = 16;
 constexpr int OCTAVE_WIDTH = 14;
-constexpr int FIRST_ROW_HEIGHT = 25;
-constexpr int ROW_HEIGHT = 15;
+constexpr int FIRST_ROW_HEIGHT = 21;
+// The text starts this far above the staff's field: the first row is what
+// shows of a card half covered by the next one.
+constexpr int TEXT_RAISE = 2;
+constexpr int ROW_HEIGHT = 16;
 constexpr int ENHARMONIC_WIDTH = 24;
 constexpr int OCTAVE_MARK_SIZE = 14;
 // Ledger lines reach this far past the note head on each side.
@@ -246,7 +249,7 @@ void CardWidget::updateCard()
     const QRect field = contentsRect();
     const int textLeft = field.left() + STAFF_WIDTH + TEXT_GAP;
     const int textWidth = field.right() + 1 - textLeft;
-    const int top = field.top();
+    const int top = field.top() - TEXT_RAISE;
     mNoteLabel->setGeometry(textLeft, top, LETTER_WIDTH, FIRST_ROW_HEIGHT);
     mOctaveLabel->setGeometry(textLeft + LETTER_WIDTH + 1, top, OCTAVE_WIDTH, FIRST_ROW_HEIGHT - 2);
     const int centsLeft = textLeft + LETTER_WIDTH + 1 + OCTAVE_WIDTH;
