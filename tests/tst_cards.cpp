@@ -15,13 +15,12 @@
 #include "notation/cardconnectoroverlay.h"
 #include "notation/cardstackwidget.h"
 #include "notation/cardwidget.h"
+#include "offlineinstrument.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
-#include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
 
-#include <QDir>
 #include <QLabel>
 #include <QPainter>
 #include <QSvgRenderer>
@@ -103,15 +102,7 @@ private:
 
 void TestCards::initTestCase()
 {
-    QVERIFY(QDir().mkpath(TestSupport::configDir()));
-    AppContext::setSettings(&mSettings);
-    AppContext::setPlayer(&mPlayer);
-    AppContext::setLattice(&mArbo);
-    QVERIFY(mPlayer.init());
-    QCOMPARE(mPlayer.initAudio(2, SAMPLE_RATE), 0);
-    QVERIFY(PatchLoader::installShellPatches());
-    QVERIFY(PatchLoader::loadVoice(&mPlayer, TestSupport::binDir() + "/patches/Sine.pd"));
-    QVERIFY(mArbo.init(&mPlayer));
+    QVERIFY(OfflineInstrument::start(&mSettings, &mPlayer, &mArbo, SAMPLE_RATE));
 }
 
 void TestCards::init()

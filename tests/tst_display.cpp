@@ -11,14 +11,13 @@
 #include "display/layoutconstants.h"
 #include "input/arboevent.h"
 #include "model/arbo.h"
+#include "offlineinstrument.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
-#include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
 #include "ui/mainwindow.h"
 
-#include <QDir>
 #include <QGraphicsEllipseItem>
 #include <QLabel>
 #include <QSignalSpy>
@@ -93,15 +92,7 @@ private:
 
 void TestDisplay::initTestCase()
 {
-    QVERIFY(QDir().mkpath(TestSupport::configDir()));
-    AppContext::setSettings(&mSettings);
-    AppContext::setPlayer(&mPlayer);
-    AppContext::setLattice(&mArbo);
-    QVERIFY(mPlayer.init());
-    QCOMPARE(mPlayer.initAudio(2, SAMPLE_RATE), 0);
-    QVERIFY(PatchLoader::installShellPatches());
-    QVERIFY(PatchLoader::loadVoice(&mPlayer, TestSupport::binDir() + "/patches/Sine.pd"));
-    QVERIFY(mArbo.init(&mPlayer));
+    QVERIFY(OfflineInstrument::start(&mSettings, &mPlayer, &mArbo, SAMPLE_RATE));
 }
 
 void TestDisplay::init()
