@@ -132,10 +132,13 @@ void CardStackWidget::updateCards()
     // the front card ends up in front again.
     std::stable_sort(entries.begin(), entries.end(),
                      [](const Entry& a, const Entry& b) { return a.hierarchy > b.hierarchy; });
+    // One repaint for the whole rebuild, not one request per card.
+    setUpdatesEnabled(false);
     for (const Entry& entry : entries) {
         hideCardForBall(entry.ball);
         showCardForBall(entry.ball, entry.hierarchy);
     }
+    setUpdatesEnabled(true);
 }
 
 void CardStackWidget::updatePosition(const ArboBallWidget* ball, CardWidget* card)
