@@ -8,7 +8,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 BIN := $(BUILD_DIR)/bin
 
-.PHONY: all deps libpd configure build run test bench screenshots clean
+.PHONY: all deps libpd configure build run test bench screenshots startup-time clean
 
 all: build
 
@@ -38,6 +38,10 @@ bench: build
 # The README's pictures of the lattice, from the real program under Xvfb.
 screenshots: build
 	scripts/screenshots.sh $(BUILD_DIR)
+
+# Start-up to the first paint of the window: the median of several runs.
+startup-time: build
+	scripts/startup-time.sh $(BUILD_DIR)
 
 clean:
 	rm -rf $(BUILD_DIR)

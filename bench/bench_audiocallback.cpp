@@ -26,6 +26,7 @@
 #include "sound/paaudiooutput.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
+#include "runbenchmarks.h"
 #include "testsupport.h"
 
 #include <QCoreApplication>
@@ -178,6 +179,38 @@ QString voicePath(const char* fallback = "Sine.pd")
 double loadPercent(double secondsPerBuffer)
 {
     return 100.0 * secondsPerBuffer / (double(FRAMES) / SR);
+}
+
+// The render entry point the callback uses, 128 held notes, at a buffer size
+// that is (256) or is not (100, 1000) made of whole Pd ticks: what carrying
+// the rest of a tick over to the next buffer costs. Load in per cent of the
+// buffer's own duration.
+void renderAnySize(benchmark::State& state, const QString& voice)
+{
+    const int frames = int(state.range(0));
+    if (!PatchLoader::loadVoice(sPlayer, voice)) {
+        state.SkipWithError("could not load the voice");
+        return;
+    }
+    PaAudioOutput output; // no device: the benchmark is the audio thread
+    output.setPlayer(sPlayer);
+    std::vector<float> out(std::size_t(2 * frames));
+    queueChord(*sPlayer, chordPaths());
+    for (int i = 0; i < SR / 2 / frames; ++i) {
+        output.render(out.data(), frames); // past the attacks
+    }
+    double total = 0.0;
+    for (auto _ : state) {
+        const double start = threadSeconds();
+        output.render(out.data(), frames);
+        benchmark::DoNotOptimize(out.data());
+        const double elapsed = threadSeconds() - start;
+        state.SetIterationTime(elapsed);
+        total += elapsed;
+    }
+    state.counters["load_%"] =
+        100.0 * total / double(state.iterations()) / (double(frames) / SR);
+    sPlayer->unloadPatch();
 }
 
 // 128 held notes: one buffer per iteration.
@@ -347,17 +380,18 @@ int main(int argc, char** argv)
             ->Unit(benchmark::kMicrosecond)
             ->UseManualTime();
     }
+    benchmark::RegisterBenchmark(("render/" + name).c_str(), renderAnySize, voice)
+        ->Arg(256)
+        ->Arg(100)
+        ->Arg(1000)
+        ->Unit(benchmark::kMicrosecond)
+        ->UseManualTime();
     benchmark::RegisterBenchmark("jack_dummy/128_voices", jackDummy)
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()
         ->Iterations(1);
 
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
+    const int result = runRegisteredBenchmarks(argc, argv);
     AppContext::setPlayer(nullptr);
-    return 0;
+    return result;
 }

@@ -8,6 +8,8 @@
 #include <QString>
 #include <QtGlobal>
 
+#include "runbenchmarks.h"
+
 #include <benchmark/benchmark.h>
 
 #include <atomic>
@@ -194,11 +196,6 @@ int main(int argc, char** argv)
     // The producers above run into a full ring on purpose; its warning is not
     // part of what is measured.
     qInstallMessageHandler(quiet);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    const int result = runRegisteredBenchmarks(argc, argv);
+    return result;
 }

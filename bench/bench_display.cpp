@@ -26,6 +26,7 @@
 #include "sound/paaudiooutput.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
+#include "runbenchmarks.h"
 #include "testsupport.h"
 
 #include <QApplication>
@@ -331,14 +332,9 @@ int main(int argc, char** argv)
         ->UseManualTime()
         ->Iterations(1);
 
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
+    const int result = runRegisteredBenchmarks(argc, argv);
     AppContext::setLattice(nullptr);
     AppContext::setPlayer(nullptr);
     AppContext::setSettings(nullptr);
-    return 0;
+    return result;
 }

@@ -11,6 +11,8 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
+#include "runbenchmarks.h"
+
 #include <benchmark/benchmark.h>
 #include <z_libpd.h>
 
@@ -101,11 +103,6 @@ int main(int argc, char** argv)
                 ->Unit(benchmark::kMicrosecond);
         }
     }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    const int result = runRegisteredBenchmarks(argc, argv);
+    return result;
 }

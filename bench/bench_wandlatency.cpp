@@ -25,6 +25,7 @@
 #include "sound/paaudiooutput.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
+#include "runbenchmarks.h"
 #include "testsupport.h"
 
 #include <QCoreApplication>
@@ -210,13 +211,8 @@ int main(int argc, char** argv)
         ->UseManualTime()
         ->Iterations(1);
 
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
+    const int result = runRegisteredBenchmarks(argc, argv);
     AppContext::setPlayer(nullptr);
     AppContext::setSettings(nullptr);
-    return 0;
+    return result;
 }

@@ -86,11 +86,22 @@ MessageBoxAnswerer::MessageBoxAnswerer()
     connect(&mTimer, &QTimer::timeout, this, [this] {
         if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
             printLine(QStringLiteral("MESSAGEBOX: ") + box->text());
+            mTitles << box->windowTitle();
+            mTexts << box->text();
             ++mAnswered;
             box->done(QMessageBox::Ok);
         }
     });
     mTimer.start(10);
+}
+
+QStringList MessageBoxAnswerer::answeredBoxes() const
+{
+    QStringList boxes;
+    for (int i = 0; i < mTexts.size(); ++i) {
+        boxes << mTitles.at(i) + QStringLiteral(" | ") + mTexts.at(i);
+    }
+    return boxes;
 }
 
 void printLine(const QString& line)

@@ -68,10 +68,16 @@ class MessageBoxAnswerer : public QObject
 public:
     MessageBoxAnswerer();
     int answered() const { return mAnswered; }
+    // The texts of the boxes answered so far, in order.
+    const QStringList& texts() const { return mTexts; }
+    // "title | text" of each box answered, in order.
+    QStringList answeredBoxes() const;
 
 private:
     QTimer mTimer;
     int mAnswered = 0;
+    QStringList mTitles;
+    QStringList mTexts;
 };
 
 // Writes one line on standard output at once, line breaks written as \n.

@@ -364,9 +364,10 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(mPlayer.soundingNoteCount(), 0, 15000);
     }
 
-    // The real binary with a device index from another machine opens the
-    // default device instead, registers with the server, keeps that device
-    // in its options and shuts down cleanly on SIGTERM.
+    // The real binary with a device index that is not there (from another
+    // machine, or an interface not plugged in yet) opens the default device
+    // instead, registers with the server, keeps the user's choice in its
+    // options for the next start and shuts down cleanly on SIGTERM.
     void realBinaryOpensTheDeviceAndStoresIt()
     {
         QTemporaryDir home;

@@ -15,9 +15,10 @@
 #include "notation/cardconnectoroverlay.h"
 #include "notation/cardstackwidget.h"
 #include "notation/cardwidget.h"
-#include "offlineinstrument.h"
+#include "offlineplayer.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
+#include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
 
@@ -26,16 +27,10 @@
 #include <QSvgRenderer>
 #include <QSvgWidget>
 
-#include <z_libpd.h>
-
 #include <cmath>
 #include <memory>
-#include <vector>
 
 namespace {
-
-constexpr int SAMPLE_RATE = 44100;
-constexpr int BUFFER_FRAMES = 256;
 
 ArboBallWidget* ballAt(const ArboView* view, const QString& path)
 {
@@ -102,7 +97,11 @@ private:
 
 void TestCards::initTestCase()
 {
-    QVERIFY(OfflineInstrument::start(&mSettings, &mPlayer, &mArbo, SAMPLE_RATE));
+    OfflinePlayer::setUp(mPlayer, mArbo, mSettings);
+    if (QTest::currentTestFailed()) {
+        return;
+    }
+    QVERIFY(PatchLoader::loadVoice(&mPlayer, TestSupport::binDir() + "/patches/Sine.pd"));
 }
 
 void TestCards::init()
@@ -130,9 +129,7 @@ void TestCards::cleanup()
 
 void TestCards::render()
 {
-    std::vector<float> stereo(BUFFER_FRAMES * 2, 0.0f);
-    mPlayer.processEvents();
-    libpd_process_float(BUFFER_FRAMES / 64, nullptr, stereo.data());
+    OfflinePlayer::render(mPlayer, OfflinePlayer::BUFFER_SECONDS);
 }
 
 void TestCards::queue(const ArboEvent& event)

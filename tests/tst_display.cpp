@@ -11,28 +11,27 @@
 #include "display/layoutconstants.h"
 #include "input/arboevent.h"
 #include "model/arbo.h"
-#include "offlineinstrument.h"
+#include "offlineplayer.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
+#include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
 #include "ui/mainwindow.h"
 
+#include <QDir>
 #include <QGraphicsEllipseItem>
 #include <QLabel>
 #include <QSignalSpy>
 #include <QStackedWidget>
-
-#include <z_libpd.h>
 
 #include <cmath>
 #include <vector>
 
 namespace {
 
-constexpr int SAMPLE_RATE = 44100;
-constexpr int BUFFER_FRAMES = 256;
-constexpr double BUFFER_SECONDS = double(BUFFER_FRAMES) / SAMPLE_RATE;
+using OfflinePlayer::BUFFER_SECONDS;
+using OfflinePlayer::SAMPLE_RATE;
 
 // The ball drawn for the node at `path`, or null.
 ArboBallWidget* ballAt(const ArboView& view, const QString& path)
@@ -92,7 +91,11 @@ private:
 
 void TestDisplay::initTestCase()
 {
-    QVERIFY(OfflineInstrument::start(&mSettings, &mPlayer, &mArbo, SAMPLE_RATE));
+    OfflinePlayer::setUp(mPlayer, mArbo, mSettings);
+    if (QTest::currentTestFailed()) {
+        return;
+    }
+    QVERIFY(PatchLoader::loadVoice(&mPlayer, TestSupport::binDir() + "/patches/Sine.pd"));
 }
 
 void TestDisplay::init()
@@ -126,16 +129,7 @@ void TestDisplay::buildView(ArboLeavesWidget::View style)
 
 std::vector<float> TestDisplay::render(double seconds)
 {
-    std::vector<float> left;
-    std::vector<float> stereo(BUFFER_FRAMES * 2, 0.0f);
-    for (int b = 0; b < int(std::ceil(seconds / BUFFER_SECONDS)); ++b) {
-        mPlayer.processEvents();
-        libpd_process_float(BUFFER_FRAMES / 64, nullptr, stereo.data());
-        for (int i = 0; i < BUFFER_FRAMES; ++i) {
-            left.push_back(stereo[size_t(2 * i)]);
-        }
-    }
-    return left;
+    return OfflinePlayer::render(mPlayer, seconds);
 }
 
 void TestDisplay::click(ArboBallWidget* ball, Qt::MouseButton button)

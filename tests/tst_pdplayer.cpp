@@ -5,12 +5,14 @@
 #include "audioanalysis.h"
 #include "input/arboevent.h"
 #include "input/arbonoteevent.h"
+#include "settings/settings.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
 
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QSet>
 #include <QSignalSpy>
 
@@ -76,6 +78,8 @@ private slots:
     void volumesAndMacrosReachThePatch();
     void badPatchLeavesNothingOpen();
     void numbersParseUnderADecimalCommaLocale();
+    void unusableOptionsStillSoundAtTheDefaultPitch_data();
+    void unusableOptionsStillSoundAtTheDefaultPitch();
 
 private:
     void queue(const ArboEvent& event) { mPlayer.queueEventGui(&event); }
@@ -131,6 +135,7 @@ void TestPdPlayer::init()
           ArboEvent(ArboEvent::Macro2, 0.3f), ArboEvent(ArboEvent::AllNotesOff, 1.0f)}) {
         queue(event);
     }
+    render(BUFFER_SECONDS); // carries the resets out even when nothing sounds
     renderUntilAllFree(6.0);
     QCOMPARE(mPlayer.soundingNoteCount(), 0);
 }
@@ -307,6 +312,22 @@ void TestPdPlayer::transpositionMovesTheNextNote()
     const qsizetype accepted = transposed.size() - 2;
     QVERIFY(accepted > 5 && accepted < 40);
     QCOMPARE(mPlayer.transposition().toDouble(), 0.75 * std::pow(31.0 / 16.0, double(accepted)));
+    // The audio thread only counts what it refused (no prime, too far, not a
+    // number, beyond 64 bits; a note beyond them too); the GUI thread
+    // reports it, one line per kind, and counts anew.
+    toggle("/31/31/31/31");
+    render(0.01);
+    QCOMPARE(mPlayer.refusedTranspositions(), quint32(3 + 40 - accepted));
+    QCOMPARE(mPlayer.refusedNotes(), quint32(1));
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression(QStringLiteral("^Ignored %1 transposition\\(s\\) .* "
+                                                           "\\(last: 31\\)$")
+                                                .arg(3 + 40 - accepted)));
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression("^Ignored 1 note\\(s\\) .* \\(last: /31/31/31/31\\)$"));
+    mPlayer.reportRefusedCommands();
+    QCOMPARE(mPlayer.refusedTranspositions() + mPlayer.refusedNotes(), quint32(0));
+    mPlayer.reportRefusedCommands(); // nothing new: nothing said
     queue(ArboEvent(ArboEvent::Transpose, 0.4f)); // below a half: back to 1/1
     render(0.01);
     QCOMPARE(mPlayer.transposition(), ArboRatio(1, 1));
@@ -391,7 +412,8 @@ void TestPdPlayer::numbersParseUnderADecimalCommaLocale()
     const QString output = QString::fromUtf8(child.readAllStandardOutput()).trimmed();
     QVERIFY2(child.exitCode() != 77,
              qPrintable("de_DE.UTF-8 is not available (install the Debian package locales and "
-                        "generate it; scripts/install-deps.sh does): " + output));
+                        "generate it; scripts/install-deps.sh does): " +
+                        output));
     QVERIFY2(child.exitCode() == 0, qPrintable(output + child.readAllStandardError()));
 }
 
@@ -425,6 +447,46 @@ int commaLocaleChild(int argc, char** argv)
     const double cents = centsOff(render(player, 3.0), 660.0);
     std::printf("fifth %.6f cents off\n", cents);
     return std::abs(cents) < 0.1 ? 0 : 1;
+}
+
+void TestPdPlayer::unusableOptionsStillSoundAtTheDefaultPitch_data()
+{
+    QTest::addColumn<QByteArray>("json");
+    QTest::newRow("zero Hz, volume 1e30")
+        << QByteArray(R"({"baseFrequency": 0, "masterVolume": 1e30})");
+    QTest::newRow("negative both") << QByteArray(R"({"baseFrequency": -5, "masterVolume": -5})");
+    QTest::newRow("denormal Hz, volume 3e38")
+        << QByteArray(R"({"baseFrequency": 1e-40, "masterVolume": 3e38})");
+    QTest::newRow("3e38 Hz") << QByteArray(R"({"baseFrequency": 3e38})");
+    QTest::newRow("infinite Hz") << QByteArray(R"({"baseFrequency": 1e39})");
+}
+
+void TestPdPlayer::unusableOptionsStillSoundAtTheDefaultPitch()
+{
+    QFETCH(QByteArray, json);
+    QVERIFY(TestSupport::writeFile(TestSupport::configDir() + "/options.json", json));
+    Settings settings;
+    QVERIFY(settings.init());
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^Option .* has the unusable value "));
+    if (json.contains("masterVolume")) {
+        QTest::ignoreMessage(QtWarningMsg,
+                             QRegularExpression("^Option .* has the unusable value "));
+    }
+    settings.replaceUnusableValues({});
+
+    // Somewhere else first, so that the pitch heard is the options' doing.
+    queue(ArboEvent(ArboEvent::BaseFrequency, 300.0f));
+    queue(ArboEvent(ArboEvent::MasterVolume, 0.1f));
+    // What start-up hands the player from the options.
+    queue(ArboEvent(ArboEvent::BaseFrequency, settings.mBaseFrequency));
+    queue(ArboEvent(ArboEvent::MasterVolume, settings.mMasterVolume));
+    toggle("/");
+    const std::vector<float> left = render(2.5);
+    const double cents = centsOff(left, 440.0);
+    QVERIFY2(std::abs(cents) < 0.1, qPrintable(QString::number(cents)));
+    const double peak = AudioAnalysis::peak(QVector<float>(left.begin(), left.end()));
+    QVERIFY2(peak > 0.05 && peak <= 1.0, qPrintable(QString::number(peak)));
+    toggle("/");
 }
 
 int main(int argc, char** argv)

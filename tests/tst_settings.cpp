@@ -1,6 +1,8 @@
 // Options and the JSON document mechanics under them: defaults, the type
 // rules of reading, damaged files, and saves that a crash cannot tear.
 
+#include "fulldisk.h"
+#include "settings/appcontext.h"
 #include "settings/settings.h"
 #include "testsupport.h"
 
@@ -69,6 +71,10 @@ private slots:
     void damagedFileKeepsDefaultsAndStaysUntilSaved_data();
     void damagedFileKeepsDefaultsAndStaysUntilSaved();
     void unusableFilePlaceFailsWithoutTouchingIt();
+    void failedSaveKeepsThePreviousFile_data();
+    void failedSaveKeepsThePreviousFile();
+    void unusableValuesGoBackToTheirDefaults_data();
+    void unusableValuesGoBackToTheirDefaults();
     void killedSaveNeverLeavesAPartialFile();
 };
 
@@ -192,10 +198,24 @@ void TestSettings::damagedFileKeepsDefaultsAndStaysUntilSaved()
     QCOMPARE(TestSupport::readFile(optionsPath()), damaged);
 
     settings.mUdpPort = 9100;
+    if (!loads) {
+        QTest::ignoreMessage(QtWarningMsg,
+                             QRegularExpression("^Kept damaged file .*options\\.json as "
+                                                ".*options\\.json\\.damaged-\\d{8}-\\d{6}\\.$"));
+    }
     settings.term();
     Settings reread;
     QVERIFY(reread.init());
     QCOMPARE(reread.mUdpPort, 9100);
+
+    // What did not parse is kept beside the new file, byte for byte, for the
+    // user to repair; what parsed needed no keeping.
+    const QStringList kept =
+        QDir(TestSupport::configDir()).entryList({"options.json.damaged-*"}, QDir::Files);
+    QCOMPARE(kept.size(), loads ? 0 : 1);
+    if (!loads) {
+        QCOMPARE(TestSupport::readFile(TestSupport::configDir() + "/" + kept.first()), damaged);
+    }
 }
 
 void TestSettings::unusableFilePlaceFailsWithoutTouchingIt()
@@ -212,6 +232,153 @@ void TestSettings::unusableFilePlaceFailsWithoutTouchingIt()
     QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("^Couldn't (open|write) file .*"));
     QVERIFY(!settings.save());
     QCOMPARE(TestSupport::readFile(optionsPath() + "/keep.txt"), QByteArray("mine"));
+}
+
+void TestSettings::failedSaveKeepsThePreviousFile_data()
+{
+    QTest::addColumn<bool>("tmpfs");
+    QTest::addColumn<QString>("reason");
+    // Both rows fail inside the flush of a document smaller than the write
+    // buffer, where a failure once went unnoticed and emptied the file.
+    QTest::newRow("full tmpfs") << true << "No space left on device";
+    QTest::newRow("file size limit") << false << "File too large";
+}
+
+void TestSettings::failedSaveKeepsThePreviousFile()
+{
+    QFETCH(bool, tmpfs);
+    QFETCH(QString, reason);
+
+    TmpfsMount disk;
+    const QByteArray savedDataHome = qgetenv("XDG_DATA_HOME");
+    if (tmpfs) {
+        if (!TmpfsMount::canMount()) {
+            QSKIP("Mounting a tmpfs needs root; the file size limit row fails the same flush");
+        }
+        QVERIFY2(disk.mount(256 * 1024), qPrintable(disk.error()));
+        qputenv("XDG_DATA_HOME", QFile::encodeName(disk.path()));
+        QVERIFY(QDir().mkpath(AppContext::configDir()));
+    }
+    auto restoreHome = qScopeGuard([&] { qputenv("XDG_DATA_HOME", savedDataHome); });
+    const QString path = AppContext::configDir() + "/options.json";
+
+    Settings settings;
+    QVERIFY(settings.init());
+    settings.mUdpPort = 9001;
+    QVERIFY(settings.save());
+    QVERIFY(settings.lastSaveError().isEmpty());
+    const QByteArray previous = TestSupport::readFile(path);
+    QVERIFY(previous.contains("9001"));
+
+    settings.mUdpPort = 9002;
+    {
+        std::unique_ptr<FileSizeLimit> limit;
+        if (tmpfs) {
+            QVERIFY2(disk.fill(), qPrintable(disk.error()));
+        } else {
+            limit = std::make_unique<FileSizeLimit>(64);
+            QVERIFY(limit->isActive());
+        }
+        QTest::ignoreMessage(
+            QtCriticalMsg,
+            QRegularExpression("^Couldn't write file .*/options\\.json: " + reason + "$"));
+        QVERIFY(!settings.save());
+    }
+    QCOMPARE(settings.lastSaveError(), reason);
+    QCOMPARE(TestSupport::readFile(path), previous);
+    // The temporary file of the failed save is gone too.
+    QCOMPARE(QDir(AppContext::configDir()).entryList({"options.json*"}, QDir::Files),
+             QStringList{"options.json"});
+
+    // With room again the next save goes through and forgets the failure.
+    disk.makeRoom();
+    QVERIFY(settings.save());
+    QVERIFY(settings.lastSaveError().isEmpty());
+    QVERIFY(TestSupport::readFile(path).contains("9002"));
+}
+
+void TestSettings::unusableValuesGoBackToTheirDefaults_data()
+{
+    QTest::addColumn<QByteArray>("json");
+    QTest::addColumn<QStringList>("replaced");
+    QTest::addColumn<QByteArray>("expected"); // keys that differ from the defaults afterwards
+
+    QTest::newRow("zero and negative base frequency, huge and negative volume")
+        << QByteArray(R"({"baseFrequency": 0, "masterVolume": 1e30})")
+        << QStringList{"baseFrequency", "masterVolume"} << QByteArray("{}");
+    QTest::newRow("negative base frequency, negative volume")
+        << QByteArray(R"({"baseFrequency": -440, "masterVolume": -5})")
+        << QStringList{"baseFrequency", "masterVolume"} << QByteArray("{}");
+    QTest::newRow("denormal and near-maximum base frequency")
+        << QByteArray(R"({"baseFrequency": 1e-40})") << QStringList{"baseFrequency"}
+        << QByteArray("{}");
+    QTest::newRow("base frequency beyond float range reads as infinity")
+        << QByteArray(R"({"baseFrequency": 1e39, "masterVolume": 3e38})")
+        << QStringList{"baseFrequency", "masterVolume"} << QByteArray("{}");
+    QTest::newRow("buffer sizes that cannot work")
+        << QByteArray(R"({"framesPerBuffer": 7})") << QStringList{"framesPerBuffer"}
+        << QByteArray("{}");
+    QTest::newRow("huge buffer") << QByteArray(R"({"framesPerBuffer": 100000})")
+                                 << QStringList{"framesPerBuffer"} << QByteArray("{}");
+    QTest::newRow("negative buffer") << QByteArray(R"({"framesPerBuffer": -5})")
+                                     << QStringList{"framesPerBuffer"} << QByteArray("{}");
+    QTest::newRow("limits themselves are kept")
+        << QByteArray(R"({"baseFrequency": 20, "masterVolume": 4, "framesPerBuffer": 16})")
+        << QStringList()
+        << QByteArray(R"({"baseFrequency": 20, "masterVolume": 4, "framesPerBuffer": 16})");
+    QTest::newRow("other limits kept")
+        << QByteArray(R"({"baseFrequency": 20000, "masterVolume": 0, "framesPerBuffer": 8192})")
+        << QStringList()
+        << QByteArray(R"({"baseFrequency": 20000, "masterVolume": 0, "framesPerBuffer": 8192})");
+    QTest::newRow("default patch outside the patch folder")
+        << QByteArray(R"({"defaultPatch": "../../../../../etc/passwd"})")
+        << QStringList{"defaultPatch"} << QByteArray("{}");
+    QTest::newRow("default patch as an absolute path")
+        << QByteArray(R"({"defaultPatch": "/usr/share/x.pd"})") << QStringList{"defaultPatch"}
+        << QByteArray("{}");
+    QTest::newRow("default patch with a backslash")
+        << QByteArray(R"({"defaultPatch": "..\\x.pd"})") << QStringList{"defaultPatch"}
+        << QByteArray("{}");
+    QTest::newRow("plain patch names and an empty one are the window's business")
+        << QByteArray(R"({"defaultPatch": "Gone.pd"})") << QStringList()
+        << QByteArray(R"({"defaultPatch": "Gone.pd"})");
+    QTest::newRow("window larger than any screen, position off every screen")
+        << QByteArray(R"({"windowSize": "100000,100000", "windowPos": "5000,5000"})")
+        << QStringList{"windowSize", "windowPos"} << QByteArray("{}");
+    QTest::newRow("window of no size")
+        << QByteArray(R"({"windowSize": "0,0"})") << QStringList{"windowSize"} << QByteArray("{}");
+    QTest::newRow("window filling the second screen, partly off the left edge")
+        << QByteArray(R"({"windowSize": "1280,1024", "windowPos": "-50,10"})") << QStringList()
+        << QByteArray(R"({"windowSize": "1280,1024", "windowPos": "-50,10"})");
+}
+
+void TestSettings::unusableValuesGoBackToTheirDefaults()
+{
+    QFETCH(QByteArray, json);
+    QFETCH(QStringList, replaced);
+    QFETCH(QByteArray, expected);
+
+    QVERIFY(TestSupport::writeFile(optionsPath(), json));
+    Settings settings;
+    QVERIFY(settings.init());
+    for (const QString& key : replaced) {
+        QTest::ignoreMessage(
+            QtWarningMsg,
+            QRegularExpression(
+                QString("^Option %1 has the unusable value .* using .* instead\\.$").arg(key)));
+    }
+    const QList<QRect> screens{QRect(0, 0, 1920, 1080), QRect(1920, 0, 1280, 1024)};
+    QCOMPARE(settings.replaceUnusableValues(screens), replaced);
+
+    // Saved, the file holds the defaults in place of what could not work.
+    QVERIFY(settings.save());
+    QJsonObject wanted;
+    Settings().write(wanted);
+    const QJsonObject changes = QJsonDocument::fromJson(expected).object();
+    for (auto it = changes.begin(); it != changes.end(); ++it) {
+        wanted.insert(it.key(), it.value());
+    }
+    QCOMPARE(QJsonDocument::fromJson(TestSupport::readFile(optionsPath())).object(), wanted);
 }
 
 void TestSettings::killedSaveNeverLeavesAPartialFile()
@@ -243,6 +410,21 @@ void TestSettings::killedSaveNeverLeavesAPartialFile()
         QCOMPARE(doc.object().value("bulk").toArray().size(), 20000);
     }
     QVERIFY2(killsInsideSave >= 5, "too few kills interrupted a save; the test proved little");
+
+    // The next start removes what killed saves left behind, and only that.
+    const QString folder = TestSupport::configDir();
+    QVERIFY(TestSupport::writeFile(folder + "/bulky.json.saving-Ab12Cd", "{ \"half"));
+    QVERIFY(TestSupport::writeFile(folder + "/bulky.json.damaged-20260101-120000", "keep"));
+    QVERIFY(TestSupport::writeFile(folder + "/bulky.json.backup", "keep"));
+    QVERIFY(TestSupport::writeFile(folder + "/bulky.json.Ab12Cd", "keep"));
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression("^Removed .*/bulky\\.json\\.saving-Ab12Cd, left "
+                                            "behind by an interrupted save\\.$"));
+    BulkyDocument doc;
+    QVERIFY(doc.init("bulky.json"));
+    QCOMPARE(QDir(folder).entryList({"bulky.json*"}, QDir::Files, QDir::Name),
+             (QStringList{"bulky.json", "bulky.json.Ab12Cd", "bulky.json.backup",
+                          "bulky.json.damaged-20260101-120000"}));
 }
 
 int main(int argc, char** argv)

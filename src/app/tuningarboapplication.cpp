@@ -4,17 +4,21 @@
 #include "settings/appcontext.h"
 #include "sound/patchloader.h"
 #include "ui/mainwindow.h"
+#include "ui/stylesheetloader.h"
 
 #include <QDateTime>
 #include <QDebug>
 #include <QDir>
 #include <QFileInfo>
 #include <QLocale>
+#include <QLockFile>
 #include <QLoggingCategory>
 #include <QMessageBox>
 #include <QMetaType>
+#include <QScreen>
 #include <QStatusBar>
 #include <QStyleFactory>
+#include <QTemporaryFile>
 #include <QTextCodec>
 #include <QTime>
 
@@ -48,8 +52,10 @@ TuningArboApplication::TuningArboApplication(int& argc, char** argv) : QApplicat
     AppContext::setAudioOutput(&mAudioOutput);
     AppContext::setSettings(&mSettings);
 
-    connect(&mSignalWatcher, &UnixSignalWatcher::terminationRequested, this,
-            [] { QCoreApplication::exit(0); });
+    connect(&mSignalWatcher, &UnixSignalWatcher::terminationRequested, this, [this] {
+        mQuitBySignal = true;
+        QCoreApplication::exit(0);
+    });
     mSignalWatcher.watch();
 }
 
@@ -106,8 +112,14 @@ bool TuningArboApplication::init()
         return false;
     }
 
+    // Before anything is written: a second instance leaves the folder alone.
+    if (!lockConfigFolder(configDir)) {
+        return false;
+    }
+
     // 5. Log file, growing across runs.
     openLogFile(configDir + QStringLiteral("/log.txt"));
+    reportUnwritableFolders({configDir, AppContext::patchDir()});
 
     // 6.
     if (!loadStyleSheet()) {
@@ -123,6 +135,13 @@ bool TuningArboApplication::init()
         qCritical().noquote() << text;
         QMessageBox::critical(nullptr, applicationName(), text, QMessageBox::Ok);
     }
+    // Values that would silence the instrument or lose the window go back to
+    // their defaults before anything uses them.
+    QList<QRect> screens;
+    for (const QScreen* screen : QGuiApplication::screens()) {
+        screens << screen->availableGeometry();
+    }
+    mSettings.replaceUnusableValues(screens);
 
     // 8.
     QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedKingdom));
@@ -157,14 +176,21 @@ bool TuningArboApplication::init()
     // 12. The lattice, loaded from its file or made from the defaults; it
     // follows the player's signals from now on.
     if (!mArbo.init(&mPlayer)) {
+        // A lattice file that does not parse would stop every start from now
+        // on; kept aside, it is there for repair and the next start builds
+        // the default lattice.
+        mArbo.setDamagedFileAside();
         fatalStartupMessage(
             QStringLiteral("Arbo initialisation failed.\n\nThe program will now shut down."));
         return false;
     }
 
-    // 13.
+    // 13. The window loads the default voice as it is made.
     mMainWindow = new MainWindow(&mArbo);
     mMainWindow->show();
+    if (!mPlayer.isPatchOpen()) {
+        loadAnyVoice();
+    }
     // A lost audio device is retried by the output itself; the performer
     // sees what is going on in the window's status line.
     connect(&mAudioOutput, &AudioOutput::deviceLost, mMainWindow,
@@ -198,6 +224,7 @@ void TuningArboApplication::term()
     mPlayer.term();
     mAudioOutput.term();
     mSettings.term();
+    reportFailedSaves();
     removeLogHandler();
 }
 
@@ -257,6 +284,108 @@ void TuningArboApplication::syncToSettings()
     mSettings.mAudioDevice = mAudioOutput.selectedDevice();
 }
 
+bool TuningArboApplication::lockConfigFolder(const QString& configDir)
+{
+    mInstanceLock = std::make_unique<QLockFile>(configDir + QStringLiteral("/arbo.lock"));
+    // Never stale by age: a lock is stale only when its process is gone (a
+    // crashed or killed run), which QLockFile finds out by itself.
+    mInstanceLock->setStaleLockTime(0);
+    if (mInstanceLock->tryLock(0)) {
+        return true;
+    }
+    if (mInstanceLock->error() != QLockFile::LockFailedError) {
+        // No lock can be made here (a read-only folder): nothing can be
+        // overwritten either, and the folder check says what is wrong.
+        mInstanceLock.reset();
+        return true;
+    }
+    qint64 pid = 0;
+    QString host;
+    QString program;
+    mInstanceLock->getLockInfo(&pid, &host, &program);
+    mInstanceLock.reset();
+    // No log file yet, on purpose: this goes to standard error, and the
+    // running instance's files stay untouched.
+    const QString text = tr("%1 is already running (process %2).\n\nThis copy will now shut down.")
+                             .arg(applicationName())
+                             .arg(pid);
+    qCritical().noquote() << text;
+    QMessageBox::critical(nullptr, applicationName(), text, QMessageBox::Ok);
+    return false;
+}
+
+bool TuningArboApplication::reportUnwritableFolders(const QStringList& folders)
+{
+    QStringList problems;
+    for (const QString& folder : folders) {
+        if (!QFileInfo(folder).isDir()) {
+            continue; // made later; a failure there has its own message
+        }
+        QTemporaryFile probe(folder + QStringLiteral("/.write-check-XXXXXX"));
+        if (!probe.open()) {
+            problems << QStringLiteral("%1 (%2)").arg(folder, probe.errorString());
+        }
+    }
+    if (problems.isEmpty()) {
+        return true;
+    }
+    const QString text =
+        tr("This folder cannot be written:\n%1\n\nNo options or lattice changes can be saved, and "
+           "voice patches cannot be loaded, until it can.")
+            .arg(problems.join(QLatin1Char('\n')));
+    qCritical().noquote() << text;
+    QMessageBox::critical(nullptr, applicationName(), text, QMessageBox::Ok);
+    mUnwritableReported = true;
+    return false;
+}
+
+void TuningArboApplication::loadAnyVoice()
+{
+    const QString folder = AppContext::resourceDir() + QStringLiteral("/patches");
+    const QFileInfoList voices = QDir(folder).entryInfoList(QDir::Files, QDir::Name);
+    for (const QFileInfo& voice : voices) {
+        // Tried quietly first, so that a broken file costs a log line rather
+        // than a message box; the window then loads the one that works and
+        // shows it in its menu.
+        if (PatchLoader::loadVoice(&mPlayer, voice.absoluteFilePath())) {
+            qWarning().noquote() << QStringLiteral("Playing voice patch %1 instead of the default.")
+                                        .arg(voice.absoluteFilePath());
+            mMainWindow->loadPatch(voice.absoluteFilePath());
+            return;
+        }
+    }
+    if (mUnwritableReported) {
+        return; // the folder message already said why no voice loads
+    }
+    const QString text = tr("No voice patch could be loaded from %1, so the instrument is silent."
+                            "\n\nReinstalling the program restores its voice patches.")
+                             .arg(folder);
+    qCritical().noquote() << text;
+    QMessageBox::critical(mMainWindow, applicationName(), text, QMessageBox::Ok);
+}
+
+void TuningArboApplication::reportFailedSaves()
+{
+    QStringList failures;
+    for (const SerializableRoot* document : {static_cast<const SerializableRoot*>(&mArbo),
+                                             static_cast<const SerializableRoot*>(&mSettings)}) {
+        if (!document->lastSaveError().isEmpty()) {
+            failures << QStringLiteral("%1: %2").arg(document->path(), document->lastSaveError());
+        }
+    }
+    if (failures.isEmpty() || mUnwritableReported) {
+        return;
+    }
+    const QString text = tr("Your changes could not be saved; the files keep their previous "
+                            "content.\n\n%1")
+                             .arg(failures.join(QLatin1Char('\n')));
+    qCritical().noquote() << text;
+    // Ended by a signal, nobody is at the window to click: the log has it.
+    if (!mQuitBySignal) {
+        QMessageBox::critical(nullptr, applicationName(), text, QMessageBox::Ok);
+    }
+}
+
 void TuningArboApplication::fatalStartupMessage(const QString& text)
 {
     qCritical().noquote() << text;
@@ -265,34 +394,7 @@ void TuningArboApplication::fatalStartupMessage(const QString& text)
 
 bool TuningArboApplication::loadStyleSheet()
 {
-    const QString resourceDir = AppContext::resourceDir();
-    // Both sheets are required: the platform sheet is as essential as the main one.
-    struct Sheet
-    {
-        QString path;
-        const char* missingText;
-    };
-    const Sheet sheets[] = {
-        {resourceDir + QStringLiteral("/style.qss"), "Failed to find style sheet file %1."},
-        {resourceDir + QStringLiteral("/style_mac.qss"),
-         "Failed to find platform-specific style sheet file %1."},
-    };
-    QString styleSheet;
-    for (const Sheet& sheet : sheets) {
-        QFile file(sheet.path);
-        if (!file.exists()) {
-            qCritical().noquote() << QString::fromLatin1(sheet.missingText).arg(sheet.path);
-            return false;
-        }
-        if (!file.open(QIODevice::ReadOnly)) {
-            qCritical().noquote()
-                << QStringLiteral("Failed to open file %1 for reading.").arg(sheet.path);
-            return false;
-        }
-        styleSheet += QString::fromLatin1(file.readAll());
-    }
-    setStyleSheet(styleSheet);
-    return true;
+    return StyleSheetLoader::load();
 }
 
 bool TuningArboApplication::initPatchFolder()

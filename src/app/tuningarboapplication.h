@@ -12,6 +12,11 @@
 #include <QMutex>
 #include <QSet>
 #include <QString>
+#include <QStringList>
+
+#include <memory>
+
+class QLockFile;
 
 // The application object. It owns, by value, every long-lived object of the
 // program and runs the start-up (init) and shutdown (term) sequences.
@@ -78,6 +83,24 @@ public slots:
     void onUdpFatalError(QString error);
 
 private:
+    // One instance per configuration folder: a second one would reinstall the
+    // voice under the first and, at exit, overwrite the other's options and
+    // lattice. Takes the lock file in the configuration folder (the lock of a
+    // crashed run is taken over). False only when another running instance
+    // holds it; a folder where no lock can be made is reported by
+    // reportUnwritableFolders() instead.
+    bool lockConfigFolder(const QString& configDir);
+    // A read-only configuration tree otherwise shows only as a failing voice
+    // patch, which blames the patch. Tells the user once which folder cannot
+    // be written. Returns whether all could be.
+    bool reportUnwritableFolders(const QStringList& folders);
+    // With neither the default voice nor "Sine.pd" loaded, tries every voice
+    // of the resource folder in name order, and says once why the instrument
+    // is silent when none loads.
+    void loadAnyVoice();
+    // After the shutdown saves: a save that failed kept the previous file; the
+    // user hears once that the changes of this session are not kept.
+    void reportFailedSaves();
     // Shows the critical start-up message box and logs the same text.
     void fatalStartupMessage(const QString& text);
     void writeToLog(const QByteArray& bytes);
@@ -86,4 +109,11 @@ private:
 
     UnixSignalWatcher mSignalWatcher;
     bool mLogHandlerInstalled = false;
+    std::unique_ptr<QLockFile> mInstanceLock;
+    // A termination signal ends the program with nobody at the window: then
+    // nothing may wait for a click.
+    bool mQuitBySignal = false;
+    // Set once the user was told that a folder cannot be written, so the
+    // failures that follow from it are not reported again.
+    bool mUnwritableReported = false;
 };

@@ -2,10 +2,23 @@
 
 #include "settings/appcontext.h"
 
+#include <QDateTime>
 #include <QDebug>
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
-#include <QSaveFile>
+#include <QTemporaryFile>
+
+#include <cerrno>
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+// Between the document's file name and the six characters that make a
+// temporary file's name unique.
+const QString TEMPORARY_INFIX = QStringLiteral(".saving-");
+} // namespace
 
 SerializableRoot::SerializableRoot(QObject* parent) : SerializableNode(parent) {}
 
@@ -19,6 +32,7 @@ void SerializableRoot::term()
 bool SerializableRoot::init(const QString& fileName)
 {
     mPath = AppContext::configDir() + QLatin1Char('/') + fileName;
+    removeAbandonedTemporaryFiles();
     if (!QFile::exists(mPath)) {
         initWithDefaults();
         return save();
@@ -30,21 +44,63 @@ void SerializableRoot::initWithDefaults() {}
 
 bool SerializableRoot::save() const
 {
-    // QSaveFile writes next to the target and renames over it on commit(), so
-    // the old document survives anything that goes wrong before that point.
-    QSaveFile file(mPath);
-    if (!file.open(QIODevice::WriteOnly)) {
-        qCritical().noquote() << QStringLiteral("Couldn't open file %1 for saving.").arg(mPath);
-        return false;
+    if (mDamaged) {
+        setDamagedFileAside();
     }
     QJsonObject json;
     write(json);
     const QByteArray bytes = QJsonDocument(json).toJson(QJsonDocument::Indented);
-    if (file.write(bytes) != bytes.size() || !file.commit()) {
-        qCritical().noquote()
-            << QStringLiteral("Couldn't write file %1: %2").arg(mPath, file.errorString());
+
+    // The document goes to a temporary file beside the target, which replaces
+    // the target only once it is complete and on disk: a crash, a kill or a
+    // full disk in between leaves the previous file as it was. The bytes are
+    // written with the system call itself so that a failure is seen, with
+    // the system's reason, at the write that fails (a buffered file reports a
+    // short write late and without a reason, and a save that went on would
+    // replace the user's file with an empty one). The temporary file has a
+    // name of its own kind so that the next start can tell a killed save's
+    // leftovers from the user's files.
+    QTemporaryFile file(mPath + TEMPORARY_INFIX + QStringLiteral("XXXXXX"));
+    if (!file.open()) {
+        mLastSaveError = file.errorString();
+        qCritical().noquote() << QStringLiteral("Couldn't open file %1 for saving.").arg(mPath);
         return false;
     }
+    const QFile::Permissions permissions =
+        QFile::exists(mPath)
+            ? QFile::permissions(mPath)
+            : QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther;
+    const int fd = file.handle();
+    QString error;
+    for (qint64 done = 0; done < bytes.size() && error.isEmpty();) {
+        const ssize_t written = ::write(fd, bytes.constData() + done, size_t(bytes.size() - done));
+        if (written > 0) {
+            done += written;
+        } else if (written < 0 && errno != EINTR) {
+            error = qt_error_string(errno);
+        }
+    }
+    // A file system that allocates late reports a full disk only here.
+    // EINVAL: this file system does not sync, nothing to wait for.
+    if (error.isEmpty() && ::fsync(fd) != 0 && errno != EINVAL) {
+        error = qt_error_string(errno);
+    }
+    if (error.isEmpty()) {
+        file.setPermissions(permissions);
+        file.close();
+        if (::rename(QFile::encodeName(file.fileName()).constData(),
+                     QFile::encodeName(mPath).constData()) == 0) {
+            file.setAutoRemove(false);
+        } else {
+            error = qt_error_string(errno);
+        }
+    }
+    if (!error.isEmpty()) {
+        mLastSaveError = error; // the temporary file goes with `file`
+        qCritical().noquote() << QStringLiteral("Couldn't write file %1: %2").arg(mPath, error);
+        return false;
+    }
+    mLastSaveError.clear();
     return true;
 }
 
@@ -60,9 +116,47 @@ bool SerializableRoot::load()
     if (doc.isNull()) {
         qCritical().noquote() << QStringLiteral("Couldn't parse file %1. JSON error: %2")
                                      .arg(mPath, error.errorString());
+        mDamaged = true;
         return false;
     }
+    mDamaged = false;
     // A top-level array reads as an empty object: every key keeps its value.
     read(doc.object());
     return true;
+}
+
+QString SerializableRoot::setDamagedFileAside() const
+{
+    if (!mDamaged || !QFile::exists(mPath)) {
+        return QString();
+    }
+    const QString base = mPath + QStringLiteral(".damaged-") +
+                         QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-hhmmss"));
+    QString aside = base;
+    for (int n = 2; QFileInfo::exists(aside); ++n) {
+        aside = base + QLatin1Char('-') + QString::number(n);
+    }
+    if (!QFile::rename(mPath, aside)) {
+        qWarning().noquote()
+            << QStringLiteral("Couldn't keep damaged file %1 as %2.").arg(mPath, aside);
+        return QString();
+    }
+    mDamaged = false;
+    qWarning().noquote() << QStringLiteral("Kept damaged file %1 as %2.").arg(mPath, aside);
+    return aside;
+}
+
+void SerializableRoot::removeAbandonedTemporaryFiles() const
+{
+    const QFileInfo target(mPath);
+    const QString pattern = target.fileName() + TEMPORARY_INFIX + QStringLiteral("??????");
+    const QStringList names =
+        QDir(target.path()).entryList({pattern}, QDir::Files | QDir::Hidden | QDir::System);
+    for (const QString& name : names) {
+        const QString leftover = target.path() + QLatin1Char('/') + name;
+        if (QFile::remove(leftover)) {
+            qWarning().noquote()
+                << QStringLiteral("Removed %1, left behind by an interrupted save.").arg(leftover);
+        }
+    }
 }

@@ -8,10 +8,11 @@
 //
 // Subclasses say how to read and write themselves and what their defaults are;
 // this class does the file and JSON mechanics. Saving goes through a temporary
-// file in the same folder that replaces the old file only once it is complete,
-// so a crash, a kill or a full disk in the middle of a save leaves the previous
-// file intact. A failed load leaves the object as it was and leaves the file on
-// disk untouched until the next successful save replaces it.
+// file in the same folder that replaces the old file only once it is complete
+// and on disk, so a crash, a kill or a full disk in the middle of a save
+// leaves the previous file intact. A failed load leaves the object as it was
+// and leaves the file on disk untouched until the next save; a file that did
+// not parse is then kept beside the new one (see setDamagedFileAside()).
 //
 // GUI thread (or the thread that owns the object); not thread-safe.
 class SerializableRoot : public SerializableNode
@@ -37,7 +38,27 @@ public:
     // A document that must never be written back clears this before init().
     void setSaveOnTerm(bool save) { mSaveOnTerm = save; }
 
+    // Why the last save failed, in the system's words; empty when it succeeded
+    // (or nothing was saved yet). The application tells the user from this.
+    QString lastSaveError() const { return mLastSaveError; }
+
+    // True when the last load found a file that is not JSON (or is empty).
+    bool isDamaged() const { return mDamaged; }
+    // One typo in a hand-edited file must not cost the user every value in
+    // it: before a damaged file is replaced by a save, or given up on, it is
+    // renamed to "<file>.damaged-yyyyMMdd-hhmmss" beside the original and the
+    // new name is logged. Returns that name; empty when there was no damaged
+    // file or the rename failed (logged too).
+    QString setDamagedFileAside() const;
+
 private:
+    // A save killed half-way leaves its temporary file
+    // ("<file>.saving-XXXXXX") behind; the next start removes it. Only one instance runs on a
+    // configuration folder, so nobody else is writing such a file meanwhile.
+    void removeAbandonedTemporaryFiles() const;
+
     QString mPath;
     bool mSaveOnTerm = true;
+    mutable bool mDamaged = false;
+    mutable QString mLastSaveError;
 };

@@ -1,5 +1,6 @@
 #include "settings/settings.h"
 
+#include <QDebug>
 #include <QJsonValue>
 #include <QStringList>
 
@@ -154,6 +155,79 @@ void Settings::write(QJsonObject& json) const
     json.insert(WINDOW_SIZE, pairText(mWindowSize.width(), mWindowSize.height()));
     json.insert(WINDOW_POS, pairText(mWindowPos.x(), mWindowPos.y()));
     json.insert(WINDOW_MAXIMIZED, mWindowMaximized);
+}
+
+QStringList Settings::replaceUnusableValues(const QList<QRect>& screens)
+{
+    const Settings defaults;
+    QStringList replaced;
+    auto replace = [&replaced](const QString& key, const QString& value, const QString& instead) {
+        qWarning().noquote() << QStringLiteral("Option %1 has the unusable value %2; using %3 "
+                                               "instead.")
+                                    .arg(key, value, instead);
+        replaced << key;
+    };
+    auto number = [](double value) { return QString::number(value, 'g', 9); };
+
+    // Comparisons written so that NaN fails them.
+    if (!(std::isfinite(mBaseFrequency) && mBaseFrequency >= FREQUENCY_MIN &&
+          mBaseFrequency <= FREQUENCY_MAX)) {
+        replace(BASE_FREQUENCY, number(double(mBaseFrequency)),
+                number(double(defaults.mBaseFrequency)));
+        mBaseFrequency = defaults.mBaseFrequency;
+    }
+    if (!(std::isfinite(mMasterVolume) && mMasterVolume >= VOLUME_MIN &&
+          mMasterVolume <= VOLUME_MAX)) {
+        replace(MASTER_VOLUME, number(double(mMasterVolume)),
+                number(double(defaults.mMasterVolume)));
+        mMasterVolume = defaults.mMasterVolume;
+    }
+    if (mFramesPerBuffer < FRAMES_MIN || mFramesPerBuffer > FRAMES_MAX) {
+        replace(FRAMES_PER_BUFFER, QString::number(mFramesPerBuffer),
+                QString::number(defaults.mFramesPerBuffer));
+        mFramesPerBuffer = defaults.mFramesPerBuffer;
+    }
+    // A voice patch is a file of the resource folder's "patches", named
+    // without any folder: "../../etc/passwd" must not be copied in as a voice.
+    // An empty name is left to the window, which falls back to "Sine.pd".
+    if (mDefaultPatch.contains(QLatin1Char('/')) || mDefaultPatch.contains(QLatin1Char('\\')) ||
+        mDefaultPatch == QLatin1String(".") || mDefaultPatch == QLatin1String("..")) {
+        replace(DEFAULT_PATCH, mDefaultPatch, defaults.mDefaultPatch);
+        mDefaultPatch = defaults.mDefaultPatch;
+    }
+
+    if (screens.isEmpty()) {
+        return replaced;
+    }
+    const QSize unset(-1, -1);
+    if (mWindowSize != unset) {
+        bool fits = false;
+        for (const QRect& screen : screens) {
+            fits = fits || (mWindowSize.width() > 0 && mWindowSize.height() > 0 &&
+                            mWindowSize.width() <= screen.width() &&
+                            mWindowSize.height() <= screen.height());
+        }
+        if (!fits) {
+            replace(WINDOW_SIZE, pairText(mWindowSize.width(), mWindowSize.height()),
+                    pairText(unset.width(), unset.height()));
+            mWindowSize = unset;
+        }
+    }
+    if (mWindowPos != QPoint(-1, -1)) {
+        // The corner where the title bar starts must be on a screen, or the
+        // window could not even be dragged back.
+        const QRect corner(mWindowPos, QSize(100, 30));
+        bool onScreen = false;
+        for (const QRect& screen : screens) {
+            onScreen = onScreen || screen.intersects(corner);
+        }
+        if (!onScreen) {
+            replace(WINDOW_POS, pairText(mWindowPos.x(), mWindowPos.y()),
+                    pairText(unset.width(), unset.height()));
+            mWindowPos = QPoint(-1, -1);
+        }
+    }
+    return replaced;
 }
 
 void Settings::onAudioDeviceChanged(int device)

@@ -2,15 +2,19 @@
 
 #include "settings/serializableroot.h"
 
+#include <QList>
 #include <QPoint>
+#include <QRect>
 #include <QSize>
 #include <QString>
+#include <QStringList>
 
 // The user's options and the remembered window state, kept in "options.json".
 //
 // The main window and the options dialog read and change the fields directly;
 // the player's change signals reach the slots, queued, on the GUI thread.
-// Values are kept as read: nothing is clamped or range-checked here.
+// read() keeps values as they are; replaceUnusableValues() is the separate
+// step that start-up runs afterwards.
 class Settings : public SerializableRoot
 {
     Q_OBJECT
@@ -23,6 +27,30 @@ public:
 
     void read(const QJsonObject& json) override;
     void write(QJsonObject& json) const override;
+
+    // A value that cannot work would silence the instrument (a base frequency
+    // of 0, a volume of 1e30, a buffer of 1 frame) or make the window unusable
+    // at every start, with nothing the performer can do about it on stage.
+    // Each such value goes back to its default, with a warning that names the
+    // key. What holds:
+    //   baseFrequency    finite, FREQUENCY_MIN..FREQUENCY_MAX Hz
+    //   masterVolume     finite, VOLUME_MIN..VOLUME_MAX
+    //   framesPerBuffer  FRAMES_MIN..FRAMES_MAX
+    //   defaultPatch     a plain file name (no folder part), or empty
+    //   windowSize       unset, or positive and no larger than the largest
+    //                    of `screens`
+    //   windowPos        unset, or such that the window's top-left corner
+    //                    area lies on one of `screens`
+    // `screens` are the available desktop areas; with none, the window
+    // geometry is left alone. Returns the keys that were replaced.
+    QStringList replaceUnusableValues(const QList<QRect>& screens);
+
+    static constexpr float FREQUENCY_MIN = 20.0f;
+    static constexpr float FREQUENCY_MAX = 20000.0f;
+    static constexpr float VOLUME_MIN = 0.0f;
+    static constexpr float VOLUME_MAX = 4.0f;
+    static constexpr int FRAMES_MIN = 16;
+    static constexpr int FRAMES_MAX = 8192;
 
     int mAudioDevice = -1; // -1: the system's default output device
     int mFramesPerBuffer = 256;

@@ -587,6 +587,13 @@ void PdPlayer::onMacroNamesReceived(const QString& text)
 
 void PdPlayer::unloadPatch()
 {
+    // Nothing to tear down, nothing to hide: the muted pauses are skipped.
+    // Every patch change starts with an unload, and at start-up, with no
+    // patch open yet, this keeps 0.2 s off the time to the first sound.
+    if (!isPatchOpen()) {
+        runPatchCommand(ArboEvent::ClosePatch); // still answered, in order with the rest
+        return;
+    }
     AudioOutput* output = AppContext::audioOutput();
     if (output) {
         output->mute();
@@ -701,6 +708,7 @@ void PdPlayer::closePatch(int sequence)
         }
         libpd_closefile(mPatch);
         mPatch = nullptr;
+        mPatchOpen.store(false, std::memory_order_release);
         // The released voices were waiting for "voice-stop" from a patch that
         // is gone; no patch will ever report them, so they are free now.
         // (Clearing the map frees its nodes on this thread: a patch change is
@@ -732,6 +740,7 @@ void PdPlayer::openPatch(int sequence)
     // Opening parses the file: the one place where the audio thread reads a
     // file. It happens only while the output is muted for a patch change.
     mPatch = libpd_openfile(mPendingPatchFile.constData(), mPendingPatchFolder.constData());
+    mPatchOpen.store(mPatch != nullptr, std::memory_order_release);
     if (!mPatch) {
         qCritical().noquote() << "Opening PD patch failed: " << mPendingPatchFolder
                               << mPendingPatchFile;

@@ -102,8 +102,9 @@ public:
     // compute audio with libpd on the same thread.
     void processEvents();
 
-    // Audio thread (or any thread while no audio thread runs).
-    bool isPatchOpen() const { return mPatch != nullptr; }
+    // Whether a patch is open. Any thread: published by the audio thread
+    // whenever it opens or closes one.
+    bool isPatchOpen() const { return mPatchOpen.load(std::memory_order_acquire); }
 
     // Any thread: numerator / denominator × the base frequency.
     float ratioToFrequency(const ArboRatio& ratio) const;
@@ -235,6 +236,7 @@ private:
     QMutex mPatchMutex;
 
     std::atomic<int> mSoundingNotes{0};
+    std::atomic<bool> mPatchOpen{false};
     // Counted on the audio thread, reported by the GUI thread: the audio
     // thread never logs because of what the input says.
     std::atomic<quint32> mRefusedTranspositions{0};

@@ -2,22 +2,35 @@
 
 #include "display/arbolayer.h"
 #include "display/arboview.h"
+#include "display/transposewidget.h"
 #include "model/arbo.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
+#include "ui/diagnosticsdialog.h"
+#include "ui/optionsdialog.h"
+#include "ui/stylesheetloader.h"
+#include "ui/tweakdialog.h"
 #include "ui_mainwindow.h"
+#include "updater/updatedialog.h"
 
 #include <QComboBox>
 #include <QDebug>
 #include <QDir>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QFontMetrics>
+#include <QIcon>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QMessageBox>
+#include <QPainter>
 #include <QPushButton>
-#include <QStyle>
+#include <QShortcut>
+#include <QThread>
+#include <QSlider>
+#include <QSvgRenderer>
 
 namespace {
 const QString NONE_LOADED = QStringLiteral("None loaded");
@@ -30,15 +43,37 @@ const QString VIEW_SWITCHER_TEXT = QStringLiteral(
     "<style type='text/css'>a { text-decoration: none; }a:link { color: #b4b4aa; }a:hover { "
     "color: #c4c4ba; }</style><a href='grapes'>Grapes</a> | <a href='circles'>Flowers</a>");
 const QPoint VIEW_SWITCHER_POS(108, 124);
+
+constexpr int MACRO_COUNT = 8;
+// Negative defaults mark macros that the patch leaves alone.
+constexpr float NO_DEFAULT_BELOW = -0.5f;
+
+const QString STEPS_CAPTION = QStringLiteral("Shifted prime steps: ");
+// Between the two frequencies of the readout.
+const QString READOUT_GAP(8, QLatin1Char(' '));
+
+constexpr int LOGO_HEIGHT = 64;
+
+// An icon of the desktop's theme, or the one shipped in the resource folder's
+// "icons" when the theme has none (or there is no theme, as on a bare X
+// server).
+QIcon themeIcon(const QString& name)
+{
+    return QIcon::fromTheme(
+        name, QIcon(AppContext::resourceDir() + QStringLiteral("/icons/%1.svg").arg(name)));
+}
 } // namespace
 
 MainWindow::MainWindow(Arbo* lattice, QWidget* parent)
-    : QMainWindow(parent), mUi(std::make_unique<Ui::MainWindow>()), mLattice(lattice)
+    : QMainWindow(parent), mUi(std::make_unique<Ui::MainWindow>()), mLattice(lattice),
+      mStopAllEvent(ArboEvent::AllNotesOff, 1.0f)
 {
     mUi->setupUi(this);
+    // First, so that it collects the messages of everything that follows.
+    mDiagnosticsDialog = new DiagnosticsDialog(this);
     setWindowTitle(QString::fromLatin1(AppContext::APP_NAME));
-    mUi->patchDecButton->setIcon(style()->standardIcon(QStyle::SP_ArrowLeft));
-    mUi->patchIncButton->setIcon(style()->standardIcon(QStyle::SP_ArrowRight));
+    setIcons();
+    mUi->transposeWidget->init(Qt::Vertical);
 
     Settings* settings = AppContext::settings();
     mUi->circleLayer->init(ArboLeavesWidget::Circles, lattice);
@@ -60,10 +95,31 @@ MainWindow::MainWindow(Arbo* lattice, QWidget* parent)
     // not restored.
     settings->mAbsRelView = 0;
 
+    // Presets are not offered yet; the row is kept for when they are.
+    mUi->presetDecButton->hide();
+    mUi->presetIncButton->hide();
+    mUi->presetMenu->hide();
+    mUi->savePresetButton->hide();
+
+    for (int n = 1; n <= MACRO_COUNT; ++n) {
+        connect(macroSlider(n), &QSlider::valueChanged, this,
+                &MainWindow::onMacroSliderValueChanged);
+    }
+
     connect(mViewSwitcher, &QLabel::linkActivated, this, &MainWindow::onSwitcherClicked);
     connect(mAbsRelSwitcher, &QLabel::linkActivated, this, &MainWindow::onAbsRelSwitcherClicked);
     connect(lattice, &Arbo::transposeOrBaseFrequencyChanged, this, &MainWindow::onTransposeChanged);
     PdPlayer* player = AppContext::player();
+    connect(player, &PdPlayer::volumeChanged, this, &MainWindow::onVolumeChanged,
+            Qt::QueuedConnection);
+    connect(player, &PdPlayer::monophonicChanged, this, &MainWindow::onMonophonicChanged,
+            Qt::QueuedConnection);
+    connect(player, &PdPlayer::macroValueChanged, this, &MainWindow::onMacroValueChanged,
+            Qt::QueuedConnection);
+    connect(player, &PdPlayer::macroNamesReceived, this, &MainWindow::onMacroNamesReceived,
+            Qt::QueuedConnection);
+    connect(player, &PdPlayer::macroDefaultsReceived, this, &MainWindow::onMacroDefaultsReceived,
+            Qt::QueuedConnection);
     connect(player, &PdPlayer::patchDecRequested, this, &MainWindow::onPatchDecRequested,
             Qt::QueuedConnection);
     connect(player, &PdPlayer::patchIncRequested, this, &MainWindow::onPatchIncRequested,
@@ -72,9 +128,45 @@ MainWindow::MainWindow(Arbo* lattice, QWidget* parent)
     initPatchMenu();
     loadDefaultPatch();
     onTransposeChanged();
+
+    // The tweak dialog edits the lattice's layout constants; Ctrl+T shows
+    // and hides it. (The options dialog is made fresh each time it opens.)
+    mTweakDialog = new TweakDialog(this);
+    mTweakDialog->addLayoutConstants();
+    connect(mTweakDialog, &TweakDialog::updateRequested, this, &MainWindow::updateTweaks);
+    auto* tweakShortcut = new QShortcut(QKeySequence(QStringLiteral("Ctrl+T")), this);
+    connect(tweakShortcut, &QShortcut::activated, this,
+            [this] { mTweakDialog->setVisible(!mTweakDialog->isVisible()); });
+
+    applicationUpdateCheck();
 }
 
 MainWindow::~MainWindow() = default;
+
+void MainWindow::setIcons()
+{
+    mUi->patchDecButton->setIcon(themeIcon(QStringLiteral("go-previous")));
+    mUi->patchIncButton->setIcon(themeIcon(QStringLiteral("go-next")));
+    mUi->optionsButton->setIcon(themeIcon(QStringLiteral("preferences-system")));
+
+    // Drawn at the screen's pixel density, so the logo stays sharp on a
+    // high-density screen.
+    QSvgRenderer logo(AppContext::resourceDir() + QStringLiteral("/logo.svg"));
+    if (logo.isValid()) {
+        const qreal ratio = devicePixelRatioF();
+        const QSize size =
+            logo.defaultSize().scaled(QSize(4 * LOGO_HEIGHT, LOGO_HEIGHT), Qt::KeepAspectRatio);
+        QPixmap pixmap(size * ratio);
+        pixmap.fill(Qt::transparent);
+        QPainter painter(&pixmap);
+        logo.render(&painter);
+        painter.end();
+        pixmap.setDevicePixelRatio(ratio);
+        mUi->logoLabel->setPixmap(pixmap);
+    } else {
+        qWarning() << "Logo not found in" << AppContext::resourceDir();
+    }
+}
 
 ArboView* MainWindow::arboView() const
 {
@@ -112,8 +204,222 @@ void MainWindow::onAbsRelSwitcherClicked(const QString& link)
 
 void MainWindow::onTransposeChanged()
 {
+    updateReadout();
     arboView()->updateArboBalls();
 }
+
+void MainWindow::updateReadout()
+{
+    const double base = mLattice->baseFrequency();
+    const double central = mLattice->transposition().toDouble() * base;
+
+    QString steps;
+    for (int step : mLattice->transposeSteps()) {
+        steps += QLatin1Char('/') + QString::number(step);
+    }
+    if (steps.isEmpty()) {
+        steps = QStringLiteral("/");
+    }
+    const QFontMetrics metrics = mUi->infoLabel1->fontMetrics();
+    const int room = mUi->infoLabel1->width() - metrics.horizontalAdvance(STEPS_CAPTION);
+    mUi->infoLabel1->setText(QStringLiteral("%1%2").arg(
+        STEPS_CAPTION, metrics.elidedText(steps, Qt::ElideMiddle, room)));
+
+    if (central != base) {
+        mUi->infoLabel2->setText(
+            QStringLiteral("Frequency of central node: %1 Hz").arg(central, 0, 'f', 3) +
+            READOUT_GAP + QStringLiteral("1/1 Frequency: %1 Hz").arg(base, 0, 'f', 3));
+    } else {
+        mUi->infoLabel2->setText(
+            QStringLiteral("Frequency of central node [= 1/1 Frequency]: %1 Hz")
+                .arg(base, 0, 'f', 3));
+    }
+}
+
+void MainWindow::resizeEvent(QResizeEvent* event)
+{
+    QMainWindow::resizeEvent(event);
+    // The steps are elided to the label's width: a wider window shows more
+    // of them. Only the readout is redone; the balls need nothing.
+    updateReadout();
+}
+
+void MainWindow::paintEvent(QPaintEvent* event)
+{
+    QMainWindow::paintEvent(event);
+    if (!mFirstPaintLogged) {
+        // Start-up time is measured from the program's start to this line.
+        mFirstPaintLogged = true;
+        qInfo() << "Main window painted";
+    }
+}
+
+void MainWindow::keyPressEvent(QKeyEvent* event)
+{
+    if (event->key() == Qt::Key_9) {
+        // Ctrl+9 is the diagnostics dialog; a plain 9 is swallowed, so that
+        // a stray press while aiming for Ctrl+9 does nothing anywhere.
+        if (event->modifiers() & Qt::ControlModifier) {
+            toggleDiagnostics();
+        }
+        event->accept();
+        return;
+    }
+    QMainWindow::keyPressEvent(event);
+}
+
+void MainWindow::toggleDiagnostics()
+{
+    mDiagnosticsDialog->setVisible(!mDiagnosticsDialog->isVisible());
+}
+
+void MainWindow::applicationUpdateCheck()
+{
+    Settings* settings = AppContext::settings();
+    UpdateDialog::checkAtStartup(this, settings->mUpdateCheckInterval,
+                                 settings->mTSysLastUpdateCheck);
+}
+
+void MainWindow::updateTweaks()
+{
+    queue(ArboEvent::AllNotesOff, 1.0f);
+    QThread::msleep(100);
+    QCoreApplication::processEvents();
+    StyleSheetLoader::load();
+    mLattice->load();
+    ArboLeavesWidget::clearPositionTables();
+    // Both drawings, not only the one shown: reloading the lattice replaced
+    // the nodes that the hidden one still points at.
+    mUi->circleLayer->view()->buildScene(ArboLeavesWidget::Circles);
+    mUi->grapeLayer->view()->buildScene(ArboLeavesWidget::Grapes);
+}
+
+OptionsDialog* MainWindow::optionsDialog() const
+{
+    return mOptionsDialog;
+}
+
+void MainWindow::on_optionsButton_clicked()
+{
+    OptionsDialog::toggle(mOptionsDialog, this, mOptionsDialogPosition);
+}
+
+QSlider* MainWindow::macroSlider(int number) const
+{
+    return findChild<QSlider*>(QStringLiteral("macroSlider%1").arg(number));
+}
+
+QLabel* MainWindow::macroLabel(int number) const
+{
+    return findChild<QLabel*>(QStringLiteral("macroLabel%1").arg(number));
+}
+
+float MainWindow::normalised(const QSlider* slider, float value)
+{
+    return (value - float(slider->minimum())) / float(slider->maximum() - slider->minimum());
+}
+
+int MainWindow::sliderPosition(const QSlider* slider, float value)
+{
+    return qRound(value * float(slider->maximum() - slider->minimum()) + float(slider->minimum()));
+}
+
+void MainWindow::queue(ArboEvent::Type type, float value)
+{
+    const ArboEvent event(type, value);
+    AppContext::player()->queueEventGui(&event);
+}
+
+void MainWindow::setMacro(int index, float value)
+{
+    // All sliders share the first one's range.
+    queue(static_cast<ArboEvent::Type>(ArboEvent::Macro1 + index),
+          normalised(mUi->macroSlider1, value));
+}
+
+void MainWindow::onMacroSliderValueChanged(int value)
+{
+    const QString name = sender()->objectName();
+    const int index = name.at(name.size() - 1).digitValue() - 1;
+    setMacro(index, float(value));
+}
+
+void MainWindow::onMacroValueChanged(int macro, float value)
+{
+    // The player reports macro n for its command Macro<n>, counting from 1
+    // like the slider names: "macroSlider<n>" is the slider that sent it (or
+    // the one a wand's macro n belongs to).
+    QSlider* slider = macroSlider(macro);
+    if (!slider) {
+        return;
+    }
+    const QSignalBlocker blocker(slider);
+    slider->setValue(sliderPosition(slider, value));
+}
+
+void MainWindow::onMacroNamesReceived(const QStringList& names)
+{
+    for (int n = 1; n <= MACRO_COUNT; ++n) {
+        QLabel* label = macroLabel(n);
+        const bool used = n <= names.size();
+        if (used) {
+            const QString& name = names.at(n - 1);
+            label->setText(name.left(1).toUpper() + name.mid(1).toLower());
+        } else {
+            label->setText(QStringLiteral("Unused"));
+        }
+        label->setEnabled(used);
+        macroSlider(n)->setEnabled(used);
+    }
+}
+
+void MainWindow::onMacroDefaultsReceived(const QList<float>& values)
+{
+    for (int i = 0; i < values.size() && i < MACRO_COUNT; ++i) {
+        if (values.at(i) > NO_DEFAULT_BELOW) {
+            queue(static_cast<ArboEvent::Type>(ArboEvent::Macro1 + i), values.at(i));
+        }
+    }
+}
+
+void MainWindow::on_volumeSlider_valueChanged(int value)
+{
+    queue(ArboEvent::MasterVolume, normalised(mUi->volumeSlider, float(value)));
+}
+
+void MainWindow::onVolumeChanged(float volume)
+{
+    const QSignalBlocker blocker(mUi->volumeSlider);
+    mUi->volumeSlider->setValue(sliderPosition(mUi->volumeSlider, volume));
+}
+
+void MainWindow::on_monoButton_clicked()
+{
+    queue(ArboEvent::Monophonic, mUi->monoButton->isChecked() ? 1.0f : 0.0f);
+}
+
+void MainWindow::on_polyButton_clicked()
+{
+    queue(ArboEvent::Monophonic, mUi->polyButton->isChecked() ? 0.0f : 1.0f);
+}
+
+void MainWindow::onMonophonicChanged(bool monophonic)
+{
+    if (monophonic) {
+        mUi->monoButton->setChecked(true);
+    } else {
+        mUi->polyButton->setChecked(true);
+    }
+}
+
+void MainWindow::on_stopAllButton_clicked()
+{
+    AppContext::player()->queueEventGui(&mStopAllEvent);
+}
+
+void MainWindow::on_presetDecButton_clicked() {}
+
+void MainWindow::on_presetIncButton_clicked() {}
 
 void MainWindow::initPatchMenu()
 {
@@ -185,6 +491,12 @@ void MainWindow::loadPatch(const QString& path)
             setNoPatchLoaded(true);
         }
         return;
+    }
+    // The new patch starts from what the window shows, not from its own
+    // idea of the volume and macros.
+    on_volumeSlider_valueChanged(mUi->volumeSlider->value());
+    for (int i = 0; i < MACRO_COUNT; ++i) {
+        setMacro(i, float(macroSlider(i + 1)->value()));
     }
     setNoPatchLoaded(false);
     addPatchToMenu(absolute);

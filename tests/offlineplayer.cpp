@@ -1,0 +1,48 @@
+#include "offlineplayer.h"
+
+#include "model/arbo.h"
+#include "settings/appcontext.h"
+#include "settings/settings.h"
+#include "sound/patchloader.h"
+#include "sound/pdplayer.h"
+#include "testsupport.h"
+
+#include <QDir>
+
+#include <z_libpd.h>
+
+#include <algorithm>
+#include <cmath>
+
+namespace OfflinePlayer {
+
+std::vector<float> render(PdPlayer& player, double seconds)
+{
+    constexpr int TICK = 64; // libpd's block size
+    const int buffers = std::max(1, int(std::ceil(seconds / BUFFER_SECONDS)));
+    std::vector<float> left;
+    left.reserve(size_t(buffers) * BUFFER_FRAMES);
+    std::vector<float> stereo(BUFFER_FRAMES * 2, 0.0f);
+    for (int b = 0; b < buffers; ++b) {
+        player.processEvents();
+        libpd_process_float(BUFFER_FRAMES / TICK, nullptr, stereo.data());
+        for (int i = 0; i < BUFFER_FRAMES; ++i) {
+            left.push_back(stereo[size_t(2 * i)]);
+        }
+    }
+    return left;
+}
+
+void setUp(PdPlayer& player, Arbo& lattice, Settings& settings)
+{
+    QVERIFY(QDir().mkpath(TestSupport::configDir()));
+    AppContext::setSettings(&settings);
+    AppContext::setPlayer(&player);
+    AppContext::setLattice(&lattice);
+    QVERIFY(player.init());
+    QCOMPARE(player.initAudio(2, SAMPLE_RATE), 0);
+    QVERIFY(PatchLoader::installShellPatches());
+    QVERIFY(lattice.init(&player));
+}
+
+} // namespace OfflinePlayer

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <vector>
+
+class Arbo;
+class PdPlayer;
+class Settings;
+
+// Runs the player without a sound card: the calling thread plays the audio
+// thread, draining the command buffers and running libpd buffer by buffer as
+// the audio callback does. Results are exact and repeatable.
+namespace OfflinePlayer {
+
+constexpr int SAMPLE_RATE = 44100;
+constexpr int BUFFER_FRAMES = 256;
+constexpr double BUFFER_SECONDS = double(BUFFER_FRAMES) / SAMPLE_RATE;
+
+// Runs `player` for at least `seconds` (whole buffers, one at least) and
+// returns the left channel. The player must have been given
+// initAudio(2, SAMPLE_RATE).
+std::vector<float> render(PdPlayer& player, double seconds);
+
+// The instrument as start-up builds it, minus the sound card: registers the
+// three objects, starts the player for render() with the shell patches in
+// the runtime patch folder, and loads the lattice (following the player).
+// Fails the calling test on any failure: check QTest::currentTestFailed().
+void setUp(PdPlayer& player, Arbo& lattice, Settings& settings);
+
+} // namespace OfflinePlayer

@@ -1,0 +1,332 @@
+// The options dialog with real widgets, the real player (driven offline: the
+// test thread drains its commands, as the audio callback would) and the real
+// audio output on a private JACK dummy server, with one more device of the
+// tests' own that can be made to fail.
+
+#include "jackfixture.h"
+#include "settings/appcontext.h"
+#include "settings/settings.h"
+#include "sound/paaudiooutput.h"
+#include "sound/pdplayer.h"
+#include "testsupport.h"
+#include "ui/optionsdialog.h"
+
+#include <QComboBox>
+#include <QDateTime>
+#include <QDialogButtonBox>
+#include <QDir>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QSpinBox>
+#include <QTabWidget>
+#include <QTemporaryDir>
+
+#include <cmath>
+#include <memory>
+
+class TestOptionsDialog : public QObject
+{
+    Q_OBJECT
+
+    Settings mSettings;
+    PdPlayer mPlayer;
+    JackFixture mJack;
+    // ALSA takes its configuration path apart at blanks: none in this one.
+    QTemporaryDir mAlsaDir{QDir::tempPath() + QStringLiteral("/arbo-alsa-XXXXXX")};
+
+    QComboBox* noteBox(OptionsDialog& dialog)
+    {
+        return dialog.findChild<QComboBox*>(QStringLiteral("oneOneNoteBox"));
+    }
+    QSpinBox* calibration(OptionsDialog& dialog)
+    {
+        return dialog.findChild<QSpinBox*>(QStringLiteral("calibrationFreqEdit"));
+    }
+    // What the audio thread would do next: carry out the queued commands.
+    void drainPlayer() { mPlayer.processEvents(); }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY2(JackFixture::missingTools().isEmpty(), qPrintable(JackFixture::missingTools()));
+        AppContext::setSettings(&mSettings);
+        AppContext::setPlayer(&mPlayer);
+        QVERIFY(mPlayer.init());
+    }
+
+    void cleanupTestCase()
+    {
+        AppContext::setPlayer(nullptr);
+        AppContext::setSettings(nullptr);
+    }
+
+    void init()
+    {
+        mSettings.mCalibrationFrequency = 440;
+        mSettings.mBaseNote = QStringLiteral("A 4");
+        mSettings.mBaseFrequency = 440.0f;
+    }
+
+    // The choice runs "A 0" to "A 8" by semitone, each black key with its
+    // sharp and then its flat name at one frequency; A4 is 440 Hz.
+    void noteChoiceHasEveryPianoKeyWithBothSpellings()
+    {
+        const QStringList& names = OptionsDialog::noteNames();
+        const QList<float>& hz = OptionsDialog::noteFrequencies();
+        QCOMPARE(names.size(), 137);
+        QCOMPARE(hz.size(), 137);
+        QCOMPARE(names.mid(0, 6), (QStringList{"A 0", "A# 0", "Bb 0", "B 0", "C 1", "C# 1"}));
+        QCOMPARE(names.mid(names.size() - 4), (QStringList{"G 8", "G# 8", "Ab 8", "A 8"}));
+        const int c4 = names.indexOf("C 4");
+        QCOMPARE(names.mid(c4, 18),
+                 (QStringList{"C 4", "C# 4", "Db 4", "D 4", "D# 4", "Eb 4", "E 4", "F 4", "F# 4",
+                              "Gb 4", "G 4", "G# 4", "Ab 4", "A 4", "A# 4", "Bb 4", "B 4", "C 5"}));
+        QCOMPARE(hz.at(names.indexOf("A 0")), 27.5f);
+        QCOMPARE(hz.at(names.indexOf("A 4")), 440.0f);
+        QCOMPARE(hz.at(names.indexOf("A 8")), 7040.0f);
+        // Sharp and flat of one key sound alike; otherwise every name is a
+        // semitone above the one before.
+        int pitches = 1;
+        for (int i = 1; i < names.size(); ++i) {
+            const double cents = 1200.0 * std::log2(double(hz.at(i)) / double(hz.at(i - 1)));
+            const bool sameKey = names.at(i).at(1) == 'b';
+            QVERIFY2(std::abs(cents - (sameKey ? 0.0 : 100.0)) < 0.001, qPrintable(names.at(i)));
+            pitches += sameKey ? 0 : 1;
+        }
+        QCOMPARE(pitches, 97);
+        QVERIFY(std::abs(OptionsDialog::baseFrequencyFor(440, "C 4") - 261.63f) < 0.005f);
+        // An unknown note counts as the first.
+        QCOMPARE(OptionsDialog::baseFrequencyFor(440, "H 4"), 27.5f);
+    }
+
+    // The 1/1 note and the calibration set the base frequency, in the
+    // options and, through the command buffer, in the player. Building or
+    // rebuilding the pages sends nothing.
+    void noteAndCalibrationSetTheBaseFrequency()
+    {
+        OptionsDialog dialog;
+        QSignalSpy changed(&mPlayer, &PdPlayer::baseFrequencyChanged);
+        dialog.updateAll();
+        drainPlayer();
+        QCOMPARE(changed.count(), 0);
+        QCOMPARE(noteBox(dialog)->currentText(), QStringLiteral("A 4"));
+        QCOMPARE(calibration(dialog)->value(), 440);
+
+        noteBox(dialog)->setCurrentIndex(noteBox(dialog)->findText("A# 2"));
+        drainPlayer();
+        const float sharp = mPlayer.baseFrequency();
+        noteBox(dialog)->setCurrentIndex(noteBox(dialog)->findText("Bb 2"));
+        drainPlayer();
+        QCOMPARE(changed.count(), 2);
+        QCOMPARE(mPlayer.baseFrequency(), sharp);
+        QVERIFY(std::abs(sharp - 116.5409f) < 0.001f);
+        QCOMPARE(mSettings.mBaseNote, QStringLiteral("Bb 2"));
+        QCOMPARE(mSettings.mBaseFrequency, sharp);
+
+        // Calibration 432 with "A 4": exactly 432 Hz reaches the player.
+        noteBox(dialog)->setCurrentIndex(noteBox(dialog)->findText("A 4"));
+        calibration(dialog)->setValue(432);
+        drainPlayer();
+        QCOMPARE(mPlayer.baseFrequency(), 432.0f);
+        QCOMPARE(changed.last().at(0).toFloat(), 432.0f);
+        QCOMPARE(mSettings.mCalibrationFrequency, 432);
+        QCOMPARE(mSettings.mBaseFrequency, 432.0f);
+
+        // A frequency given directly goes to the player only.
+        dialog.onOneOneFreqEditValueChanged(300.5);
+        drainPlayer();
+        QCOMPARE(mPlayer.baseFrequency(), 300.5f);
+        QCOMPARE(mSettings.mBaseFrequency, 432.0f);
+    }
+
+    // Stepping, typing and setting all stop at 349 and 499 Hz.
+    void calibrationStopsAt349And499()
+    {
+        mSettings.mCalibrationFrequency = 350;
+        OptionsDialog dialog;
+        dialog.show();
+        QSpinBox* box = calibration(dialog);
+        box->setFocus();
+        QTest::keyClick(box, Qt::Key_Down);
+        QTest::keyClick(box, Qt::Key_Down);
+        QTest::keyClick(box, Qt::Key_Down);
+        QCOMPARE(box->value(), 349);
+        QTest::keyClick(box, Qt::Key_End);
+        QTest::keyClick(box, Qt::Key_PageUp); // ten steps
+        for (int i = 0; i < 20; ++i) {
+            QTest::keyClick(box, Qt::Key_PageUp);
+        }
+        QCOMPARE(box->value(), 499);
+        box->selectAll();
+        QTest::keyClicks(box, "1000");
+        QTest::keyClick(box, Qt::Key_Enter);
+        QVERIFY(box->value() >= 349 && box->value() <= 499);
+        box->setValue(100);
+        QCOMPARE(box->value(), 349);
+        QVERIFY(mSettings.mCalibrationFrequency >= 349 && mSettings.mCalibrationFrequency <= 499);
+    }
+
+    // The update tab: the interval is stored; "Search for updates now ..."
+    // without a feed says so and records the time of the check.
+    void updateTabStoresIntervalAndCheckTime()
+    {
+        qputenv("ARBO_UPDATE_FEED_URL", "");
+        mSettings.mUpdateCheckInterval = 2;
+        mSettings.mTSysLastUpdateCheck.clear();
+        OptionsDialog dialog;
+        auto* interval = dialog.findChild<QComboBox*>(QStringLiteral("updateIntervalBox"));
+        QVERIFY(interval);
+        QCOMPARE(interval->count(), 5);
+        QCOMPARE(interval->itemText(0), QStringLiteral("always"));
+        QCOMPARE(interval->itemText(4), QStringLiteral("never"));
+        QCOMPARE(interval->currentIndex(), 2);
+        dialog.show();
+        dialog.selectTab(1);
+        interval->setFocus();
+        QTest::keyClick(interval, Qt::Key_Down); // activates the next entry
+        QCOMPARE(mSettings.mUpdateCheckInterval, 3);
+
+        auto* button = dialog.findChild<QPushButton*>(QStringLiteral("updateCheckButton"));
+        QVERIFY(button);
+        QCOMPARE(button->text(), QStringLiteral("Search for updates now ..."));
+        const QDateTime before = QDateTime::currentDateTime().addSecs(-1);
+        button->click();
+        // The update checker's boxes are not modal: look among the windows.
+        QMessageBox* box = nullptr;
+        const QWidgetList windows = QApplication::topLevelWidgets();
+        for (QWidget* window : windows) {
+            if (auto* candidate = qobject_cast<QMessageBox*>(window)) {
+                box = candidate->isVisible() ? candidate : box;
+            }
+        }
+        QVERIFY(box);
+        QVERIFY2(box->text().contains("no update feed"), qPrintable(box->text()));
+        box->close();
+        const QDateTime recorded =
+            QDateTime::fromString(mSettings.mTSysLastUpdateCheck, Qt::TextDate);
+        QVERIFY2(recorded.isValid() && recorded >= before,
+                 qPrintable(mSettings.mTSysLastUpdateCheck));
+        qunsetenv("ARBO_UPDATE_FEED_URL");
+    }
+
+    // The tabs, the Close box and the About page from the resource, with the
+    // version filled in.
+    void pagesAndAboutText()
+    {
+        OptionsDialog dialog;
+        auto* tabs = dialog.findChild<QTabWidget*>(QStringLiteral("tabWidget"));
+        QCOMPARE(tabs->count(), 3);
+        QCOMPARE(tabs->tabText(0), QStringLiteral("Options"));
+        QCOMPARE(tabs->tabText(1), QStringLiteral("Update"));
+        QCOMPARE(tabs->tabText(2), QStringLiteral("About"));
+        auto* box = dialog.findChild<QDialogButtonBox*>();
+        QCOMPARE(box->standardButtons(), QDialogButtonBox::Close);
+        QVERIFY(dialog.minimumWidth() >= 450 && dialog.minimumHeight() >= 260);
+
+        auto* about = dialog.findChild<QLabel*>(QStringLiteral("aboutLabel"));
+        const QString text = about->text();
+        QVERIFY(!text.contains("<version>"));
+        QVERIFY(text.contains("Version 1.5.0"));
+        for (const char* name : {"Qt", "PortAudio", "Pure Data", "libpd", "Boost", "Emmentaler"}) {
+            QVERIFY2(text.contains(QLatin1String(name)), name);
+        }
+        QVERIFY(about->openExternalLinks());
+        auto* version = dialog.findChild<QLabel*>(QStringLiteral("versionLabel"));
+        QCOMPARE(version->text(), QStringLiteral("The current version is: 1.5.0"));
+    }
+
+    // The options button: a toggle whose new dialog comes back where the old
+    // one was closed; the Close button hands the position over too.
+    void toggleComesBackWhereItWasClosed()
+    {
+        QWidget window;
+        window.show();
+        QPointer<OptionsDialog> dialog;
+        QPoint position;
+        OptionsDialog::toggle(dialog, &window, position);
+        QVERIFY(dialog && dialog->isVisible());
+        QPointer<OptionsDialog> first = dialog;
+        dialog->move(140, 90);
+        const QPoint placed = dialog->pos();
+        OptionsDialog::toggle(dialog, &window, position);
+        QVERIFY(!first->isVisible());
+        QCOMPARE(position, placed);
+
+        OptionsDialog::toggle(dialog, &window, position);
+        QVERIFY(first.isNull()); // a fresh dialog each time
+        QVERIFY(dialog && dialog->isVisible());
+        QCOMPARE(dialog->pos(), placed);
+
+        dialog->move(200, 120);
+        const QPoint moved = dialog->pos();
+        QSignalSpy stored(dialog.data(), &OptionsDialog::positionStored);
+        dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Close)->click();
+        QVERIFY(!dialog->isVisible());
+        QCOMPARE(stored.count(), 1);
+        QCOMPARE(position, moved);
+        OptionsDialog::toggle(dialog, &window, position);
+        QCOMPARE(dialog->pos(), moved);
+        delete dialog.data();
+    }
+
+    // A device that fails to open: the message names it, and the device that
+    // played before plays again and is shown in the combo box. The failing
+    // device is an ALSA device of the test's own: a null device while
+    // PortAudio lists it, then gone, as an interface unplugged (ALSA reads
+    // its changed configuration again at the next open).
+    void failingDeviceGivesWayToThePlayingOne()
+    {
+        QVERIFY2(mJack.start(44100, 256), qPrintable(mJack.error()));
+        mJack.applyToThisProcess();
+        const QString config = mAlsaDir.filePath("asound.conf");
+        // (PortAudio 19.6 wants one device that cannot open, see JackFixture.)
+        const QByteArray none = "pcm.arbo_test_none {\n    type hw\n    card 99\n}\n";
+        QVERIFY(
+            TestSupport::writeFile(config, none + "pcm.arbo_test_device {\n    type null\n}\n"));
+        qputenv("ALSA_CONFIG_PATH", QFile::encodeName(config));
+
+        PaAudioOutput output;
+        AppContext::setAudioOutput(&output);
+        QVERIFY(output.init(256, -1, &mPlayer));
+        const QStringList devices = output.devices();
+        const int jack = devices.indexOf("JACK Audio Connection Kit: system");
+        const int broken = devices.indexOf("ALSA: arbo_test_device");
+        QVERIFY2(jack >= 0 && broken >= 0, qPrintable(devices.join(", ")));
+        // ALSA's device comes first and is the default: play on JACK's.
+        QVERIFY(output.selectDevice(jack));
+        QCOMPARE(output.selectedDevice(), jack);
+
+        OptionsDialog dialog;
+        dialog.show();
+        auto* box = dialog.findChild<QComboBox*>(QStringLiteral("audioDeviceBox"));
+        QCOMPARE(box->count(), devices.size());
+        QCOMPARE(box->currentIndex(), jack);
+
+        QVERIFY(TestSupport::writeFile(
+            config, none + "pcm.arbo_test_device {\n    type hw\n    card 98\n}\n"));
+        QFile file(config); // a new modification time, whatever the clock's resolution
+        QVERIFY(file.open(QIODevice::ReadWrite) &&
+                file.setFileTime(QDateTime::currentDateTime().addSecs(10),
+                                 QFileDevice::FileModificationTime));
+        file.close();
+        TestSupport::MessageBoxAnswerer answerer;
+        box->setCurrentIndex(broken);
+        emit box->activated(broken); // as a choice of the user's
+        QCOMPARE(answerer.answeredBoxes(),
+                 QStringList{QStringLiteral("Merrow Tuning Arbo | Failed to open audio device "
+                                            "ALSA: arbo_test_device.")});
+        QCOMPARE(box->currentIndex(), jack);
+        QCOMPARE(output.selectedDevice(), jack);
+        QVERIFY(output.isStreamRunning());
+
+        output.term();
+        AppContext::setAudioOutput(nullptr);
+        mJack.stop();
+    }
+};
+
+ARBO_TEST_MAIN(TestOptionsDialog)
+
+#include "tst_optionsdialog.moc"
