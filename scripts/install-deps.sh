@@ -9,6 +9,7 @@ cmake g++ make pkg-config dpkg-dev
 libbenchmark-dev
 xvfb xauth jackd2 jack-capture sox
 imagemagick xdotool
+lilypond-fonts python3-fonttools
 openssl
 locales
 "

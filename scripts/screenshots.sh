@@ -1,6 +1,8 @@
 #!/bin/sh
-# Photographs the real program with a few notes sounding, once in each lattice
-# drawing, for the README: docs/lattice-flowers.png and docs/lattice-grapes.png.
+# Photographs the real program, transposed up a fifth, with a chord sounding
+# (1/1, 5/4, 3/2, 7/4 and 9/8 of the new root, each with its note card), once
+# in each lattice drawing, for the README: docs/lattice-flowers.png and
+# docs/lattice-grapes.png, and the cards enlarged in docs/note-cards.png.
 #
 #   scripts/screenshots.sh [build folder]      (default: build)
 #
@@ -26,9 +28,9 @@ done
 start_stage
 
 port=$((30000 + $$ % 20000))
-# A step up along 3, then the root, two trunk notes and three leaves of
-# different primes.
-tags="0000000007 0000000001 0000000002 0000000003 0000000004 0000000005 0000000006"
+# A step up along 3, then the chord: the root, its fifth and the fifth's
+# fifth an octave down (trunk notes), its third and seventh (leaves).
+tags="0000000007 0000000001 0000000002 0000000003 0000000004 0000000005"
 
 shoot() { # style circlesView
     home="$work/$1"
@@ -46,11 +48,10 @@ JSON
     cat >"$config/rfid_map.json" <<JSON
 {
     "0000000001": { "event": 0, "value": "/" },
-    "0000000002": { "event": 0, "value": "/3" },
-    "0000000003": { "event": 0, "value": "/2/-3" },
-    "0000000004": { "event": 0, "value": "/3/5" },
-    "0000000005": { "event": 0, "value": "/-2/3/-7" },
-    "0000000006": { "event": 0, "value": "/2/3/11" },
+    "0000000002": { "event": 0, "value": "/5" },
+    "0000000003": { "event": 0, "value": "/3" },
+    "0000000004": { "event": 0, "value": "/7" },
+    "0000000005": { "event": 0, "value": "/-2/3/3" },
     "0000000007": { "event": 2, "value": 3 }
 }
 JSON
@@ -75,3 +76,9 @@ JSON
 mkdir -p "$out"
 shoot flowers true
 shoot grapes false
+# The chord's balls, their connector lines and the cards, twice the size, so
+# that the notation can be read: the cards lie at the window's right edge, the
+# chord near the middle of its 820 pixels' height.
+convert "$out/lattice-grapes.png" -gravity NorthEast -crop 720x200+0+290 +repage \
+    -filter Lanczos -resize 200% "$out/note-cards.png"
+echo "wrote $out/note-cards.png"

@@ -35,6 +35,15 @@ void ArboView::buildScene(ArboLeavesWidget::View view)
     mArboWidget->setPos(0.0, 0.0);
     mScene->setSceneRect(mArboWidget->sceneBoundingRect());
     fitInView(sceneRect(), Qt::KeepAspectRatio);
+    // The old balls took their cards with them; the notes that still sound
+    // get theirs back, joined to the new balls.
+    if (mCardStack) {
+        for (const ArboBallWidget* ball : mArboWidget->balls()) {
+            if (ball->node()->isPlaying() && ball->node()->isEnabled()) {
+                mCardStack->showCardForBall(ball);
+            }
+        }
+    }
 }
 
 void ArboView::updateArboBalls()

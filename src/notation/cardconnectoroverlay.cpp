@@ -1,6 +1,22 @@
 #include "notation/cardconnectoroverlay.h"
 
+#include "display/arboballwidget.h"
 #include "display/arboview.h"
+#include "notation/cardwidget.h"
+
+#include <QPainter>
+
+namespace {
+
+// Faint enough not to compete with the struts, light enough to show on the
+// dark stage.
+const QColor CONNECTOR_COLOR(235, 230, 215, 150);
+// A cosmetic hairline: the raster engine draws those directly, where a
+// wider pen goes through the general stroker, which costs a frame's worth
+// of time for a few dozen lines across the whole window.
+constexpr qreal CONNECTOR_WIDTH = 1.0;
+
+} // namespace
 
 CardConnectorOverlay::CardConnectorOverlay(QWidget* parent) : QWidget(parent)
 {
@@ -14,6 +30,54 @@ void CardConnectorOverlay::init(const ArboView* view)
     connect(view, &ArboView::resized, this, QOverload<>::of(&QWidget::update));
 }
 
-void CardConnectorOverlay::addConnector(const ArboBallWidget*, CardWidget*) {}
+void CardConnectorOverlay::addConnector(const ArboBallWidget* ball, const CardWidget* card)
+{
+    mConnectors.insert(ball, card);
+    update();
+}
 
-void CardConnectorOverlay::removeConnector(const ArboBallWidget*) {}
+void CardConnectorOverlay::removeConnector(const ArboBallWidget* ball)
+{
+    if (mConnectors.remove(ball) > 0) {
+        update();
+    }
+}
+
+QLineF CardConnectorOverlay::connectorLine(const ArboBallWidget* ball) const
+{
+    const CardWidget* card = mConnectors.value(ball);
+    if (!card || !mView) {
+        return QLineF();
+    }
+    // Both ends through the window that holds the overlay, the view and the
+    // cards: plain widget arithmetic, the same on every platform.
+    const QWidget* top = window();
+    const QPoint inViewport = mView->mapFromScene(ball->scenePos());
+    const QPointF centre = mapFrom(top, mView->viewport()->mapTo(top, inViewport));
+    const QPointF end = mapFrom(top, card->mapTo(top, QPoint(0, card->height() / 2)));
+    const QLineF whole(centre, end);
+    // The ball's radius in pixels: the view scales the scene uniformly.
+    const qreal radius = ball->playingRadius() * mView->transform().m11();
+    if (whole.length() <= radius) {
+        return QLineF();
+    }
+    return QLineF(whole.pointAt(radius / whole.length()), end);
+}
+
+void CardConnectorOverlay::paintEvent(QPaintEvent*)
+{
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    QPen pen(CONNECTOR_COLOR, CONNECTOR_WIDTH, Qt::SolidLine, Qt::RoundCap);
+    pen.setCosmetic(true);
+    painter.setPen(pen);
+    for (auto it = mConnectors.constBegin(); it != mConnectors.constEnd(); ++it) {
+        if (it.value()->isHidden()) {
+            continue;
+        }
+        const QLineF line = connectorLine(it.key());
+        if (!line.isNull()) {
+            painter.drawLine(line);
+        }
+    }
+}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QHash>
 #include <QWidget>
 
 class ArboBallWidget;
@@ -9,9 +10,6 @@ class CardWidget;
 // A transparent layer over the whole lattice layer that draws a line from
 // each sounding ball to its note card. It never takes the mouse: clicks fall
 // through to the lattice beneath.
-//
-// For now it is the connection point the lattice layer sets up; it draws no
-// lines yet.
 //
 // GUI thread only.
 class CardConnectorOverlay : public QWidget
@@ -23,9 +21,19 @@ public:
     // Repaints whenever the view is resized, as the balls move with it.
     void init(const ArboView* view);
 
-    void addConnector(const ArboBallWidget* ball, CardWidget* card);
+    void addConnector(const ArboBallWidget* ball, const CardWidget* card);
     void removeConnector(const ArboBallWidget* ball);
+
+    // The line drawn for `ball`, in the overlay's coordinates: from the rim
+    // of the playing ball to the middle of the card's left edge. Null when
+    // the ball has no card or the card lies over the ball.
+    QLineF connectorLine(const ArboBallWidget* ball) const;
+    int connectorCount() const { return mConnectors.size(); }
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
 
 private:
     const ArboView* mView = nullptr;
+    QHash<const ArboBallWidget*, const CardWidget*> mConnectors;
 };

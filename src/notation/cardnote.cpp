@@ -4,6 +4,7 @@
 #include "model/arboball.h"
 #include "model/arboratio.h"
 #include "settings/appcontext.h"
+#include "settings/debuglog.h"
 #include "settings/settings.h"
 
 #include <QDebug>
@@ -35,7 +36,7 @@ float CardNote::justFrequency(const ArboBall* node)
         // The lattice refuses transpositions that would overflow any node, so
         // this is not reached; should it be, the frequency is still right to
         // single precision.
-        qDebug() << "CardNote::justFrequency: inexact ratio for" << node->path().toString();
+        ARBO_DEBUG() << "CardNote::justFrequency: inexact ratio for" << node->path().toString();
         return static_cast<float>(ratio.toDouble() * nodeRatio.toDouble() * baseFrequency(lattice));
     }
     // Numerator and denominator each to float, then the quotient times the
@@ -55,7 +56,7 @@ Note CardNote::noteForBall(const ArboBall* node, float justFrequency)
     // Equal to the options' base frequency, so the user's spelling of the base
     // note applies ("Ab 4" rather than G#4).
     Note note(base);
-    qDebug() << "mBaseFreq: " << base << "justFreq: " << justFrequency;
+    ARBO_DEBUG() << "mBaseFreq: " << base << "justFreq: " << justFrequency;
 
     // Every interval is walked, the transposition's first: the spelling
     // depends on the way to the note, not only on where it ends.
@@ -65,13 +66,13 @@ Note CardNote::noteForBall(const ArboBall* node, float justFrequency)
     }
     steps += node->path().toList();
     for (int i = 0; i < steps.size(); ++i) {
-        qDebug() << "i, prime = " << i << steps.at(i);
+        ARBO_DEBUG() << "i, prime = " << i << steps.at(i);
         note.addInterval(steps.at(i));
     }
 
     const Note just(justFrequency);
     const float cents = (just.toSemitonePitch() - note.toSemitonePitch()) * 100.0f;
-    qDebug() << "centsDiff: " << cents;
+    ARBO_DEBUG() << "centsDiff: " << cents;
     note.addCents(cents);
     return note;
 }

@@ -4,6 +4,7 @@
 #include "model/arboratio.h"
 #include "notation/noteinterval.h"
 #include "settings/appcontext.h"
+#include "settings/debuglog.h"
 #include "settings/settings.h"
 
 #include <QDebug>
@@ -82,20 +83,20 @@ Note::Note()
 
 Note::Note(const QString& text, int cents)
 {
-    qDebug() << "Note init 1" << text << cents;
+    ARBO_DEBUG() << "Note init 1" << text << cents;
     storeFromString(text);
     mCents = static_cast<float>(cents);
 }
 
 Note::Note(int semitone, int cents)
 {
-    qDebug() << "Note init 2" << semitone << cents;
+    ARBO_DEBUG() << "Note init 2" << semitone << cents;
     storeFromSemitone(static_cast<float>(semitone + cents / 100), false);
 }
 
 Note::Note(float frequency)
 {
-    qDebug() << "Note init 3" << frequency;
+    ARBO_DEBUG() << "Note init 3" << frequency;
     storeFromFreq(frequency);
 }
 
@@ -110,7 +111,7 @@ void Note::init()
 
 void Note::storeFromString(const QString& text)
 {
-    qDebug() << "storeFromString" << text;
+    ARBO_DEBUG() << "storeFromString" << text;
     QString rest = text;
 
     // The letter comes first, then the octave, then the accidental: "B4b" is
@@ -149,11 +150,11 @@ void Note::storeFromString(const QString& text)
 
 void Note::storeFromSemitone(float semitone, bool useBaseNote)
 {
-    qDebug() << "storeFromSemitone ... semitone, mOctave, mNote, mAccidental, mCents" << semitone
-             << mOctave << mNote << mAccidental << mCents;
+    ARBO_DEBUG() << "storeFromSemitone ... semitone, mOctave, mNote, mAccidental, mCents"
+                 << semitone << mOctave << mNote << mAccidental << mCents;
     if (!std::isfinite(semitone) || std::fabs(semitone) > MAX_SEMITONE) {
         // Keeps the integer conversions below defined; the note stays as it was.
-        qDebug() << "storeFromSemitone: no pitch for semitone" << semitone;
+        ARBO_DEBUG() << "storeFromSemitone: no pitch for semitone" << semitone;
         return;
     }
 
@@ -203,16 +204,17 @@ void Note::storeFromSemitone(float semitone, bool useBaseNote)
                 mAccidental = 1;
             }
         }
-        qDebug() << "Note::storeFromSemitone: Most common spelling overridden" << baseNote;
+        ARBO_DEBUG() << "Note::storeFromSemitone: Most common spelling overridden" << baseNote;
     }
-    qDebug() << "storeFromSemitone ... after logical check: semitone, mOctave, mNote, mAccidental, "
-                "mCents"
-             << s << mOctave << mNote << mAccidental << mCents;
+    ARBO_DEBUG()
+        << "storeFromSemitone ... after logical check: semitone, mOctave, mNote, mAccidental, "
+           "mCents"
+        << s << mOctave << mNote << mAccidental << mCents;
 }
 
 void Note::storeFromFreq(float frequency)
 {
-    qDebug() << "storeFromFreq freq" << frequency;
+    ARBO_DEBUG() << "storeFromFreq freq" << frequency;
     const Settings* settings = AppContext::settings();
     // The calibration frequency is the pitch of A4 (semitone 57). Single
     // precision on purpose: the cents of notes near a quarter tone fall on one
@@ -222,7 +224,7 @@ void Note::storeFromFreq(float frequency)
         std::log(frequency / static_cast<float>(settings->mCalibrationFrequency)) / 0.6931472f *
             12.0f +
         57.0f;
-    qDebug() << "storeFromFreq semitone" << semitone;
+    ARBO_DEBUG() << "storeFromFreq semitone" << semitone;
     // Exact comparison on purpose. The lattice hands the card the very float
     // that the options hold, so equality picks out the lattice's own base
     // note and nothing else; a tolerance would also rename lattice notes a
@@ -232,12 +234,12 @@ void Note::storeFromFreq(float frequency)
 
 float Note::toSemitonePitch() const
 {
-    qDebug() << "@Note::toSemitonePitch()";
+    ARBO_DEBUG() << "@Note::toSemitonePitch()";
     const int letterSemitone = mNote >= 0 && mNote <= 6 ? LETTER_SEMITONES[mNote] : 0;
     const float semitone = letterSemitone + 12 * mOctave + mAccidental + mCents / 100.0f;
-    qDebug() << "mOctave, mNote, semitone, mAccidental, mCents: " << mOctave << mNote
-             << letterSemitone << mAccidental << mCents;
-    qDebug() << "Return value " << semitone;
+    ARBO_DEBUG() << "mOctave, mNote, semitone, mAccidental, mCents: " << mOctave << mNote
+                 << letterSemitone << mAccidental << mCents;
+    ARBO_DEBUG() << "Return value " << semitone;
     return semitone;
 }
 
@@ -257,19 +259,19 @@ float Note::toFrequency() const
     const float f0 = 440.0f;
     const float a = 1.0594631f;
     const float n = pitch - 57.0f;
-    qDebug() << "@Note::toFrequency: f0, a, n" << f0 << a << n;
+    ARBO_DEBUG() << "@Note::toFrequency: f0, a, n" << f0 << a << n;
     return f0 * std::pow(a, n);
 }
 
 void Note::addInterval(int prime)
 {
-    qDebug() << "Note::addInterval called" << prime;
+    ARBO_DEBUG() << "Note::addInterval called" << prime;
     const NoteInterval interval(prime);
     const QString before = spellingWithCents();
 
     if (mEnharmonic) {
         // Interval logic has been given up: follow the pitch.
-        qDebug() << "Note is already in enharmonic presentation.";
+        ARBO_DEBUG() << "Note is already in enharmonic presentation.";
         const float frequency = toFrequency();
         storeFromFreq(frequency * stepRatio(prime));
     } else {
@@ -277,8 +279,8 @@ void Note::addInterval(int prime)
         const float oldSemitonePitch = std::round(toSemitonePitch());
 
         mNote += direction * interval.steps();
-        qDebug() << "interval, direction, mOctave, mNote = " << interval.toString() << direction
-                 << mOctave << mNote;
+        ARBO_DEBUG() << "interval, direction, mOctave, mNote = " << interval.toString() << direction
+                     << mOctave << mNote;
 
         // The octave of the new letter, computed as it always has been: the
         // letter (now -7..13) spills over into the octave by truncation toward
@@ -299,28 +301,28 @@ void Note::addInterval(int prime)
         // The letter has moved by the interval's number; the accidental makes
         // up the difference to the interval's size in semitones.
         const float newSemitonePitch = std::round(toSemitonePitch());
-        qDebug() << "Adjusting accidentals: Before: oldSemitonePitch, toSemitonePitch, "
-                    "toSemitoneDistance, mAccidental"
-                 << oldSemitonePitch << newSemitonePitch << interval.toSemitoneDistance()
-                 << mAccidental;
+        ARBO_DEBUG() << "Adjusting accidentals: Before: oldSemitonePitch, toSemitonePitch, "
+                        "toSemitoneDistance, mAccidental"
+                     << oldSemitonePitch << newSemitonePitch << interval.toSemitoneDistance()
+                     << mAccidental;
         const int diff = static_cast<int>(newSemitonePitch - oldSemitonePitch);
         mAccidental += interval.toSemitoneDistance() - diff;
-        qDebug() << "Adjusting accidentals: Then: diff, toSemitoneDistance, mAccidental" << diff
-                 << interval.toSemitoneDistance() << mAccidental;
+        ARBO_DEBUG() << "Adjusting accidentals: Then: diff, toSemitoneDistance, mAccidental" << diff
+                     << interval.toSemitoneDistance() << mAccidental;
 
         if (mAccidental < -2 || mAccidental > 2) {
             // No triple sharps on a card: spell the pitch by its most common
             // name and stay enharmonic for the rest of the walk.
-            qDebug() << "Accidental outside of borders" << mAccidental;
+            ARBO_DEBUG() << "Accidental outside of borders" << mAccidental;
             storeFromSemitone(toSemitonePitch(), false);
             mEnharmonic = true;
-            qDebug() << "Accidental: Note displayed as enharmonic";
+            ARBO_DEBUG() << "Accidental: Note displayed as enharmonic";
         }
     }
 
-    qDebug() << "addInterval: " << before << "added prime" << prime << "(interval"
-             << interval.toString() << ")"
-             << "to become" << spellingWithCents();
+    ARBO_DEBUG() << "addInterval: " << before << "added prime" << prime << "(interval"
+                 << interval.toString() << ")"
+                 << "to become" << spellingWithCents();
 }
 
 void Note::addCents(float cents)
@@ -330,13 +332,13 @@ void Note::addCents(float cents)
     if (mCents <= -49.5f || mCents > 50.5f) {
         // More than half a semitone off the spelled pitch: the spelling no
         // longer names the note, so take the most common name of the pitch.
-        qDebug() << "Note:addCents - breaking out of rule system @ mCents" << mCents;
+        ARBO_DEBUG() << "Note:addCents - breaking out of rule system @ mCents" << mCents;
         storeFromSemitone(toSemitonePitch(), false);
         mEnharmonic = true;
-        qDebug() << ">50 ct -> Note displayed as enharmonic";
+        ARBO_DEBUG() << ">50 ct -> Note displayed as enharmonic";
     }
-    qDebug() << "addCents:" << before << "added cents" << cents << "to become"
-             << spellingWithCents();
+    ARBO_DEBUG() << "addCents:" << before << "added cents" << cents << "to become"
+                 << spellingWithCents();
 }
 
 QChar Note::noteLetter() const

@@ -17,8 +17,8 @@
 //
 // A plain value type. It reads the pitch reference (calibration frequency,
 // base frequency, base note) from AppContext::settings(), so it belongs to
-// the GUI thread, where the options are changed. Every step writes a qDebug()
-// line for the diagnostics dialog.
+// the GUI thread, where the options are changed. Every step writes a debug
+// line (ARBO_DEBUG) for the diagnostics dialog.
 class Note
 {
 public:

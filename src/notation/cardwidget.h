@@ -1,0 +1,105 @@
+#pragma once
+
+#include "notation/note.h"
+
+#include <QWidget>
+
+class ArboBall;
+class CardStackWidget;
+class QLabel;
+class QPainter;
+class QSvgWidget;
+
+// One note card: the sounding note of a node on a small staff (clef,
+// accidental, note head, ledger lines), its letter and octave, the deviation
+// in cents from equal temperament, the node's ratio and its frequency.
+//
+// A card is made for one state of the lattice and never edited: when the
+// base frequency, the transposition or the readout mode changes, the stack
+// throws the card away and makes a new one.
+//
+// Staff positions count in line spacings from the top line downwards: 0 is
+// the top line, 4 the bottom line, one diatonic step half a spacing, one
+// octave 3.5 spacings; notes above the staff are negative.
+//
+// GUI thread only (it reads the lattice and the options).
+class CardWidget : public QWidget
+{
+    Q_OBJECT
+public:
+    CardWidget(const ArboBall* node, CardStackWidget* stack);
+
+    // The note the card shows for `node` sounding at `justFrequency`.
+    static Note getNoteForBall(const ArboBall* node, float justFrequency);
+    // Writes the node's display colour over every black fill and stroke of
+    // an SVG document; anything else in it stays as it is.
+    static void changeSvgColor(QByteArray* bytes, const ArboBall* node);
+    // The note's staff position in the treble clef (E4 on the bottom line) or
+    // the bass clef (G2 on the bottom line).
+    static float getStaffLineForNote(bool treble, const Note& note);
+
+    // Places the clef, accidental, note head and octave-shift mark for the
+    // current line spacing.
+    void updateCard();
+
+    // 0 is the front card; every card put in front of this one adds 1.
+    void setCardHirarchy(int hierarchy) { mCardHierarchy = hierarchy; }
+    void decreaseCardHirarchy() { ++mCardHierarchy; }
+    int cardHirarchy() const { return mCardHierarchy; }
+
+    const ArboBall* node() const { return mNode; }
+    const Note& note() const { return mNote; }
+    float frequency() const { return mFrequency; }
+    // Where the note head is drawn, after any octave shift.
+    float staffPosition() const { return mStaffPosition; }
+    float lineSpacing() const { return mLineSpacing; }
+    bool isTreble() const { return mTreble; }
+    // Octaves the note is drawn below (positive) or above (negative) its
+    // pitch, to keep it near the staff.
+    int octaveShift() const { return mOctaveShift; }
+    // The note head's centre and the y of every ledger line, in card
+    // coordinates, as drawn.
+    QPointF noteHeadCentre() const;
+    QList<int> ledgerLines() const;
+    QList<int> staffLines() const;
+
+    // The staff's share of the card: its lines run this far from the
+    // contents' left edge.
+    static constexpr int STAFF_WIDTH = 64;
+    // The line spacing of a card at its natural size.
+    static constexpr int LINE_SPACING = 7;
+    // Every card is this wide; the stack is as wide as one card.
+    static constexpr int CARD_WIDTH = 168;
+
+protected:
+    void enterEvent(QEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
+    void paintEvent(QPaintEvent* event) override;
+
+private:
+    void drawLines(QPainter& painter) const;
+    QLabel* addLabel(const QString& objectName, const QString& text);
+    void placeSymbol(QSvgWidget* symbol, qreal originX, qreal baselineY, bool rightAligned);
+
+    const ArboBall* mNode;
+    CardStackWidget* mStack;
+    Note mNote;
+    float mFrequency;
+
+    QLabel* mNoteLabel;
+    QLabel* mOctaveLabel;
+    QLabel* mCentsLabel;
+    QLabel* mRatioLabel;
+    QLabel* mFreqLabel;
+    QLabel* mOctaveShiftLabel;
+    QLabel* mEnharmonicLabel;
+    QSvgWidget* mClefSvg;
+    QSvgWidget* mAccidentalSvg;
+    QSvgWidget* mNoteSvg;
+
+    bool mTreble;
+    int mOctaveShift = 0;
+    float mLineSpacing = LINE_SPACING;
+    float mStaffPosition = 0.0f;
+    int mCardHierarchy = 0;
+};
