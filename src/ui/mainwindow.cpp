@@ -186,6 +186,9 @@ void MainWindow::onSwitcherClicked(const QString& link)
         mUi->centralStack->setCurrentIndex(GRAPES_PAGE);
     }
     arboView()->updateArboBalls();
+    // The drawing that was hidden did not follow the changes of pitch made
+    // meanwhile: its cards are brought up to date as it comes into view.
+    arboView()->updateCardStack();
 }
 
 void MainWindow::onAbsRelSwitcherClicked(const QString& link)
@@ -206,6 +209,7 @@ void MainWindow::onTransposeChanged()
 {
     updateReadout();
     arboView()->updateArboBalls();
+    arboView()->updateCardStack();
 }
 
 void MainWindow::updateReadout()
