@@ -9,6 +9,9 @@
 
 #include <QDebug>
 
+#include <pthread.h>
+#include <sched.h>
+
 const char* const MidiOutput::PORT_NAME = "Merrow Tuning Arbo";
 
 namespace {
@@ -16,6 +19,9 @@ namespace {
 // How long the MIDI thread sleeps when no note comes, before it looks whether
 // it should stop.
 constexpr int IDLE_WAIT_MS = 100;
+// How often, at most, the set-up messages are sent again before a note that
+// starts from silence.
+constexpr std::int64_t SETUP_REFRESH_NS = 2000000000;
 
 QString apiName(RtMidi::Api api)
 {
@@ -270,9 +276,17 @@ void MidiOutput::send(const MidiEncoder::Messages& messages)
 
 void MidiOutput::run()
 {
+    // A note should leave within a fraction of a millisecond even on a busy
+    // machine: real-time scheduling when the system allows it (below the
+    // audio thread's priority), otherwise the ordinary kind.
+    sched_param param{};
+    param.sched_priority = MIDI_THREAD_PRIORITY;
+    mRealtime.store(pthread_setschedparam(pthread_self(), SCHED_FIFO, &param) == 0);
+
     MidiEncoder::Messages messages;
     messages.reserve(64);
     MidiNoteRing::Note note;
+    std::int64_t lastSetupNs = -1; // never yet
     while (!mStop.load(std::memory_order_relaxed)) {
         mRing.wait(IDLE_WAIT_MS);
         while (mRing.pop(note)) {
@@ -283,9 +297,13 @@ void MidiOutput::run()
                 // Before the first note of a phrase the receiver is set up
                 // again: a virtual port has no say in who connects when, and
                 // a synthesizer connected after the output opened would
-                // otherwise never learn the zone or the bend range.
-                if (mEncoder->soundingCount() == 0) {
+                // otherwise never learn the zone or the bend range. At most
+                // every SETUP_REFRESH_NS, since the set-up is a hundred
+                // messages, which a hardware port takes a while to carry.
+                if (mEncoder->soundingCount() == 0 &&
+                    (lastSetupNs < 0 || note.stampNs - lastSetupNs >= SETUP_REFRESH_NS)) {
                     mEncoder->setup(messages);
+                    lastSetupNs = note.stampNs;
                 }
                 started = mEncoder->noteOn(note.voice, note.frequency, messages);
                 break;

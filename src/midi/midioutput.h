@@ -49,6 +49,9 @@ public:
     // How often the GUI thread looks whether the chosen port still exists.
     static constexpr int PORT_CHECK_INTERVAL_MS = 1000;
 
+    // The MIDI thread's SCHED_FIFO priority, when it may have one.
+    static constexpr int MIDI_THREAD_PRIORITY = 40;
+
     explicit MidiOutput(QObject* parent = nullptr);
     ~MidiOutput() override;
 
@@ -75,6 +78,8 @@ public:
     // from the player's push to the hand-over to RtMidi of the latest one.
     std::uint64_t notesSent() const { return mNotesSent.load(std::memory_order_acquire); }
     std::int64_t lastLatencyNs() const { return mLastLatencyNs.load(std::memory_order_relaxed); }
+    // Any thread: whether the MIDI thread got real-time scheduling.
+    bool isRealtime() const { return mRealtime.load(); }
 
 signals:
     void statusChanged(QString status);
@@ -108,6 +113,7 @@ private:
     std::atomic<bool> mStop{false};
     std::atomic<std::uint64_t> mNotesSent{0};
     std::atomic<std::int64_t> mLastLatencyNs{0};
+    std::atomic<bool> mRealtime{false};
     ErrorSink mErrors; // of mOut
     Api mApi = Api::Auto;
     QString mPort;
