@@ -13,6 +13,12 @@
 #include "model/arboratio.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
+#include "ui/midioptionswidget.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QLabel>
+#include <QSpinBox>
 
 #include <jack/jack.h>
 #include <jack/midiport.h>
@@ -26,6 +32,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <thread>
 #include <vector>
 
 using Bytes = std::vector<std::uint8_t>;
@@ -348,6 +355,77 @@ private slots:
         QVERIFY(worstMpe2 < 0.05);
         QVERIFY(worstMts < 0.01);
         QVERIFY(worstMpe48 < 0.3); // half a step of 48 × 100 / 8192 cents
+    }
+
+    void ringKeepsOrder()
+    {
+        // One writer and one reader thread, far more notes than the ring
+        // holds: every note arrives, once, in order, whole.
+        MidiNoteRing ring;
+        constexpr int COUNT = 200000;
+        std::thread writer([&ring] {
+            for (int i = 0; i < COUNT; ++i) {
+                while (!ring.push(MidiNoteRing::NoteOn, i % 128, double(i))) {
+                    std::this_thread::yield();
+                }
+            }
+        });
+        int expected = 0;
+        bool inOrder = true;
+        MidiNoteRing::Note note;
+        while (expected < COUNT) {
+            ring.wait(100);
+            while (ring.pop(note)) {
+                inOrder = inOrder && note.frequency == double(expected) &&
+                          note.voice == expected % 128 && note.type == MidiNoteRing::NoteOn;
+                ++expected;
+            }
+        }
+        writer.join();
+        QVERIFY(inOrder);
+        QVERIFY(!ring.pop(note));
+    }
+
+    void optionsWidget()
+    {
+        // No MIDI system at all: a JACK server nobody serves, no ALSA device.
+        const QProcessEnvironment none = JackFixture::noDeviceEnvironment(QProcessEnvironment());
+        for (const QString& key : none.keys()) {
+            qputenv(qPrintable(key), none.value(key).toLocal8Bit());
+        }
+        QVERIFY(QDir().mkpath(TestSupport::configDir()));
+        MidiSettings settings;
+        MidiOutput output;
+        QVERIFY(!output.open(settings));
+        QVERIFY2(output.status().startsWith(QLatin1String("No MIDI system")),
+                 qPrintable(output.status()));
+        connect(&settings, &MidiSettings::changed, &output, [&] { output.open(settings); });
+
+        MidiOptionsWidget widget(&settings, &output);
+        widget.show();
+        auto* status = widget.findChild<QLabel*>(QStringLiteral("midiStatus"));
+        auto* method = widget.findChild<QComboBox*>(QStringLiteral("midiMethod"));
+        auto* bend = widget.findChild<QSpinBox*>(QStringLiteral("midiBendRange"));
+        auto* enabled = widget.findChild<QCheckBox*>(QStringLiteral("midiEnabled"));
+        auto* port = widget.findChild<QComboBox*>(QStringLiteral("midiPort"));
+        QVERIFY(status && method && bend && enabled && port);
+        QCOMPARE(status->text(), output.status());
+        QCOMPARE(port->currentData().toString(), QString()); // the own virtual port
+        QVERIFY(bend->isEnabled());
+
+        QSignalSpy changed(&settings, &MidiSettings::changed);
+        method->setCurrentIndex(method->findData(MidiSettings::METHOD_MTS));
+        emit method->activated(method->currentIndex());
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(settings.mMethod, MidiSettings::METHOD_MTS);
+        QVERIFY(!bend->isEnabled()); // a bend range means nothing to MTS
+        QVERIFY(status->text().startsWith(QLatin1String("No MIDI system")));
+
+        enabled->setChecked(false);
+        QCOMPARE(changed.count(), 2);
+        QVERIFY(!settings.mEnabled);
+        QCOMPARE(status->text(), QStringLiteral("MIDI output is off"));
+        QVERIFY(!method->isEnabled());
     }
 
     void jackEndToEnd()
