@@ -32,7 +32,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <thread>
 #include <vector>
 
 using Bytes = std::vector<std::uint8_t>;
@@ -355,35 +354,6 @@ private slots:
         QVERIFY(worstMpe2 < 0.05);
         QVERIFY(worstMts < 0.01);
         QVERIFY(worstMpe48 < 0.3); // half a step of 48 × 100 / 8192 cents
-    }
-
-    void ringKeepsOrder()
-    {
-        // One writer and one reader thread, far more notes than the ring
-        // holds: every note arrives, once, in order, whole.
-        MidiNoteRing ring;
-        constexpr int COUNT = 200000;
-        std::thread writer([&ring] {
-            for (int i = 0; i < COUNT; ++i) {
-                while (!ring.push(MidiNoteRing::NoteOn, i % 128, double(i))) {
-                    std::this_thread::yield();
-                }
-            }
-        });
-        int expected = 0;
-        bool inOrder = true;
-        MidiNoteRing::Note note;
-        while (expected < COUNT) {
-            ring.wait(100);
-            while (ring.pop(note)) {
-                inOrder = inOrder && note.frequency == double(expected) &&
-                          note.voice == expected % 128 && note.type == MidiNoteRing::NoteOn;
-                ++expected;
-            }
-        }
-        writer.join();
-        QVERIFY(inOrder);
-        QVERIFY(!ring.pop(note));
     }
 
     void optionsWidget()
