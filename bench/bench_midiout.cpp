@@ -45,7 +45,7 @@ void noteToMidi(benchmark::State& state)
 {
     const char* count = std::getenv("ARBO_BENCH_NOTES");
     const int notes = count ? std::max(1, std::atoi(count)) : 400;
-    const ArboNoteEvent fifth(QStringLiteral("/3/-2"));
+    const ArboNoteEvent fifth(QStringLiteral("/3"));
     std::vector<double> totalMs;
     std::vector<double> ringMs;
     int lost = 0;

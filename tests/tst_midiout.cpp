@@ -116,7 +116,7 @@ Messages mtsSetup()
     return out;
 }
 
-const char* const CHORD[] = {"/", "/5/-2/-2", "/3/-2", "/7/-2/-2"}; // 1/1 5/4 3/2 7/4
+const char* const CHORD[] = {"/", "/5", "/3", "/7"}; // 1/1 5/4 3/2 7/4
 
 // The chord's bytes on a fresh MPE encoder: channels 2..5 in order.
 Messages mpeChord(int range)
@@ -239,6 +239,14 @@ class TestMidiOut : public QObject
 private slots:
     void mpeBytes()
     {
+        // The lattice's paths of the ratios the tests play.
+        const char* const ratios[][2] = {{"/", "1/1"},  {"/5", "5/4"},   {"/3", "3/2"},
+                                         {"/7", "7/4"}, {"/11", "11/8"}, {"/13", "13/8"}};
+        for (const auto& row : ratios) {
+            QCOMPARE(ArboRatio::pathRatio(ArboPath(QString::fromLatin1(row[0]))).toString(),
+                     QString::fromLatin1(row[1]));
+        }
+
         MpeEncoder encoder(2, 15);
         Messages out;
         encoder.setup(out);
@@ -256,7 +264,7 @@ private slots:
         encoder.noteOff(1, out);
         encoder.noteOff(1, out);
         int key = 0;
-        mpeBend(2, frequencyOf("/5/-2/-2"), 2, &key);
+        mpeBend(2, frequencyOf("/5"), 2, &key);
         QCOMPARE(dump(out), dump({{0x82, std::uint8_t(key), 64}}));
         out.clear();
         encoder.allNotesOff(out);
@@ -279,10 +287,10 @@ private slots:
             QVERIFY(full.noteOn(voice, 300.0 + 10.0 * voice, out));
         }
         out.clear();
-        QVERIFY(full.noteOn(15, frequencyOf("/3/-2"), out));
+        QVERIFY(full.noteOn(15, frequencyOf("/3"), out));
         int oldKey = 0;
         mpeBend(1, 300.0, 48, &oldKey);
-        const Bytes bend = mpeBend(1, frequencyOf("/3/-2"), 48, &key);
+        const Bytes bend = mpeBend(1, frequencyOf("/3"), 48, &key);
         QCOMPARE(dump(out),
                  dump({{0x81, std::uint8_t(oldKey), 64}, bend, {0x91, std::uint8_t(key), 100}}));
         QCOMPARE(full.soundingCount(), 15);
@@ -302,19 +310,19 @@ private slots:
 
         // 11/8 and 13/8: retune the nearest key, then play it.
         out.clear();
-        QVERIFY(encoder.noteOn(0, frequencyOf("/11/-2/-2/-2"), out));
-        QVERIFY(encoder.noteOn(1, frequencyOf("/13/-2/-2/-2"), out));
-        const int key11 = int(std::floor(centsAboveA4(frequencyOf("/11/-2/-2/-2")) / 100 + 69.5));
-        const int key13 = int(std::floor(centsAboveA4(frequencyOf("/13/-2/-2/-2")) / 100 + 69.5));
-        QCOMPARE(dump(out), dump({mtsRetune(key11, frequencyOf("/11/-2/-2/-2")),
+        QVERIFY(encoder.noteOn(0, frequencyOf("/11"), out));
+        QVERIFY(encoder.noteOn(1, frequencyOf("/13"), out));
+        const int key11 = int(std::floor(centsAboveA4(frequencyOf("/11")) / 100 + 69.5));
+        const int key13 = int(std::floor(centsAboveA4(frequencyOf("/13")) / 100 + 69.5));
+        QCOMPARE(dump(out), dump({mtsRetune(key11, frequencyOf("/11")),
                                   {0x90, std::uint8_t(key11), 100},
-                                  mtsRetune(key13, frequencyOf("/13/-2/-2/-2")),
+                                  mtsRetune(key13, frequencyOf("/13")),
                                   {0x90, std::uint8_t(key13), 100}}));
 
         // A second note nearest the sounding key 11/8 uses never retunes it:
         // it goes to the next silent key, the lower one first.
         out.clear();
-        const double near11 = frequencyOf("/11/-2/-2/-2") * 1.001;
+        const double near11 = frequencyOf("/11") * 1.001;
         QVERIFY(encoder.noteOn(2, near11, out));
         QCOMPARE(dump(out),
                  dump({mtsRetune(key11 - 1, near11), {0x90, std::uint8_t(key11 - 1), 100}}));
@@ -437,7 +445,7 @@ private slots:
 
         // Note-offs, then "stop all": the remaining offs and all-notes-off.
         capture.messages().clear();
-        toggle("/3/-2");
+        toggle("/3");
         queue(ArboEvent(ArboEvent::AllNotesOff, 0.0f));
         expected.clear();
         for (int i : {2, 0, 1, 3}) {
@@ -463,7 +471,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= 16, 10000);
         QCOMPARE(dump(capture.messages()), dump(Messages(expected.begin() + 4, expected.end())));
         QVERIFY(player.builtInSound());
-        toggle("/7/-2/-2");
+        toggle("/7");
         queue(ArboEvent(ArboEvent::AllNotesOff, 0.0f));
 
         // MTS, without the built-in sound: 11/8 and 13/8.
@@ -474,13 +482,13 @@ private slots:
         QVERIFY2(output.open(settings, MidiOutput::Api::Jack), qPrintable(output.status()));
         QVERIFY(!player.builtInSound());
         QVERIFY(capture.connectFrom(QLatin1String(MidiOutput::PORT_NAME)));
-        toggle("/11/-2/-2/-2");
-        toggle("/13/-2/-2/-2");
+        toggle("/11");
+        toggle("/13");
         MtsEncoder reference;
         expected = mtsSetup();
-        reference.noteOn(0, frequencyOf("/11/-2/-2/-2"), expected);
-        reference.noteOn(1, frequencyOf("/13/-2/-2/-2"), expected);
-        QCOMPARE(expected[5], mtsRetune(expected[6][1], frequencyOf("/11/-2/-2/-2")));
+        reference.noteOn(0, frequencyOf("/11"), expected);
+        reference.noteOn(1, frequencyOf("/13"), expected);
+        QCOMPARE(expected[5], mtsRetune(expected[6][1], frequencyOf("/11")));
         QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= int(expected.size()), 10000);
         // Nothing from the time it was off: the first bytes are the set-up.
         QCOMPARE(dump(capture.messages()), dump(expected));
@@ -499,7 +507,7 @@ private slots:
         QCOMPARE(output.notesSent(), sent + 1);
         capture.close();
         QTRY_VERIFY_WITH_TIMEOUT(output.status().contains(QLatin1String("has gone")), 10000);
-        toggle("/3/-2");
+        toggle("/3");
         QTRY_COMPARE_WITH_TIMEOUT(output.notesSent(), sent + 2, 10000);
 
         output.close();
