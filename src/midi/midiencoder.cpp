@@ -50,3 +50,26 @@ MidiEncoder::Message MidiEncoder::controlChange(int channel, int controller, int
 {
     return {std::uint8_t(0xb0 | channel), std::uint8_t(controller), std::uint8_t(value)};
 }
+
+int MidiEncoder::oldestVoice() const
+{
+    int oldest = -1;
+    for (int v = 0; v < VOICE_COUNT; ++v) {
+        if (mVoices[v].channel >= 0 && (oldest < 0 || mVoices[v].order < mVoices[oldest].order)) {
+            oldest = v;
+        }
+    }
+    return oldest;
+}
+
+void MidiEncoder::appendRpn(Messages& out, int channel, int rpn, int msb, int lsb)
+{
+    out.push_back(controlChange(channel, 101, 0));
+    out.push_back(controlChange(channel, 100, rpn));
+    out.push_back(controlChange(channel, 6, msb));
+    if (lsb >= 0) {
+        out.push_back(controlChange(channel, 38, lsb));
+    }
+    out.push_back(controlChange(channel, 101, 127));
+    out.push_back(controlChange(channel, 100, 127));
+}

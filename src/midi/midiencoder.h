@@ -58,7 +58,14 @@ protected:
     const std::array<Sounding, VOICE_COUNT>& voices() const { return mVoices; }
     std::uint64_t nextOrder() const { return mOrder + 1; }
 
+    // The sounding voice that started longest ago; -1 when none sounds.
+    int oldestVoice() const;
+
     static Message controlChange(int channel, int controller, int value);
+    // Sets registered parameter `rpn` on `channel` to `msb` (and `lsb`, when
+    // not negative), then selects the null RPN so that stray data entry
+    // changes nothing.
+    static void appendRpn(Messages& out, int channel, int rpn, int msb, int lsb = -1);
 
 private:
     std::array<Sounding, VOICE_COUNT> mVoices{};

@@ -10,23 +10,11 @@ MpeEncoder::MpeEncoder(int bendRange, int memberChannels)
 {
 }
 
-void MpeEncoder::appendRpn(Messages& out, int channel, int rpn, int msb, int lsb, bool withLsb)
-{
-    out.push_back(controlChange(channel, 101, 0));
-    out.push_back(controlChange(channel, 100, rpn));
-    out.push_back(controlChange(channel, 6, msb));
-    if (withLsb) {
-        out.push_back(controlChange(channel, 38, lsb));
-    }
-    out.push_back(controlChange(channel, 101, 127));
-    out.push_back(controlChange(channel, 100, 127));
-}
-
 void MpeEncoder::setup(Messages& out) const
 {
-    appendRpn(out, 0, 6, mMemberChannels, 0, false);
+    appendRpn(out, 0, 6, mMemberChannels);
     for (int channel = 1; channel <= mMemberChannels; ++channel) {
-        appendRpn(out, channel, 0, mBendRange, 0, true);
+        appendRpn(out, channel, 0, mBendRange, 0);
     }
 }
 
@@ -38,15 +26,9 @@ bool MpeEncoder::place(int /*voice*/, double frequency, Sounding& placed, Messag
         return false;
     }
     std::array<bool, 16> busy{};
-    int oldestVoice = -1;
-    for (int v = 0; v < VOICE_COUNT; ++v) {
-        const Sounding& s = voices()[v];
-        if (s.channel < 0) {
-            continue;
-        }
-        busy[s.channel] = true;
-        if (oldestVoice < 0 || s.order < voices()[oldestVoice].order) {
-            oldestVoice = v;
+    for (const Sounding& s : voices()) {
+        if (s.channel >= 0) {
+            busy[s.channel] = true;
         }
     }
     int channel = -1;
@@ -57,8 +39,9 @@ bool MpeEncoder::place(int /*voice*/, double frequency, Sounding& placed, Messag
     }
     if (channel < 0) {
         // Every member channel sounds: the oldest note gives its channel up.
-        channel = voices()[oldestVoice].channel;
-        noteOff(oldestVoice, out);
+        const int oldest = oldestVoice();
+        channel = voices()[oldest].channel;
+        noteOff(oldest, out);
     }
     mChannelStarted[channel] = nextOrder();
     out.push_back(

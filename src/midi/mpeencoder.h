@@ -34,8 +34,6 @@ protected:
     std::vector<int> channels() const override;
 
 private:
-    static void appendRpn(Messages& out, int channel, int rpn, int msb, int lsb, bool withLsb);
-
     int mBendRange;
     int mMemberChannels;
     // When a note last started on each channel (0: never).

@@ -10,11 +10,7 @@ MtsEncoder::MtsEncoder(int program) : mProgram(std::clamp(program, 0, 127)) {}
 
 void MtsEncoder::setup(Messages& out) const
 {
-    out.push_back(controlChange(0, 101, 0));
-    out.push_back(controlChange(0, 100, 3));
-    out.push_back(controlChange(0, 6, mProgram));
-    out.push_back(controlChange(0, 101, 127));
-    out.push_back(controlChange(0, 100, 127));
+    appendRpn(out, 0, 3, mProgram);
 }
 
 MidiEncoder::Message MtsEncoder::retune(int program, int key, const std::uint8_t word[3])
@@ -31,15 +27,9 @@ bool MtsEncoder::place(int /*voice*/, double frequency, Sounding& placed, Messag
         return false;
     }
     std::array<bool, 128> busy{};
-    int oldestVoice = -1;
-    for (int v = 0; v < VOICE_COUNT; ++v) {
-        const Sounding& s = voices()[v];
-        if (s.channel < 0) {
-            continue;
-        }
-        busy[s.key] = true;
-        if (oldestVoice < 0 || s.order < voices()[oldestVoice].order) {
-            oldestVoice = v;
+    for (const Sounding& s : voices()) {
+        if (s.channel >= 0) {
+            busy[s.key] = true;
         }
     }
     const int nearest = std::clamp(int(std::lround(MidiTuning::keyNumber(frequency))), 0, 127);
@@ -52,8 +42,9 @@ bool MtsEncoder::place(int /*voice*/, double frequency, Sounding& placed, Messag
         }
     }
     if (key < 0) {
-        key = voices()[oldestVoice].key;
-        noteOff(oldestVoice, out);
+        const int oldest = oldestVoice();
+        key = voices()[oldest].key;
+        noteOff(oldest, out);
     }
     out.push_back(retune(mProgram, key, word));
     placed.channel = 0;
