@@ -494,9 +494,55 @@ private slots:
         QCOMPARE(dump(capture.messages()), dump(expected));
         queue(ArboEvent(ArboEvent::AllNotesOff, 0.0f));
 
+        // Sixteen notes on fifteen member channels: each of the first fifteen
+        // on a channel of its own, the sixteenth ends the first and takes
+        // its channel.
+        settings.mMethod = MidiSettings::METHOD_MPE;
+        settings.mBuiltInSound = true;
+        QVERIFY2(output.open(settings, MidiOutput::Api::Jack), qPrintable(output.status()));
+        QVERIFY(capture.connectFrom(QLatin1String(MidiOutput::PORT_NAME)));
+        capture.messages().clear();
+        const char* const sixteen[] = {"/3",  "/3/3", "/5",   "/5/5",  "/7",   "/7/7",
+                                       "/11", "/13",  "/3/5", "/3/7",  "/5/7", "/3/11",
+                                       "/-3", "/-5",  "/-7",  "/-3/-5"};
+        for (const char* path : sixteen) {
+            toggle(path);
+        }
+        const int setupSize = int(mpeSetup(15, 2).size());
+        // The previous output's last words (its all-notes-off as it closed)
+        // may still arrive after the clear: start at the new set-up.
+        const auto fromSetup = [&capture] {
+            const Bytes zone = mpeSetup(15, 2).front();
+            capture.poll();
+            const Messages& all = capture.messages();
+            return Messages(std::find(all.begin(), all.end(), zone), all.end());
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(int(fromSetup().size()) >= setupSize + 15 * 2 + 3, 10000);
+        got = fromSetup();
+        QCOMPARE(int(got.size()), setupSize + 15 * 2 + 3);
+        QSet<int> channels;
+        for (int i = 0; i < 15; ++i) {
+            const Bytes& bend = got[size_t(setupSize + 2 * i)];
+            const Bytes& on = got[size_t(setupSize + 2 * i + 1)];
+            int key = 0;
+            QCOMPARE(bend, mpeBend(bend[0] & 0x0f, frequencyOf(sixteen[i]), 2, &key));
+            QCOMPARE(on, (Bytes{std::uint8_t(0x90 | (bend[0] & 0x0f)), std::uint8_t(key), 100}));
+            channels.insert(bend[0] & 0x0f);
+        }
+        QCOMPARE(channels.size(), 15);
+        QVERIFY(!channels.contains(0)); // never the manager channel
+        const Bytes& first = got[size_t(setupSize + 1)];
+        const int firstChannel = first[0] & 0x0f;
+        int key = 0;
+        const Bytes lastBend = mpeBend(firstChannel, frequencyOf(sixteen[15]), 2, &key);
+        QCOMPARE(dump(Messages(got.end() - 3, got.end())),
+                 dump({{std::uint8_t(0x80 | firstChannel), first[1], 64},
+                       lastBend,
+                       {std::uint8_t(0x90 | firstChannel), std::uint8_t(key), 100}}));
+        queue(ArboEvent(ArboEvent::AllNotesOff, 0.0f));
+
         // Connected to a chosen port that goes away while playing: the output
         // says so and the program goes on.
-        settings.mMethod = MidiSettings::METHOD_MPE;
         settings.mPort = capture.portName();
         QVERIFY(output.portNames(MidiOutput::Api::Jack).contains(settings.mPort));
         QVERIFY2(output.open(settings, MidiOutput::Api::Jack), qPrintable(output.status()));
