@@ -59,7 +59,9 @@ public:
     // Reader thread only. Sleeps until a record was pushed or `timeoutMs`
     // passed; returns at once when one is waiting.
     void wait(int timeoutMs);
-    // Reader thread only: throws away everything queued now.
+    // Reader side: throws away everything queued now. The MIDI output calls
+    // it on the GUI thread while no MIDI thread runs, so there is still one
+    // reader at a time.
     void clear();
 
     // Any thread: records dropped because the ring was full, since the last
