@@ -4,10 +4,10 @@
 set -eu
 
 PACKAGES="
-qtbase5-dev libqt5svg5-dev portaudio19-dev libboost-dev
+qtbase5-dev libqt5svg5-dev portaudio19-dev libboost-dev librtmidi-dev
 cmake g++ make pkg-config dpkg-dev
 libbenchmark-dev
-xvfb xauth jackd2 jack-capture sox
+xvfb xauth jackd2 jack-capture sox libjack-jackd2-dev
 imagemagick xdotool
 lilypond-fonts python3-fonttools
 openssl

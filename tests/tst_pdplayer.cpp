@@ -6,6 +6,7 @@
 #include "input/arboevent.h"
 #include "input/arbonoteevent.h"
 #include "settings/settings.h"
+#include "midi/midinotering.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
@@ -18,6 +19,7 @@
 
 #include <z_libpd.h>
 
+#include <algorithm>
 #include <clocale>
 #include <cmath>
 #include <cstring>
@@ -80,6 +82,7 @@ private slots:
     void numbersParseUnderADecimalCommaLocale();
     void unusableOptionsStillSoundAtTheDefaultPitch_data();
     void unusableOptionsStillSoundAtTheDefaultPitch();
+    void noteTapAndBuiltInSound();
 
 private:
     void queue(const ArboEvent& event) { mPlayer.queueEventGui(&event); }
@@ -245,7 +248,7 @@ void TestPdPlayer::everyVoiceComesBackAfterAFlood()
         render(BUFFER_SECONDS);
         const auto& voices = mPlayer.voices();
         busiest = std::max(busiest, int(std::count_if(voices.begin(), voices.end(),
-                                                       [](auto& v) { return v.seqId != 0; })));
+                                                      [](auto& v) { return v.seqId != 0; })));
     }
     QCOMPARE(busiest, PdPlayer::VOICE_COUNT); // voices were stolen
     queue(ArboEvent(ArboEvent::AllNotesOff, 1.0f));
@@ -327,7 +330,7 @@ void TestPdPlayer::transpositionMovesTheNextNote()
                          QRegularExpression("^Ignored 1 note\\(s\\) .* \\(last: /31/31/31/31\\)$"));
     mPlayer.reportRefusedCommands();
     QCOMPARE(mPlayer.refusedTranspositions() + mPlayer.refusedNotes(), quint32(0));
-    mPlayer.reportRefusedCommands(); // nothing new: nothing said
+    mPlayer.reportRefusedCommands();              // nothing new: nothing said
     queue(ArboEvent(ArboEvent::Transpose, 0.4f)); // below a half: back to 1/1
     render(0.01);
     QCOMPARE(mPlayer.transposition(), ArboRatio(1, 1));
@@ -487,6 +490,47 @@ void TestPdPlayer::unusableOptionsStillSoundAtTheDefaultPitch()
     const double peak = AudioAnalysis::peak(QVector<float>(left.begin(), left.end()));
     QVERIFY2(peak > 0.05 && peak <= 1.0, qPrintable(QString::number(peak)));
     toggle("/");
+}
+
+void TestPdPlayer::noteTapAndBuiltInSound()
+{
+    // The MIDI tap gets each note with its exact pitch, computed in double
+    // precision, and "stop all"; with the built-in sound off the patch stays
+    // silent while the note still counts as sounding.
+    MidiNoteRing tap;
+    mPlayer.setNoteTap(&tap);
+    mPlayer.setBuiltInSound(false);
+    queue(ArboEvent(ArboEvent::BaseFrequency, 261.6256f));
+    toggle("/7");
+    const std::vector<float> silent = render(0.3);
+    QCOMPARE(mPlayer.soundingNoteCount(), 1);
+    QCOMPARE(*std::max_element(silent.begin(), silent.end()), 0.0f);
+    MidiNoteRing::Note note;
+    QVERIFY(tap.pop(note));
+    QCOMPARE(note.type, std::int32_t(MidiNoteRing::NoteOn));
+    QCOMPARE(note.frequency, 7.0 / 4.0 * double(261.6256f));
+    QCOMPARE(note.voice, voiceOf(ArboRatio(7, 4)));
+
+    // Out of range: a voice, no MIDI note.
+    toggle("/-2/-2/-2/-2"); // 16 Hz
+    render(BUFFER_SECONDS);
+    QVERIFY(!tap.pop(note));
+
+    mPlayer.setBuiltInSound(true);
+    toggle("/3");
+    QVERIFY(centsOff(render(1.0), 1.5 * double(261.6256f)) < 1.0);
+    QVERIFY(tap.pop(note));
+    QCOMPARE(note.frequency, 1.5 * double(261.6256f));
+
+    queue(ArboEvent(ArboEvent::AllNotesOff, 1.0f));
+    render(BUFFER_SECONDS);
+    QVector<std::int32_t> types;
+    while (tap.pop(note)) {
+        types << note.type;
+    }
+    QVERIFY(types.size() >= 4); // three note-offs (in any order), then "stop all"
+    QCOMPARE(types.last(), std::int32_t(MidiNoteRing::AllNotesOff));
+    mPlayer.setNoteTap(nullptr);
 }
 
 int main(int argc, char** argv)

@@ -164,6 +164,16 @@ bool TuningArboApplication::init()
     }
     mAudioOutput.logDevices();
 
+    // 10a. MIDI out, beside the built-in sound. Not fatal: without a MIDI
+    // system the output stays off, with a warning and its status line.
+    if (!mMidiSettings.init()) {
+        qWarning() << "Failed to read the MIDI options; using the defaults";
+    }
+    mMidiOutput.attach(&mPlayer);
+    mMidiOutput.open(mMidiSettings);
+    connect(&mMidiSettings, &MidiSettings::changed, &mMidiOutput,
+            [this] { mMidiOutput.open(mMidiSettings); });
+
     // 11.
     if (!initPatchFolder()) {
         fatalStartupMessage(
@@ -223,6 +233,8 @@ void TuningArboApplication::term()
     mArbo.term();
     mPlayer.term();
     mAudioOutput.term();
+    mMidiOutput.close();
+    mMidiSettings.term();
     mSettings.term();
     reportFailedSaves();
     removeLogHandler();

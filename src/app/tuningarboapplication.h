@@ -2,6 +2,8 @@
 
 #include "app/unixsignalwatcher.h"
 #include "input/udplistener.h"
+#include "midi/midioutput.h"
+#include "midi/midisettings.h"
 #include "model/arbo.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
@@ -69,6 +71,10 @@ public:
     PdPlayer mPlayer;
     PaAudioOutput mAudioOutput;
     Settings mSettings;
+    // MIDI out, after the player: it closes (and lets go of the player's
+    // note tap) before the player goes.
+    MidiSettings mMidiSettings;
+    MidiOutput mMidiOutput;
     // Lower-cased command-line words, each without one leading "-"; they
     // choose which source files' messages reach the diagnostics dialog.
     QSet<QString> mFlags;

@@ -1,6 +1,7 @@
 #include "sound/pdplayer.h"
 
 #include "input/arboevent.h"
+#include "midi/midinotering.h"
 #include "model/arbo.h"
 #include "settings/appcontext.h"
 #include "settings/debuglog.h"
@@ -410,9 +411,15 @@ void PdPlayer::noteOn(const ArboRatio& ratio)
     // Outside the audible range the voice is taken and reported sounding,
     // but the patch is told nothing.
     if (frequency > MIN_FREQUENCY && frequency < MAX_FREQUENCY) {
-        sendPdVoiceMessage(Frequency, frequency, chosen);
-        sendPdVoiceMessage(Volume, mVoiceVolume, chosen);
-        sendPdVoiceMessage(Gate, 1.0f, chosen);
+        if (mBuiltInSound.load(std::memory_order_relaxed)) {
+            sendPdVoiceMessage(Frequency, frequency, chosen);
+            sendPdVoiceMessage(Volume, mVoiceVolume, chosen);
+            sendPdVoiceMessage(Gate, 1.0f, chosen);
+        }
+        // MIDI gets the same note, its pitch recomputed in double precision
+        // from the exact ratio: the MIDI encoding rounds it only once.
+        tapNote(MidiNoteRing::NoteOn, chosen,
+                double(ratio.numerator()) / double(ratio.denominator()) * double(mBaseFrequency));
     }
     emit noteToggled(ratio, true);
 }
@@ -429,6 +436,9 @@ void PdPlayer::noteOff(const ArboRatio& ratio)
     // already releasing, and reports them off again, by design.
     record->released = true;
     sendPdVoiceMessage(Gate, 0.0f, record->voice);
+    // A voice that MIDI never started (out of range) or already ended is
+    // ignored on the MIDI side, so repeats cost nothing there.
+    tapNote(MidiNoteRing::NoteOff, record->voice);
     emit noteToggled(ratio, false);
 }
 
@@ -436,6 +446,17 @@ void PdPlayer::allNotesOff()
 {
     for (auto it = mNoteMap.constBegin(); it != mNoteMap.constEnd(); ++it) {
         noteOff(it.key());
+    }
+    tapNote(MidiNoteRing::AllNotesOff, -1);
+}
+
+void PdPlayer::tapNote(int type, int voice, double frequency)
+{
+    // A copy into a lock-free ring and a semaphore post: no lock, no
+    // allocation, no MIDI I/O on this thread. A full ring drops the note,
+    // counted by the ring and reported by the MIDI output.
+    if (MidiNoteRing* tap = mNoteTap.load(std::memory_order_acquire)) {
+        tap->push(static_cast<MidiNoteRing::Type>(type), voice, frequency);
     }
 }
 

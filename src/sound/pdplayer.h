@@ -17,6 +17,7 @@
 #include <cstdint>
 
 class ArboEvent;
+class MidiNoteRing;
 class QFileInfo;
 struct _atom;
 struct _pdinstance;
@@ -132,6 +133,17 @@ public:
     // by the audio thread after every change.
     int soundingNoteCount() const { return mSoundingNotes.load(std::memory_order_relaxed); }
 
+    // The MIDI output's tap: while set, every note the player starts (within
+    // the playable range) or ends, and every "stop all", is also written into
+    // `tap` on the audio thread, with the note's exact frequency. Null: no
+    // tap. GUI thread; the ring must outlive its use (set null first).
+    void setNoteTap(MidiNoteRing* tap) { mNoteTap.store(tap, std::memory_order_release); }
+    // Whether note-ons reach the patch. Off while the MIDI output plays the
+    // notes on another instrument alone. Any thread; takes effect from the
+    // next note-on.
+    void setBuiltInSound(bool on) { mBuiltInSound.store(on, std::memory_order_relaxed); }
+    bool builtInSound() const { return mBuiltInSound.load(std::memory_order_relaxed); }
+
     // Commands that the audio thread refused since the last report: a
     // transposition that is no prime step or would leave the exact ratios,
     // a note beyond the exact ratios. Any thread.
@@ -235,6 +247,11 @@ private:
     QWaitCondition mPatchCondition;
     QMutex mPatchMutex;
 
+    // Audio thread: hands a note to the MIDI tap, if one is set. Never blocks.
+    void tapNote(int type, int voice, double frequency = 0.0);
+
+    std::atomic<MidiNoteRing*> mNoteTap{nullptr};
+    std::atomic<bool> mBuiltInSound{true};
     std::atomic<int> mSoundingNotes{0};
     std::atomic<bool> mPatchOpen{false};
     // Counted on the audio thread, reported by the GUI thread: the audio

@@ -1,0 +1,331 @@
+#include "midi/midioutput.h"
+
+#include "midi/midisettings.h"
+#include "midi/mpeencoder.h"
+#include "midi/mtsencoder.h"
+#include "sound/pdplayer.h"
+
+#include <rtmidi/RtMidi.h>
+
+#include <QDebug>
+
+#include <pthread.h>
+#include <sched.h>
+
+const char* const MidiOutput::PORT_NAME = "Merrow Tuning Arbo";
+
+namespace {
+
+// How long the MIDI thread sleeps when no note comes, before it looks whether
+// it should stop.
+constexpr int IDLE_WAIT_MS = 100;
+// How often, at most, the set-up messages are sent again before a note that
+// starts from silence.
+constexpr std::int64_t SETUP_REFRESH_NS = 2000000000;
+
+QString apiName(RtMidi::Api api)
+{
+    return api == RtMidi::UNIX_JACK ? QStringLiteral("JACK") : QStringLiteral("ALSA");
+}
+
+} // namespace
+
+MidiOutput::MidiOutput(QObject* parent) : QObject(parent)
+{
+    mStatus = tr("MIDI output is off");
+    mPortCheck.setInterval(PORT_CHECK_INTERVAL_MS);
+    connect(&mPortCheck, &QTimer::timeout, this, &MidiOutput::onCheckPort);
+}
+
+MidiOutput::~MidiOutput()
+{
+    close();
+}
+
+void MidiOutput::attach(PdPlayer* player)
+{
+    mPlayer = player;
+}
+
+void MidiOutput::onRtMidiError(int type, const std::string& text, void* sink)
+{
+    auto* errors = static_cast<ErrorSink*>(sink);
+    // Warnings that only say a port list is empty are no failure.
+    if (type == RtMidiError::WARNING && text.find("no ports available") != std::string::npos) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(errors->mutex);
+    errors->text = text;
+    errors->failed.store(true, std::memory_order_release);
+}
+
+bool MidiOutput::ErrorSink::take(std::string& into)
+{
+    if (!failed.exchange(false, std::memory_order_acquire)) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    into = text;
+    return true;
+}
+
+std::unique_ptr<RtMidiOut> MidiOutput::makeOut(Api api, ErrorSink& sink, std::string& error)
+{
+    const RtMidi::Api rtApi = api == Api::Jack ? RtMidi::UNIX_JACK : RtMidi::LINUX_ALSA;
+    std::unique_ptr<RtMidiOut> out;
+    try {
+        out = std::make_unique<RtMidiOut>(rtApi, PORT_NAME);
+    } catch (const RtMidiError& e) {
+        error = e.getMessage();
+        return nullptr;
+    }
+    if (out->getCurrentApi() != rtApi) {
+        error = "RtMidi was built without " + apiName(rtApi).toStdString();
+        return nullptr;
+    }
+    std::string ignored;
+    sink.take(ignored);
+    out->setErrorCallback([](RtMidiError::Type type, const std::string& text,
+                             void* errors) { onRtMidiError(int(type), text, errors); },
+                          &sink);
+    // Counting the ports connects to the MIDI system: a JACK output finds out
+    // here whether a server runs.
+    out->getPortCount();
+    if (sink.take(error)) {
+        return nullptr;
+    }
+    return out;
+}
+
+QStringList MidiOutput::portNames(Api api)
+{
+    std::string error;
+    ErrorSink errors; // outlives the probe, which reports to it
+    std::unique_ptr<RtMidiOut> probe;
+    if (api == Api::Auto || api == Api::Jack) {
+        probe = makeOut(Api::Jack, errors, error);
+    }
+    if (!probe && (api == Api::Auto || api == Api::Alsa)) {
+        probe = makeOut(Api::Alsa, errors, error);
+    }
+    QStringList names;
+    if (!probe) {
+        return names;
+    }
+    const unsigned count = probe->getPortCount();
+    for (unsigned i = 0; i < count; ++i) {
+        const QString name = QString::fromStdString(probe->getPortName(i));
+        // Our own virtual port is no place to send to.
+        if (!name.startsWith(QLatin1String(PORT_NAME) + QLatin1Char(':'))) {
+            names << name;
+        }
+    }
+    return names;
+}
+
+bool MidiOutput::open(const MidiSettings& settings, Api api)
+{
+    close();
+    if (!settings.mEnabled) {
+        setStatus(tr("MIDI output is off"));
+        return false;
+    }
+    std::string error;
+    std::unique_ptr<RtMidiOut> out;
+    Api used = api;
+    if (api == Api::Auto || api == Api::Jack) {
+        out = makeOut(Api::Jack, mErrors, error);
+        used = Api::Jack;
+    }
+    if (!out && (api == Api::Auto || api == Api::Alsa)) {
+        std::string alsaError;
+        out = makeOut(Api::Alsa, mErrors, alsaError);
+        used = Api::Alsa;
+        error = error.empty() ? alsaError : error + "; " + alsaError;
+    }
+    if (!out) {
+        const QString text = tr("No MIDI system (%1): MIDI output is off")
+                                 .arg(QString::fromStdString(error).trimmed());
+        qWarning().noquote() << text;
+        setStatus(text);
+        return false;
+    }
+    const QString system = used == Api::Jack ? QStringLiteral("JACK") : QStringLiteral("ALSA");
+    QString where;
+    if (settings.mPort.isEmpty()) {
+        out->openVirtualPort(PORT_NAME);
+        where = tr("virtual port \"%1\" (%2)").arg(QLatin1String(PORT_NAME), system);
+    } else {
+        int index = -1;
+        const unsigned count = out->getPortCount();
+        for (unsigned i = 0; i < count; ++i) {
+            if (QString::fromStdString(out->getPortName(i)) == settings.mPort) {
+                index = int(i);
+            }
+        }
+        if (index < 0) {
+            const QString text =
+                tr("MIDI port \"%1\" not found: MIDI output is off").arg(settings.mPort);
+            qWarning().noquote() << text;
+            setStatus(text);
+            return false;
+        }
+        out->openPort(unsigned(index), PORT_NAME);
+        where = tr("port \"%1\" (%2)").arg(settings.mPort, system);
+    }
+    std::string openError;
+    // RtMidi counts only a connection to another port as "open"; a virtual
+    // port is judged by its errors alone.
+    const bool failed = mErrors.take(openError);
+    if (failed || (!settings.mPort.isEmpty() && !out->isPortOpen())) {
+        const QString text = tr("Could not open the MIDI %1 (%2): MIDI output is off")
+                                 .arg(where, QString::fromStdString(openError).trimmed());
+        qWarning().noquote() << text;
+        setStatus(text);
+        return false;
+    }
+
+    if (settings.mMethod == MidiSettings::METHOD_MTS) {
+        mEncoder = std::make_unique<MtsEncoder>();
+    } else {
+        mEncoder = std::make_unique<MpeEncoder>(settings.mBendRange, settings.mMemberChannels);
+    }
+    mOut = std::move(out);
+    mApi = used;
+    mPort = settings.mPort;
+    mPortLost = false;
+    // Notes queued while no output was open belong to nobody. The set-up
+    // messages go out before the first note (see run()).
+    mRing.clear();
+    mStop.store(false);
+    mThread = std::thread([this] { run(); });
+    if (mPlayer) {
+        mPlayer->setNoteTap(&mRing);
+        mPlayer->setBuiltInSound(settings.mBuiltInSound);
+    }
+    mPortCheck.start();
+    setStatus(tr("%1 on the %2").arg(settings.mMethod, where));
+    qInfo().noquote() << "MIDI output:" << mStatus;
+    return true;
+}
+
+void MidiOutput::close()
+{
+    mPortCheck.stop();
+    if (mPlayer) {
+        // With no MIDI going out, the built-in sound always plays.
+        mPlayer->setNoteTap(nullptr);
+        mPlayer->setBuiltInSound(true);
+    }
+    if (mThread.joinable()) {
+        mStop.store(true);
+        mThread.join();
+    }
+    mEncoder.reset();
+    mOut.reset();
+    if (mStatus != tr("MIDI output is off")) {
+        setStatus(tr("MIDI output is off"));
+    }
+}
+
+void MidiOutput::setStatus(const QString& status)
+{
+    mStatus = status;
+    emit statusChanged(mStatus);
+}
+
+void MidiOutput::onCheckPort()
+{
+    if (!mOut) {
+        return;
+    }
+    // The MIDI thread never logs; what RtMidi said to it is reported here.
+    std::string error;
+    if (mErrors.take(error)) {
+        qWarning().noquote() << "MIDI output:" << QString::fromStdString(error).trimmed();
+    }
+    if (const std::uint32_t dropped = mRing.takeDropped()) {
+        qWarning() << "MIDI output: dropped" << dropped << "note event(s), the queue was full";
+    }
+    if (mPort.isEmpty()) {
+        return;
+    }
+    const QStringList names = portNames(mApi);
+    const bool present = names.contains(mPort);
+    if (!present && !mPortLost) {
+        mPortLost = true;
+        const QString text = tr("MIDI port \"%1\" has gone: notes are not heard").arg(mPort);
+        qWarning().noquote() << text;
+        setStatus(text);
+    } else if (present && mPortLost) {
+        // The port is back, but our connection to it went with it.
+        mPortLost = false;
+        const QString text =
+            tr("MIDI port \"%1\" is back: choose it again to reconnect").arg(mPort);
+        qWarning().noquote() << text;
+        setStatus(text);
+    }
+}
+
+void MidiOutput::send(const MidiEncoder::Messages& messages)
+{
+    for (const auto& message : messages) {
+        mOut->sendMessage(message.data(), message.size());
+    }
+}
+
+void MidiOutput::run()
+{
+    // A note should leave within a fraction of a millisecond even on a busy
+    // machine: real-time scheduling when the system allows it (below the
+    // audio thread's priority), otherwise the ordinary kind.
+    sched_param param{};
+    param.sched_priority = MIDI_THREAD_PRIORITY;
+    mRealtime.store(pthread_setschedparam(pthread_self(), SCHED_FIFO, &param) == 0);
+
+    MidiEncoder::Messages messages;
+    messages.reserve(64);
+    MidiNoteRing::Note note;
+    std::int64_t lastSetupNs = -1; // never yet
+    while (!mStop.load(std::memory_order_relaxed)) {
+        mRing.wait(IDLE_WAIT_MS);
+        while (mRing.pop(note)) {
+            messages.clear();
+            bool started = false;
+            switch (note.type) {
+            case MidiNoteRing::NoteOn:
+                // Before the first note of a phrase the receiver is set up
+                // again: a virtual port has no say in who connects when, and
+                // a synthesizer connected after the output opened would
+                // otherwise never learn the zone or the bend range. At most
+                // every SETUP_REFRESH_NS, since the set-up is a hundred
+                // messages, which a hardware port takes a while to carry.
+                if (mEncoder->soundingCount() == 0 &&
+                    (lastSetupNs < 0 || note.stampNs - lastSetupNs >= SETUP_REFRESH_NS)) {
+                    mEncoder->setup(messages);
+                    lastSetupNs = note.stampNs;
+                }
+                started = mEncoder->noteOn(note.voice, note.frequency, messages);
+                break;
+            case MidiNoteRing::NoteOff:
+                mEncoder->noteOff(note.voice, messages);
+                break;
+            case MidiNoteRing::AllNotesOff:
+                mEncoder->allNotesOff(messages);
+                break;
+            default:
+                break;
+            }
+            send(messages);
+            if (started) {
+                mLastLatencyNs.store(MidiNoteRing::nowNs() - note.stampNs,
+                                     std::memory_order_relaxed);
+                mNotesSent.fetch_add(1, std::memory_order_release);
+            }
+        }
+    }
+    // Nothing is left hanging on the receiver when the output closes.
+    messages.clear();
+    mEncoder->allNotesOff(messages);
+    send(messages);
+}

@@ -1,0 +1,587 @@
+// MIDI out: the encoders' exact bytes against tunings computed here from the
+// ratios, and the real path (player -> ring -> MIDI thread -> RtMidi -> a
+// private JACK server -> a JACK MIDI client of this test).
+
+#include "input/arboevent.h"
+#include "input/arbonoteevent.h"
+#include "jackfixture.h"
+#include "midi/midioutput.h"
+#include "midi/midisettings.h"
+#include "midi/midituning.h"
+#include "midi/mpeencoder.h"
+#include "midi/mtsencoder.h"
+#include "model/arboratio.h"
+#include "sound/pdplayer.h"
+#include "testsupport.h"
+#include "ui/midioptionswidget.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QLabel>
+#include <QSpinBox>
+
+#include <jack/jack.h>
+#include <jack/midiport.h>
+#include <jack/ringbuffer.h>
+
+#include <QSignalSpy>
+#include <QtTest>
+
+#include <QRegularExpression>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+using Bytes = std::vector<std::uint8_t>;
+using Messages = std::vector<Bytes>;
+
+namespace {
+
+// The base frequency of the tests: middle C, so that no ratio lands on a key.
+constexpr float BASE = 261.6256f;
+
+double frequencyOf(const char* path, float base = BASE)
+{
+    const ArboRatio ratio = ArboRatio::pathRatio(ArboPath(QString::fromLatin1(path)));
+    return double(ratio.numerator()) / double(ratio.denominator()) * double(base);
+}
+
+// Cents above A4 = 440 Hz, by the natural logarithm.
+double centsAboveA4(double frequency)
+{
+    return 1200.0 * std::log(frequency / 440.0) / std::log(2.0);
+}
+
+// The key and bend that sound `frequency` at ±range semitones, worked out in
+// cents here rather than with the program's arithmetic.
+Bytes mpeBend(int channel, double frequency, int range, int* key)
+{
+    const double cents = centsAboveA4(frequency);
+    *key = 69 + int(std::floor(cents / 100.0 + 0.5));
+    const double rest = cents - 100.0 * (*key - 69);
+    const int bend = 8192 + int(std::floor(rest * 8192.0 / (100.0 * range) + 0.5));
+    return {std::uint8_t(0xe0 + channel), std::uint8_t(bend % 128), std::uint8_t(bend / 128)};
+}
+
+Bytes mtsRetune(int key, double frequency)
+{
+    const long units = long(std::floor((6900.0 + centsAboveA4(frequency)) * 16384.0 / 100.0 + 0.5));
+    return {0xf0,
+            0x7f,
+            0x7f,
+            0x08,
+            0x02,
+            0x00,
+            0x01,
+            std::uint8_t(key),
+            std::uint8_t(units / 16384),
+            std::uint8_t((units / 128) % 128),
+            std::uint8_t(units % 128),
+            0xf7};
+}
+
+Bytes cc(int channel, int controller, int value)
+{
+    return {std::uint8_t(0xb0 + channel), std::uint8_t(controller), std::uint8_t(value)};
+}
+
+void rpn(Messages& out, int channel, int number, int msb, int lsb = -1)
+{
+    out.push_back(cc(channel, 101, 0));
+    out.push_back(cc(channel, 100, number));
+    out.push_back(cc(channel, 6, msb));
+    if (lsb >= 0) {
+        out.push_back(cc(channel, 38, lsb));
+    }
+    out.push_back(cc(channel, 101, 127));
+    out.push_back(cc(channel, 100, 127));
+}
+
+Messages mpeSetup(int members, int range)
+{
+    Messages out;
+    rpn(out, 0, 6, members);
+    for (int c = 1; c <= members; ++c) {
+        rpn(out, c, 0, range, 0);
+    }
+    return out;
+}
+
+Messages mtsSetup()
+{
+    Messages out;
+    rpn(out, 0, 3, 0);
+    return out;
+}
+
+const char* const CHORD[] = {"/", "/5", "/3", "/7"}; // 1/1 5/4 3/2 7/4
+
+// The chord's bytes on a fresh MPE encoder: channels 2..5 in order.
+Messages mpeChord(int range)
+{
+    Messages out;
+    for (int i = 0; i < 4; ++i) {
+        int key = 0;
+        out.push_back(mpeBend(1 + i, frequencyOf(CHORD[i]), range, &key));
+        out.push_back({std::uint8_t(0x91 + i), std::uint8_t(key), 100});
+    }
+    return out;
+}
+
+QString dump(const Messages& messages)
+{
+    QStringList lines;
+    for (const Bytes& m : messages) {
+        lines << QByteArray(reinterpret_cast<const char*>(m.data()), int(m.size())).toHex(' ');
+    }
+    return lines.join(QLatin1String(" | "));
+}
+
+// A JACK client with one MIDI input port that keeps every message it gets.
+class JackMidiCapture
+{
+public:
+    ~JackMidiCapture() { close(); }
+
+    bool open()
+    {
+        mRing = jack_ringbuffer_create(1 << 16);
+        mClient = jack_client_open("midicapture", JackNoStartServer, nullptr);
+        if (!mClient) {
+            return false;
+        }
+        mPort = jack_port_register(mClient, "in", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput, 0);
+        jack_set_process_callback(mClient, &JackMidiCapture::process, this);
+        return mPort && jack_activate(mClient) == 0;
+    }
+    void close()
+    {
+        if (mClient) {
+            jack_client_close(mClient);
+            mClient = nullptr;
+        }
+        if (mRing) {
+            jack_ringbuffer_free(mRing);
+            mRing = nullptr;
+        }
+    }
+    QString portName() const { return QString::fromUtf8(jack_port_name(mPort)); }
+
+    // Connects the output port of the client whose name starts with `client`.
+    bool connectFrom(const QString& client)
+    {
+        const QByteArray pattern = "^" + QRegularExpression::escape(client).toUtf8();
+        const char** ports =
+            jack_get_ports(mClient, pattern.constData(), JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput);
+        if (!ports || !ports[0]) {
+            jack_free(ports);
+            return false;
+        }
+        const int result = jack_connect(mClient, ports[0], jack_port_name(mPort));
+        jack_free(ports);
+        return result == 0;
+    }
+
+    // Moves what has arrived into messages() and returns how many there are.
+    int poll()
+    {
+        std::uint32_t size = 0;
+        while (jack_ringbuffer_read_space(mRing) >= sizeof(size)) {
+            jack_ringbuffer_peek(mRing, reinterpret_cast<char*>(&size), sizeof(size));
+            if (jack_ringbuffer_read_space(mRing) < sizeof(size) + size) {
+                break;
+            }
+            jack_ringbuffer_read_advance(mRing, sizeof(size));
+            Bytes message(size);
+            jack_ringbuffer_read(mRing, reinterpret_cast<char*>(message.data()), size);
+            mMessages.push_back(message);
+        }
+        return int(mMessages.size());
+    }
+    Messages& messages() { return mMessages; }
+
+private:
+    static int process(jack_nframes_t frames, void* self)
+    {
+        auto* capture = static_cast<JackMidiCapture*>(self);
+        void* buffer = jack_port_get_buffer(capture->mPort, frames);
+        const std::uint32_t count = jack_midi_get_event_count(buffer);
+        for (std::uint32_t i = 0; i < count; ++i) {
+            jack_midi_event_t event;
+            if (jack_midi_event_get(&event, buffer, i) != 0) {
+                continue;
+            }
+            const std::uint32_t size = std::uint32_t(event.size);
+            if (jack_ringbuffer_write_space(capture->mRing) >= sizeof(size) + size) {
+                jack_ringbuffer_write(capture->mRing, reinterpret_cast<const char*>(&size),
+                                      sizeof(size));
+                jack_ringbuffer_write(capture->mRing, reinterpret_cast<const char*>(event.buffer),
+                                      size);
+            }
+        }
+        return 0;
+    }
+
+    jack_client_t* mClient = nullptr;
+    jack_port_t* mPort = nullptr;
+    jack_ringbuffer_t* mRing = nullptr;
+    Messages mMessages;
+};
+
+} // namespace
+
+class TestMidiOut : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void mpeBytes()
+    {
+        // The lattice's paths of the ratios the tests play.
+        const char* const ratios[][2] = {{"/", "1/1"},  {"/5", "5/4"},   {"/3", "3/2"},
+                                         {"/7", "7/4"}, {"/11", "11/8"}, {"/13", "13/8"}};
+        for (const auto& row : ratios) {
+            QCOMPARE(ArboRatio::pathRatio(ArboPath(QString::fromLatin1(row[0]))).toString(),
+                     QString::fromLatin1(row[1]));
+        }
+
+        MpeEncoder encoder(2, 15);
+        Messages out;
+        encoder.setup(out);
+        QCOMPARE(dump(out), dump(mpeSetup(15, 2)));
+
+        // The chord on four member channels, nearest keys, exact bends.
+        out.clear();
+        for (int voice = 0; voice < 4; ++voice) {
+            QVERIFY(encoder.noteOn(voice, frequencyOf(CHORD[voice]), out));
+        }
+        QCOMPARE(dump(out), dump(mpeChord(2)));
+
+        // Off for 5/4, a repeated off does nothing, then all notes off.
+        out.clear();
+        encoder.noteOff(1, out);
+        encoder.noteOff(1, out);
+        int key = 0;
+        mpeBend(2, frequencyOf("/5"), 2, &key);
+        QCOMPARE(dump(out), dump({{0x82, std::uint8_t(key), 64}}));
+        out.clear();
+        encoder.allNotesOff(out);
+        Messages expected;
+        for (int i : {0, 2, 3}) {
+            mpeBend(1 + i, frequencyOf(CHORD[i]), 2, &key);
+            expected.push_back({std::uint8_t(0x81 + i), std::uint8_t(key), 64});
+        }
+        for (int c = 0; c <= 15; ++c) {
+            expected.push_back(cc(c, 123, 0));
+        }
+        QCOMPARE(dump(out), dump(expected));
+        QCOMPARE(encoder.soundingCount(), 0);
+
+        // Takeover: 16 notes on 15 member channels. The 16th ends the oldest
+        // note (voice 0, on the channel used longest ago) and takes its channel.
+        MpeEncoder full(48, 15);
+        out.clear();
+        for (int voice = 0; voice < 15; ++voice) {
+            QVERIFY(full.noteOn(voice, 300.0 + 10.0 * voice, out));
+        }
+        out.clear();
+        QVERIFY(full.noteOn(15, frequencyOf("/3"), out));
+        int oldKey = 0;
+        mpeBend(1, 300.0, 48, &oldKey);
+        const Bytes bend = mpeBend(1, frequencyOf("/3"), 48, &key);
+        QCOMPARE(dump(out),
+                 dump({{0x81, std::uint8_t(oldKey), 64}, bend, {0x91, std::uint8_t(key), 100}}));
+        QCOMPARE(full.soundingCount(), 15);
+
+        // A note the keyboard cannot reach, even bent, is not played.
+        out.clear();
+        QVERIFY(!encoder.noteOn(5, 19000.0, out));
+        QVERIFY(out.empty());
+    }
+
+    void mtsBytes()
+    {
+        MtsEncoder encoder;
+        Messages out;
+        encoder.setup(out);
+        QCOMPARE(dump(out), dump(mtsSetup()));
+
+        // 11/8 and 13/8: retune the nearest key, then play it.
+        out.clear();
+        QVERIFY(encoder.noteOn(0, frequencyOf("/11"), out));
+        QVERIFY(encoder.noteOn(1, frequencyOf("/13"), out));
+        const int key11 = int(std::floor(centsAboveA4(frequencyOf("/11")) / 100 + 69.5));
+        const int key13 = int(std::floor(centsAboveA4(frequencyOf("/13")) / 100 + 69.5));
+        QCOMPARE(dump(out), dump({mtsRetune(key11, frequencyOf("/11")),
+                                  {0x90, std::uint8_t(key11), 100},
+                                  mtsRetune(key13, frequencyOf("/13")),
+                                  {0x90, std::uint8_t(key13), 100}}));
+
+        // A second note nearest the sounding key 11/8 uses never retunes it:
+        // it goes to the next silent key, the lower one first.
+        out.clear();
+        const double near11 = frequencyOf("/11") * 1.001;
+        QVERIFY(encoder.noteOn(2, near11, out));
+        QCOMPARE(dump(out),
+                 dump({mtsRetune(key11 - 1, near11), {0x90, std::uint8_t(key11 - 1), 100}}));
+        out.clear();
+        encoder.allNotesOff(out);
+        QCOMPARE(dump(out), dump({{0x80, std::uint8_t(key11), 64},
+                                  {0x80, std::uint8_t(key13), 64},
+                                  {0x80, std::uint8_t(key11 - 1), 64},
+                                  cc(0, 123, 0)}));
+    }
+
+    void accuracy()
+    {
+        // Every frequency the player plays, from 20 Hz up to what each method
+        // reaches, sweeping through ratios in small steps.
+        double worstMpe2 = 0.0;
+        double worstMpe48 = 0.0;
+        double worstMts = 0.0;
+        for (double f = 20.5; f < 12000.0; f *= 1.000713) {
+            int key = 0;
+            int bend = 0;
+            QVERIFY(MidiTuning::keyAndBend(f, 2, key, bend));
+            worstMpe2 = std::max(
+                worstMpe2,
+                std::fabs(centsAboveA4(MidiTuning::bendFrequency(key, bend, 2)) - centsAboveA4(f)));
+            QVERIFY(MidiTuning::keyAndBend(f, 48, key, bend));
+            worstMpe48 = std::max(worstMpe48,
+                                  std::fabs(centsAboveA4(MidiTuning::bendFrequency(key, bend, 48)) -
+                                            centsAboveA4(f)));
+            std::uint8_t word[3];
+            QVERIFY(MidiTuning::tuningWord(f, word));
+            worstMts = std::max(worstMts, std::fabs(centsAboveA4(MidiTuning::wordFrequency(word)) -
+                                                    centsAboveA4(f)));
+        }
+        qInfo() << "worst error in cents: MPE ±2" << worstMpe2 << "MPE ±48" << worstMpe48 << "MTS"
+                << worstMts;
+        QVERIFY(worstMpe2 < 0.05);
+        QVERIFY(worstMts < 0.01);
+        QVERIFY(worstMpe48 < 0.3); // half a step of 48 × 100 / 8192 cents
+    }
+
+    void optionsWidget()
+    {
+        // No MIDI system at all: a JACK server nobody serves, no ALSA device.
+        const QProcessEnvironment none = JackFixture::noDeviceEnvironment(QProcessEnvironment());
+        for (const QString& key : none.keys()) {
+            qputenv(qPrintable(key), none.value(key).toLocal8Bit());
+        }
+        QVERIFY(QDir().mkpath(TestSupport::configDir()));
+        MidiSettings settings;
+        MidiOutput output;
+        QVERIFY(!output.open(settings));
+        QVERIFY2(output.status().startsWith(QLatin1String("No MIDI system")),
+                 qPrintable(output.status()));
+        connect(&settings, &MidiSettings::changed, &output, [&] { output.open(settings); });
+
+        MidiOptionsWidget widget(&settings, &output);
+        widget.show();
+        auto* status = widget.findChild<QLabel*>(QStringLiteral("midiStatus"));
+        auto* method = widget.findChild<QComboBox*>(QStringLiteral("midiMethod"));
+        auto* bend = widget.findChild<QSpinBox*>(QStringLiteral("midiBendRange"));
+        auto* enabled = widget.findChild<QCheckBox*>(QStringLiteral("midiEnabled"));
+        auto* port = widget.findChild<QComboBox*>(QStringLiteral("midiPort"));
+        QVERIFY(status && method && bend && enabled && port);
+        QCOMPARE(status->text(), output.status());
+        QCOMPARE(port->currentData().toString(), QString()); // the own virtual port
+        QVERIFY(bend->isEnabled());
+
+        QSignalSpy changed(&settings, &MidiSettings::changed);
+        method->setCurrentIndex(method->findData(MidiSettings::METHOD_MTS));
+        emit method->activated(method->currentIndex());
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(settings.mMethod, MidiSettings::METHOD_MTS);
+        QVERIFY(!bend->isEnabled()); // a bend range means nothing to MTS
+        QVERIFY(status->text().startsWith(QLatin1String("No MIDI system")));
+
+        enabled->setChecked(false);
+        QCOMPARE(changed.count(), 2);
+        QVERIFY(!settings.mEnabled);
+        QCOMPARE(status->text(), QStringLiteral("MIDI output is off"));
+        QVERIFY(!method->isEnabled());
+    }
+
+    void jackEndToEnd()
+    {
+        const QString missing = JackFixture::missingTools();
+        QVERIFY2(missing.isEmpty(), qPrintable(missing));
+        JackFixture jack;
+        QVERIFY2(jack.start(), qPrintable(jack.error()));
+        jack.applyToThisProcess();
+
+        JackMidiCapture capture;
+        QVERIFY(capture.open());
+
+        PdPlayer player;
+        QVERIFY(player.init());
+        auto queue = [&player](const ArboEvent& event) {
+            player.queueEventGui(&event);
+            player.processEvents(); // this thread plays the audio thread
+        };
+        auto toggle = [&](const char* path) { queue(ArboNoteEvent(QString::fromLatin1(path))); };
+        queue(ArboEvent(ArboEvent::BaseFrequency, BASE));
+
+        MidiOutput output;
+        output.attach(&player);
+        MidiSettings settings;
+        QVERIFY2(output.open(settings, MidiOutput::Api::Jack), qPrintable(output.status()));
+        QVERIFY(output.status().contains(QLatin1String("virtual port")));
+        QVERIFY(capture.connectFrom(QLatin1String(MidiOutput::PORT_NAME)));
+
+        // The chord: the zone and bend ranges first, then four notes.
+        for (const char* path : CHORD) {
+            toggle(path);
+        }
+        Messages expected = mpeSetup(15, 2);
+        const Messages chord = mpeChord(2);
+        expected.insert(expected.end(), chord.begin(), chord.end());
+        QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= int(expected.size()), 10000);
+        QCOMPARE(dump(capture.messages()), dump(expected));
+
+        // Note-offs, then "stop all": the remaining offs and all-notes-off.
+        capture.messages().clear();
+        toggle("/3");
+        queue(ArboEvent(ArboEvent::AllNotesOff, 0.0f));
+        expected.clear();
+        for (int i : {2, 0, 1, 3}) {
+            const int key = chord[size_t(2 * i + 1)][1];
+            expected.push_back({std::uint8_t(0x81 + i), std::uint8_t(key), 64});
+        }
+        for (int c = 0; c <= 15; ++c) {
+            expected.push_back(cc(c, 123, 0));
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= int(expected.size()), 10000);
+        // The player ends the remaining notes in its own order; compare as sets.
+        Messages got = capture.messages();
+        QCOMPARE(got.front(), expected.front());
+        std::sort(got.begin() + 1, got.begin() + 4);
+        std::sort(expected.begin() + 1, expected.begin() + 4);
+        QCOMPARE(dump(got), dump(expected));
+
+        // Switched off: the output's last word is all-notes-off on every
+        // channel; then the player's notes go nowhere, and its own sound plays.
+        capture.messages().clear();
+        settings.mEnabled = false;
+        QVERIFY(!output.open(settings, MidiOutput::Api::Jack));
+        QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= 16, 10000);
+        QCOMPARE(dump(capture.messages()), dump(Messages(expected.begin() + 4, expected.end())));
+        QVERIFY(player.builtInSound());
+        toggle("/7");
+        queue(ArboEvent(ArboEvent::AllNotesOff, 0.0f));
+
+        // MTS, without the built-in sound: 11/8 and 13/8.
+        capture.messages().clear();
+        settings.mEnabled = true;
+        settings.mMethod = MidiSettings::METHOD_MTS;
+        settings.mBuiltInSound = false;
+        QVERIFY2(output.open(settings, MidiOutput::Api::Jack), qPrintable(output.status()));
+        QVERIFY(!player.builtInSound());
+        QVERIFY(capture.connectFrom(QLatin1String(MidiOutput::PORT_NAME)));
+        toggle("/11");
+        toggle("/13");
+        MtsEncoder reference;
+        expected = mtsSetup();
+        reference.noteOn(0, frequencyOf("/11"), expected);
+        reference.noteOn(1, frequencyOf("/13"), expected);
+        QCOMPARE(expected[5], mtsRetune(expected[6][1], frequencyOf("/11")));
+        QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= int(expected.size()), 10000);
+        // Nothing from the time it was off: the first bytes are the set-up.
+        QCOMPARE(dump(capture.messages()), dump(expected));
+        queue(ArboEvent(ArboEvent::AllNotesOff, 0.0f));
+
+        // Sixteen notes on fifteen member channels: each of the first fifteen
+        // on a channel of its own, the sixteenth ends the first and takes
+        // its channel.
+        settings.mMethod = MidiSettings::METHOD_MPE;
+        settings.mBuiltInSound = true;
+        QVERIFY2(output.open(settings, MidiOutput::Api::Jack), qPrintable(output.status()));
+        QVERIFY(capture.connectFrom(QLatin1String(MidiOutput::PORT_NAME)));
+        capture.messages().clear();
+        const char* const sixteen[] = {"/3",  "/3/3", "/5",   "/5/5",  "/7",   "/7/7",
+                                       "/11", "/13",  "/3/5", "/3/7",  "/5/7", "/3/11",
+                                       "/-3", "/-5",  "/-7",  "/-3/-5"};
+        for (const char* path : sixteen) {
+            toggle(path);
+        }
+        const int setupSize = int(mpeSetup(15, 2).size());
+        // The previous output's last words (its all-notes-off as it closed)
+        // may still arrive after the clear: start at the new set-up.
+        const auto fromSetup = [&capture] {
+            const Bytes zone = mpeSetup(15, 2).front();
+            capture.poll();
+            const Messages& all = capture.messages();
+            return Messages(std::find(all.begin(), all.end(), zone), all.end());
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(int(fromSetup().size()) >= setupSize + 15 * 2 + 3, 10000);
+        got = fromSetup();
+        QCOMPARE(int(got.size()), setupSize + 15 * 2 + 3);
+        QSet<int> channels;
+        for (int i = 0; i < 15; ++i) {
+            const Bytes& bend = got[size_t(setupSize + 2 * i)];
+            const Bytes& on = got[size_t(setupSize + 2 * i + 1)];
+            int key = 0;
+            QCOMPARE(bend, mpeBend(bend[0] & 0x0f, frequencyOf(sixteen[i]), 2, &key));
+            QCOMPARE(on, (Bytes{std::uint8_t(0x90 | (bend[0] & 0x0f)), std::uint8_t(key), 100}));
+            channels.insert(bend[0] & 0x0f);
+        }
+        QCOMPARE(channels.size(), 15);
+        QVERIFY(!channels.contains(0)); // never the manager channel
+        const Bytes& first = got[size_t(setupSize + 1)];
+        const int firstChannel = first[0] & 0x0f;
+        int key = 0;
+        const Bytes lastBend = mpeBend(firstChannel, frequencyOf(sixteen[15]), 2, &key);
+        QCOMPARE(dump(Messages(got.end() - 3, got.end())),
+                 dump({{std::uint8_t(0x80 | firstChannel), first[1], 64},
+                       lastBend,
+                       {std::uint8_t(0x90 | firstChannel), std::uint8_t(key), 100}}));
+        queue(ArboEvent(ArboEvent::AllNotesOff, 0.0f));
+
+        // Connected to a chosen port that goes away while playing: the output
+        // says so and the program goes on.
+        settings.mPort = capture.portName();
+        QVERIFY(output.portNames(MidiOutput::Api::Jack).contains(settings.mPort));
+        QVERIFY2(output.open(settings, MidiOutput::Api::Jack), qPrintable(output.status()));
+        capture.messages().clear();
+        const std::uint64_t sent = output.notesSent();
+        toggle("/");
+        QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= int(mpeSetup(15, 2).size()) + 2, 10000);
+        QCOMPARE(output.notesSent(), sent + 1);
+        capture.close();
+        QTRY_VERIFY_WITH_TIMEOUT(output.status().contains(QLatin1String("has gone")), 10000);
+        toggle("/3");
+        QTRY_COMPARE_WITH_TIMEOUT(output.notesSent(), sent + 2, 10000);
+
+        output.close();
+        QVERIFY(player.builtInSound());
+    }
+
+    void settingsFile()
+    {
+        QVERIFY(QDir().mkpath(TestSupport::configDir()));
+        MidiSettings settings;
+        QVERIFY(settings.init());
+        QVERIFY(QFileInfo::exists(TestSupport::configDir() + QStringLiteral("/midi.json")));
+        settings.mMethod = MidiSettings::METHOD_MTS;
+        settings.mBendRange = 48;
+        settings.mPort = QStringLiteral("synth:in");
+        QVERIFY(settings.save());
+        MidiSettings again;
+        QVERIFY(again.init());
+        QVERIFY(again == settings);
+        // Hostile values are clamped.
+        QVERIFY(TestSupport::writeFile(
+            again.path(), R"({"bendRange": 1000, "memberChannels": -3, "method": "X"})"));
+        QVERIFY(again.load());
+        QCOMPARE(again.mBendRange, 96);
+        QCOMPARE(again.mMemberChannels, 1);
+        QCOMPARE(again.mMethod, MidiSettings::METHOD_MTS);
+    }
+};
+
+ARBO_TEST_MAIN(TestMidiOut)
+#include "tst_midiout.moc"
