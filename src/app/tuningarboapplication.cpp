@@ -51,6 +51,7 @@ TuningArboApplication::TuningArboApplication(int& argc, char** argv) : QApplicat
     AppContext::setPlayer(&mPlayer);
     AppContext::setAudioOutput(&mAudioOutput);
     AppContext::setSettings(&mSettings);
+    AppContext::setMidi(&mMidiOutput, &mMidiSettings);
 
     connect(&mSignalWatcher, &UnixSignalWatcher::terminationRequested, this, [this] {
         mQuitBySignal = true;
@@ -71,6 +72,7 @@ TuningArboApplication::~TuningArboApplication()
     mUdpListener.wait();
     removeLogHandler();
     AppContext::setSettings(nullptr);
+    AppContext::setMidi(nullptr, nullptr);
     AppContext::setAudioOutput(nullptr);
     AppContext::setPlayer(nullptr);
     AppContext::setLattice(nullptr);

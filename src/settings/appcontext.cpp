@@ -14,6 +14,8 @@ Settings* sSettings = nullptr;
 Arbo* sLattice = nullptr;
 PdPlayer* sPlayer = nullptr;
 AudioOutput* sAudioOutput = nullptr;
+MidiOutput* sMidiOutput = nullptr;
+MidiSettings* sMidiSettings = nullptr;
 } // namespace
 
 Settings* settings()
@@ -57,6 +59,20 @@ AudioOutput* audioOutput()
 void setAudioOutput(AudioOutput* output)
 {
     sAudioOutput = output;
+}
+
+MidiOutput* midiOutput()
+{
+    return sMidiOutput;
+}
+MidiSettings* midiSettings()
+{
+    return sMidiSettings;
+}
+void setMidi(MidiOutput* output, MidiSettings* settings)
+{
+    sMidiOutput = output;
+    sMidiSettings = settings;
 }
 
 QString configDir()

@@ -6,6 +6,8 @@ class Settings;
 class Arbo;
 class PdPlayer;
 class AudioOutput;
+class MidiSettings;
+class MidiOutput;
 
 // The long-lived objects of the running program, and its two folders.
 //
@@ -36,6 +38,11 @@ void setPlayer(PdPlayer* player);
 
 AudioOutput* audioOutput();
 void setAudioOutput(AudioOutput* output);
+
+// The MIDI output and its settings; null when none are registered.
+MidiOutput* midiOutput();
+MidiSettings* midiSettings();
+void setMidi(MidiOutput* output, MidiSettings* settings);
 
 // The per-user writable data folder (log, options, lattice, tag map, runtime
 // patches). Needs the application name to be set.

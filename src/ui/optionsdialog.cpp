@@ -2,6 +2,7 @@
 
 #include "input/arboevent.h"
 #include "settings/appcontext.h"
+#include "ui/midioptionswidget.h"
 #include "settings/settings.h"
 #include "sound/audiooutput.h"
 #include "sound/pdplayer.h"
@@ -82,6 +83,15 @@ OptionsDialog::OptionsDialog(QWidget* parent) : QDialog(parent), mUi(new Ui::Opt
 
     fillOptionsPage();
     fillAboutPage();
+    // A fourth tab beside the three of the options: the MIDI output's
+    // settings, edited live, for those who play synthesizers with the
+    // lattice. Only where the program has a MIDI output.
+    if (AppContext::midiOutput() && AppContext::midiSettings()) {
+        mUi->tabWidget->insertTab(
+            mUi->tabWidget->count() - 1,
+            new MidiOptionsWidget(AppContext::midiSettings(), AppContext::midiOutput()),
+            QStringLiteral("MIDI"));
+    }
 
     connect(mUi->audioDeviceBox, QOverload<int>::of(&QComboBox::activated), this,
             &OptionsDialog::onAudioDeviceMenuActivated);
