@@ -36,10 +36,17 @@ public:
         Macro8 = 18,
         OpenPatch = 19,  // value ignored
         ClosePatch = 20, // value ignored
+        // Held notes, for keys, MIDI notes and OSC buttons: NoteStart sounds
+        // the path's note unless it already sounds; NoteEnd ends the note
+        // that a NoteStart of the same path began, and nothing else, so that
+        // letting go of a key never silences a note a wand or a click began.
+        // The path is in the ArboNoteEvent; the value is ignored.
+        NoteStart = 21,
+        NoteEnd = 22,
     };
     // Highest type the player carries out; anything outside 0 to this is
     // ignored by the consumer.
-    static constexpr int LAST_TYPE = ClosePatch;
+    static constexpr int LAST_TYPE = NoteEnd;
 
     // Type NoteToggle with value 0 (zero-initialised, as for any value type).
     ArboEvent() = default;

@@ -5,8 +5,8 @@
 
 class QString;
 
-// The command to toggle the note at a lattice path. Its type is always
-// NoteToggle and its value always 1.0.
+// A command about the note at a lattice path: NoteToggle (what wands and
+// clicks send), or NoteStart/NoteEnd (held keys). The value is always 1.0.
 class ArboNoteEvent : public ArboEvent
 {
 public:
@@ -16,6 +16,8 @@ public:
     // the invalid path, which the player ignores.
     explicit ArboNoteEvent(const QString& path);
     explicit ArboNoteEvent(const ArboPath& path);
+    // `type` is NoteToggle, NoteStart or NoteEnd.
+    ArboNoteEvent(const ArboPath& path, Type type);
     ArboNoteEvent(const ArboNoteEvent&) = default;
     ArboNoteEvent& operator=(const ArboNoteEvent&) = default;
     ~ArboNoteEvent() override;

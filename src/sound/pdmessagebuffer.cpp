@@ -31,6 +31,16 @@ PdMessageBuffer::~PdMessageBuffer()
     }
 }
 
+void PdMessageBuffer::setLogDrops(bool log)
+{
+    mLogDrops = log;
+}
+
+quint32 PdMessageBuffer::takeSilentDrops()
+{
+    return mSilentDrops.exchange(0, std::memory_order_relaxed);
+}
+
 bool PdMessageBuffer::init()
 {
     if (!mRing) {
@@ -66,7 +76,7 @@ bool PdMessageBuffer::writeChunk(const Chunk* chunk)
         return false;
     }
     // The clock is read only while drops wait to be reported.
-    if (mFullWarning.suppressed() != 0 && mFullWarning.summaryDue()) {
+    if (mLogDrops && mFullWarning.suppressed() != 0 && mFullWarning.summaryDue()) {
         reportDrops();
     }
     return true;
@@ -74,6 +84,10 @@ bool PdMessageBuffer::writeChunk(const Chunk* chunk)
 
 void PdMessageBuffer::noteDrop()
 {
+    if (!mLogDrops) {
+        mSilentDrops.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
     if (!mFullWarning.admit()) {
         return; // counted, reported with the next message
     }

@@ -4,6 +4,9 @@
 #include "settings/logthrottle.h"
 #include "sound/staticarray.h"
 
+#include <QtGlobal>
+
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -92,6 +95,12 @@ public:
     // the chunks out before clearing it.
     void processEvents(ChunkList& list);
 
+    // Before any writer runs. Off: a writer that must not log (a real-time
+    // MIDI thread) only counts its drops, and someone else reports them from
+    // takeSilentDrops() (any thread; returns the count and clears it).
+    void setLogDrops(bool log);
+    quint32 takeSilentDrops();
+
     // Any thread. How many more chunks would fit right now: a snapshot that
     // may only grow until the writer writes again. 0 before init().
     int freeChunks() const;
@@ -105,6 +114,8 @@ private:
     // Writer-side state of the rate-limited warning; touched only by the
     // writer thread (and by the destructor, once no writer is left).
     LogThrottle mFullWarning{FULL_WARNING_INTERVAL};
+    bool mLogDrops = true;
+    std::atomic<quint32> mSilentDrops{0};
 };
 
 static_assert(std::is_trivially_copyable<PdMessageBuffer::Chunk>::value,

@@ -111,6 +111,13 @@ bool PdPlayer::init()
         qCritical() << "failed to allocate serial command buffer";
         return false;
     }
+    if (!mMidiBuffer.init() || !mOscBuffer.init()) {
+        qCritical() << "failed to allocate MIDI and OSC command buffers";
+        return false;
+    }
+    // The MIDI input may call in from the MIDI server's real-time thread,
+    // which must not log; its drops are counted and reported from here.
+    mMidiBuffer.setLogDrops(false);
     qWarning() << "calling libpd init";
     // Pd reads the numbers in patch files and messages with the C library,
     // which follows LC_NUMERIC; Qt has set the locale from the environment, so
@@ -152,12 +159,24 @@ void PdPlayer::queueEventSerial(const ArboEvent* event)
     mSerialBuffer.queueEvent(event);
 }
 
+void PdPlayer::queueEventMidi(const ArboEvent* event)
+{
+    mMidiBuffer.queueEvent(event);
+}
+
+void PdPlayer::queueEventOsc(const ArboEvent* event)
+{
+    mOscBuffer.queueEvent(event);
+}
+
 void PdPlayer::processEvents()
 {
     // A thread-local pointer store: cheap enough for every buffer, and the
     // audio library does not promise to call back on one thread for good.
     libpd_set_instance(mPdInstance);
     processBuffer(mSerialBuffer);
+    processBuffer(mMidiBuffer);
+    processBuffer(mOscBuffer);
     processBuffer(mGuiBuffer);
 }
 
@@ -176,6 +195,12 @@ void PdPlayer::carryOut(const PdMessageBuffer::Chunk& chunk)
     switch (chunk.type) {
     case ArboEvent::NoteToggle:
         toggleNote(chunk.path);
+        break;
+    case ArboEvent::NoteStart:
+        startNote(chunk.path);
+        break;
+    case ArboEvent::NoteEnd:
+        endNote(chunk.path);
         break;
     case ArboEvent::AllNotesOff:
         allNotesOff();
@@ -323,26 +348,35 @@ float PdPlayer::ratioToFrequency(const ArboRatio& ratio) const
 // ---------------------------------------------------------------------------
 // Notes and voices
 
-void PdPlayer::toggleNote(const ArboPath& path)
+bool PdPlayer::resolveNote(const ArboPath& path, ArboRatio& ratio)
 {
     // A path comes through the ring as raw bytes; one that is not made of
     // prime steps of the table has no pitch and is ignored like the invalid one.
     if (!path.isValid() || !path.hasValidSteps()) {
-        return;
+        return false;
     }
     // The root has no last step: it consults flag 0, which only PrimeToggle 0
     // changes, so the 1/1 is never blocked by a prime.
     const int length = path.length();
     const int prime = length > 0 ? std::abs(int(path.toCharArray()[length - 1])) : 0;
     if (!primeEnabled(prime)) {
-        return;
+        return false;
     }
-    ArboRatio ratio = mTransposition;
+    ratio = mTransposition;
     if (!ratio.multiplyIfExact(ArboRatio::pathRatio(path))) {
         quint64 bytes = 0;
         std::memcpy(&bytes, &path, sizeof(bytes));
         mLastRefusedNote.store(bytes, std::memory_order_relaxed);
         mRefusedNotes.fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
+    return true;
+}
+
+void PdPlayer::toggleNote(const ArboPath& path)
+{
+    ArboRatio ratio;
+    if (!resolveNote(path, ratio)) {
         return;
     }
     const auto found = mNoteMap.constFind(ratio);
@@ -354,7 +388,35 @@ void PdPlayer::toggleNote(const ArboPath& path)
     }
 }
 
-void PdPlayer::noteOn(const ArboRatio& ratio)
+void PdPlayer::startNote(const ArboPath& path)
+{
+    ArboRatio ratio;
+    if (!resolveNote(path, ratio)) {
+        return;
+    }
+    const auto found = mNoteMap.constFind(ratio);
+    if (found != mNoteMap.constEnd() && !found.value()->released) {
+        return; // already sounding: the key does not own it
+    }
+    const int voice = noteOn(ratio);
+    mVoices[voice].held = true;
+    mVoices[voice].heldPath = path;
+}
+
+void PdPlayer::endNote(const ArboPath& path)
+{
+    // By the path, not the ratio: a transposition between press and release
+    // must still end the note the press began.
+    for (int i = 0; i < VOICE_COUNT; ++i) {
+        NoteOn& record = mVoices[i];
+        if (record.seqId != 0 && record.held && !record.released && record.heldPath == path) {
+            noteOff(record.ratio);
+            return;
+        }
+    }
+}
+
+int PdPlayer::noteOn(const ArboRatio& ratio)
 {
     ++mSequence;
     const float frequency = float(ratio.numerator()) / float(ratio.denominator()) * mBaseFrequency;
@@ -400,6 +462,7 @@ void PdPlayer::noteOn(const ArboRatio& ratio)
     record.voice = chosen;
     record.seqId = mSequence;
     record.released = false;
+    record.held = false;
     // The one allocation of a note-on: QHash makes a node per entry, even
     // with room reserved for every voice.
     mNoteMap.insert(ratio, &record);
@@ -422,6 +485,7 @@ void PdPlayer::noteOn(const ArboRatio& ratio)
                 double(ratio.numerator()) / double(ratio.denominator()) * double(mBaseFrequency));
     }
     emit noteToggled(ratio, true);
+    return chosen;
 }
 
 void PdPlayer::noteOff(const ArboRatio& ratio)
@@ -479,6 +543,7 @@ void PdPlayer::onVoiceStopped(int voice)
         updateSoundingCount();
     }
     record.released = false;
+    record.held = false;
     record.seqId = 0;
 }
 
@@ -544,6 +609,10 @@ void PdPlayer::pdPrintHook(const char* text)
 
 void PdPlayer::reportRefusedCommands()
 {
+    if (const quint32 count = mMidiBuffer.takeSilentDrops()) {
+        qWarning().noquote()
+            << QStringLiteral("Dropped %1 MIDI command(s): the command buffer was full").arg(count);
+    }
     if (const quint32 count = mRefusedTranspositions.exchange(0)) {
         qWarning().noquote() << QStringLiteral("Ignored %1 transposition(s) that are no prime "
                                                "step or would leave the exact ratios (last: %2)")

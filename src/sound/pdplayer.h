@@ -66,6 +66,8 @@ public:
         std::int32_t voice = -1; // the voice's own index, 0..127
         std::int32_t seqId = 0;  // note-on sequence number; 0 means free
         bool released = false;   // gate off sent, waiting for "voice-stop"
+        bool held = false;       // begun by a NoteStart of heldPath
+        ArboPath heldPath;
     };
 
     static constexpr int VOICE_COUNT = 128;
@@ -176,12 +178,24 @@ public slots:
     // UDP listener thread only (connected directly): copies the event into
     // the serial command buffer. The caller keeps the event. Never blocks.
     void queueEventSerial(const ArboEvent* event);
+    // The MIDI input's thread only, and the OSC receiver's thread only: each
+    // has a buffer of its own, as the wands and the GUI have. Never block,
+    // never log (a full buffer is counted and reported once a second).
+    void queueEventMidi(const ArboEvent* event);
+    void queueEventOsc(const ArboEvent* event);
 
 private:
     void processBuffer(PdMessageBuffer& buffer);
     void carryOut(const PdMessageBuffer::Chunk& chunk);
+    // The sounding ratio of `path` (transposition included); false when the
+    // path has no pitch, its prime is switched off or the ratio would leave
+    // 64 bits (counted as refused).
+    bool resolveNote(const ArboPath& path, ArboRatio& ratio);
     void toggleNote(const ArboPath& path);
-    void noteOn(const ArboRatio& ratio);
+    void startNote(const ArboPath& path);
+    void endNote(const ArboPath& path);
+    // Returns the voice taken.
+    int noteOn(const ArboRatio& ratio);
     void noteOff(const ArboRatio& ratio);
     void allNotesOff();
     void onVoiceStopped(int voice);
@@ -213,6 +227,8 @@ private:
 
     PdMessageBuffer mGuiBuffer;
     PdMessageBuffer mSerialBuffer;
+    PdMessageBuffer mMidiBuffer;
+    PdMessageBuffer mOscBuffer;
     PdMessageBuffer::ChunkList mChunkList;
     void* mPatch = nullptr;
     ArboRatio mTransposition{1, 1};
