@@ -1,0 +1,162 @@
+#include "input/inputbinding.h"
+
+#include <QJsonValue>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace {
+
+const QString EVENT_KEY = QStringLiteral("event");
+const QString VALUE_KEY = QStringLiteral("value");
+const QString MIN_KEY = QStringLiteral("min");
+const QString MAX_KEY = QStringLiteral("max");
+
+// A finite JSON number within the float range, or nothing.
+bool toFloat(const QJsonValue& json, float* out)
+{
+    if (!json.isDouble()) {
+        return false;
+    }
+    const double number = json.toDouble();
+    if (!std::isfinite(number) || std::fabs(number) > double(std::numeric_limits<float>::max())) {
+        return false;
+    }
+    *out = float(number);
+    return true;
+}
+
+} // namespace
+
+InputBinding::InputBinding(const ArboPath& path)
+    : mKind(Note), mToggle(path, ArboEvent::NoteToggle), mStart(path, ArboEvent::NoteStart),
+      mEnd(path, ArboEvent::NoteEnd)
+{
+}
+
+InputBinding::InputBinding(ArboEvent::Type type, float value) : mKind(Fixed), mEvent(type, value)
+{
+}
+
+InputBinding InputBinding::ranged(ArboEvent::Type type, float min, float max)
+{
+    InputBinding binding(type, 0.0f);
+    binding.mKind = Ranged;
+    binding.mMin = min;
+    binding.mMax = max;
+    return binding;
+}
+
+InputBinding InputBinding::fromJson(const QJsonValue& json, QString* error)
+{
+    if (!json.isObject()) {
+        *error = QStringLiteral("is not an object with \"event\" and \"value\"");
+        return {};
+    }
+    const QJsonObject entry = json.toObject();
+    const QJsonValue value = entry.value(VALUE_KEY);
+    if (value.isString()) {
+        const ArboPath path(value.toString());
+        if (!value.toString().startsWith(QLatin1Char('/')) || !path.isValid() ||
+            !path.hasValidSteps()) {
+            *error = QStringLiteral("has the invalid path %1").arg(value.toString());
+            return {};
+        }
+        return InputBinding(path);
+    }
+    float type = 0.0f;
+    if (!toFloat(entry.value(EVENT_KEY), &type) || type != std::floor(type) || type < 0.0f ||
+        type > float(ArboEvent::LAST_TYPE)) {
+        *error = QStringLiteral("has no known \"event\" number");
+        return {};
+    }
+    const auto eventType = static_cast<ArboEvent::Type>(int(type));
+    // The note and patch commands need a path or a handshake of the player's
+    // own; as bare events they would sound the root or upset a patch load.
+    if (eventType == ArboEvent::NoteToggle || eventType == ArboEvent::NoteStart ||
+        eventType == ArboEvent::NoteEnd || eventType == ArboEvent::OpenPatch ||
+        eventType == ArboEvent::ClosePatch) {
+        *error = QStringLiteral("asks for event %1, which needs a path or is the program's own")
+                     .arg(int(type));
+        return {};
+    }
+    float fixed = 0.0f;
+    if (toFloat(value, &fixed)) {
+        return InputBinding(eventType, fixed);
+    }
+    if (!value.isUndefined() && !value.isNull()) {
+        *error = QStringLiteral("has a \"value\" that is neither a number nor a path");
+        return {};
+    }
+    float min = 0.0f;
+    float max = 1.0f;
+    if ((entry.contains(MIN_KEY) && !toFloat(entry.value(MIN_KEY), &min)) ||
+        (entry.contains(MAX_KEY) && !toFloat(entry.value(MAX_KEY), &max))) {
+        *error = QStringLiteral("has a \"min\" or \"max\" that is not a number");
+        return {};
+    }
+    return ranged(eventType, min, max);
+}
+
+QJsonObject InputBinding::toJson() const
+{
+    QJsonObject entry;
+    switch (mKind) {
+    case Note:
+        entry.insert(VALUE_KEY, path().toString());
+        break;
+    case Fixed:
+        entry.insert(EVENT_KEY, int(mEvent.type()));
+        entry.insert(VALUE_KEY, double(mEvent.value()));
+        break;
+    case Ranged:
+        entry.insert(EVENT_KEY, int(mEvent.type()));
+        entry.insert(MIN_KEY, double(mMin));
+        entry.insert(MAX_KEY, double(mMax));
+        break;
+    case None:
+        break;
+    }
+    return entry;
+}
+
+const ArboEvent* InputBinding::press(bool latch) const
+{
+    switch (mKind) {
+    case Note:
+        return latch ? &mToggle : &mStart;
+    case Fixed:
+        return &mEvent;
+    case Ranged: // needs a position: see control()
+        return nullptr;
+    case None:
+        break;
+    }
+    return nullptr;
+}
+
+const ArboEvent* InputBinding::release(bool latch) const
+{
+    return mKind == Note && !latch ? &mEnd : nullptr;
+}
+
+const ArboEvent* InputBinding::control(float position, bool latch, ArboEvent& scratch) const
+{
+    // NaN counts as the bottom: input from the network can be anything.
+    const bool high = position >= 0.5f;
+    switch (mKind) {
+    case Note:
+        return high ? press(latch) : release(latch);
+    case Fixed:
+        return high ? &mEvent : nullptr;
+    case Ranged: {
+        const float clamped = std::isnan(position) ? 0.0f : std::clamp(position, 0.0f, 1.0f);
+        scratch = ArboEvent(mEvent.type(), mMin + (mMax - mMin) * clamped);
+        return &scratch;
+    }
+    case None:
+        break;
+    }
+    return nullptr;
+}
