@@ -225,7 +225,21 @@ bool TuningArboApplication::init()
         mUdpListener.start(QThread::InheritPriority);
     }
 
+    // 16. Keys, MIDI controllers and OSC: one map for all three, written
+    // with a playable default on first run. A map that does not load leaves
+    // the defaults in place; the wands and the mouse work either way.
+    if (!mInputMap.init()) {
+        qWarning() << "Failed to read the input map; playing with the default one";
+        mInputMap.setDamagedFileAside();
+        mInputMap.initWithDefaults();
+    }
+    startInputs();
+
     return true;
+}
+
+void TuningArboApplication::startInputs()
+{
 }
 
 void TuningArboApplication::term()

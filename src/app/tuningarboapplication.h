@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/unixsignalwatcher.h"
+#include "input/inputmap.h"
 #include "input/udplistener.h"
 #include "midi/midioutput.h"
 #include "midi/midisettings.h"
@@ -52,6 +53,9 @@ public:
     bool copyFile(const QString& source, const QString& target);
     bool initPatchFolder();
     bool loadStyleSheet();
+    // Starts the keyboard, the MIDI input and the OSC receiver on the input
+    // map's bindings. Part of init().
+    void startInputs();
 
     static QString version();
 
@@ -68,6 +72,7 @@ public:
     MainWindow* mMainWindow = nullptr;
     Arbo mArbo;
     UdpListener mUdpListener;
+    InputMap mInputMap;
     PdPlayer mPlayer;
     PaAudioOutput mAudioOutput;
     Settings mSettings;
