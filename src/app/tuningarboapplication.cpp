@@ -176,6 +176,16 @@ bool TuningArboApplication::init()
     connect(&mMidiSettings, &MidiSettings::changed, &mMidiOutput,
             [this] { mMidiOutput.open(mMidiSettings); });
 
+    // 10b. Keys, MIDI controllers and OSC: one map for all three, written
+    // with a playable default on first run (before the voice opens, which
+    // is the last thing start-up writes). A map that does not load leaves
+    // the defaults in place; the wands and the mouse work either way.
+    if (!mInputMap.init()) {
+        qWarning() << "Failed to read the input map; playing with the default one";
+        mInputMap.setDamagedFileAside();
+        mInputMap.initWithDefaults();
+    }
+
     // 11.
     if (!initPatchFolder()) {
         fatalStartupMessage(
@@ -225,14 +235,7 @@ bool TuningArboApplication::init()
         mUdpListener.start(QThread::InheritPriority);
     }
 
-    // 16. Keys, MIDI controllers and OSC: one map for all three, written
-    // with a playable default on first run. A map that does not load leaves
-    // the defaults in place; the wands and the mouse work either way.
-    if (!mInputMap.init()) {
-        qWarning() << "Failed to read the input map; playing with the default one";
-        mInputMap.setDamagedFileAside();
-        mInputMap.initWithDefaults();
-    }
+    // 16. Keys, MIDI in and OSC, on the map read in step 10b.
     startInputs();
 
     return true;
