@@ -3,6 +3,7 @@
 #include "input/arboevent.h"
 #include "settings/appcontext.h"
 #include "sound/patchloader.h"
+#include "ui/keyboardinput.h"
 #include "ui/mainwindow.h"
 #include "ui/stylesheetloader.h"
 
@@ -243,6 +244,10 @@ bool TuningArboApplication::init()
 
 void TuningArboApplication::startInputs()
 {
+    // Owned by the window: the keys play while it has focus.
+    auto* keyboard = new KeyboardInput(&mPlayer, mMainWindow, mMainWindow);
+    keyboard->setObjectName(QStringLiteral("keyboardInput"));
+    keyboard->setBindings(mInputMap.bindings());
 }
 
 void TuningArboApplication::term()

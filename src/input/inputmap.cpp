@@ -21,20 +21,23 @@ const QString NOTES_KEY = QStringLiteral("midiNotes");
 const QString CONTROLLERS_KEY = QStringLiteral("midiControllers");
 const QString OSC_KEY = QStringLiteral("osc");
 
-// The letter rows lay out the lattice for two hands: the home row climbs by
-// fifths from the 1/1 under the left index finger (F), the row above is a
-// just major third higher and the row below a major third lower, so a
-// major triad is a small triangle of neighbouring keys; the right hand holds
-// the octave above (J row), sevenths and elevenths (U row) and the octave
-// below (M row). Every path is a ball of the default lattice.
+// The letter rows lay out the lattice for two hands. Steps are not folded
+// into an octave (/3 is 3/2 above, /-3 is 3/2 below), so the home row is a
+// chain of fifths climbing from A to H with the 1/1 under the left index
+// finger (F). The row above sounds a just major third (5/4) above the key
+// below and to its right, the row below a major third under the key above
+// and to its right: three neighbouring keys such as F, G and T are a major
+// triad, F, G and V a minor one. J to ; add octaves, I to P and Q the
+// higher primes, N to . the octave below. Every path is a ball of the
+// default lattice.
 const char* const DEFAULT_KEYS[][2] = {
-    {"A", "/-3/-3/-3"}, {"S", "/-3/-3"},    {"D", "/-3"},       {"F", "/"},
-    {"G", "/3"},        {"H", "/3/3"},      {"Q", "/-3/-3/5"},  {"W", "/-3/5"},
-    {"E", "/5"},        {"R", "/3/5"},      {"T", "/3/3/5"},    {"Z", "/-3/-3/-5"},
-    {"X", "/-3/-5"},    {"C", "/-5"},       {"V", "/3/-5"},     {"B", "/3/3/-5"},
-    {"J", "/2"},        {"K", "/2/3"},      {"L", "/2/3/3"},    {";", "/2/-3"},
-    {"Y", "/7"},        {"U", "/3/7"},      {"I", "/-3/7"},     {"O", "/11"},
-    {"P", "/13"},       {"N", "/-2"},       {"M", "/-2/3"},     {",", "/-2/3/3"},
+    {"A", "/-3/-3/-3"},   {"S", "/-3/-3"},    {"D", "/-3"},       {"F", "/"},
+    {"G", "/3"},          {"H", "/3/3"},      {"W", "/-3/-3/-3/5"}, {"E", "/-3/-3/5"},
+    {"R", "/-3/5"},       {"T", "/5"},        {"Y", "/3/5"},      {"U", "/3/3/5"},
+    {"Z", "/-3/-3/-5"},   {"X", "/-3/-5"},    {"C", "/-5"},       {"V", "/3/-5"},
+    {"B", "/3/3/-5"},     {"J", "/2"},        {"K", "/2/3"},      {"L", "/2/3/3"},
+    {";", "/2/-3"},       {"I", "/7"},        {"O", "/3/7"},      {"P", "/11"},
+    {"Q", "/13"},         {"N", "/-2"},       {"M", "/-2/3"},     {",", "/-2/3/3"},
     {".", "/-2/-3"},
 };
 
@@ -48,23 +51,29 @@ const struct
 } DEFAULT_TRANSPOSE_KEYS[] = {{"1", -3}, {"2", 3}, {"3", -5}, {"4", 5},
                               {"5", -7}, {"6", 7}, {"7", -2}, {"8", 2}, {"0", 0}};
 
-// One octave of a keyboard from A (MIDI 69, the 1/1) upwards, the nearest
-// just interval of the default lattice on each key; other octaves add 2s.
-const char* const DEFAULT_OCTAVE[12] = {
-    "",    "/-3/-5", "/3/3", "/3/-5", "/5", "/-3", "/3/3/5", "/3", "/-5", "/-3/5", "/-3/-3", "/3/5",
-};
+// One octave of a keyboard from A (MIDI 69, the 1/1) upwards: on each key
+// the nearest just interval of the default lattice, as octaves to add and
+// the rest of the path (16/15, 9/8, 6/5, 5/4, 4/3, 45/32, 3/2, 8/5, 5/3,
+// 9/5, 15/8). Other octaves add 2s.
+const struct
+{
+    int octaves;
+    const char* rest;
+} DEFAULT_OCTAVE[12] = {{0, ""},      {1, "/-3/-5"}, {-1, "/3/3"},   {0, "/3/-5"},
+                        {0, "/5"},    {1, "/-3"},    {-1, "/3/3/5"}, {0, "/3"},
+                        {1, "/-5"},   {1, "/-3/5"},  {0, "/3/3/-5"}, {0, "/3/5"}};
 const int ROOT_NOTE = 69;
 
 QString octavePath(int note)
 {
     const int offset = note - ROOT_NOTE;
-    const int octave = offset >= 0 ? offset / 12 : -((-offset + 11) / 12);
-    const int degree = offset - octave * 12;
+    const int degree = ((offset % 12) + 12) % 12;
+    const int octaves = (offset - degree) / 12 + DEFAULT_OCTAVE[degree].octaves;
     QString path;
-    for (int i = 0; i < std::abs(octave); ++i) {
-        path += octave > 0 ? QStringLiteral("/2") : QStringLiteral("/-2");
+    for (int i = 0; i < std::abs(octaves); ++i) {
+        path += octaves > 0 ? QStringLiteral("/2") : QStringLiteral("/-2");
     }
-    path += QLatin1String(DEFAULT_OCTAVE[degree]);
+    path += QLatin1String(DEFAULT_OCTAVE[degree].rest);
     return path.isEmpty() ? QStringLiteral("/") : path;
 }
 
