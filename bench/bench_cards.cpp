@@ -20,6 +20,7 @@
 #include "notation/cardstackwidget.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
+#include "runbenchmarks.h"
 #include "testsupport.h"
 
 #include <QApplication>
@@ -100,15 +101,7 @@ void noteOnOff(benchmark::State& state)
 
 int main(int argc, char** argv)
 {
-    TestSupport::isolateHome();
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-    }
-    QApplication app(argc, argv);
-    app.setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
-    // As in a performance without diagnostics: the spelling walk writes
-    // debug lines for every step.
-    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+    BenchmarkApp<QApplication> app(argc, argv);
     QFile sheet(AppContext::resourceDir() + QStringLiteral("/style.qss"));
     if (!sheet.open(QIODevice::ReadOnly)) {
         std::fprintf(stderr, "style.qss is missing beside the benchmark; build first\n");

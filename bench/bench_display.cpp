@@ -283,14 +283,7 @@ void clickToCallback(benchmark::State& state)
 
 int main(int argc, char** argv)
 {
-    TestSupport::isolateHome();
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-    }
-    QApplication app(argc, argv);
-    app.setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
-    // As in a performance without diagnostics: no note-by-note debug lines.
-    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+    BenchmarkApp<QApplication> app(argc, argv);
 
     Settings settings;
     AppContext::setSettings(&settings);

@@ -16,6 +16,7 @@
 #include "midi/midisettings.h"
 #include "settings/appcontext.h"
 #include "sound/pdplayer.h"
+#include "runbenchmarks.h"
 #include "testsupport.h"
 
 #include <QCoreApplication>
@@ -89,11 +90,7 @@ void noteToMidi(benchmark::State& state)
 
 int main(int argc, char** argv)
 {
-    TestSupport::isolateHome();
-    QCoreApplication app(argc, argv);
-    app.setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
-    // As in a performance without diagnostics: no note-by-note debug lines.
-    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+    BenchmarkApp<QCoreApplication> app(argc, argv);
 
     JackFixture jack;
     if (!jack.start()) {

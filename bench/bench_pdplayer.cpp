@@ -7,6 +7,7 @@
 #include "sound/patchloader.h"
 #include "sound/pdmessagebuffer.h"
 #include "sound/pdplayer.h"
+#include "runbenchmarks.h"
 #include "testsupport.h"
 
 #include <QCoreApplication>
@@ -104,11 +105,7 @@ BENCHMARK(BM_DrainFullRingOfNoteToggles)->Unit(benchmark::kMicrosecond);
 
 int main(int argc, char** argv)
 {
-    TestSupport::isolateHome();
-    QCoreApplication app(argc, argv);
-    app.setApplicationName(QStringLiteral("Merrow Tuning Arbo"));
-    // As in a performance: no diagnostics words, so no debug formatting.
-    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+    BenchmarkApp<QCoreApplication> app(argc, argv);
     _MM_SET_FLUSH_ZERO_MODE(_MM_FLUSH_ZERO_ON);
     _MM_SET_DENORMALS_ZERO_MODE(_MM_DENORMALS_ZERO_ON);
     benchmark::Initialize(&argc, argv);

@@ -186,11 +186,7 @@ void wandToCallback(benchmark::State& state)
 
 int main(int argc, char** argv)
 {
-    TestSupport::isolateHome();
-    QCoreApplication app(argc, argv);
-    app.setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
-    // As in a performance without diagnostics: no note-by-note debug lines.
-    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+    BenchmarkApp<QCoreApplication> app(argc, argv);
     sDefaultHandler = qInstallMessageHandler(watchMessages);
 
     Settings settings;

@@ -1,6 +1,39 @@
 #pragma once
 
+#include "settings/appcontext.h"
+#include "testsupport.h"
+
+#include <QGuiApplication>
+#include <QLoggingCategory>
+
 #include <benchmark/benchmark.h>
+
+#include <type_traits>
+
+// The application object of a benchmark, the process as a performance runs
+// it: a home folder of its own (never the user's files), the program's name,
+// no note-by-note debug lines, and widgets drawn offscreen unless a display
+// platform is named.
+template <typename App> class BenchmarkApp : public App
+{
+public:
+    BenchmarkApp(int& argc, char** argv) : App((prepare(), argc), argv)
+    {
+        App::setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
+        QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+    }
+
+private:
+    // Before the application exists: both take effect only then.
+    static void prepare()
+    {
+        TestSupport::isolateHome();
+        if (std::is_base_of<QGuiApplication, App>::value &&
+            qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+        }
+    }
+};
 
 // Runs the benchmarks registered so far, as Google Benchmark's own main()
 // would: 1 on an argument it does not know, else 0. For the benchmark
