@@ -20,12 +20,12 @@
 #include "input/wanddatagram.h"
 #include "jackplayback.h"
 #include "latencyreport.h"
+#include "runbenchmarks.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
-#include "runbenchmarks.h"
 #include "testsupport.h"
 
 #include <QCoreApplication>
@@ -46,7 +46,8 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = LatencyReport::Clock;
+using LatencyReport::Stamps;
 
 constexpr int SR = 44100;
 constexpr int FRAMES = 256;
@@ -64,29 +65,6 @@ void watchMessages(QtMsgType type, const QMessageLogContext& context, const QStr
     }
     sDefaultHandler(type, context, text);
 }
-
-// Times written by other threads into slots reserved beforehand: no
-// allocation or lock where they are taken.
-class Stamps
-{
-public:
-    explicit Stamps(int capacity) : mTimes(std::size_t(capacity)) {}
-    void stamp()
-    {
-        const int i = mCount.fetch_add(1, std::memory_order_relaxed);
-        if (i < int(mTimes.size())) {
-            mTimes[std::size_t(i)] = Clock::now();
-            mDone.store(i + 1, std::memory_order_release);
-        }
-    }
-    int done() const { return mDone.load(std::memory_order_acquire); }
-    Clock::time_point at(int i) const { return mTimes[std::size_t(i)]; }
-
-private:
-    std::vector<Clock::time_point> mTimes;
-    std::atomic<int> mCount{0};
-    std::atomic<int> mDone{0};
-};
 
 void wandToCallback(benchmark::State& state)
 {

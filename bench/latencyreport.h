@@ -3,11 +3,38 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <vector>
 
 // The summary that the latency benchmarks share: how long an input took to
 // reach the audio callback, against the goal of one buffer period plus 1 ms.
 namespace LatencyReport {
+
+using Clock = std::chrono::steady_clock;
+
+// Times written by other threads into slots reserved beforehand: no
+// allocation or lock where they are taken.
+class Stamps
+{
+public:
+    explicit Stamps(int capacity) : mTimes(std::size_t(capacity)) {}
+    void stamp()
+    {
+        const int i = mCount.fetch_add(1, std::memory_order_relaxed);
+        if (i < int(mTimes.size())) {
+            mTimes[std::size_t(i)] = Clock::now();
+            mDone.store(i + 1, std::memory_order_release);
+        }
+    }
+    int done() const { return mDone.load(std::memory_order_acquire); }
+    Clock::time_point at(int i) const { return mTimes[std::size_t(i)]; }
+
+private:
+    std::vector<Clock::time_point> mTimes;
+    std::atomic<int> mCount{0};
+    std::atomic<int> mDone{0};
+};
 
 // The value below which the share `p` (0 to 1) of `values` lies.
 inline double percentile(std::vector<double> values, double p)
