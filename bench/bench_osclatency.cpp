@@ -35,16 +35,13 @@
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <random>
 #include <vector>
 
 namespace {
 
-using Clock = LatencyReport::Clock;
 using LatencyReport::Stamps;
 
 constexpr int SR = 44100;
@@ -91,21 +88,9 @@ void oscToCallback(benchmark::State& state)
 
         output.callbackStats().requestReset();
         QUdpSocket sender;
-        std::mt19937 random(1);
-        std::uniform_int_distribution<int> pauseUs(2000, 12000);
-        int lost = 0;
-        for (int i = 0; i < notes; ++i) {
-            QThread::usleep(static_cast<unsigned long>(pauseUs(random)));
-            sent.stamp();
+        const int lost = LatencyReport::sendAtRandomMoments(notes, sent, carriedOut, [&] {
             sender.writeDatagram(TOGGLE, QHostAddress::LocalHost, quint16(bindings.oscPort));
-            const Clock::time_point deadline = Clock::now() + std::chrono::seconds(1);
-            while (carriedOut.done() <= i - lost && Clock::now() < deadline) {
-                QThread::usleep(100);
-            }
-            if (carriedOut.done() <= i - lost) {
-                ++lost; // never carried out: counted, not timed
-            }
-        }
+        });
         input.term();
         // The toggles alternate on and off; leave the note off.
         const int count = carriedOut.done();

@@ -41,12 +41,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <random>
 #include <vector>
 
 namespace {
 
-using Clock = LatencyReport::Clock;
 using LatencyReport::Stamps;
 
 constexpr int SR = 44100;
@@ -109,21 +107,9 @@ void wandToCallback(benchmark::State& state)
         QUdpSocket sender;
         const QByteArray datagram = WandDatagram(1, TAG).toBytes();
         const quint16 port = quint16(sSettings->mUdpPort);
-        std::mt19937 random(1);
-        std::uniform_int_distribution<int> pauseUs(2000, 12000);
-        int lost = 0;
-        for (int i = 0; i < notes; ++i) {
-            QThread::usleep(static_cast<unsigned long>(pauseUs(random)));
-            sent.stamp();
+        const int lost = LatencyReport::sendAtRandomMoments(notes, sent, carriedOut, [&] {
             sender.writeDatagram(datagram, QHostAddress::LocalHost, port);
-            const Clock::time_point deadline = Clock::now() + std::chrono::seconds(1);
-            while (carriedOut.done() <= i - lost && Clock::now() < deadline) {
-                QThread::usleep(100);
-            }
-            if (carriedOut.done() <= i - lost) {
-                ++lost; // never carried out: counted, not timed
-            }
-        }
+        });
         listener.term();
         // The toggles alternate on and off; leave the note off.
         const int count = std::min(carriedOut.done(), emitted.done());

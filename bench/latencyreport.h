@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <random>
+#include <thread>
 #include <vector>
 
 // The summary that the latency benchmarks share: how long an input took to
@@ -35,6 +37,31 @@ private:
     std::atomic<int> mCount{0};
     std::atomic<int> mDone{0};
 };
+
+// Sends `notes` inputs through `send()`, at random moments 2 to 12 ms apart
+// so that they fall on every phase of the buffer period, stamping each in
+// `sent` just before, and waits up to a second for `carriedOut` to stamp it.
+// Returns how many never arrived (counted, not timed).
+template <typename Send>
+int sendAtRandomMoments(int notes, Stamps& sent, const Stamps& carriedOut, Send send)
+{
+    std::mt19937 random(1);
+    std::uniform_int_distribution<int> pauseUs(2000, 12000);
+    int lost = 0;
+    for (int i = 0; i < notes; ++i) {
+        std::this_thread::sleep_for(std::chrono::microseconds(pauseUs(random)));
+        sent.stamp();
+        send();
+        const Clock::time_point deadline = Clock::now() + std::chrono::seconds(1);
+        while (carriedOut.done() <= i - lost && Clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+        if (carriedOut.done() <= i - lost) {
+            ++lost;
+        }
+    }
+    return lost;
+}
 
 // The value below which the share `p` (0 to 1) of `values` lies.
 inline double percentile(std::vector<double> values, double p)

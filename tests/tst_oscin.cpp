@@ -113,6 +113,16 @@ private:
         QSignalSpy listening(&input, &OscInput::listening);
         return input.open(&mPlayer, bindings) && listening.wait(10000);
     }
+    // Starts `input` and holds the note at /11 through it. Returns the seqId
+    // of the note's voice; 0 on failure.
+    std::int32_t startHolding(OscInput& input)
+    {
+        if (!start(input)) {
+            return 0;
+        }
+        send(OSC("/arbo/note", "si", "/11", 1));
+        return probe() ? heldVoice("/11") : 0;
+    }
     void send(const QByteArray& packet)
     {
         mSender.writeDatagram(packet, QHostAddress::LocalHost, mPort);
@@ -309,10 +319,7 @@ private slots:
     void hostilePackets()
     {
         OscInput input;
-        QVERIFY(start(input));
-        send(OSC("/arbo/note", "si", "/11", 1));
-        QVERIFY(probe());
-        const std::int32_t held = heldVoice("/11");
+        const std::int32_t held = startHolding(input);
         QVERIFY(held != 0);
 
         const QByteArray message = OSC("/fader/1", "f", 0.5);
@@ -358,10 +365,7 @@ private slots:
     void flood()
     {
         OscInput input;
-        QVERIFY(start(input));
-        send(OSC("/arbo/note", "si", "/11", 1));
-        QVERIFY(probe());
-        const std::int32_t held = heldVoice("/11");
+        const std::int32_t held = startHolding(input);
         QVERIFY(held != 0);
 
         const QList<QByteArray> stream = {OSC("/fader/1", "f", 0.3), OSC("/nowhere", ""),

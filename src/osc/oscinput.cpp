@@ -187,11 +187,17 @@ private:
                         .arg(quoted(QString::fromUtf8(address)), quoted(QString::fromUtf8(types)),
                              quoted(why)));
     }
-    // The note binding of a path text, by the input map's rules, or the
-    // unbound binding and why.
-    static InputBinding noteAt(const char* text, QString* why)
+    // The note binding of a path text, by the input map's rules; the unbound
+    // binding, with the message logged as unfit, for a text that is no path.
+    InputBinding noteAt(const char* address, const char* types, const char* text)
     {
-        return InputBinding::fromJson(QJsonObject{{"value", QString::fromUtf8(text)}}, why);
+        QString why;
+        const InputBinding note =
+            InputBinding::fromJson(QJsonObject{{"value", QString::fromUtf8(text)}}, &why);
+        if (!note.isBound()) {
+            unfit(address, types, why);
+        }
+        return note;
     }
 
     PdPlayer* mPlayer;
@@ -218,18 +224,13 @@ void Receiver::handle(const char* address, const char* types, lo_arg** argv, int
     const auto number = [&](int i, bool booleans, double* out) {
         return argc > i && numberArg(types[i], argv[i], booleans, out);
     };
-    QString why;
 
     if (std::strcmp(address, TOGGLE_ADDRESS) == 0) {
         if (argc != 1 || !text(0)) {
             unfit(address, types, QStringLiteral("needs one path text"));
             return;
         }
-        const InputBinding note = noteAt(text(0), &why);
-        if (!note.isBound()) {
-            unfit(address, types, why);
-            return;
-        }
+        const InputBinding note = noteAt(address, types, text(0));
         play(note.press(true)); // a toggle, as a wand does
         return;
     }
@@ -243,6 +244,7 @@ void Receiver::handle(const char* address, const char* types, lo_arg** argv, int
         }
         // Exactly what an entry of the input map may ask for: the events
         // that need a path or are the program's own are refused there too.
+        QString why;
         const InputBinding event =
             InputBinding::fromJson(QJsonObject{{"event", type}, {"value", value}}, &why);
         if (!event.isBound()) {
@@ -276,12 +278,8 @@ void Receiver::handle(const char* address, const char* types, lo_arg** argv, int
             unfit(address, types, QStringLiteral("needs a path text and a number"));
             return;
         }
-        const InputBinding note = noteAt(text(0), &why);
-        if (!note.isBound()) {
-            unfit(address, types, why);
-            return;
-        }
         // Held, whatever the map's latch says: that is what this address is for.
+        const InputBinding note = noteAt(address, types, text(0));
         play(on != 0.0 ? note.press(false) : note.release(false));
         return;
     }
