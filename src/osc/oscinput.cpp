@@ -5,7 +5,7 @@
 #include "input/rfidmap.h"
 #include "settings/appcontext.h"
 #include "settings/debuglog.h"
-#include "settings/logthrottle.h"
+#include "settings/throttledwarning.h"
 #include "sound/pdplayer.h"
 
 #include <QDebug>
@@ -51,39 +51,6 @@ QString quoted(const QString& text)
     }
     return text.size() > MAX_QUOTED ? out + QStringLiteral("...") : out;
 }
-
-// One kind of warning that the network can trigger at its own speed.
-class ThrottledWarning
-{
-public:
-    // `summary` has a %1 for the number of warnings held back.
-    explicit ThrottledWarning(const char* summary) : mSummary(summary) {}
-
-    void warn(const QString& text)
-    {
-        if (mThrottle.admit()) {
-            summarise();
-            qWarning().noquote() << text;
-        }
-    }
-    // Says how many were held back, if any.
-    void summarise()
-    {
-        if (const unsigned long count = mThrottle.takeSuppressed()) {
-            qWarning().noquote() << QString::fromLatin1(mSummary).arg(count);
-        }
-    }
-    void summariseIfDue()
-    {
-        if (mThrottle.summaryDue()) {
-            summarise();
-        }
-    }
-
-private:
-    LogThrottle mThrottle;
-    const char* mSummary;
-};
 
 // The number an argument holds: a 32- or 64-bit integer, a float or a double,
 // and, with `booleans`, true and false as 1 and 0. False for anything else

@@ -22,7 +22,8 @@ class PdPlayer;
 //                              refused, as in the map
 //   /arbo/tag    ,s  "04a1b2"  the event of a tag of "rfid_map.json", so a
 //                              show controller can replay the wands' cues
-//   /arbo/note   ,sN "/5" 1    a held note: non-zero starts it, zero ends it
+//   /arbo/note   ,sN "/5" 1    a held note: a non-zero number (or true)
+//                              starts it, zero (or false) ends it
 //
 // A mapped address without arguments is a press of its binding; with a
 // number or boolean first it is a controller at that position (0 to 1), so a
