@@ -20,12 +20,12 @@
 #include "input/wanddatagram.h"
 #include "jackplayback.h"
 #include "latencyreport.h"
+#include "runbenchmarks.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
-#include "runbenchmarks.h"
 #include "testsupport.h"
 
 #include <QCoreApplication>
@@ -41,12 +41,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <random>
 #include <vector>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using LatencyReport::Stamps;
 
 constexpr int SR = 44100;
 constexpr int FRAMES = 256;
@@ -64,29 +63,6 @@ void watchMessages(QtMsgType type, const QMessageLogContext& context, const QStr
     }
     sDefaultHandler(type, context, text);
 }
-
-// Times written by other threads into slots reserved beforehand: no
-// allocation or lock where they are taken.
-class Stamps
-{
-public:
-    explicit Stamps(int capacity) : mTimes(std::size_t(capacity)) {}
-    void stamp()
-    {
-        const int i = mCount.fetch_add(1, std::memory_order_relaxed);
-        if (i < int(mTimes.size())) {
-            mTimes[std::size_t(i)] = Clock::now();
-            mDone.store(i + 1, std::memory_order_release);
-        }
-    }
-    int done() const { return mDone.load(std::memory_order_acquire); }
-    Clock::time_point at(int i) const { return mTimes[std::size_t(i)]; }
-
-private:
-    std::vector<Clock::time_point> mTimes;
-    std::atomic<int> mCount{0};
-    std::atomic<int> mDone{0};
-};
 
 void wandToCallback(benchmark::State& state)
 {
@@ -131,21 +107,9 @@ void wandToCallback(benchmark::State& state)
         QUdpSocket sender;
         const QByteArray datagram = WandDatagram(1, TAG).toBytes();
         const quint16 port = quint16(sSettings->mUdpPort);
-        std::mt19937 random(1);
-        std::uniform_int_distribution<int> pauseUs(2000, 12000);
-        int lost = 0;
-        for (int i = 0; i < notes; ++i) {
-            QThread::usleep(static_cast<unsigned long>(pauseUs(random)));
-            sent.stamp();
+        const int lost = LatencyReport::sendAtRandomMoments(notes, sent, carriedOut, [&] {
             sender.writeDatagram(datagram, QHostAddress::LocalHost, port);
-            const Clock::time_point deadline = Clock::now() + std::chrono::seconds(1);
-            while (carriedOut.done() <= i - lost && Clock::now() < deadline) {
-                QThread::usleep(100);
-            }
-            if (carriedOut.done() <= i - lost) {
-                ++lost; // never carried out: counted, not timed
-            }
-        }
+        });
         listener.term();
         // The toggles alternate on and off; leave the note off.
         const int count = std::min(carriedOut.done(), emitted.done());

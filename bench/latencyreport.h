@@ -3,11 +3,65 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <random>
+#include <thread>
 #include <vector>
 
 // The summary that the latency benchmarks share: how long an input took to
 // reach the audio callback, against the goal of one buffer period plus 1 ms.
 namespace LatencyReport {
+
+using Clock = std::chrono::steady_clock;
+
+// Times written by other threads into slots reserved beforehand: no
+// allocation or lock where they are taken.
+class Stamps
+{
+public:
+    explicit Stamps(int capacity) : mTimes(std::size_t(capacity)) {}
+    void stamp()
+    {
+        const int i = mCount.fetch_add(1, std::memory_order_relaxed);
+        if (i < int(mTimes.size())) {
+            mTimes[std::size_t(i)] = Clock::now();
+            mDone.store(i + 1, std::memory_order_release);
+        }
+    }
+    int done() const { return mDone.load(std::memory_order_acquire); }
+    Clock::time_point at(int i) const { return mTimes[std::size_t(i)]; }
+
+private:
+    std::vector<Clock::time_point> mTimes;
+    std::atomic<int> mCount{0};
+    std::atomic<int> mDone{0};
+};
+
+// Sends `notes` inputs through `send()`, at random moments 2 to 12 ms apart
+// so that they fall on every phase of the buffer period, stamping each in
+// `sent` just before, and waits up to a second for `carriedOut` to stamp it.
+// Returns how many never arrived (counted, not timed).
+template <typename Send>
+int sendAtRandomMoments(int notes, Stamps& sent, const Stamps& carriedOut, Send send)
+{
+    std::mt19937 random(1);
+    std::uniform_int_distribution<int> pauseUs(2000, 12000);
+    int lost = 0;
+    for (int i = 0; i < notes; ++i) {
+        std::this_thread::sleep_for(std::chrono::microseconds(pauseUs(random)));
+        sent.stamp();
+        send();
+        const Clock::time_point deadline = Clock::now() + std::chrono::seconds(1);
+        while (carriedOut.done() <= i - lost && Clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+        if (carriedOut.done() <= i - lost) {
+            ++lost;
+        }
+    }
+    return lost;
+}
 
 // The value below which the share `p` (0 to 1) of `values` lies.
 inline double percentile(std::vector<double> values, double p)

@@ -248,12 +248,26 @@ void TuningArboApplication::startInputs()
     auto* keyboard = new KeyboardInput(&mPlayer, mMainWindow, mMainWindow);
     keyboard->setObjectName(QStringLiteral("keyboardInput"));
     keyboard->setBindings(mInputMap.bindings());
+
+    // OSC, when the map names a port. A port that cannot be opened costs only
+    // the OSC input: the input logs why, the status line shows it, and no box
+    // stops the show.
+    connect(
+        &mOscInput, &OscInput::fatalError, this,
+        [this](const QString& text) {
+            if (mMainWindow) {
+                mMainWindow->statusBar()->showMessage(text);
+            }
+        },
+        Qt::QueuedConnection);
+    mOscInput.open(&mPlayer, mInputMap.bindings());
 }
 
 void TuningArboApplication::term()
 {
     syncToSettings();
     mUdpListener.term();
+    mOscInput.term();
     mArbo.term();
     mPlayer.term();
     mAudioOutput.term();

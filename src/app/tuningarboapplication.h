@@ -6,6 +6,7 @@
 #include "midi/midioutput.h"
 #include "midi/midisettings.h"
 #include "model/arbo.h"
+#include "osc/oscinput.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
 #include "sound/pdplayer.h"
@@ -80,6 +81,8 @@ public:
     // note tap) before the player goes.
     MidiSettings mMidiSettings;
     MidiOutput mMidiOutput;
+    // After the player, whose OSC ring it writes: it stops before the player goes.
+    OscInput mOscInput;
     // Lower-cased command-line words, each without one leading "-"; they
     // choose which source files' messages reach the diagnostics dialog.
     QSet<QString> mFlags;
