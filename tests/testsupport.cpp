@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include <QMessageBox>
 #include <QTemporaryDir>
+#include <QUdpSocket>
 
 #include <cstdio>
 
@@ -77,9 +78,28 @@ QString dataDir()
     return QStringLiteral(ARBO_TEST_DATA_DIR);
 }
 
+quint16 freeUdpPort()
+{
+    QUdpSocket socket;
+    socket.bind(QHostAddress::Any, 0, QUdpSocket::DontShareAddress);
+    return socket.localPort();
+}
+
 } // namespace TestSupport
 
 namespace TestSupport {
+
+QMessageBox* visibleMessageBox()
+{
+    const QWidgetList windows = QApplication::topLevelWidgets();
+    for (QWidget* window : windows) {
+        auto* box = qobject_cast<QMessageBox*>(window);
+        if (box && box->isVisible()) {
+            return box;
+        }
+    }
+    return nullptr;
+}
 
 MessageBoxAnswerer::MessageBoxAnswerer()
 {
