@@ -1,5 +1,10 @@
 #include "testsupport.h"
 
+#include "display/arboballwidget.h"
+#include "display/arboview.h"
+#include "display/arbowidget.h"
+#include "model/arboball.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -88,6 +93,17 @@ quint16 freeUdpPort()
 } // namespace TestSupport
 
 namespace TestSupport {
+
+ArboBallWidget* ballAt(const ArboView* view, const QString& path)
+{
+    const ArboPath wanted(path);
+    for (ArboBallWidget* ball : view->arboWidget()->balls()) {
+        if (ball->node()->path() == wanted) {
+            return ball;
+        }
+    }
+    return nullptr;
+}
 
 QMessageBox* visibleMessageBox()
 {

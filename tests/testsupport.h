@@ -59,9 +59,14 @@ quint16 freeUdpPort();
         return QTest::qExec(&test, argc, argv);                                                    \
     }
 
+class ArboBallWidget;
+class ArboView;
 class QMessageBox;
 
 namespace TestSupport {
+
+// The ball `view` draws for the node at `path` ("/3/-5"), or null.
+ArboBallWidget* ballAt(const ArboView* view, const QString& path);
 
 // The message box shown as a window of its own, if any (the update checker's
 // boxes are not modal, so they are looked for among the windows).
