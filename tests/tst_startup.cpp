@@ -344,6 +344,8 @@ void TestStartup::binaryStartsCopiesShellPatchesAndShutsDownOnSigterm()
         QCOMPARE(process.exitCode(), 0);
     };
 
+    // A buffer size of the user's own reaches the device and is kept.
+    QVERIFY(TestSupport::writeFile(config + "/options.json", "{ \"framesPerBuffer\": 128 }"));
     runOnce({});
     for (const QString& name : SHELL_PATCHES) {
         QCOMPARE(TestSupport::readFile(config + "/patch/" + name),
@@ -351,6 +353,8 @@ void TestStartup::binaryStartsCopiesShellPatchesAndShutsDownOnSigterm()
     }
     QString log = QString::fromUtf8(TestSupport::readFile(config + "/log.txt"));
     QVERIFY(log.contains("\n" + QString(78, '-') + "\nStarting app at "));
+    QVERIFY(log.contains("frames per buffer: 128"));
+    QVERIFY(log.contains("Calling Pa_Terminate...") && !log.contains("CRITICAL"));
     // Debug messages never reach the file.
     QVERIFY(!log.contains("Config dir:"));
 
@@ -358,6 +362,7 @@ void TestStartup::binaryStartsCopiesShellPatchesAndShutsDownOnSigterm()
     const QJsonObject options =
         QJsonDocument::fromJson(TestSupport::readFile(config + "/options.json")).object();
     QCOMPARE(options.size(), 16);
+    QCOMPARE(options.value("framesPerBuffer").toInt(), 128);
 
     // A second run finds the runtime copies current and copies nothing.
     QHash<QString, ino_t> inodes;
