@@ -398,8 +398,10 @@ void TestStartup::outdatedRuntimePatchIsReplaced()
 bool TestStartup::startBinary(QProcess& process, const QString& home)
 {
     const QString log = home + "/Merrow Tuning Arbo/log.txt";
-    // The voice is opened last of everything that start-up writes.
+    // Start-up writes the input map (saved whole, through a temporary file)
+    // last, after the voice is opened.
     const char* const marker = "Opening PD patch";
+    const QString inputMap = home + "/Merrow Tuning Arbo/input_map.json";
     const int started = TestSupport::readFile(log).count(marker);
     QProcessEnvironment env = mJack.environment();
     env.insert("XDG_DATA_HOME", home);
@@ -411,7 +413,7 @@ bool TestStartup::startBinary(QProcess& process, const QString& home)
     }
     QElapsedTimer timer;
     timer.start();
-    while (TestSupport::readFile(log).count(marker) <= started) {
+    while (TestSupport::readFile(log).count(marker) <= started || !QFile::exists(inputMap)) {
         if (timer.elapsed() > 30000 || process.state() != QProcess::Running) {
             return false;
         }
