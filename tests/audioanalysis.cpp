@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
 #include <cstring>
 #include <limits>
 #include <numeric>
@@ -38,6 +39,23 @@ void fft(std::vector<std::complex<double>>& data)
         data[k] = even[k] + t;
         data[k + half] = even[k] - t;
     }
+}
+
+// Complex amplitude of the component at `frequency` in a Hann window over
+// samples [start, start + length), its phase referred to sample 0, so that
+// windows at different places compare directly.
+std::complex<double> demodulate(const float* x, long start, long length, double frequency,
+                                double sampleRate)
+{
+    const double w = 2.0 * M_PI * frequency / sampleRate;
+    std::complex<double> sum;
+    double weights = 0.0;
+    for (long n = 0; n < length; ++n) {
+        const double window = hann(n + 0.5, double(length));
+        sum += window * double(x[start + n]) * std::polar(1.0, -w * double(start + n));
+        weights += window;
+    }
+    return 2.0 * sum / weights;
 }
 
 } // namespace
@@ -145,20 +163,6 @@ double dominantFrequency(const QVector<float>& samples, double sampleRate, doubl
 double cents(double frequency, double reference)
 {
     return 1200.0 * std::log2(frequency / reference);
-}
-
-std::complex<double> demodulate(const float* x, long start, long length, double frequency,
-                                double sampleRate)
-{
-    const double w = 2.0 * M_PI * frequency / sampleRate;
-    std::complex<double> sum;
-    double weights = 0.0;
-    for (long n = 0; n < length; ++n) {
-        const double window = hann(n + 0.5, double(length));
-        sum += window * double(x[start + n]) * std::polar(1.0, -w * double(start + n));
-        weights += window;
-    }
-    return 2.0 * sum / weights;
 }
 
 ToneEstimate measureTone(const float* samples, long start, long end, double nominal,

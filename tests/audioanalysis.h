@@ -3,8 +3,6 @@
 #include <QString>
 #include <QVector>
 
-#include <complex>
-
 // Reading recorded audio and finding what sounds in it, for tests that listen
 // to the program's output.
 namespace AudioAnalysis {
@@ -15,7 +13,6 @@ struct Wav
     int channels = 0;
     QVector<float> samples; // interleaved
 
-    bool isValid() const { return sampleRate > 0 && channels > 0; }
     int frames() const { return channels > 0 ? samples.size() / channels : 0; }
     // One channel's samples.
     QVector<float> channel(int index) const;
@@ -42,12 +39,6 @@ double dominantFrequency(const QVector<float>& samples, double sampleRate, doubl
 
 // 1200 · log2(frequency / reference).
 double cents(double frequency, double reference);
-
-// Complex amplitude of the component at `frequency` in a Hann window over
-// samples [start, start + length), its phase referred to sample 0, so that
-// windows at different places compare directly.
-std::complex<double> demodulate(const float* samples, long start, long length, double frequency,
-                                double sampleRate);
 
 struct ToneEstimate
 {

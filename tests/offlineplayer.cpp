@@ -25,7 +25,11 @@ std::vector<float> render(PdPlayer& player, double seconds)
     std::vector<float> stereo(BUFFER_FRAMES * 2, 0.0f);
     for (int b = 0; b < buffers; ++b) {
         player.processEvents();
-        libpd_process_float(BUFFER_FRAMES / TICK, nullptr, stereo.data());
+        if (player.isPatchOpen()) {
+            libpd_process_float(BUFFER_FRAMES / TICK, nullptr, stereo.data());
+        } else {
+            std::fill(stereo.begin(), stereo.end(), 0.0f); // as the callback plays no patch
+        }
         for (int i = 0; i < BUFFER_FRAMES; ++i) {
             left.push_back(stereo[size_t(2 * i)]);
         }

@@ -16,7 +16,7 @@ constexpr int BUFFER_FRAMES = 256;
 constexpr double BUFFER_SECONDS = double(BUFFER_FRAMES) / SAMPLE_RATE;
 
 // Runs `player` for at least `seconds` (whole buffers, one at least) and
-// returns the left channel. The player must have been given
+// returns the left channel: silence while no patch is open. The player must have been given
 // initAudio(2, SAMPLE_RATE).
 std::vector<float> render(PdPlayer& player, double seconds);
 

@@ -1,11 +1,17 @@
 #include "testsupport.h"
 
+#include "display/arboballwidget.h"
+#include "display/arboview.h"
+#include "display/arbowidget.h"
+#include "model/arboball.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QMessageBox>
 #include <QTemporaryDir>
+#include <QUdpSocket>
 
 #include <cstdio>
 
@@ -77,9 +83,39 @@ QString dataDir()
     return QStringLiteral(ARBO_TEST_DATA_DIR);
 }
 
+quint16 freeUdpPort()
+{
+    QUdpSocket socket;
+    socket.bind(QHostAddress::Any, 0, QUdpSocket::DontShareAddress);
+    return socket.localPort();
+}
+
 } // namespace TestSupport
 
 namespace TestSupport {
+
+ArboBallWidget* ballAt(const ArboView* view, const QString& path)
+{
+    const ArboPath wanted(path);
+    for (ArboBallWidget* ball : view->arboWidget()->balls()) {
+        if (ball->node()->path() == wanted) {
+            return ball;
+        }
+    }
+    return nullptr;
+}
+
+QMessageBox* visibleMessageBox()
+{
+    const QWidgetList windows = QApplication::topLevelWidgets();
+    for (QWidget* window : windows) {
+        auto* box = qobject_cast<QMessageBox*>(window);
+        if (box && box->isVisible()) {
+            return box;
+        }
+    }
+    return nullptr;
+}
 
 MessageBoxAnswerer::MessageBoxAnswerer()
 {

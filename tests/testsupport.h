@@ -40,6 +40,9 @@ QByteArray readFile(const QString& path);
 // The folder of hostile and sample input files, tests/data in the source tree.
 QString dataDir();
 
+// A UDP port that was free a moment ago.
+quint16 freeUdpPort();
+
 } // namespace TestSupport
 
 // main() for a QtTest class: isolates the home folder, makes a QApplication
@@ -56,7 +59,18 @@ QString dataDir();
         return QTest::qExec(&test, argc, argv);                                                    \
     }
 
+class ArboBallWidget;
+class ArboView;
+class QMessageBox;
+
 namespace TestSupport {
+
+// The ball `view` draws for the node at `path` ("/3/-5"), or null.
+ArboBallWidget* ballAt(const ArboView* view, const QString& path);
+
+// The message box shown as a window of its own, if any (the update checker's
+// boxes are not modal, so they are looked for among the windows).
+QMessageBox* visibleMessageBox();
 
 // For child processes that run the program's start-up in a test: answers
 // every message box as soon as it is shown (so nothing waits for a click) and

@@ -18,9 +18,6 @@
 #include "testsupport.h"
 
 #include <QFileInfo>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -362,42 +359,6 @@ private slots:
         QVERIFY2(near(frequency, mPlayer.baseFrequency(), 10.0),
                  qPrintable(QString::number(frequency)));
         QTRY_COMPARE_WITH_TIMEOUT(mPlayer.soundingNoteCount(), 0, 15000);
-    }
-
-    // The real binary with a device index that is not there (from another
-    // machine, or an interface not plugged in yet) opens the default device
-    // instead, registers with the server, keeps the user's choice in its
-    // options for the next start and shuts down cleanly on SIGTERM.
-    void realBinaryOpensTheDeviceAndStoresIt()
-    {
-        QTemporaryDir home;
-        const QString config = home.path() + QStringLiteral("/Merrow Tuning Arbo");
-        QVERIFY(TestSupport::writeFile(config + QStringLiteral("/options.json"),
-                                       "{ \"audioDevice\": 5, \"framesPerBuffer\": 128 }"));
-        QProcess process;
-        QProcessEnvironment env = mJack.environment();
-        env.insert(QStringLiteral("XDG_DATA_HOME"), home.path());
-        env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-        process.setProcessEnvironment(env);
-        process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        process.start(TestSupport::mainBinary(), QStringList());
-        QVERIFY(process.waitForStarted());
-        const QString logPath = config + QStringLiteral("/log.txt");
-        QTRY_VERIFY_WITH_TIMEOUT(TestSupport::readFile(logPath).contains("PaStream started"),
-                                 30000);
-        QVERIFY(TestSupport::readFile(logPath).contains("frames per buffer: 128"));
-        QVERIFY(mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0")));
-
-        process.terminate();
-        QVERIFY(process.waitForFinished(30000));
-        QVERIFY(process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0);
-        const QByteArray log = TestSupport::readFile(logPath);
-        QVERIFY(log.contains("Calling Pa_Terminate...") && !log.contains("CRITICAL"));
-        const QJsonObject options =
-            QJsonDocument::fromJson(TestSupport::readFile(config + QStringLiteral("/options.json")))
-                .object();
-        QCOMPARE(options.value(QStringLiteral("audioDevice")).toInt(-2), 0);
-        QCOMPARE(options.value(QStringLiteral("framesPerBuffer")).toInt(), 128);
     }
 };
 

@@ -32,16 +32,7 @@
 
 namespace {
 
-ArboBallWidget* ballAt(const ArboView* view, const QString& path)
-{
-    const ArboPath wanted(path);
-    for (ArboBallWidget* ball : view->arboWidget()->balls()) {
-        if (ball->node()->path() == wanted) {
-            return ball;
-        }
-    }
-    return nullptr;
-}
+using TestSupport::ballAt;
 
 QString label(const CardWidget* card, const char* name)
 {
@@ -164,7 +155,6 @@ void TestCards::rootAndFifthReadAsNotes()
     QCOMPARE(label(root, "freqLabel"), QStringLiteral("440.000 Hz"));
     QCOMPARE(label(root, "ratioLabel"), QStringLiteral("1/1"));
     QVERIFY(!labelShown(root, "enharmonicLabel"));
-    QCOMPARE(label(root, "enharmonicLabel"), QStringLiteral("enh"));
     QVERIFY(!labelShown(root, "octaveShiftLabel"));
     QVERIFY(root->isTreble());
     // No accidental for a natural; clef and note head drawn.
@@ -181,17 +171,11 @@ void TestCards::rootAndFifthReadAsNotes()
     QCOMPARE(label(fifth, "ratioLabel"), QStringLiteral("3/2"));
     QVERIFY(std::abs(fifth->note().cents() - 1.955f) < 0.01f);
 
-    // Transposed a fifth up, the sounding pitches stay and their cards move
-    // to the balls that now stand for them: 1/1 to the fourth below, 3/2 to
-    // the root. The walk takes the transposition first: A, up to E, down to A.
+    // Transposed a fifth up, the cards hang on the balls that now stand for
+    // the sounding pitches (followed through in playerStartsStopsAndRespellsCards);
+    // the readout mode chooses the ratio's form, once the cards are rebuilt.
     queue(ArboEvent(ArboEvent::Transpose, 3.0f));
     QTRY_VERIFY(cardOf("/-3") && cardOf("/"));
-    QCOMPARE(stack()->cards().size(), 2);
-    QCOMPARE(label(cardOf("/-3"), "noteLabel"), QStringLiteral("A"));
-    QCOMPARE(label(cardOf("/-3"), "freqLabel"), QStringLiteral("440.000 Hz"));
-    QCOMPARE(label(cardOf("/"), "noteLabel"), QStringLiteral("E"));
-    QCOMPARE(label(cardOf("/"), "centsLabel"), QStringLiteral("+2"));
-    // The readout mode chooses the ratio's form, once the cards are rebuilt.
     QCOMPARE(label(cardOf("/-3"), "ratioLabel"), QStringLiteral("2/3"));
     mSettings.mAbsRelView = 1;
     view()->updateCardStack();
@@ -295,7 +279,6 @@ void TestCards::staffClefsLedgersAndOctaveMarks()
 
 void TestCards::cardsFollowTheirBallsAndStayInsideTheView()
 {
-    QCOMPARE(stack()->bottomMargin(), 12);
     // The highest, a middle and the lowest ball.
     ArboBallWidget* top = nullptr;
     ArboBallWidget* bottom = nullptr;

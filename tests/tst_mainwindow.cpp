@@ -36,7 +36,6 @@
 #include <QSignalSpy>
 #include <QSlider>
 #include <QSpinBox>
-#include <QStackedWidget>
 #include <QStatusBar>
 #include <QToolButton>
 
@@ -76,8 +75,9 @@ private:
     {
         return mWindow ? mWindow->findChild<T*>(name) : nullptr;
     }
-    TransposeButton* transposeButton(int step) const;
-    PrimeToggleButton* primeButton(int prime) const;
+    // The strip's buttons, in the window or in `parent`.
+    TransposeButton* transposeButton(int step, QWidget* parent = nullptr) const;
+    PrimeToggleButton* primeButton(int prime, QWidget* parent = nullptr) const;
     QLabel* countLabel(int step) const;
     // The shell patches, removed to make every patch fail to open, and back.
     void breakShellPatches();
@@ -146,9 +146,9 @@ void TestMainWindow::clickAndRender(QAbstractButton* button)
     render();
 }
 
-TransposeButton* TestMainWindow::transposeButton(int step) const
+TransposeButton* TestMainWindow::transposeButton(int step, QWidget* parent) const
 {
-    const QList<TransposeButton*> buttons = mWindow->findChildren<TransposeButton*>();
+    const auto buttons = (parent ? parent : mWindow.get())->findChildren<TransposeButton*>();
     for (TransposeButton* button : buttons) {
         if (button->step() == step) {
             return button;
@@ -157,9 +157,9 @@ TransposeButton* TestMainWindow::transposeButton(int step) const
     return nullptr;
 }
 
-PrimeToggleButton* TestMainWindow::primeButton(int prime) const
+PrimeToggleButton* TestMainWindow::primeButton(int prime, QWidget* parent) const
 {
-    const QList<PrimeToggleButton*> buttons = mWindow->findChildren<PrimeToggleButton*>();
+    const auto buttons = (parent ? parent : mWindow.get())->findChildren<PrimeToggleButton*>();
     for (PrimeToggleButton* button : buttons) {
         if (button->prime() == prime && button->objectName() != QLatin1String("resetButton")) {
             return button;
@@ -206,7 +206,6 @@ void TestMainWindow::widgetTreeAndStartState()
 {
     mSettings.mAbsRelView = 2;
     makeWindow();
-    QCOMPARE(mWindow->windowTitle(), QStringLiteral("Merrow Tuning Arbo"));
     // Every start shows relative readouts.
     QCOMPARE(mSettings.mAbsRelView, 0);
 
@@ -224,20 +223,12 @@ void TestMainWindow::widgetTreeAndStartState()
         QVERIFY2(mWindow->findChild<QWidget*>(QLatin1String(name)), name);
     }
     QVERIFY(mWindow->findChild<QAction*>(QStringLiteral("actionOptions")));
-    for (int n = 1; n <= 8; ++n) {
-        QVERIFY(child<QSlider>(QStringLiteral("macroSlider%1").arg(n)));
-        QVERIFY(child<QLabel>(QStringLiteral("macroLabel%1").arg(n)));
-    }
-    QCOMPARE(child<QPushButton>("stopAllButton")->text(), QStringLiteral("Stop\nall"));
-    QCOMPARE(child<QPushButton>("loadPatchButton")->text(), QStringLiteral("Load"));
-    QVERIFY(!child<QComboBox>("patchMenu")->hasFrame());
 
     // The preset row is there but hidden; the rest of the surface shows.
     for (const char* name :
          {"presetDecButton", "presetIncButton", "presetMenu", "savePresetButton"}) {
         QVERIFY2(!child<QWidget>(name)->isVisible(), name);
     }
-    QVERIFY(child<QPushButton>("patchDecButton")->isFlat());
     QVERIFY(!child<QPushButton>("patchDecButton")->icon().isNull());
     QVERIFY(!child<QPushButton>("patchIncButton")->icon().isNull());
     QVERIFY(!child<QToolButton>("optionsButton")->icon().isNull());
@@ -398,8 +389,6 @@ void TestMainWindow::transposeStripCountsAndReadout()
     auto* reset = child<PrimeToggleButton>("resetButton");
     auto* steps = child<QLabel>("infoLabel1");
     auto* frequencies = child<QLabel>("infoLabel2");
-    QCOMPARE(reset->text(), QStringLiteral("="));
-    QCOMPARE(reset->toolTip(), QStringLiteral("Reset transpose"));
     QVERIFY(!reset->isEnabled());
 
     // Two steps up along 3: 440 × 9/4.
@@ -533,15 +522,8 @@ void TestMainWindow::horizontalStripAndFirstClick()
     strip.show();
     QVERIFY(QTest::qWaitForWindowExposed(&strip));
     QCOMPARE(strip.orientation(), Qt::Horizontal);
-    TransposeButton* up = nullptr;
-    TransposeButton* down = nullptr;
-    for (TransposeButton* button : strip.findChildren<TransposeButton*>()) {
-        if (button->step() == 2) {
-            up = button;
-        } else if (button->step() == -2) {
-            down = button;
-        }
-    }
+    TransposeButton* up = transposeButton(2, &strip);
+    TransposeButton* down = transposeButton(-2, &strip);
     QVERIFY(up && down && down->isEnabled());
     QSignalSpy transposed(&mPlayer, &PdPlayer::transposed);
     QTest::mouseClick(down, Qt::LeftButton);
@@ -551,15 +533,8 @@ void TestMainWindow::horizontalStripAndFirstClick()
     // One column per prime, left to right; in a column, from the top: the
     // count of the down step, the up button, the prime, the down button, the
     // count of the up step.
-    PrimeToggleButton* two = nullptr;
-    PrimeToggleButton* three = nullptr;
-    for (PrimeToggleButton* button : strip.findChildren<PrimeToggleButton*>()) {
-        if (button->prime() == 2) {
-            two = button;
-        } else if (button->prime() == 3) {
-            three = button;
-        }
-    }
+    PrimeToggleButton* two = primeButton(2, &strip);
+    PrimeToggleButton* three = primeButton(3, &strip);
     QVERIFY(two && three);
     QVERIFY(two->geometry().right() < three->geometry().left());
     QVERIFY(up->geometry().bottom() < two->geometry().top());
@@ -582,48 +557,30 @@ void TestMainWindow::primeButtons()
         QVERIFY(button->isEnabled() && button->isCheckable() && button->isChecked());
     }
 
-    // The colours of 7 as the lattice holds them by default (40, 56, 208):
-    // checked in the colour itself, off dimmed three times darker.
-    const QColor seven(40, 56, 208);
-    QCOMPARE(mArbo.lookupColor(7), seven);
-    const QColor dim = seven.darker(PRIME_DISABLED_DIM_FACTOR);
-    const QString sheet = primeButton(7)->styleSheet();
-    QVERIFY(sheet.startsWith(
-        QStringLiteral("PrimeToggleButton:checked { background-color: rgb(40, 56, 208); }"
-                       "PrimeToggleButton { background-color: rgb(%1, %2, %3); }")
-            .arg(dim.red())
-            .arg(dim.green())
-            .arg(dim.blue())));
-    QVERIFY(sheet.contains(QStringLiteral("PrimeToggleButton:pressed, "
-                                          "PrimeToggleButton:checked:pressed { "
-                                          "background-color: #c4c4bb; }")));
-    QVERIFY(sheet.endsWith(
-        QStringLiteral("PrimeToggleButton:disabled { background-color: rgb(40, 56, 208); }")));
-    // 19's own colour is too light for its text: a little darker.
-    const QColor nineteen = mArbo.lookupColor(19).darker(120);
-    QVERIFY(primeButton(19)->styleSheet().startsWith(
-        QStringLiteral("PrimeToggleButton:checked { background-color: rgb(%1, %2, %3); }")
-            .arg(nineteen.red())
-            .arg(nineteen.green())
-            .arg(nineteen.blue())));
-
-    // On screen, the checked 7 shows its colour.
-    const QImage image = primeButton(7)->grab().toImage();
-    QCOMPARE(image.pixelColor(2, image.height() / 2).rgb(), seven.rgb());
+    // On screen: a prime's colour when on, three times darker when off, grey
+    // while pressed; 1, 2 and 3 keep their colour although they are disabled;
+    // 19's own colour is too light for its text and is drawn a little darker.
+    auto shown = [](QWidget* button) {
+        const QImage image = button->grab().toImage();
+        return image.pixelColor(2, image.height() / 2).rgb();
+    };
+    PrimeToggleButton* seven = primeButton(7);
+    QCOMPARE(shown(seven), mArbo.lookupColor(7).rgb());
+    seven->setChecked(false); // not a click: nothing goes to the player
+    QCOMPARE(shown(seven), mArbo.lookupColor(7).darker(PRIME_DISABLED_DIM_FACTOR).rgb());
+    seven->setChecked(true);
+    QTest::mousePress(seven, Qt::LeftButton);
+    QCOMPARE(shown(seven), QColor(0xc4, 0xc4, 0xbb).rgb());
+    QTest::mouseRelease(seven, Qt::LeftButton, {}, QPoint(-10, -10)); // outside: no click
+    QCOMPARE(shown(primeButton(3)), mArbo.lookupColor(3).rgb());
+    QCOMPARE(shown(primeButton(19)), mArbo.lookupColor(19).darker(120).rgb());
 }
 
 void TestMainWindow::primeToggleHidesItsLeavesAndBlocksItsNotes()
 {
     makeWindow();
-    ArboView* view = mWindow->arboView();
-    auto ball = [view](const char* path) -> ArboBallWidget* {
-        const ArboPath wanted{QString::fromLatin1(path)};
-        for (ArboBallWidget* b : view->arboWidget()->balls()) {
-            if (b->node()->path() == wanted) {
-                return b;
-            }
-        }
-        return nullptr;
+    auto ball = [this](const char* path) {
+        return TestSupport::ballAt(mWindow->arboView(), QString::fromLatin1(path));
     };
     QVERIFY(ball("/7") && ball("/3/-7") && ball("/5"));
 
@@ -781,16 +738,8 @@ void TestMainWindow::tweaksAndOptionsFromTheWindow()
     makeWindow();
     // The distance of the shown drawing's +3 ball from the root.
     auto fifth = [this] {
-        for (ArboView* v : mWindow->findChildren<ArboView*>()) {
-            if (v->isVisible()) {
-                for (ArboBallWidget* ball : v->arboWidget()->balls()) {
-                    if (ball->node()->path() == ArboPath(QStringLiteral("/3"))) {
-                        return QLineF(QPointF(0, 0), ball->scenePos()).length();
-                    }
-                }
-            }
-        }
-        return -1.0;
+        const ArboBallWidget* ball = TestSupport::ballAt(mWindow->arboView(), "/3");
+        return QLineF(QPointF(0, 0), ball->scenePos()).length();
     };
     QCOMPARE(qRound(fifth()), 66);
     TweakDialog* tweaks = mWindow->tweakDialog();

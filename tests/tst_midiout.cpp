@@ -239,14 +239,6 @@ class TestMidiOut : public QObject
 private slots:
     void mpeBytes()
     {
-        // The lattice's paths of the ratios the tests play.
-        const char* const ratios[][2] = {{"/", "1/1"},  {"/5", "5/4"},   {"/3", "3/2"},
-                                         {"/7", "7/4"}, {"/11", "11/8"}, {"/13", "13/8"}};
-        for (const auto& row : ratios) {
-            QCOMPARE(ArboRatio::pathRatio(ArboPath(QString::fromLatin1(row[0]))).toString(),
-                     QString::fromLatin1(row[1]));
-        }
-
         MpeEncoder encoder(2, 15);
         Messages out;
         encoder.setup(out);

@@ -141,7 +141,7 @@ private slots:
         QCOMPARE(mSettings.mBaseFrequency, 432.0f);
     }
 
-    // Stepping, typing and setting all stop at 349 and 499 Hz.
+    // The calibration stays within 349 and 499 Hz, and the options follow it.
     void calibrationStopsAt349And499()
     {
         mSettings.mCalibrationFrequency = 350;
@@ -149,23 +149,13 @@ private slots:
         dialog.show();
         QSpinBox* box = calibration(dialog);
         box->setFocus();
-        QTest::keyClick(box, Qt::Key_Down);
-        QTest::keyClick(box, Qt::Key_Down);
-        QTest::keyClick(box, Qt::Key_Down);
-        QCOMPARE(box->value(), 349);
-        QTest::keyClick(box, Qt::Key_End);
-        QTest::keyClick(box, Qt::Key_PageUp); // ten steps
-        for (int i = 0; i < 20; ++i) {
-            QTest::keyClick(box, Qt::Key_PageUp);
+        for (int i = 0; i < 3; ++i) {
+            QTest::keyClick(box, Qt::Key_Down);
         }
-        QCOMPARE(box->value(), 499);
-        box->selectAll();
-        QTest::keyClicks(box, "1000");
-        QTest::keyClick(box, Qt::Key_Enter);
-        QVERIFY(box->value() >= 349 && box->value() <= 499);
-        box->setValue(100);
         QCOMPARE(box->value(), 349);
-        QVERIFY(mSettings.mCalibrationFrequency >= 349 && mSettings.mCalibrationFrequency <= 499);
+        QCOMPARE(mSettings.mCalibrationFrequency, 349);
+        box->setValue(1000);
+        QCOMPARE(mSettings.mCalibrationFrequency, 499);
     }
 
     // The update tab: the interval is stored; "Search for updates now ..."
@@ -194,13 +184,7 @@ private slots:
         const QDateTime before = QDateTime::currentDateTime().addSecs(-1);
         button->click();
         // The update checker's boxes are not modal: look among the windows.
-        QMessageBox* box = nullptr;
-        const QWidgetList windows = QApplication::topLevelWidgets();
-        for (QWidget* window : windows) {
-            if (auto* candidate = qobject_cast<QMessageBox*>(window)) {
-                box = candidate->isVisible() ? candidate : box;
-            }
-        }
+        QMessageBox* box = TestSupport::visibleMessageBox();
         QVERIFY(box);
         QVERIFY2(box->text().contains("no update feed"), qPrintable(box->text()));
         box->close();
@@ -211,20 +195,12 @@ private slots:
         qunsetenv("ARBO_UPDATE_FEED_URL");
     }
 
-    // The tabs, the Close box and the About page from the resource, with the
-    // version filled in.
+    // Without a MIDI output there is no MIDI tab; the About page comes from
+    // the resource with the version filled in.
     void pagesAndAboutText()
     {
         OptionsDialog dialog;
-        auto* tabs = dialog.findChild<QTabWidget*>(QStringLiteral("tabWidget"));
-        QCOMPARE(tabs->count(), 3);
-        QCOMPARE(tabs->tabText(0), QStringLiteral("Options"));
-        QCOMPARE(tabs->tabText(1), QStringLiteral("Update"));
-        QCOMPARE(tabs->tabText(2), QStringLiteral("About"));
-        auto* box = dialog.findChild<QDialogButtonBox*>();
-        QCOMPARE(box->standardButtons(), QDialogButtonBox::Close);
-        QVERIFY(dialog.minimumWidth() >= 450 && dialog.minimumHeight() >= 260);
-
+        QCOMPARE(dialog.findChild<QTabWidget*>(QStringLiteral("tabWidget"))->count(), 3);
         auto* about = dialog.findChild<QLabel*>(QStringLiteral("aboutLabel"));
         const QString text = about->text();
         QVERIFY(!text.contains("<version>"));

@@ -5,8 +5,8 @@
 #include "audioanalysis.h"
 #include "input/arboevent.h"
 #include "input/arbonoteevent.h"
-#include "settings/settings.h"
 #include "midi/midinotering.h"
+#include "offlineplayer.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
@@ -17,8 +17,6 @@
 #include <QSet>
 #include <QSignalSpy>
 
-#include <z_libpd.h>
-
 #include <algorithm>
 #include <clocale>
 #include <cmath>
@@ -27,26 +25,8 @@
 
 namespace {
 
-constexpr int SAMPLE_RATE = 44100;
-constexpr int BUFFER_FRAMES = 256;
-constexpr double BUFFER_SECONDS = double(BUFFER_FRAMES) / SAMPLE_RATE;
-
-// Runs `player` as the audio callback would for `seconds`; the left channel.
-std::vector<float> render(PdPlayer& player, double seconds)
-{
-    std::vector<float> left;
-    std::vector<float> stereo(BUFFER_FRAMES * 2, 0.0f);
-    for (int b = 0; b < int(std::ceil(seconds / BUFFER_SECONDS)); ++b) {
-        player.processEvents();
-        if (player.isPatchOpen()) {
-            libpd_process_float(BUFFER_FRAMES / 64, nullptr, stereo.data());
-        }
-        for (int i = 0; i < BUFFER_FRAMES; ++i) {
-            left.push_back(player.isPatchOpen() ? stereo[size_t(2 * i)] : 0.0f);
-        }
-    }
-    return left;
-}
+using OfflinePlayer::BUFFER_SECONDS;
+using OfflinePlayer::SAMPLE_RATE;
 
 // Cents between the steady tone near `nominal` (from 0.5 s on) and `nominal`;
 // a large number when the tone is not there throughout.
@@ -80,14 +60,12 @@ private slots:
     void volumesAndMacrosReachThePatch();
     void badPatchLeavesNothingOpen();
     void numbersParseUnderADecimalCommaLocale();
-    void unusableOptionsStillSoundAtTheDefaultPitch_data();
-    void unusableOptionsStillSoundAtTheDefaultPitch();
     void noteTapAndBuiltInSound();
 
 private:
     void queue(const ArboEvent& event) { mPlayer.queueEventGui(&event); }
     void toggle(const QString& path) { queue(ArboNoteEvent(path)); }
-    std::vector<float> render(double seconds) { return ::render(mPlayer, seconds); }
+    std::vector<float> render(double seconds) { return OfflinePlayer::render(mPlayer, seconds); }
     // Renders until every voice is free (at most `seconds`); the time it took.
     double renderUntilAllFree(double seconds)
     {
@@ -447,49 +425,9 @@ int commaLocaleChild(int argc, char** argv)
     }
     const ArboNoteEvent fifth(QStringLiteral("/3"));
     player.queueEventGui(&fifth);
-    const double cents = centsOff(render(player, 3.0), 660.0);
+    const double cents = centsOff(OfflinePlayer::render(player, 3.0), 660.0);
     std::printf("fifth %.6f cents off\n", cents);
     return std::abs(cents) < 0.1 ? 0 : 1;
-}
-
-void TestPdPlayer::unusableOptionsStillSoundAtTheDefaultPitch_data()
-{
-    QTest::addColumn<QByteArray>("json");
-    QTest::newRow("zero Hz, volume 1e30")
-        << QByteArray(R"({"baseFrequency": 0, "masterVolume": 1e30})");
-    QTest::newRow("negative both") << QByteArray(R"({"baseFrequency": -5, "masterVolume": -5})");
-    QTest::newRow("denormal Hz, volume 3e38")
-        << QByteArray(R"({"baseFrequency": 1e-40, "masterVolume": 3e38})");
-    QTest::newRow("3e38 Hz") << QByteArray(R"({"baseFrequency": 3e38})");
-    QTest::newRow("infinite Hz") << QByteArray(R"({"baseFrequency": 1e39})");
-}
-
-void TestPdPlayer::unusableOptionsStillSoundAtTheDefaultPitch()
-{
-    QFETCH(QByteArray, json);
-    QVERIFY(TestSupport::writeFile(TestSupport::configDir() + "/options.json", json));
-    Settings settings;
-    QVERIFY(settings.init());
-    QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^Option .* has the unusable value "));
-    if (json.contains("masterVolume")) {
-        QTest::ignoreMessage(QtWarningMsg,
-                             QRegularExpression("^Option .* has the unusable value "));
-    }
-    settings.replaceUnusableValues({});
-
-    // Somewhere else first, so that the pitch heard is the options' doing.
-    queue(ArboEvent(ArboEvent::BaseFrequency, 300.0f));
-    queue(ArboEvent(ArboEvent::MasterVolume, 0.1f));
-    // What start-up hands the player from the options.
-    queue(ArboEvent(ArboEvent::BaseFrequency, settings.mBaseFrequency));
-    queue(ArboEvent(ArboEvent::MasterVolume, settings.mMasterVolume));
-    toggle("/");
-    const std::vector<float> left = render(2.5);
-    const double cents = centsOff(left, 440.0);
-    QVERIFY2(std::abs(cents) < 0.1, qPrintable(QString::number(cents)));
-    const double peak = AudioAnalysis::peak(QVector<float>(left.begin(), left.end()));
-    QVERIFY2(peak > 0.05 && peak <= 1.0, qPrintable(QString::number(peak)));
-    toggle("/");
 }
 
 void TestPdPlayer::noteTapAndBuiltInSound()

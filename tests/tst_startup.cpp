@@ -344,6 +344,8 @@ void TestStartup::binaryStartsCopiesShellPatchesAndShutsDownOnSigterm()
         QCOMPARE(process.exitCode(), 0);
     };
 
+    // A buffer size of the user's own reaches the device and is kept.
+    QVERIFY(TestSupport::writeFile(config + "/options.json", "{ \"framesPerBuffer\": 128 }"));
     runOnce({});
     for (const QString& name : SHELL_PATCHES) {
         QCOMPARE(TestSupport::readFile(config + "/patch/" + name),
@@ -351,6 +353,8 @@ void TestStartup::binaryStartsCopiesShellPatchesAndShutsDownOnSigterm()
     }
     QString log = QString::fromUtf8(TestSupport::readFile(config + "/log.txt"));
     QVERIFY(log.contains("\n" + QString(78, '-') + "\nStarting app at "));
+    QVERIFY(log.contains("frames per buffer: 128"));
+    QVERIFY(log.contains("Calling Pa_Terminate...") && !log.contains("CRITICAL"));
     // Debug messages never reach the file.
     QVERIFY(!log.contains("Config dir:"));
 
@@ -358,6 +362,7 @@ void TestStartup::binaryStartsCopiesShellPatchesAndShutsDownOnSigterm()
     const QJsonObject options =
         QJsonDocument::fromJson(TestSupport::readFile(config + "/options.json")).object();
     QCOMPARE(options.size(), 16);
+    QCOMPARE(options.value("framesPerBuffer").toInt(), 128);
 
     // A second run finds the runtime copies current and copies nothing.
     QHash<QString, ino_t> inodes;
@@ -393,8 +398,10 @@ void TestStartup::outdatedRuntimePatchIsReplaced()
 bool TestStartup::startBinary(QProcess& process, const QString& home)
 {
     const QString log = home + "/Merrow Tuning Arbo/log.txt";
-    // The voice is opened last of everything that start-up writes.
+    // Start-up writes the input map (saved whole, through a temporary file)
+    // last, after the voice is opened.
     const char* const marker = "Opening PD patch";
+    const QString inputMap = home + "/Merrow Tuning Arbo/input_map.json";
     const int started = TestSupport::readFile(log).count(marker);
     QProcessEnvironment env = mJack.environment();
     env.insert("XDG_DATA_HOME", home);
@@ -406,7 +413,7 @@ bool TestStartup::startBinary(QProcess& process, const QString& home)
     }
     QElapsedTimer timer;
     timer.start();
-    while (TestSupport::readFile(log).count(marker) <= started) {
+    while (TestSupport::readFile(log).count(marker) <= started || !QFile::exists(inputMap)) {
         if (timer.elapsed() > 30000 || process.state() != QProcess::Running) {
             return false;
         }

@@ -100,13 +100,6 @@ private:
         return waitUntil([count] { return locked(sEvents).size() >= count; });
     }
 
-    static quint16 freePort()
-    {
-        QUdpSocket socket;
-        socket.bind(QHostAddress::Any, 0, QUdpSocket::DontShareAddress);
-        return socket.localPort();
-    }
-
     // Starts `listener` on a fresh port, recording its events: a note's path
     // or the type of any other. (The values are the map's, read by its tests.)
     bool start(UdpListener& listener)
@@ -119,7 +112,7 @@ private:
                 sEvents << (note ? note->path().toString() : QString::number(int(event->type())));
             },
             Qt::DirectConnection);
-        mPort = freePort();
+        mPort = TestSupport::freeUdpPort();
         mSettings.mUdpPort = mPort;
         listener.start();
         return waitUntil(
@@ -235,7 +228,7 @@ private slots:
         QTest::newRow("beyond 16 bits") << 65536 + 8888 << PORT;
         QTest::newRow("negative") << -1 << PORT;
         QTest::newRow("map not JSON")
-            << int(freePort())
+            << int(TestSupport::freeUdpPort())
             << QStringLiteral("Failed to load RFID mapping file, UDP thread shutting down.");
     }
 
@@ -247,7 +240,7 @@ private slots:
         QFETCH(QString, error);
         QUdpSocket instance; // bound as the listener binds
         if (port == -2) {
-            QVERIFY(instance.bind(QHostAddress::Any, freePort()));
+            QVERIFY(instance.bind(QHostAddress::Any, TestSupport::freeUdpPort()));
             port = instance.localPort();
         }
         if (error.startsWith("Failed")) {

@@ -107,13 +107,6 @@ struct Instrument
     bool configured = false;
 };
 
-quint16 freePort()
-{
-    QUdpSocket socket;
-    socket.bind(QHostAddress::Any, 0, QUdpSocket::DontShareAddress);
-    return socket.localPort();
-}
-
 } // namespace
 
 class TestWandEndToEnd : public QObject
@@ -190,7 +183,7 @@ private slots:
     // shuts down cleanly and never writes the user's tag map.
     void wandPlaysTheInstrument()
     {
-        const quint16 port = freePort();
+        const quint16 port = TestSupport::freeUdpPort();
         Instrument instrument(mJack, port, RFID_MAP);
         QVERIFY(instrument.start());
         QVERIFY(waitUntilPlayable(instrument, port));
@@ -225,7 +218,7 @@ private slots:
     // wand set, and the lattice.
     void survivesALostAudioServer()
     {
-        const quint16 port = freePort();
+        const quint16 port = TestSupport::freeUdpPort();
         Instrument instrument(mJack, port, RFID_MAP);
         QVERIFY(instrument.start());
         QVERIFY(waitUntilPlayable(instrument, port));
@@ -267,7 +260,7 @@ private slots:
     // nothing said about it, and no map written.
     void withoutTagMapNoListener()
     {
-        Instrument instrument(mJack, freePort(), QByteArray());
+        Instrument instrument(mJack, TestSupport::freeUdpPort(), QByteArray());
         QVERIFY(instrument.start());
         QTRY_VERIFY2_WITH_TIMEOUT(instrument.log().contains("PaStream started"),
                                   qPrintable(instrument.log()), 30000);
