@@ -2,11 +2,13 @@
 
 int main(int argc, char** argv)
 {
-    TuningArboApplication app(argc, argv);
-    if (!app.init()) {
-        return 1;
+    int exitCode = 1;
+    {
+        TuningArboApplication app(argc, argv);
+        if (app.init()) {
+            exitCode = app.exec();
+            app.term();
+        }
     }
-    const int exitCode = app.exec();
-    app.term();
-    return exitCode;
+    return TuningArboApplication::leave(exitCode);
 }

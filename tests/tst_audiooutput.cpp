@@ -92,6 +92,35 @@ class TestAudioOutput : public QObject
         return recorded ? AudioAnalysis::readWav(wav) : AudioAnalysis::Wav();
     }
 
+    // Whether `note` is heard on `channel` at `expected` Hz (within 10 cents)
+    // and clearly above silence. The exact pitch is checked offline; live,
+    // on a busy machine, the server may drop periods or stall the client for
+    // a moment, which can spoil one recording, so up to three are made. A
+    // wrong rate (146 cents) or a missing tone fails all three. `heard` says
+    // what the last one measured.
+    bool hearsTone(JackFixture& jack, const ArboNoteEvent& note, double seconds, int channel,
+                   double rate, double expected, QString* heard)
+    {
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            const AudioAnalysis::Wav recording = recordNote(jack, note, seconds);
+            // The next recording starts from silence.
+            static_cast<void>(
+                QTest::qWaitFor([this] { return mPlayer.soundingNoteCount() == 0; }, 15000));
+            if (recording.channels <= channel) {
+                *heard = QStringLiteral("no recording of channel %1").arg(channel);
+                continue;
+            }
+            const QVector<float> samples = recording.channel(channel);
+            const double frequency = AudioAnalysis::dominantFrequency(samples, rate);
+            const double level = AudioAnalysis::rmsDb(samples);
+            *heard = QString::asprintf("channel %d: %g dB, %g Hz", channel, level, frequency);
+            if (level > -40.0 && near(frequency, expected, 10.0)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
 private slots:
     void initTestCase()
     {
@@ -324,17 +353,11 @@ private slots:
             QTRY_COMPARE_WITH_TIMEOUT(mPlayer.soundingNoteCount(), 0, 10000);
         }
 
-        // 3/2 above the 440 Hz base: 660 Hz.
-        const AudioAnalysis::Wav recording = recordNote(mJack, ArboNoteEvent("/3"), 2.0);
-        QCOMPARE(recording.channels, 2);
+        // 3/2 above the 440 Hz base: 660 Hz, on both channels.
         for (int channel = 0; channel < 2; ++channel) {
-            const QVector<float> samples = recording.channel(channel);
-            const double frequency = AudioAnalysis::dominantFrequency(samples, 44100);
-            const double level = AudioAnalysis::rmsDb(samples);
-            // The exact pitch is checked offline; a live capture on a busy
-            // machine may drop a period, which smears the spectrum a little.
-            QVERIFY2(level > -40.0 && near(frequency, 660.0, 10.0),
-                     qPrintable(QString::asprintf("%d: %g dB, %g Hz", channel, level, frequency)));
+            QString heard;
+            QVERIFY2(hearsTone(mJack, ArboNoteEvent("/3"), 2.0, channel, 44100, 660.0, &heard),
+                     qPrintable(heard));
         }
         QTRY_COMPARE_WITH_TIMEOUT(mPlayer.soundingNoteCount(), 0, 15000);
         const QString after = mJack.workDir() + QStringLiteral("/after.wav");
@@ -353,12 +376,10 @@ private slots:
         QCOMPARE(mOutput->streamSampleRate(), 48000.0);
         const QString sine = TestSupport::binDir() + QStringLiteral("/patches/Sine.pd");
         QVERIFY(PatchLoader::loadVoice(&mPlayer, sine));
-        const AudioAnalysis::Wav recording = recordNote(mJack48, ArboNoteEvent(), 1.5);
-        const double frequency = AudioAnalysis::dominantFrequency(recording.channel(0), 48000);
         // Played at 44.1 kHz it would sound 8.8 % (146 cents) sharp.
-        QVERIFY2(near(frequency, mPlayer.baseFrequency(), 10.0),
-                 qPrintable(QString::number(frequency)));
-        QTRY_COMPARE_WITH_TIMEOUT(mPlayer.soundingNoteCount(), 0, 15000);
+        QString heard;
+        QVERIFY2(hearsTone(mJack48, ArboNoteEvent(), 1.5, 0, 48000, mPlayer.baseFrequency(), &heard),
+                 qPrintable(heard));
     }
 };
 

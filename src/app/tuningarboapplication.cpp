@@ -24,6 +24,8 @@
 #include <QTime>
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <unistd.h>
 
 namespace {
@@ -240,6 +242,15 @@ bool TuningArboApplication::init()
     startInputs();
 
     return true;
+}
+
+int TuningArboApplication::leave(int exitCode)
+{
+    if (PaAudioOutput::unfinishedCalls() > 0) {
+        std::fflush(nullptr);
+        std::_Exit(exitCode);
+    }
+    return exitCode;
 }
 
 void TuningArboApplication::startInputs()

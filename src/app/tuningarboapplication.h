@@ -60,6 +60,13 @@ public:
 
     static QString version();
 
+    // The last word of main(), once the application object is gone and
+    // everything is saved: returns `exitCode`, or, while a PortAudio call
+    // that never came back (the sound server died or starved) still runs
+    // inside the audio libraries, whose exit handlers would crash or hang
+    // under it, ends the process at once with that code.
+    static int leave(int exitCode);
+
     // Opens the log file in append mode, installs the message handler and
     // writes the start-up banner. Without it, messages go to Qt's default
     // output. Returns whether the file opened.

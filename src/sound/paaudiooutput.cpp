@@ -32,6 +32,9 @@ namespace {
 // The render owner while the GUI thread holds it; never a stream's token.
 constexpr std::uint32_t GUI_OWNER = 0xffffffffu;
 
+// Calls of callWithin() whose thread has not returned yet.
+std::atomic<int> sUnfinishedCalls{0};
+
 // Runs `call` on a thread of its own and waits at most `timeoutMs` for it.
 // True, with its result in `result`, when it came back in time. False when it
 // did not: the thread is left to finish whenever it can, and shares nothing
@@ -46,8 +49,10 @@ bool callWithin(int timeoutMs, const std::function<PaError()>& call, PaError* re
         PaError result = paNoError;
     };
     auto state = std::make_shared<State>();
+    sUnfinishedCalls.fetch_add(1);
     std::thread([state, call] {
         const PaError outcome = call();
+        sUnfinishedCalls.fetch_sub(1);
         std::lock_guard<std::mutex> lock(state->mutex);
         state->result = outcome;
         state->done = true;
@@ -63,6 +68,11 @@ bool callWithin(int timeoutMs, const std::function<PaError()>& call, PaError* re
 }
 
 } // namespace
+
+int PaAudioOutput::unfinishedCalls()
+{
+    return sUnfinishedCalls.load();
+}
 
 PaAudioOutput::PaAudioOutput(QObject* parent)
     : AudioOutput(parent), mLibrary(PortAudioLibrary::linked())

@@ -96,6 +96,12 @@ public:
     // The device list entry for a host API and device name.
     static QString deviceEntry(const QString& hostApiName, const QString& deviceName);
 
+    // Any thread: PortAudio calls left behind because they did not return in
+    // time (a dead or starved sound server), still running on their threads.
+    // While any is, the process must not run the libraries' exit handlers,
+    // which pull the ground from under them: main() ends it with _Exit.
+    static int unfinishedCalls();
+
     // Of the stream that was opened last: its sample rate and the output
     // latency PortAudio reports for it (seconds). 0 before any stream.
     double streamSampleRate() const { return mSampleRate; }
