@@ -240,12 +240,17 @@ bool TuningArboApplication::init()
 
 void TuningArboApplication::startInputs()
 {
+    // MIDI in: not fatal either; without a MIDI system it stays off with a
+    // warning.
+    mMidiInput.attach(&mPlayer);
+    mMidiInput.open(mInputMap.bindings());
 }
 
 void TuningArboApplication::term()
 {
     syncToSettings();
     mUdpListener.term();
+    mMidiInput.close();
     mArbo.term();
     mPlayer.term();
     mAudioOutput.term();

@@ -3,6 +3,7 @@
 #include "app/unixsignalwatcher.h"
 #include "input/inputmap.h"
 #include "input/udplistener.h"
+#include "midi/midiinput.h"
 #include "midi/midioutput.h"
 #include "midi/midisettings.h"
 #include "model/arbo.h"
@@ -80,6 +81,9 @@ public:
     // note tap) before the player goes.
     MidiSettings mMidiSettings;
     MidiOutput mMidiOutput;
+    // MIDI in, after the player: its thread writes into the player's ring,
+    // so it stops before the player goes.
+    MidiInput mMidiInput;
     // Lower-cased command-line words, each without one leading "-"; they
     // choose which source files' messages reach the diagnostics dialog.
     QSet<QString> mFlags;
