@@ -1,5 +1,6 @@
 #include "midi/midioutput.h"
 
+#include "midi/jackserverwatch.h"
 #include "midi/midisettings.h"
 #include "midi/mpeencoder.h"
 #include "midi/mtsencoder.h"
@@ -124,6 +125,15 @@ bool MidiOutput::open(const MidiSettings& settings, Api api)
         mEncoder = std::make_unique<MpeEncoder>(settings.mBendRange, settings.mMemberChannels);
     }
     mOut = std::move(out);
+    // Tells close() whether the server has gone under the port.
+    QString watchError;
+    mWatch.reset();
+    if (used == Api::Jack) {
+        mWatch = std::make_unique<JackServerWatch>();
+        if (!mWatch->open(QLatin1String(PORT_NAME) + QStringLiteral(" (watch)"), watchError)) {
+            mWatch.reset();
+        }
+    }
     mApi = used;
     mPort = settings.mPort;
     mPortLost = false;
@@ -155,7 +165,13 @@ void MidiOutput::close()
         mThread.join();
     }
     mEncoder.reset();
+    if (mWatch && mWatch->gone()) {
+        // Deliberately never freed: its destructor would call into a client
+        // of the server that has gone (see JackServerWatch).
+        static_cast<void>(mOut.release());
+    }
     mOut.reset();
+    mWatch.reset();
     if (mStatus != tr("MIDI output is off")) {
         setStatus(tr("MIDI output is off"));
     }

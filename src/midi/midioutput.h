@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+class JackServerWatch;
 class MidiEncoder;
 class MidiSettings;
 class PdPlayer;
@@ -101,7 +102,8 @@ private:
     std::atomic<std::uint64_t> mNotesSent{0};
     std::atomic<std::int64_t> mLastLatencyNs{0};
     std::atomic<bool> mRealtime{false};
-    RtMidiErrorSink mErrors; // of mOut
+    RtMidiErrorSink mErrors;                 // of mOut
+    std::unique_ptr<JackServerWatch> mWatch; // of mOut's server, on JACK
     Api mApi = Api::Auto;
     QString mPort;
     QString mStatus;
