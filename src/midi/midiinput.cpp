@@ -55,18 +55,27 @@ bool MidiInput::open(const InputMap::Bindings& bindings, Api api)
     mTable.velocity = bindings.midiVelocity;
     mTable.notes = bindings.midiNotes;
     mTable.controllers = bindings.midiControllers;
-    mParser.reset();
     mWanted = bindings.midiPorts;
+    mApi = api;
+    return start(false);
+}
 
+bool MidiInput::start(bool again)
+{
+    // Once a JACK server has gone, only JACK again: the audio comes back on
+    // the server of the same name, and the connections are JACK's.
     std::string error;
     bool jack = false;
     std::unique_ptr<RtMidiIn> in = RtMidiErrorSink::openFirst<RtMidiIn>(
-        api != Api::Alsa, api != Api::Jack, MidiOutput::PORT_NAME, mErrors, error, jack);
+        again || mApi != Api::Alsa, !again && mApi != Api::Jack, MidiOutput::PORT_NAME, mErrors,
+        error, jack);
     if (!in) {
-        const QString text = tr("No MIDI system (%1): MIDI input is off")
-                                 .arg(QString::fromStdString(error).trimmed());
-        qWarning().noquote() << text;
-        setStatus(text);
+        if (!again) {
+            const QString text = tr("No MIDI system (%1): MIDI input is off")
+                                     .arg(QString::fromStdString(error).trimmed());
+            qWarning().noquote() << text;
+            setStatus(text);
+        }
         return false;
     }
     mSystem = jack ? QStringLiteral("JACK") : QStringLiteral("ALSA");
@@ -75,16 +84,19 @@ bool MidiInput::open(const InputMap::Bindings& bindings, Api api)
     // message buffer on the MIDI thread without bound.
     in->ignoreTypes(true, true, true);
     // From here on, RtMidi's thread is the only one that feeds the parser.
+    mParser.reset();
     in->setCallback(&MidiInput::onRtMidiMessage, this);
     in->openVirtualPort(MidiOutput::PORT_NAME);
     std::string openError;
     if (mErrors.take(openError)) {
-        const QString text = tr("Could not open the MIDI input port \"%1\" (%2, %3): MIDI input "
-                                "is off")
-                                 .arg(QLatin1String(MidiOutput::PORT_NAME), mSystem,
-                                      QString::fromStdString(openError).trimmed());
-        qWarning().noquote() << text;
-        setStatus(text);
+        if (!again) {
+            const QString text =
+                tr("Could not open the MIDI input port \"%1\" (%2, %3): MIDI input is off")
+                    .arg(QLatin1String(MidiOutput::PORT_NAME), mSystem,
+                         QString::fromStdString(openError).trimmed());
+            qWarning().noquote() << text;
+            setStatus(text);
+        }
         return false;
     }
     mIn = std::move(in);
@@ -94,8 +106,8 @@ bool MidiInput::open(const InputMap::Bindings& bindings, Api api)
     mIgnoredPending = 0;
     mIgnoredLogged.invalidate();
 
-    // Connections are made by a client of their own; without one the port
-    // still works for whoever connects to it.
+    // A client of its own makes the connections and, on JACK, watches the
+    // server. Without one the port still works for whoever connects to it.
     QString connectorError;
     mConnector = MidiPortConnector::make(
         jack, QLatin1String(MidiOutput::PORT_NAME) + QStringLiteral(" (connections)"),
@@ -103,27 +115,43 @@ bool MidiInput::open(const InputMap::Bindings& bindings, Api api)
     if (mConnector && !mConnector->findOwnInput(QLatin1String(MidiOutput::PORT_NAME),
                                                 QLatin1String(MidiOutput::PORT_NAME))) {
         connectorError = tr("the input port is not listed");
-        mConnector.reset();
     }
     mOwnPort = mConnector ? mConnector->ownInput() : QString();
-    if (!mConnector && !mWanted.isEmpty()) {
+    if (mOwnPort.isEmpty() && !mWanted.isEmpty()) {
         qWarning().noquote()
             << tr("MIDI input: cannot connect the ports of \"midiPorts\" (%1)").arg(connectorError);
     }
     connectWantedPorts();
     updateStatus();
-    qInfo().noquote() << "MIDI input:" << mStatus;
+    qInfo().noquote() << (again ? "MIDI input is back:" : "MIDI input:") << mStatus;
     mTimer.start();
     return true;
+}
+
+void MidiInput::abandonLostSystem()
+{
+    // Deliberately never freed: its destructor would call into a client of
+    // the server that has gone (see JackServerWatch). Its JACK thread ended
+    // with the server, so the ring keeps one producer when a new port opens.
+    // The watch itself knows not to close its client.
+    static_cast<void>(mIn.release());
+    mConnector.reset();
+    mConnected.clear();
+    mFailed.clear();
+    mOwnPort.clear();
 }
 
 void MidiInput::close()
 {
     mTimer.stop();
+    if (mConnector && mConnector->systemGone()) {
+        abandonLostSystem(); // no callback comes from a server that has gone
+    }
     // RtMidi stops its thread (or deactivates its JACK client) before this
     // returns: after it, no callback runs.
     mIn.reset();
     mConnector.reset();
+    mSystemLost = false;
     reportCounts();
     mConnected.clear();
     mFailed.clear();
@@ -223,16 +251,20 @@ void MidiInput::checkInput()
     if (mErrors.take(error)) {
         qWarning().noquote() << "MIDI input:" << QString::fromStdString(error).trimmed();
     }
+    if (mSystemLost) {
+        start(true); // quietly, once a second, until the server is back
+        return;
+    }
     if (!mConnector) {
         return;
     }
     if (mConnector->systemGone()) {
-        if (!mSystemLost) {
-            mSystemLost = true;
-            const QString text = tr("The %1 server has gone: MIDI input is off").arg(mSystem);
-            qWarning().noquote() << text;
-            setStatus(text);
-        }
+        abandonLostSystem();
+        mSystemLost = true;
+        const QString text =
+            tr("The %1 server has gone: MIDI input is off until it is back").arg(mSystem);
+        qWarning().noquote() << text;
+        setStatus(text);
         return;
     }
     const QStringList before = mConnected;
@@ -244,7 +276,7 @@ void MidiInput::checkInput()
 
 void MidiInput::connectWantedPorts()
 {
-    if (!mConnector || mWanted.isEmpty()) {
+    if (!mConnector || mOwnPort.isEmpty() || mWanted.isEmpty()) {
         return;
     }
     QStringList present;

@@ -45,7 +45,9 @@ class RtMidiIn;
 // reports what its full ring dropped.
 //
 // A missing MIDI system leaves the input off with a warning; the program goes
-// on without it.
+// on without it. A JACK server that goes away while the input is open (killed,
+// restarted) is said once; the input opens again by itself when the server is
+// back, as the audio output does.
 //
 // Threads: everything public belongs to the GUI thread, except the counters
 // and feed(), whose contracts say otherwise.
@@ -110,6 +112,12 @@ private:
         std::array<InputBinding, 128> controllers;
     };
 
+    // Opens RtMidi's port and the connections on the system mApi chooses;
+    // `again`: on JACK, after the server had gone, saying nothing on failure.
+    bool start(bool again);
+    // Lets go of what belonged to a JACK server that has gone, without
+    // touching it.
+    void abandonLostSystem();
     static void onRtMidiMessage(double stamp, std::vector<unsigned char>* message, void* self);
     void dispatch(const MidiInParser::Message& message);
     void queue(const ArboEvent* event);
@@ -136,6 +144,7 @@ private:
     std::unique_ptr<RtMidiIn> mIn;
     RtMidiErrorSink mErrors; // of mIn
     std::unique_ptr<MidiPortConnector> mConnector;
+    Api mApi = Api::Auto;
     QString mSystem; // "JACK" or "ALSA"
     QString mOwnPort;
     QStringList mWanted;

@@ -1,10 +1,11 @@
 #include "midi/midiportconnector.h"
 
+#include "midi/jackserverwatch.h"
+
 #include <alsa/asoundlib.h>
 #include <jack/jack.h>
 #include <jack/midiport.h>
 
-#include <atomic>
 #include <cerrno>
 #include <unistd.h>
 
@@ -20,29 +21,12 @@ int ownPid()
 class JackConnector : public MidiPortConnector
 {
 public:
-    ~JackConnector() override
-    {
-        if (mClient) {
-            jack_client_close(mClient);
-        }
-    }
-
     bool open(const QString& clientName, QString& error)
     {
-        jack_status_t status{};
-        mClient = jack_client_open(clientName.toUtf8().constData(), JackNoStartServer, &status);
-        if (!mClient) {
-            error = QStringLiteral("no JACK server (status 0x%1)").arg(int(status), 0, 16);
+        if (!mWatch.open(clientName, error)) {
             return false;
         }
-        // Called on the client's own thread when the server goes: only a
-        // flag, and nothing of the server is touched after it.
-        jack_on_shutdown(
-            mClient,
-            [](void* self) {
-                static_cast<JackConnector*>(self)->mGone.store(true, std::memory_order_release);
-            },
-            this);
+        mClient = mWatch.client();
         return true;
     }
 
@@ -89,8 +73,11 @@ public:
             const QString client = port.name.left(port.name.indexOf(QLatin1Char(':')));
             // Our own MIDI output, say, fed back into the input would play
             // every note twice over, for ever.
+            // A server that does not know its clients' processes (0) leaves
+            // only the name to tell.
+            const int pid = jack_get_client_pid(client.toUtf8().constData());
             port.own = !mOwnClientName.isEmpty() && client.startsWith(mOwnClientName) &&
-                       jack_get_client_pid(client.toUtf8().constData()) == ownPid();
+                       (pid == ownPid() || pid <= 0);
             // Hardware ports carry the device's name in their aliases
             // ("system:midi_capture_1" is also "alsa_pcm:nanoKEY2/midi_capture_1").
             if (jack_port_t* handle = jack_port_by_name(mClient, ports[i])) {
@@ -117,12 +104,12 @@ public:
         return false;
     }
 
-    bool systemGone() const override { return mGone.load(std::memory_order_acquire); }
+    bool systemGone() const override { return mWatch.gone(); }
 
 private:
+    JackServerWatch mWatch;
     jack_client_t* mClient = nullptr;
     QString mOwnClientName;
-    std::atomic<bool> mGone{false};
     QString mOwn;
 };
 
@@ -240,9 +227,12 @@ private:
 
     static bool isOwnClient(snd_seq_client_info_t* client, const QString& clientName)
     {
+        // Older kernels do not tell a client's process (-1): then the name
+        // alone tells.
+        const int pid = snd_seq_client_info_get_pid(client);
         return !clientName.isEmpty() &&
                QString::fromUtf8(snd_seq_client_info_get_name(client)).startsWith(clientName) &&
-               snd_seq_client_info_get_pid(client) == ownPid();
+               (pid == ownPid() || pid <= 0);
     }
 
     snd_seq_t* mSeq = nullptr;

@@ -44,6 +44,8 @@ public:
     // False on failure, with the reason in `error`.
     virtual bool connectToOwn(const Port& source, QString& error) = 0;
     // Whether the MIDI system has gone away under the connector (a JACK
-    // server that stopped). Then nothing above works any more.
+    // server that stopped). Then nothing above works any more, and RtMidi's
+    // objects on that server must be abandoned, not destroyed (see
+    // JackServerWatch).
     virtual bool systemGone() const = 0;
 };
