@@ -53,6 +53,15 @@ void JackMidiSender::close()
     mFlooding.store(false);
 }
 
+void JackMidiSender::abandon()
+{
+    // The queue is left too: the dead client's thread may not have stopped.
+    mClient = nullptr;
+    mPort = nullptr;
+    mQueue = nullptr;
+    mFlooding.store(false);
+}
+
 QString JackMidiSender::portName() const
 {
     return mPort ? QString::fromUtf8(jack_port_name(mPort)) : QString();

@@ -33,6 +33,9 @@ public:
     // JackFixture) and activates it. False on failure.
     bool open(const QString& name);
     void close();
+    // Lets go of the client of a server that has gone, without touching it:
+    // libjack may already have freed it.
+    void abandon();
     // "<client>:out".
     QString portName() const;
     // Connects "out" to `input`.
