@@ -72,6 +72,11 @@ bool JackMidiSender::connectTo(const QString& input)
     return mClient && jack_connect(mClient, jack_port_name(mPort), input.toUtf8().constData()) == 0;
 }
 
+int JackMidiSender::connections() const
+{
+    return mPort ? jack_port_connected(mPort) : 0;
+}
+
 bool JackMidiSender::send(const Bytes& bytes)
 {
     const std::uint8_t size = std::uint8_t(bytes.size());

@@ -40,6 +40,10 @@ public:
     QString portName() const;
     // Connects "out" to `input`.
     bool connectTo(const QString& input);
+    // How many ports "out" feeds in the graph that JACK runs now. A
+    // connection made a moment ago takes effect a period or more later, on a
+    // busy machine later still; an event sent before that goes nowhere.
+    int connections() const;
 
     // One event with these bytes (up to 64) in the next period. False when
     // the queue to the process callback is full.

@@ -102,6 +102,25 @@ class TestMidiIn : public QObject
         return -1;
     }
 
+    // Sends `bytes` again and again until `done`, for at most 20 s: a JACK
+    // server without real-time scheduling drops the MIDI of a client that
+    // misses its period, which a busy machine makes happen. Only for
+    // messages that may arrive twice (a note-on of a sounding note, a
+    // note-off of a silent one, a controller's value).
+    static bool sendUntil(JackMidiSender& keys, const Bytes& bytes,
+                          const std::function<bool()>& done)
+    {
+        QElapsedTimer timer;
+        timer.start();
+        while (timer.elapsed() < 20000) {
+            keys.send(bytes);
+            if (QTest::qWaitFor(done, 1000)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
     // Takes in what the player has reported so far, then forgets it.
     void forgetReports()
     {
@@ -265,37 +284,48 @@ private slots:
         QVERIFY2(input.status().contains(QLatin1String("(JACK), connected to arbo-keys:out")),
                  qPrintable(input.status()));
         QVERIFY(input.portName().startsWith(QLatin1String("Merrow Tuning Arbo")));
+        QTRY_COMPARE_WITH_TIMEOUT(keys.connections(), 1, 10000);
 
         // Note 69 is the 1/1, while held.
         forgetReports();
-        QVERIFY(keys.send({0x90, 69, 100}));
-        QTRY_COMPARE_WITH_TIMEOUT(mNotes, QStringList{"1/1 on"}, 10000);
-        QVERIFY(keys.send({0x80, 69, 64}));
-        QTRY_COMPARE_WITH_TIMEOUT(mNotes, (QStringList{"1/1 on", "1/1 off"}), 10000);
+        QVERIFY(sendUntil(keys, {0x90, 69, 100}, [&] { return !mNotes.isEmpty(); }));
+        QVERIFY(sendUntil(keys, {0x80, 69, 64}, [&] { return mNotes.size() >= 2; }));
+        QCOMPARE(mNotes, (QStringList{"1/1 on", "1/1 off"}));
 
         // Running status across events, on channel 16, and note-offs as
-        // note-ons of velocity 0; a clock byte in the middle of it all.
-        forgetReports();
-        QVERIFY(keys.send({0x9f, 69}));
-        QVERIFY(keys.send({100, 71, 0xf8, 100}));
-        QVERIFY(keys.send({69, 0, 71, 0}));
+        // note-ons of velocity 0; a clock byte in the middle of it all. An
+        // event that JACK drops changes what the later ones mean: then the
+        // notes are ended and the whole sequence is played again.
         const QString key71 = ArboRatio::pathRatio(bindings.midiNotes[71].path()).toString();
-        QTRY_COMPARE_WITH_TIMEOUT(
-            mNotes, (QStringList{"1/1 on", key71 + " on", "1/1 off", key71 + " off"}), 10000);
+        const QStringList expected{"1/1 on", key71 + " on", "1/1 off", key71 + " off"};
+        bool whole = false;
+        for (int attempt = 0; attempt < 5 && !whole; ++attempt) {
+            forgetReports();
+            QVERIFY(keys.send({0x9f, 69}));
+            QVERIFY(keys.send({100, 71, 0xf8, 100}));
+            QVERIFY(keys.send({69, 0, 71, 0}));
+            whole = QTest::qWaitFor([&] { return mNotes == expected; }, 3000);
+            if (!whole) {
+                QVERIFY(sendUntil(keys, {0x8f, 69, 0, 71, 0},
+                                  [&] { return mPlayer.soundingNoteCount() == 0; }));
+            }
+        }
+        QCOMPARE(mNotes, expected);
 
         // Controller 7 is the master volume.
         forgetReports();
-        QVERIFY(keys.send({0xb5, 7, 64}));
-        QTRY_COMPARE_WITH_TIMEOUT(mVolumes.size(), 1, 10000);
-        QCOMPARE(mVolumes.front(), 64.0f / 127.0f);
+        QVERIFY(sendUntil(keys, {0xb5, 7, 64}, [&] { return !mVolumes.isEmpty(); }));
+        QCOMPARE(mVolumes.back(), 64.0f / 127.0f);
 
         // With velocity, a note-on first sets the voice volume.
         bindings.midiVelocity = true;
         QVERIFY2(input.open(bindings, MidiInput::Api::Jack), qPrintable(input.status()));
+        QTRY_COMPARE_WITH_TIMEOUT(keys.connections(), 1, 10000);
         forgetReports();
-        QVERIFY(keys.send({0x90, 69, 127}));
-        QTRY_COMPARE_WITH_TIMEOUT(mNotes, QStringList{"1/1 on"}, 10000);
-        QCOMPARE(mVoiceVolumes, QList<float>{1.0f});
+        QVERIFY(sendUntil(keys, {0x90, 69, 127}, [&] { return !mNotes.isEmpty(); }));
+        QCOMPARE(mNotes, QStringList{"1/1 on"});
+        QVERIFY(!mVoiceVolumes.isEmpty());
+        QCOMPARE(mVoiceVolumes.count(1.0f), mVoiceVolumes.size());
 
         // A keyboard plugged in later is connected within a second or two.
         JackMidiSender later;
@@ -325,8 +355,8 @@ private slots:
         QVERIFY2(floodLog.size() <= 40, qPrintable(floodLog.join('\n')));
         QVERIFY2(!mNotes.contains(QLatin1String("1/1 off")), qPrintable(mNotes.join(',')));
         forgetReports();
-        QVERIFY(keys.send({0x80, 69, 0}));
-        QTRY_COMPARE_WITH_TIMEOUT(mNotes, QStringList{"1/1 off"}, 10000);
+        QVERIFY(sendUntil(keys, {0x80, 69, 0}, [&] { return !mNotes.isEmpty(); }));
+        QCOMPARE(mNotes, QStringList{"1/1 off"});
 
         input.close();
         QCOMPARE(input.status(), QStringLiteral("MIDI input is off"));
@@ -363,13 +393,18 @@ private slots:
                 log().contains(QLatin1String("Opening PD patch")),
             qPrintable(log()), 30000);
         QVERIFY(jack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0")));
+        QTRY_COMPARE_WITH_TIMEOUT(keys.connections(), 1, 10000);
 
         const QString wav = jack.workDir() + QStringLiteral("/midi.wav");
-        auto record = [&](double seconds, const std::function<bool(const QVector<float>&)>& done) {
+        // Records until `done`, sending `bytes` before each recording (see
+        // sendUntil()).
+        auto play = [&](const Bytes& bytes, double seconds,
+                        const std::function<bool(const QVector<float>&)>& done) {
             QVector<float> left;
             QElapsedTimer timer;
             timer.start();
             do {
+                keys.send(bytes);
                 if (!jack.capture(wav, seconds)) {
                     return QVector<float>();
                 }
@@ -386,10 +421,8 @@ private slots:
             return left.size() > 20000 && AudioAnalysis::rmsDb(left) < -80.0;
         };
 
-        QVERIFY(keys.send({0x90, 69, 100}));
-        QVERIFY2(sounds440(record(1.0, sounds440)), qPrintable(jack.error()));
-        QVERIFY(keys.send({0x80, 69, 64}));
-        QVERIFY2(silent(record(0.5, silent)), qPrintable(jack.error()));
+        QVERIFY2(sounds440(play({0x90, 69, 100}, 1.0, sounds440)), qPrintable(jack.error()));
+        QVERIFY2(silent(play({0x80, 69, 64}, 0.5, silent)), qPrintable(jack.error()));
 
         // The server goes and comes back (restarted by hand, say): the input
         // opens again by itself and connects the keyboard again. (The audio
@@ -407,8 +440,8 @@ private slots:
                 log().contains(QLatin1String("Audio device opened again")),
             qPrintable(log()), 30000);
         QVERIFY(jack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0")));
-        QVERIFY(keys.send({0x90, 69, 100}));
-        QVERIFY2(sounds440(record(1.0, sounds440)), qPrintable(jack.error()));
+        QTRY_COMPARE_WITH_TIMEOUT(keys.connections(), 1, 10000);
+        QVERIFY2(sounds440(play({0x90, 69, 100}, 1.0, sounds440)), qPrintable(jack.error()));
 
         program.terminate();
         QVERIFY(program.waitForFinished(30000));
