@@ -4,7 +4,7 @@
 set -eu
 
 PACKAGES="
-qtbase5-dev libqt5svg5-dev portaudio19-dev libboost-dev librtmidi-dev liblo-dev
+qtbase5-dev libqt5svg5-dev portaudio19-dev libboost-dev librtmidi-dev liblo-dev libasound2-dev
 cmake g++ make pkg-config dpkg-dev
 libbenchmark-dev
 xvfb xauth jackd2 jack-capture sox libjack-jackd2-dev

@@ -272,6 +272,11 @@ void TuningArboApplication::startInputs()
         },
         Qt::QueuedConnection);
     mOscInput.open(&mPlayer, mInputMap.bindings());
+
+    // MIDI in: not fatal either; without a MIDI system it stays off with a
+    // warning.
+    mMidiInput.attach(&mPlayer);
+    mMidiInput.open(mInputMap.bindings());
 }
 
 void TuningArboApplication::term()
@@ -279,6 +284,7 @@ void TuningArboApplication::term()
     syncToSettings();
     mUdpListener.term();
     mOscInput.term();
+    mMidiInput.close();
     mArbo.term();
     mPlayer.term();
     mAudioOutput.term();

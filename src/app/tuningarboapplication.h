@@ -3,6 +3,7 @@
 #include "app/unixsignalwatcher.h"
 #include "input/inputmap.h"
 #include "input/udplistener.h"
+#include "midi/midiinput.h"
 #include "midi/midioutput.h"
 #include "midi/midisettings.h"
 #include "model/arbo.h"
@@ -90,6 +91,9 @@ public:
     MidiOutput mMidiOutput;
     // After the player, whose OSC ring it writes: it stops before the player goes.
     OscInput mOscInput;
+    // MIDI in, after the player: its thread writes into the player's ring,
+    // so it stops before the player goes.
+    MidiInput mMidiInput;
     // Lower-cased command-line words, each without one leading "-"; they
     // choose which source files' messages reach the diagnostics dialog.
     QSet<QString> mFlags;

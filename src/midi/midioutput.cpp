@@ -1,5 +1,6 @@
 #include "midi/midioutput.h"
 
+#include "midi/jackserverwatch.h"
 #include "midi/midisettings.h"
 #include "midi/mpeencoder.h"
 #include "midi/mtsencoder.h"
@@ -23,11 +24,6 @@ constexpr int IDLE_WAIT_MS = 100;
 // starts from silence.
 constexpr std::int64_t SETUP_REFRESH_NS = 2000000000;
 
-QString apiName(RtMidi::Api api)
-{
-    return api == RtMidi::UNIX_JACK ? QStringLiteral("JACK") : QStringLiteral("ALSA");
-}
-
 } // namespace
 
 MidiOutput::MidiOutput(QObject* parent) : QObject(parent)
@@ -47,67 +43,13 @@ void MidiOutput::attach(PdPlayer* player)
     mPlayer = player;
 }
 
-void MidiOutput::onRtMidiError(int type, const std::string& text, void* sink)
-{
-    auto* errors = static_cast<ErrorSink*>(sink);
-    // Warnings that only say a port list is empty are no failure.
-    if (type == RtMidiError::WARNING && text.find("no ports available") != std::string::npos) {
-        return;
-    }
-    std::lock_guard<std::mutex> lock(errors->mutex);
-    errors->text = text;
-    errors->failed.store(true, std::memory_order_release);
-}
-
-bool MidiOutput::ErrorSink::take(std::string& into)
-{
-    if (!failed.exchange(false, std::memory_order_acquire)) {
-        return false;
-    }
-    std::lock_guard<std::mutex> lock(mutex);
-    into = text;
-    return true;
-}
-
-std::unique_ptr<RtMidiOut> MidiOutput::makeOut(Api api, ErrorSink& sink, std::string& error)
-{
-    const RtMidi::Api rtApi = api == Api::Jack ? RtMidi::UNIX_JACK : RtMidi::LINUX_ALSA;
-    std::unique_ptr<RtMidiOut> out;
-    try {
-        out = std::make_unique<RtMidiOut>(rtApi, PORT_NAME);
-    } catch (const RtMidiError& e) {
-        error = e.getMessage();
-        return nullptr;
-    }
-    if (out->getCurrentApi() != rtApi) {
-        error = "RtMidi was built without " + apiName(rtApi).toStdString();
-        return nullptr;
-    }
-    std::string ignored;
-    sink.take(ignored);
-    out->setErrorCallback([](RtMidiError::Type type, const std::string& text,
-                             void* errors) { onRtMidiError(int(type), text, errors); },
-                          &sink);
-    // Counting the ports connects to the MIDI system: a JACK output finds out
-    // here whether a server runs.
-    out->getPortCount();
-    if (sink.take(error)) {
-        return nullptr;
-    }
-    return out;
-}
-
 QStringList MidiOutput::portNames(Api api)
 {
     std::string error;
-    ErrorSink errors; // outlives the probe, which reports to it
-    std::unique_ptr<RtMidiOut> probe;
-    if (api == Api::Auto || api == Api::Jack) {
-        probe = makeOut(Api::Jack, errors, error);
-    }
-    if (!probe && (api == Api::Auto || api == Api::Alsa)) {
-        probe = makeOut(Api::Alsa, errors, error);
-    }
+    RtMidiErrorSink errors; // outlives the probe, which reports to it
+    bool jack = false;
+    const std::unique_ptr<RtMidiOut> probe = RtMidiErrorSink::openFirst<RtMidiOut>(
+        api != Api::Alsa, api != Api::Jack, PORT_NAME, errors, error, jack);
     QStringList names;
     if (!probe) {
         return names;
@@ -131,18 +73,10 @@ bool MidiOutput::open(const MidiSettings& settings, Api api)
         return false;
     }
     std::string error;
-    std::unique_ptr<RtMidiOut> out;
-    Api used = api;
-    if (api == Api::Auto || api == Api::Jack) {
-        out = makeOut(Api::Jack, mErrors, error);
-        used = Api::Jack;
-    }
-    if (!out && (api == Api::Auto || api == Api::Alsa)) {
-        std::string alsaError;
-        out = makeOut(Api::Alsa, mErrors, alsaError);
-        used = Api::Alsa;
-        error = error.empty() ? alsaError : error + "; " + alsaError;
-    }
+    bool jack = false;
+    std::unique_ptr<RtMidiOut> out = RtMidiErrorSink::openFirst<RtMidiOut>(
+        api != Api::Alsa, api != Api::Jack, PORT_NAME, mErrors, error, jack);
+    const Api used = jack ? Api::Jack : Api::Alsa;
     if (!out) {
         const QString text = tr("No MIDI system (%1): MIDI output is off")
                                  .arg(QString::fromStdString(error).trimmed());
@@ -191,6 +125,15 @@ bool MidiOutput::open(const MidiSettings& settings, Api api)
         mEncoder = std::make_unique<MpeEncoder>(settings.mBendRange, settings.mMemberChannels);
     }
     mOut = std::move(out);
+    // Tells close() whether the server has gone under the port.
+    QString watchError;
+    mWatch.reset();
+    if (used == Api::Jack) {
+        mWatch = std::make_unique<JackServerWatch>();
+        if (!mWatch->open(QLatin1String(PORT_NAME) + QStringLiteral(" (watch)"), watchError)) {
+            mWatch.reset();
+        }
+    }
     mApi = used;
     mPort = settings.mPort;
     mPortLost = false;
@@ -222,7 +165,13 @@ void MidiOutput::close()
         mThread.join();
     }
     mEncoder.reset();
+    if (mWatch && mWatch->gone()) {
+        // Deliberately never freed: its destructor would call into a client
+        // of the server that has gone (see JackServerWatch).
+        static_cast<void>(mOut.release());
+    }
     mOut.reset();
+    mWatch.reset();
     if (mStatus != tr("MIDI output is off")) {
         setStatus(tr("MIDI output is off"));
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "midi/midinotering.h"
+#include "midi/rtmidierrorsink.h"
 
 #include <QObject>
 #include <QString>
@@ -10,10 +11,10 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
+class JackServerWatch;
 class MidiEncoder;
 class MidiSettings;
 class PdPlayer;
@@ -88,22 +89,9 @@ private slots:
     void onCheckPort();
 
 private:
-    // Where RtMidi's error callback leaves what went wrong; it runs on the
-    // thread that met the error (the GUI or the MIDI thread).
-    struct ErrorSink
-    {
-        std::mutex mutex;
-        std::string text;
-        std::atomic<bool> failed{false};
-        // Takes the error, if any, into `text`, and clears it.
-        bool take(std::string& into);
-    };
-
-    static std::unique_ptr<RtMidiOut> makeOut(Api api, ErrorSink& sink, std::string& error);
     void setStatus(const QString& status);
     void run();
     void send(const std::vector<std::vector<std::uint8_t>>& messages);
-    static void onRtMidiError(int type, const std::string& text, void* self);
 
     MidiNoteRing mRing;
     PdPlayer* mPlayer = nullptr;
@@ -114,7 +102,8 @@ private:
     std::atomic<std::uint64_t> mNotesSent{0};
     std::atomic<std::int64_t> mLastLatencyNs{0};
     std::atomic<bool> mRealtime{false};
-    ErrorSink mErrors; // of mOut
+    RtMidiErrorSink mErrors;                 // of mOut
+    std::unique_ptr<JackServerWatch> mWatch; // of mOut's server, on JACK
     Api mApi = Api::Auto;
     QString mPort;
     QString mStatus;

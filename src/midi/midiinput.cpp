@@ -1,0 +1,374 @@
+#include "midi/midiinput.h"
+
+#include "midi/midiportconnector.h"
+#include "sound/pdplayer.h"
+
+#include <rtmidi/RtMidi.h>
+
+#include <QDebug>
+
+namespace {
+
+QString describe(std::uint32_t packed)
+{
+    const int status = int(packed & 0xff);
+    const int data = int((packed >> 8) & 0xff);
+    const int channel = (status & 0x0f) + 1;
+    switch (status & 0xf0) {
+    case MidiInParser::NoteOn:
+    case MidiInParser::NoteOff:
+        return QStringLiteral("note %1 on channel %2").arg(data).arg(channel);
+    case MidiInParser::ControlChange:
+        return QStringLiteral("controller %1 on channel %2").arg(data).arg(channel);
+    case MidiInParser::ProgramChange:
+        return QStringLiteral("program change on channel %1").arg(channel);
+    case MidiInParser::PitchBend:
+        return QStringLiteral("pitch bend on channel %1").arg(channel);
+    default:
+        return QStringLiteral("aftertouch on channel %1").arg(channel);
+    }
+}
+
+} // namespace
+
+MidiInput::MidiInput(QObject* parent) : QObject(parent)
+{
+    mStatus = tr("MIDI input is off");
+    mTimer.setInterval(REPORT_INTERVAL_MS);
+    connect(&mTimer, &QTimer::timeout, this, &MidiInput::checkInput);
+}
+
+MidiInput::~MidiInput()
+{
+    close();
+}
+
+void MidiInput::attach(PdPlayer* player)
+{
+    mPlayer = player;
+}
+
+bool MidiInput::open(const InputMap::Bindings& bindings, Api api)
+{
+    close();
+    mTable.latch = bindings.latch;
+    mTable.velocity = bindings.midiVelocity;
+    mTable.notes = bindings.midiNotes;
+    mTable.controllers = bindings.midiControllers;
+    mWanted = bindings.midiPorts;
+    mApi = api;
+    return start(false);
+}
+
+bool MidiInput::start(bool again)
+{
+    // Once a JACK server has gone, only JACK again: the audio comes back on
+    // the server of the same name, and the connections are JACK's.
+    std::string error;
+    bool jack = false;
+    std::unique_ptr<RtMidiIn> in = RtMidiErrorSink::openFirst<RtMidiIn>(
+        again || mApi != Api::Alsa, !again && mApi != Api::Jack, MidiOutput::PORT_NAME, mErrors,
+        error, jack);
+    if (!in) {
+        if (!again) {
+            const QString text = tr("No MIDI system (%1): MIDI input is off")
+                                     .arg(QString::fromStdString(error).trimmed());
+            qWarning().noquote() << text;
+            setStatus(text);
+        }
+        return false;
+    }
+    mSystem = jack ? QStringLiteral("JACK") : QStringLiteral("ALSA");
+    // RtMidi leaves SysEx, clock and active sensing out before the bytes
+    // reach the parser. Kept in, a SysEx that never ends would grow RtMidi's
+    // message buffer on the MIDI thread without bound.
+    in->ignoreTypes(true, true, true);
+    // From here on, RtMidi's thread is the only one that feeds the parser.
+    mParser.reset();
+    in->setCallback(&MidiInput::onRtMidiMessage, this);
+    in->openVirtualPort(MidiOutput::PORT_NAME);
+    std::string openError;
+    if (mErrors.take(openError)) {
+        if (!again) {
+            const QString text =
+                tr("Could not open the MIDI input port \"%1\" (%2, %3): MIDI input is off")
+                    .arg(QLatin1String(MidiOutput::PORT_NAME), mSystem,
+                         QString::fromStdString(openError).trimmed());
+            qWarning().noquote() << text;
+            setStatus(text);
+        }
+        return false;
+    }
+    mIn = std::move(in);
+    mReceived.store(0);
+    mQueued.store(0);
+    mSystemLost = false;
+    mIgnoredPending = 0;
+    mIgnoredLogged.invalidate();
+
+    // A client of its own makes the connections and, on JACK, watches the
+    // server. Without one the port still works for whoever connects to it.
+    QString connectorError;
+    mConnector = MidiPortConnector::make(
+        jack, QLatin1String(MidiOutput::PORT_NAME) + QStringLiteral(" (connections)"),
+        connectorError);
+    if (mConnector && !mConnector->findOwnInput(QLatin1String(MidiOutput::PORT_NAME),
+                                                QLatin1String(MidiOutput::PORT_NAME))) {
+        connectorError = tr("the input port is not listed");
+    }
+    mOwnPort = mConnector ? mConnector->ownInput() : QString();
+    if (mOwnPort.isEmpty() && !mWanted.isEmpty()) {
+        qWarning().noquote()
+            << tr("MIDI input: cannot connect the ports of \"midiPorts\" (%1)").arg(connectorError);
+    }
+    connectWantedPorts();
+    updateStatus();
+    qInfo().noquote() << (again ? "MIDI input is back:" : "MIDI input:") << mStatus;
+    mTimer.start();
+    return true;
+}
+
+void MidiInput::abandonLostSystem()
+{
+    // Deliberately never freed: its destructor would call into a client of
+    // the server that has gone (see JackServerWatch). Its JACK thread ended
+    // with the server, so the ring keeps one producer when a new port opens.
+    // The watch itself knows not to close its client.
+    static_cast<void>(mIn.release());
+    mConnector.reset();
+    mConnected.clear();
+    mFailed.clear();
+    mOwnPort.clear();
+}
+
+void MidiInput::close()
+{
+    mTimer.stop();
+    if (mConnector && mConnector->systemGone()) {
+        abandonLostSystem(); // no callback comes from a server that has gone
+    }
+    // RtMidi stops its thread (or deactivates its JACK client) before this
+    // returns: after it, no callback runs.
+    mIn.reset();
+    mConnector.reset();
+    mSystemLost = false;
+    reportCounts();
+    mConnected.clear();
+    mFailed.clear();
+    mWaitingReported.clear();
+    mOwnPort.clear();
+    if (mStatus != tr("MIDI input is off")) {
+        setStatus(tr("MIDI input is off"));
+    }
+}
+
+QStringList MidiInput::connectedPorts() const
+{
+    return mConnected;
+}
+
+void MidiInput::onRtMidiMessage(double, std::vector<unsigned char>* message, void* self)
+{
+    // JACK's real-time thread, or RtMidi's ALSA thread.
+    static_cast<MidiInput*>(self)->feed(message->data(), message->size());
+}
+
+void MidiInput::feed(const std::uint8_t* bytes, std::size_t size)
+{
+    MidiInParser::Message message;
+    for (std::size_t i = 0; i < size; ++i) {
+        if (mParser.feed(bytes[i], message)) {
+            mReceived.fetch_add(1, std::memory_order_release);
+            dispatch(message);
+        }
+    }
+    if (const std::uint32_t malformed = mParser.takeMalformed()) {
+        mMalformed.fetch_add(malformed, std::memory_order_relaxed);
+    }
+}
+
+void MidiInput::queue(const ArboEvent* event)
+{
+    if (event && mPlayer) {
+        mPlayer->queueEventMidi(event);
+        mQueued.fetch_add(1, std::memory_order_release);
+    }
+}
+
+void MidiInput::ignore(const MidiInParser::Message& message)
+{
+    mIgnored.fetch_add(1, std::memory_order_relaxed);
+    mLastIgnored.store(std::uint32_t(message.type | message.channel) | std::uint32_t(message.data1)
+                                                                           << 8,
+                       std::memory_order_relaxed);
+}
+
+void MidiInput::dispatch(const MidiInParser::Message& message)
+{
+    switch (message.type) {
+    case MidiInParser::NoteOn: {
+        const InputBinding& binding = mTable.notes[message.data1];
+        if (!binding.isBound()) {
+            ignore(message);
+            break;
+        }
+        if (mTable.velocity && binding.isNote()) {
+            // On the stack: the ring copies it.
+            const ArboEvent volume(ArboEvent::VoiceVolume, float(message.data2) / 127.0f);
+            queue(&volume);
+        }
+        queue(binding.press(mTable.latch));
+        break;
+    }
+    case MidiInParser::NoteOff: {
+        const InputBinding& binding = mTable.notes[message.data1];
+        if (!binding.isBound()) {
+            ignore(message);
+        }
+        // Nothing for a latched note or a fixed event: they act on the press.
+        queue(binding.release(mTable.latch));
+        break;
+    }
+    case MidiInParser::ControlChange: {
+        const InputBinding& binding = mTable.controllers[message.data1];
+        if (!binding.isBound()) {
+            ignore(message);
+            break;
+        }
+        queue(binding.control(float(message.data2) / 127.0f, mTable.latch, mScratch));
+        break;
+    }
+    default:
+        ignore(message);
+        break;
+    }
+}
+
+void MidiInput::checkInput()
+{
+    reportCounts();
+    std::string error;
+    if (mErrors.take(error)) {
+        qWarning().noquote() << "MIDI input:" << QString::fromStdString(error).trimmed();
+    }
+    if (mSystemLost) {
+        start(true); // quietly, once a second, until the server is back
+        return;
+    }
+    if (!mConnector) {
+        return;
+    }
+    if (mConnector->systemGone()) {
+        abandonLostSystem();
+        mSystemLost = true;
+        const QString text =
+            tr("The %1 server has gone: MIDI input is off until it is back").arg(mSystem);
+        qWarning().noquote() << text;
+        setStatus(text);
+        return;
+    }
+    const QStringList before = mConnected;
+    connectWantedPorts();
+    if (mConnected != before) {
+        updateStatus();
+    }
+}
+
+void MidiInput::connectWantedPorts()
+{
+    if (!mConnector || mOwnPort.isEmpty() || mWanted.isEmpty()) {
+        return;
+    }
+    QStringList present;
+    QSet<QString> matchedTexts;
+    for (const MidiPortConnector::Port& port : mConnector->sources()) {
+        if (port.own) {
+            continue;
+        }
+        QString text;
+        for (const QString& wanted : mWanted) {
+            bool matches = port.name.contains(wanted, Qt::CaseInsensitive);
+            for (const QString& alias : port.aliases) {
+                matches = matches || alias.contains(wanted, Qt::CaseInsensitive);
+            }
+            if (matches) {
+                text = wanted;
+                matchedTexts.insert(wanted);
+                break;
+            }
+        }
+        if (text.isEmpty()) {
+            continue;
+        }
+        present << port.name;
+        // Tried once per appearance: a connection the user takes away by
+        // hand stays away until the port comes again.
+        if (mConnected.contains(port.name) || mFailed.contains(port.name)) {
+            continue;
+        }
+        QString error;
+        if (mConnector->connectToOwn(port, error)) {
+            mConnected << port.name;
+            qInfo().noquote()
+                << tr("MIDI input: connected \"%1\" (for \"%2\")").arg(port.name, text);
+        } else {
+            mFailed.insert(port.name);
+            qWarning().noquote()
+                << tr("MIDI input: could not connect \"%1\": %2").arg(port.name, error);
+        }
+    }
+    // Ports that went away are connected again when they come back.
+    for (int i = mConnected.size() - 1; i >= 0; --i) {
+        if (!present.contains(mConnected[i])) {
+            qInfo().noquote() << tr("MIDI input: \"%1\" has gone").arg(mConnected[i]);
+            mConnected.removeAt(i);
+        }
+    }
+    for (auto it = mFailed.begin(); it != mFailed.end();) {
+        it = present.contains(*it) ? std::next(it) : mFailed.erase(it);
+    }
+    for (const QString& wanted : mWanted) {
+        if (!matchedTexts.contains(wanted) && !mWaitingReported.contains(wanted)) {
+            mWaitingReported.insert(wanted);
+            qWarning().noquote() << tr("MIDI input: no port matches \"%1\" of \"midiPorts\" yet; "
+                                       "it is connected when it appears")
+                                        .arg(wanted);
+        } else if (matchedTexts.contains(wanted)) {
+            mWaitingReported.remove(wanted);
+        }
+    }
+}
+
+void MidiInput::reportCounts()
+{
+    if (const std::uint32_t count = mMalformed.exchange(0)) {
+        qWarning().noquote()
+            << tr("MIDI input: ignored %1 malformed byte(s) or message(s)").arg(count);
+    }
+    mIgnoredPending += mIgnored.exchange(0);
+    if (mIgnoredPending != 0 &&
+        (!mIgnoredLogged.isValid() || mIgnoredLogged.elapsed() >= IGNORED_REPORT_INTERVAL_MS)) {
+        qInfo().noquote() << tr("MIDI input: ignored %1 message(s) that the input map binds to "
+                                "nothing or that play nothing (last: %2)")
+                                 .arg(mIgnoredPending)
+                                 .arg(describe(mLastIgnored.load()));
+        mIgnoredPending = 0;
+        mIgnoredLogged.start();
+    }
+}
+
+void MidiInput::updateStatus()
+{
+    QString text =
+        tr("Virtual port \"%1\" (%2)").arg(QLatin1String(MidiOutput::PORT_NAME), mSystem);
+    if (!mConnected.isEmpty()) {
+        text += tr(", connected to %1").arg(mConnected.join(QStringLiteral(", ")));
+    }
+    setStatus(text);
+}
+
+void MidiInput::setStatus(const QString& status)
+{
+    mStatus = status;
+    emit statusChanged(mStatus);
+}

@@ -1,0 +1,113 @@
+#include "jackmidisender.h"
+
+#include <jack/jack.h>
+#include <jack/midiport.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace {
+
+constexpr std::size_t MAX_EVENT_BYTES = 64;
+
+} // namespace
+
+bool JackMidiSender::open(const QString& name)
+{
+    close();
+    mQueue = jack_ringbuffer_create(1 << 16);
+    mClient = jack_client_open(name.toUtf8().constData(), JackNoStartServer, nullptr);
+    mPort = mClient
+                ? jack_port_register(mClient, "out", JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0)
+                : nullptr;
+    if (!mQueue || !mPort || jack_set_process_callback(mClient, &process, this) != 0 ||
+        jack_activate(mClient) != 0) {
+        close();
+        return false;
+    }
+    return true;
+}
+
+void JackMidiSender::close()
+{
+    if (mClient) {
+        jack_client_close(mClient); // the process callback has run for the last time
+    }
+    if (mQueue) {
+        jack_ringbuffer_free(mQueue);
+    }
+    abandon();
+}
+
+void JackMidiSender::abandon()
+{
+    mClient = nullptr;
+    mPort = nullptr;
+    mQueue = nullptr;
+    mFlooding.store(false);
+}
+
+QString JackMidiSender::portName() const
+{
+    return mPort ? QString::fromUtf8(jack_port_name(mPort)) : QString();
+}
+
+int JackMidiSender::connections() const
+{
+    return mPort ? jack_port_connected(mPort) : 0;
+}
+
+bool JackMidiSender::send(const Bytes& bytes)
+{
+    if (!mQueue || bytes.empty() || bytes.size() > MAX_EVENT_BYTES ||
+        jack_ringbuffer_write_space(mQueue) < 1 + bytes.size()) {
+        return false;
+    }
+    // One write: the ring publishes it whole.
+    char record[1 + MAX_EVENT_BYTES];
+    record[0] = char(bytes.size());
+    std::copy(bytes.begin(), bytes.end(), record + 1);
+    jack_ringbuffer_write(mQueue, record, 1 + bytes.size());
+    return true;
+}
+
+void JackMidiSender::flood(const std::vector<Bytes>& pattern)
+{
+    if (mPattern.empty()) {
+        mPattern = pattern;
+    }
+    mFlooding.store(!mPattern.empty(), std::memory_order_release);
+}
+
+int JackMidiSender::process(jack_nframes_t frames, void* self)
+{
+    auto* sender = static_cast<JackMidiSender*>(self);
+    void* buffer = jack_port_get_buffer(sender->mPort, frames);
+    jack_midi_clear_buffer(buffer);
+    std::uint64_t written = 0;
+    std::uint8_t size = 0;
+    std::uint8_t bytes[MAX_EVENT_BYTES];
+    while (jack_ringbuffer_peek(sender->mQueue, reinterpret_cast<char*>(&size), 1) == 1 &&
+           jack_ringbuffer_read_space(sender->mQueue) >= 1u + size) {
+        jack_ringbuffer_read_advance(sender->mQueue, 1);
+        jack_ringbuffer_read(sender->mQueue, reinterpret_cast<char*>(bytes), size);
+        if (jack_midi_event_write(buffer, 0, bytes, size) == 0) {
+            ++written;
+            sender->mLastSentNs.store(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                          std::chrono::steady_clock::now().time_since_epoch())
+                                          .count(),
+                                      std::memory_order_relaxed);
+            sender->mSentWritten.fetch_add(1, std::memory_order_release);
+        }
+    }
+    if (sender->mFlooding.load(std::memory_order_acquire)) {
+        const std::vector<Bytes>& pattern = sender->mPattern;
+        while (jack_midi_event_write(buffer, 0, pattern[sender->mNext].data(),
+                                     pattern[sender->mNext].size()) == 0) {
+            ++written;
+            sender->mNext = (sender->mNext + 1) % pattern.size();
+        }
+    }
+    sender->mWritten.fetch_add(written, std::memory_order_release);
+    return 0;
+}

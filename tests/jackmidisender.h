@@ -1,0 +1,67 @@
+#pragma once
+
+#include <QString>
+
+#include <jack/ringbuffer.h>
+#include <jack/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+// A JACK client with one MIDI output port "out" that plays the program's MIDI
+// input as a keyboard would: each send() goes out as one JACK MIDI event, any
+// bytes, in the next period. A flood fills every period's buffer with a
+// pattern of events until the port takes no more: the highest rate JACK MIDI
+// carries.
+//
+// Threads: the methods belong to one thread; the counters are for any. The
+// process callback neither locks nor allocates.
+class JackMidiSender
+{
+public:
+    using Bytes = std::vector<std::uint8_t>;
+
+    JackMidiSender() = default;
+    ~JackMidiSender() { close(); }
+    JackMidiSender(const JackMidiSender&) = delete;
+    JackMidiSender& operator=(const JackMidiSender&) = delete;
+
+    // Opens and activates the client `name` on the environment's server.
+    bool open(const QString& name);
+    void close();
+    // Lets go of a client whose server has gone, without touching it:
+    // libjack may have freed it already.
+    void abandon();
+    QString portName() const; // "<client>:out"
+    // How many ports "out" feeds in the graph JACK runs now: a new
+    // connection takes effect a period or more after it is made, and an
+    // event sent before goes nowhere.
+    int connections() const;
+
+    // One event of up to 64 bytes. False when the queue is full.
+    bool send(const Bytes& bytes);
+    // Once per sender: floods with `pattern`'s events, in turn, until
+    // stopFlood().
+    void flood(const std::vector<Bytes>& pattern);
+    void stopFlood() { mFlooding.store(false, std::memory_order_release); }
+
+    // Events written into the port; send() events written, and the
+    // steady-clock time (ns) at which the latest of them was.
+    std::uint64_t eventsWritten() const { return mWritten.load(std::memory_order_acquire); }
+    std::uint64_t sentWritten() const { return mSentWritten.load(std::memory_order_acquire); }
+    std::int64_t lastSentNs() const { return mLastSentNs.load(std::memory_order_acquire); }
+
+private:
+    static int process(jack_nframes_t frames, void* self);
+
+    jack_client_t* mClient = nullptr;
+    jack_port_t* mPort = nullptr;
+    jack_ringbuffer_t* mQueue = nullptr;
+    std::vector<Bytes> mPattern; // fixed once a flood has begun
+    std::atomic<bool> mFlooding{false};
+    std::size_t mNext = 0; // process thread: the pattern's next event
+    std::atomic<std::uint64_t> mWritten{0};
+    std::atomic<std::uint64_t> mSentWritten{0};
+    std::atomic<std::int64_t> mLastSentNs{0};
+};

@@ -1,0 +1,416 @@
+// MIDI in: the parser against the standard's rules; random bytes through the
+// parser into the real player; the live path (a JACK MIDI client of this test
+// -> a private JACK server -> RtMidi -> the player on its audio callback); and
+// the whole program playing from a keyboard that it connected by itself.
+
+#include "audioanalysis.h"
+#include "input/arbonoteevent.h"
+#include "input/inputmap.h"
+#include "jackfixture.h"
+#include "jackmidisender.h"
+#include "jackplayback.h"
+#include "midi/midiinparser.h"
+#include "midi/midiinput.h"
+#include "model/arbo.h"
+#include "offlineplayer.h"
+#include "settings/settings.h"
+#include "sound/patchloader.h"
+#include "sound/pdplayer.h"
+#include "testsupport.h"
+
+#include <QMutex>
+#include <QtTest>
+
+#include <functional>
+#include <random>
+
+using Bytes = JackMidiSender::Bytes;
+
+namespace {
+
+// Every message logged in this process, for the tests that count them.
+QMutex sLogMutex;
+QStringList sLog;
+QtMessageHandler sDefaultHandler = nullptr;
+
+void keepMessage(QtMsgType type, const QMessageLogContext& context, const QString& text)
+{
+    {
+        QMutexLocker lock(&sLogMutex);
+        sLog << text;
+    }
+    sDefaultHandler(type, context, text);
+}
+
+QStringList logSince(int start)
+{
+    QMutexLocker lock(&sLogMutex);
+    return sLog.mid(start);
+}
+
+InputMap::Bindings defaultBindings()
+{
+    InputMap map;
+    map.initWithDefaults();
+    return map.bindings();
+}
+
+// Sends `bytes` again and again until `done`, for at most 20 s: a JACK server
+// without real-time scheduling drops the MIDI of a client that misses its
+// period, which a busy machine makes happen. Only for messages that may
+// arrive twice (a note-on of a sounding note, a note-off of a silent one, a
+// controller's value).
+bool sendUntil(JackMidiSender& keys, const Bytes& bytes, const std::function<bool()>& done)
+{
+    QElapsedTimer timer;
+    timer.start();
+    do {
+        keys.send(bytes);
+        if (QTest::qWaitFor(done, 1000)) {
+            return true;
+        }
+    } while (timer.elapsed() < 20000);
+    return false;
+}
+
+const QString SINE = QStringLiteral("/patches/Sine.pd");
+
+} // namespace
+
+class TestMidiIn : public QObject
+{
+    Q_OBJECT
+
+    Settings mSettings;
+    PdPlayer mPlayer;
+    Arbo mArbo;
+    // What the player's signals reported, on this thread: notes ("1/1 on"),
+    // volumes, voice volumes.
+    QStringList mNotes;
+    QList<float> mVolumes;
+    QList<float> mVoiceVolumes;
+
+    // Takes in what the player has reported so far, then forgets it.
+    void forgetReports()
+    {
+        QCoreApplication::sendPostedEvents();
+        mNotes.clear();
+        mVolumes.clear();
+        mVoiceVolumes.clear();
+    }
+
+private slots:
+    void initTestCase()
+    {
+        // As in a performance: no note-by-note debug lines.
+        QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+        sDefaultHandler = qInstallMessageHandler(keepMessage);
+        OfflinePlayer::setUp(mPlayer, mArbo, mSettings);
+        QVERIFY(!QTest::currentTestFailed());
+        QVERIFY(PatchLoader::loadVoice(&mPlayer, TestSupport::binDir() + SINE));
+        // Queued: the player emits on the audio thread.
+        connect(
+            &mPlayer, &PdPlayer::noteToggled, this,
+            [this](const ArboRatio& ratio, bool on) {
+                mNotes << ratio.toString() + (on ? QStringLiteral(" on") : QStringLiteral(" off"));
+            },
+            Qt::QueuedConnection);
+        connect(
+            &mPlayer, &PdPlayer::volumeChanged, this, [this](float v) { mVolumes << v; },
+            Qt::QueuedConnection);
+        connect(
+            &mPlayer, &PdPlayer::voiceVolumeChanged, this, [this](float v) { mVoiceVolumes << v; },
+            Qt::QueuedConnection);
+    }
+
+    void parser_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("messages");
+        QTest::addColumn<int>("malformed");
+        QTest::newRow("note on, off")
+            << QByteArray("904564 804540") << "on 0 69 100|off 0 69 64" << 0;
+        QTest::newRow("running status, velocity 0 is off")
+            << QByteArray("9345644764 4500 4700") << "on 3 69 100|on 3 71 100|off 3 69 0|off 3 71 0"
+            << 0;
+        QTest::newRow("real-time inside messages") << QByteArray("90f845fe64 fab0 07f9 7f ff 4500")
+                                                   << "on 0 69 100|cc 0 7 127|cc 0 69 0" << 0;
+        QTest::newRow("all channel voice messages")
+            << QByteArray("af4001 c205 d340 e40040 8f0000")
+            << "poly 15 64 1|program 2 5 0|pressure 3 64 0|bend 4 0 64|off 15 0 0" << 0;
+        QTest::newRow("SysEx skipped, running status cancelled")
+            << QByteArray("904564 f07e0045 90 f7 4564 b0077f") << "on 0 69 100|cc 0 7 127" << 2;
+        QTest::newRow("SysEx ended by a status byte")
+            << QByteArray("f0010203 904564") << "on 0 69 100" << 0;
+        QTest::newRow("system common with data bytes")
+            << QByteArray("f145 b00740 f20102 0741 f305 f6 45 f4 f5 45") << "cc 0 7 64" << 4;
+        QTest::newRow("stray end of SysEx cancels running status")
+            << QByteArray("904564 f7 4564") << "on 0 69 100" << 2;
+        QTest::newRow("data without status") << QByteArray("4564 904564") << "on 0 69 100" << 2;
+        QTest::newRow("status abandons a partial message")
+            << QByteArray("9045 b10740 c1") << "cc 1 7 64" << 1;
+        QTest::newRow("real-time between status and data")
+            << QByteArray("f1 f8 10 90 f8 45 64") << "on 0 69 100" << 0;
+    }
+
+    void parser()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, messages);
+        QFETCH(int, malformed);
+        static const char* const names[] = {"off",     "on",       "poly", "cc",
+                                            "program", "pressure", "bend"};
+        MidiInParser parser;
+        MidiInParser::Message m;
+        QStringList got;
+        for (const char byte : QByteArray::fromHex(bytes.replace(' ', ""))) {
+            if (parser.feed(std::uint8_t(byte), m)) {
+                got << QStringLiteral("%1 %2 %3 %4")
+                           .arg(QLatin1String(names[(m.type >> 4) - 8]))
+                           .arg(m.channel)
+                           .arg(m.data1)
+                           .arg(m.data2);
+            }
+        }
+        QCOMPARE(got.join(QLatin1Char('|')), messages);
+        QCOMPARE(int(parser.takeMalformed()), malformed);
+        QCOMPARE(parser.takeMalformed(), 0u);
+    }
+
+    // Without any MIDI system the input stays off and says why. Its own path
+    // still takes random bytes, in random chunks, into the real player, with
+    // a note that a click holds: nothing crashes, the note sounds on, and
+    // the malformed input is reported.
+    void noSystemAndFuzz()
+    {
+        const QProcessEnvironment none = JackFixture::noDeviceEnvironment(QProcessEnvironment());
+        for (const QString& key : none.keys()) {
+            qputenv(qPrintable(key), none.value(key).toLocal8Bit());
+        }
+        MidiInput input;
+        input.attach(&mPlayer);
+        const int logStart = logSince(0).size();
+        QVERIFY(!input.open(defaultBindings()));
+        QVERIFY2(input.status().startsWith(QLatin1String("No MIDI system")),
+                 qPrintable(input.status()));
+        QVERIFY(logSince(logStart).join('\n').contains(QLatin1String("MIDI input is off")));
+
+        const ArboNoteEvent click(QStringLiteral("/"));
+        mPlayer.queueEventGui(&click);
+        OfflinePlayer::render(mPlayer, OfflinePlayer::BUFFER_SECONDS);
+        auto heldVoice = [this] {
+            for (int i = 0; i < PdPlayer::VOICE_COUNT; ++i) {
+                const PdPlayer::NoteOn& v = mPlayer.voices()[i];
+                if (v.seqId != 0 && !v.released && v.ratio == ArboRatio(1, 1)) {
+                    return i;
+                }
+            }
+            return -1;
+        };
+        const int held = heldVoice();
+        QVERIFY(held >= 0);
+        const std::int32_t heldSeq = mPlayer.voices()[held].seqId;
+
+        // About one note-on in 340 random bytes lands on a bound key. A buffer
+        // every 25 bytes keeps the notes that random offs leave releasing well
+        // inside the 128 voices (with a longer release a random macro chose),
+        // so no voice is stolen.
+        std::mt19937 random(20240611);
+        std::uniform_int_distribution<int> byte(0, 255);
+        std::uniform_int_distribution<int> chunk(1, 49);
+        std::uint8_t bytes[64];
+        for (int round = 0; round < 4000; ++round) {
+            const int size = chunk(random);
+            for (int i = 0; i < size; ++i) {
+                bytes[i] = std::uint8_t(byte(random));
+            }
+            input.feed(bytes, std::size_t(size));
+            OfflinePlayer::render(mPlayer, OfflinePlayer::BUFFER_SECONDS);
+        }
+        QVERIFY(input.messagesReceived() > 1000 && input.eventsQueued() > 100);
+        QCOMPARE(heldVoice(), held);
+        QCOMPARE(mPlayer.voices()[held].seqId, heldSeq);
+        const int reportStart = logSince(0).size();
+        input.checkInput();
+        const QString report = logSince(reportStart).join('\n');
+        QVERIFY2(report.contains(QLatin1String("malformed")) && report.count('\n') <= 1,
+                 qPrintable(report));
+
+        const ArboEvent stop(ArboEvent::AllNotesOff, 0.0f);
+        mPlayer.queueEventGui(&stop);
+        OfflinePlayer::render(mPlayer, 1.0);
+        forgetReports();
+    }
+
+    // The live path on JACK, with the player on its audio callback.
+    void jackPlaysThePlayer()
+    {
+        JackPlayback playback;
+        QVERIFY2(playback.start(&mPlayer, TestSupport::binDir() + SINE, 44100, 256),
+                 qPrintable(playback.error()));
+        JackMidiSender keys;
+        QVERIFY(keys.open(QStringLiteral("arbo-keys")));
+
+        // The input connects the keyboard by a part of its name, in any case.
+        InputMap::Bindings bindings = defaultBindings();
+        bindings.midiPorts = QStringList{QStringLiteral("ARBO-KEYS")};
+        bindings.midiVelocity = true;
+        MidiInput input;
+        input.attach(&mPlayer);
+        QVERIFY2(input.open(bindings, MidiInput::Api::Jack), qPrintable(input.status()));
+        QCOMPARE(input.connectedPorts(), QStringList{keys.portName()});
+        QVERIFY2(input.status().contains(QLatin1String("(JACK), connected to arbo-keys:out")),
+                 qPrintable(input.status()));
+        QVERIFY(input.portName().startsWith(QLatin1String("Merrow Tuning Arbo")));
+        QTRY_COMPARE_WITH_TIMEOUT(keys.connections(), 1, 10000);
+
+        // Note 69 is the 1/1, while held; its velocity sets the voice volume
+        // first.
+        forgetReports();
+        QVERIFY(sendUntil(keys, {0x90, 69, 127}, [&] { return !mNotes.isEmpty(); }));
+        QVERIFY(!mVoiceVolumes.isEmpty() && mVoiceVolumes.count(1.0f) == mVoiceVolumes.size());
+        QVERIFY(sendUntil(keys, {0x80, 69, 64}, [&] { return mNotes.size() >= 2; }));
+        QCOMPARE(mNotes, (QStringList{"1/1 on", "1/1 off"}));
+
+        // Running status across events, on channel 16, and note-offs as
+        // note-ons of velocity 0; a clock byte in the middle of it all. An
+        // event that JACK drops changes what the later ones mean: then the
+        // notes are ended and the whole sequence is played again.
+        const QString key71 = ArboRatio::pathRatio(bindings.midiNotes[71].path()).toString();
+        const QStringList expected{"1/1 on", key71 + " on", "1/1 off", key71 + " off"};
+        for (int attempt = 0; attempt < 5; ++attempt) {
+            QVERIFY(sendUntil(keys, {0x8f, 69, 0, 71, 0},
+                              [&] { return mPlayer.soundingNoteCount() == 0; }));
+            forgetReports();
+            QVERIFY(keys.send({0x9f, 69}) && keys.send({100, 71, 0xf8, 100}) &&
+                    keys.send({69, 0, 71, 0}));
+            if (QTest::qWaitFor([&] { return mNotes == expected; }, 3000)) {
+                break;
+            }
+        }
+        QCOMPARE(mNotes, expected);
+
+        // Controller 7 is the master volume.
+        forgetReports();
+        QVERIFY(sendUntil(keys, {0xb5, 7, 64}, [&] { return !mVolumes.isEmpty(); }));
+        QCOMPARE(mVolumes.back(), 64.0f / 127.0f);
+
+        // A keyboard plugged in later is connected within a second or two.
+        JackMidiSender later;
+        QVERIFY(later.open(QStringLiteral("Arbo-Keys-2")));
+        QTRY_VERIFY_WITH_TIMEOUT(input.connectedPorts().contains(later.portName()), 10000);
+
+        // A flood at the highest rate JACK MIDI carries, for ten seconds, with
+        // the 1/1 held: its key again and again, a key and a pitch bend that
+        // play nothing, clock bytes. The 1/1 sounds on, the log gets a line a
+        // second at most of each kind, and the input answers at once after.
+        QVERIFY(sendUntil(keys, {0x90, 69, 100}, [&] { return mNotes.contains("1/1 on"); }));
+        const std::uint64_t before = input.messagesReceived();
+        const int logStart = logSince(0).size();
+        forgetReports();
+        keys.flood({{0x90, 69, 100}, {0x91, 10, 100}, {0xe0, 0, 64}, {0xf8}, {0x81, 10, 0}});
+        QElapsedTimer flood;
+        flood.start();
+        while (flood.elapsed() < 10000) {
+            QTest::qWait(250);
+            QVERIFY(mPlayer.soundingNoteCount() >= 1);
+        }
+        keys.stopFlood();
+        const std::uint64_t received = input.messagesReceived() - before;
+        const QStringList floodLog = logSince(logStart);
+        qInfo() << "flood:" << keys.eventsWritten() << "events written," << received
+                << "messages received," << floodLog.size() << "lines logged";
+        QVERIFY(received > 100000);
+        QVERIFY2(floodLog.size() <= 40, qPrintable(floodLog.join('\n')));
+        QVERIFY2(!mNotes.contains(QLatin1String("1/1 off")), qPrintable(mNotes.join(',')));
+        forgetReports();
+        QVERIFY(sendUntil(keys, {0x80, 69, 0}, [&] { return !mNotes.isEmpty(); }));
+        QCOMPARE(mNotes, QStringList{"1/1 off"});
+
+        input.close();
+        QCOMPARE(input.status(), QStringLiteral("MIDI input is off"));
+    }
+
+    // The whole program: the port of "midiPorts" is connected at start-up,
+    // note 69 sounds the 1/1 at 440 Hz until its note-off; after the JACK
+    // server went and came back, it plays again; it shuts down cleanly.
+    void programPlaysFromMidi()
+    {
+        JackFixture jack;
+        QVERIFY2(jack.start(), qPrintable(jack.error()));
+        jack.applyToThisProcess();
+        JackMidiSender keys;
+        QVERIFY(keys.open(QStringLiteral("arbo-keys")));
+        QTemporaryDir home;
+        const QString config = home.path() + QStringLiteral("/Merrow Tuning Arbo/");
+        QVERIFY(TestSupport::writeFile(
+            config + InputMap::FILE_NAME,
+            R"({"midiPorts": ["arbo-keys"], "midiNotes": {"69": {"value": "/"}}})"));
+        QProcessEnvironment environment = jack.environment();
+        environment.insert(QStringLiteral("XDG_DATA_HOME"), home.path());
+        environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+        QProcess program;
+        program.setProcessEnvironment(environment);
+        program.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        program.start(TestSupport::mainBinary(), QStringList());
+        QVERIFY(program.waitForStarted());
+        auto log = [&] { return QString::fromUtf8(TestSupport::readFile(config + "log.txt")); };
+        const QString connected = QStringLiteral("MIDI input: connected \"arbo-keys:out\"");
+        // Until `done`, sends `bytes` (see sendUntil()) and records a while.
+        const QString wav = jack.workDir() + QStringLiteral("/midi.wav");
+        auto play = [&](const Bytes& bytes, double seconds, bool (*done)(const QVector<float>&)) {
+            QElapsedTimer timer;
+            timer.start();
+            do {
+                keys.send(bytes);
+                if (!jack.capture(wav, seconds)) {
+                    return false;
+                }
+                if (done(AudioAnalysis::readWav(wav).channel(0))) {
+                    return true;
+                }
+            } while (timer.elapsed() < 20000);
+            return false;
+        };
+        auto sounds440 = [](const QVector<float>& left) {
+            const double found = AudioAnalysis::dominantFrequency(left, 44100);
+            return AudioAnalysis::rmsDb(left) > -40.0 &&
+                   std::abs(AudioAnalysis::cents(found, 440.0)) < 10.0;
+        };
+        auto silent = [](const QVector<float>& left) {
+            return left.size() > 20000 && AudioAnalysis::rmsDb(left) < -80.0;
+        };
+
+        for (int round = 1; round <= 2; ++round) {
+            QTRY_VERIFY2_WITH_TIMEOUT(
+                log().count(connected) == round &&
+                    jack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0"), 0),
+                qPrintable(log()), 30000);
+            QTRY_COMPARE_WITH_TIMEOUT(keys.connections(), 1, 10000);
+            QVERIFY2(play({0x90, 69, 100}, 1.0, sounds440), qPrintable(jack.error()));
+            QVERIFY2(play({0x80, 69, 64}, 0.5, silent), qPrintable(jack.error()));
+            if (round == 2) {
+                break;
+            }
+            // The server goes and comes back (restarted by hand, say): the
+            // input opens again by itself and connects the keyboard again.
+            // (The audio output may leave a stream of the lost server behind,
+            // a critical line.)
+            QVERIFY2(!log().contains(QLatin1String("CRITICAL")), qPrintable(log()));
+            jack.killServer();
+            keys.abandon();
+            QTRY_VERIFY2_WITH_TIMEOUT(
+                log().contains(QLatin1String("input is off until it is back")), qPrintable(log()),
+                15000);
+            QVERIFY2(jack.restartServer(), qPrintable(jack.error()));
+            QVERIFY(keys.open(QStringLiteral("arbo-keys")));
+        }
+        program.terminate();
+        QVERIFY(program.waitForFinished(30000));
+        QCOMPARE(program.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(program.exitCode(), 0);
+    }
+};
+
+ARBO_TEST_MAIN(TestMidiIn)
+#include "tst_midiin.moc"
