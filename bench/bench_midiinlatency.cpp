@@ -155,25 +155,5 @@ void midiToCallback(benchmark::State& state)
 
 int main(int argc, char** argv)
 {
-    BenchmarkApp<QCoreApplication> app(argc, argv);
-
-    Settings settings;
-    AppContext::setSettings(&settings);
-    PdPlayer player;
-    sPlayer = &player;
-    AppContext::setPlayer(&player);
-    if (!player.init() || !PatchLoader::installShellPatches()) {
-        std::fprintf(stderr, "libpd or the patches did not start\n");
-        return 1;
-    }
-
-    benchmark::RegisterBenchmark("midi_to_callback/256_frames", midiToCallback)
-        ->Unit(benchmark::kMillisecond)
-        ->UseManualTime()
-        ->Iterations(1);
-
-    const int result = runRegisteredBenchmarks(argc, argv);
-    AppContext::setPlayer(nullptr);
-    AppContext::setSettings(nullptr);
-    return result;
+    return LatencyReport::run(argc, argv, "midi_to_callback/256_frames", sPlayer, midiToCallback, [] { return true; });
 }

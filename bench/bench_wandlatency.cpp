@@ -150,29 +150,11 @@ void wandToCallback(benchmark::State& state)
 
 int main(int argc, char** argv)
 {
-    BenchmarkApp<QCoreApplication> app(argc, argv);
     sDefaultHandler = qInstallMessageHandler(watchMessages);
-
-    Settings settings;
-    sSettings = &settings;
-    AppContext::setSettings(&settings);
-    PdPlayer player;
-    sPlayer = &player;
-    AppContext::setPlayer(&player);
-    const QByteArray map = "{ \"" + TAG + "\": { \"event\": 0, \"value\": \"/3\" } }";
-    if (!player.init() || !PatchLoader::installShellPatches() ||
-        !TestSupport::writeFile(AppContext::configDir() + QStringLiteral("/rfid_map.json"), map)) {
-        std::fprintf(stderr, "libpd, the patches or the tag map did not start\n");
-        return 1;
-    }
-
-    benchmark::RegisterBenchmark("wand_to_callback/256_frames", wandToCallback)
-        ->Unit(benchmark::kMillisecond)
-        ->UseManualTime()
-        ->Iterations(1);
-
-    const int result = runRegisteredBenchmarks(argc, argv);
-    AppContext::setPlayer(nullptr);
-    AppContext::setSettings(nullptr);
-    return result;
+    return LatencyReport::run(argc, argv, "wand_to_callback/256_frames", sPlayer, wandToCallback, [] {
+        sSettings = AppContext::settings();
+        const QByteArray map = "{ \"" + TAG + "\": { \"event\": 0, \"value\": \"/3\" } }";
+        return TestSupport::writeFile(AppContext::configDir() + QStringLiteral("/rfid_map.json"),
+                                      map);
+    });
 }

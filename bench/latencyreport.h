@@ -1,10 +1,19 @@
 #pragma once
 
+#include "runbenchmarks.h"
+#include "settings/appcontext.h"
+#include "settings/settings.h"
+#include "sound/patchloader.h"
+#include "sound/pdplayer.h"
+
+#include <QCoreApplication>
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <random>
 #include <thread>
 #include <vector>
@@ -84,6 +93,35 @@ inline void report(benchmark::State& state, const std::vector<double>& totalMs, 
     state.counters["max_ms"] = percentile(totalMs, 1.0);
     state.counters["goal_ms"] = periodMs + 1.0;
     state.counters["period_ms"] = periodMs;
+}
+
+// The main() of a latency benchmark: the settings and the player registered
+// as the program registers them, the shell patches installed, `prepare`
+// (which may add what the input needs, and says whether it could), then one
+// manual-time run of `function` under `name`. `player` is where the
+// benchmark finds the player.
+template <typename Function, typename Prepare>
+int run(int argc, char** argv, const char* name, PdPlayer*& player, Function function,
+        Prepare prepare)
+{
+    BenchmarkApp<QCoreApplication> app(argc, argv);
+    Settings settings;
+    AppContext::setSettings(&settings);
+    PdPlayer ownPlayer;
+    player = &ownPlayer;
+    AppContext::setPlayer(&ownPlayer);
+    if (!ownPlayer.init() || !PatchLoader::installShellPatches() || !prepare()) {
+        std::fprintf(stderr, "libpd, the patches or the input did not start\n");
+        return 1;
+    }
+    benchmark::RegisterBenchmark(name, function)
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime()
+        ->Iterations(1);
+    const int result = runRegisteredBenchmarks(argc, argv);
+    AppContext::setPlayer(nullptr);
+    AppContext::setSettings(nullptr);
+    return result;
 }
 
 } // namespace LatencyReport

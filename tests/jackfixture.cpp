@@ -120,7 +120,12 @@ bool JackFixture::start(int sampleRate, int periodFrames, int timeoutMs, bool re
                       .arg(sFixtureCounter.fetch_add(1));
     const QStringList scheduling = realtime ? QStringList{"--realtime", "--realtime-priority", "70"}
                                             : QStringList{"--no-realtime"};
-    mServerArguments = scheduling + QStringList{"-n", mServerName, "-d", "dummy", "-r",
+    // Synchronous: the server waits for every client to finish its cycle.
+    // Without real-time scheduling a busy machine often makes a client
+    // late, and an asynchronous server would run the cycle without it,
+    // losing that client's audio and MIDI for the period; tests that compare
+    // every MIDI byte cannot allow that.
+    mServerArguments = scheduling + QStringList{"--sync", "-n", mServerName, "-d", "dummy", "-r",
                                                 QString::number(sampleRate), "-p",
                                                 QString::number(periodFrames)};
     return restartServer(timeoutMs);
