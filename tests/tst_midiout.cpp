@@ -30,6 +30,7 @@
 #include <QRegularExpression>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <vector>
@@ -181,7 +182,16 @@ public:
         }
         const int result = jack_connect(mClient, ports[0], jack_port_name(mPort));
         jack_free(ports);
-        return result == 0;
+        // The new graph runs from a later cycle on; what is sent before that
+        // goes nowhere. Two of this client's cycles after the connection
+        // shows up, it carries MIDI.
+        const int cycles = mCycles.load();
+        return result == 0 && QTest::qWaitFor(
+                                  [this, cycles] {
+                                      return jack_port_connected(mPort) > 0 &&
+                                             mCycles.load() >= cycles + 2;
+                                  },
+                                  5000);
     }
 
     // Moves what has arrived into messages() and returns how many there are.
@@ -206,6 +216,7 @@ private:
     static int process(jack_nframes_t frames, void* self)
     {
         auto* capture = static_cast<JackMidiCapture*>(self);
+        capture->mCycles.fetch_add(1);
         void* buffer = jack_port_get_buffer(capture->mPort, frames);
         const std::uint32_t count = jack_midi_get_event_count(buffer);
         for (std::uint32_t i = 0; i < count; ++i) {
@@ -227,6 +238,7 @@ private:
     jack_client_t* mClient = nullptr;
     jack_port_t* mPort = nullptr;
     jack_ringbuffer_t* mRing = nullptr;
+    std::atomic<int> mCycles{0};
     Messages mMessages;
 };
 

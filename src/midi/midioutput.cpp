@@ -9,6 +9,10 @@
 #include <rtmidi/RtMidi.h>
 
 #include <QDebug>
+#include <QElapsedTimer>
+#include <QThread>
+
+#include <jack/jack.h>
 
 #include <pthread.h>
 #include <sched.h>
@@ -165,6 +169,7 @@ void MidiOutput::close()
         mThread.join();
     }
     mEncoder.reset();
+    waitForLastWords();
     if (mWatch && mWatch->gone()) {
         // Deliberately never freed: its destructor would call into a client
         // of the server that has gone (see JackServerWatch).
@@ -174,6 +179,27 @@ void MidiOutput::close()
     mWatch.reset();
     if (mStatus != tr("MIDI output is off")) {
         setStatus(tr("MIDI output is off"));
+    }
+}
+
+void MidiOutput::waitForLastWords()
+{
+    // RtMidi's JACK port hands the bytes over in the next process cycle; a
+    // port closed before that cycle has run loses them, and with them the
+    // all-notes-off that silences the synthesizer. Two cycle starts after
+    // now, one whole cycle has run. Bounded: a stalled server must not
+    // hold up the window.
+    jack_client_t* client = mWatch && !mWatch->gone() ? mWatch->client() : nullptr;
+    if (!client || !mOut) {
+        return;
+    }
+    const jack_nframes_t start = jack_last_frame_time(client);
+    const jack_nframes_t twoCycles = 2 * jack_get_buffer_size(client);
+    QElapsedTimer waited;
+    waited.start();
+    while (jack_nframes_t(jack_last_frame_time(client) - start) < twoCycles &&
+           waited.elapsed() < LAST_WORDS_TIMEOUT_MS && !mWatch->gone()) {
+        QThread::msleep(1);
     }
 }
 

@@ -89,6 +89,10 @@ private slots:
     void onCheckPort();
 
 private:
+    // GUI thread, at close: lets JACK carry out what was sent last.
+    void waitForLastWords();
+    static constexpr int LAST_WORDS_TIMEOUT_MS = 250;
+
     void setStatus(const QString& status);
     void run();
     void send(const std::vector<std::vector<std::uint8_t>>& messages);
