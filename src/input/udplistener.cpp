@@ -4,30 +4,13 @@
 #include "input/wanddatagram.h"
 #include "settings/appcontext.h"
 #include "settings/debuglog.h"
-#include "settings/logthrottle.h"
 #include "settings/settings.h"
+#include "settings/throttledwarning.h"
 
 #include <QDebug>
 #include <QHostAddress>
 #include <QUdpSocket>
 
-namespace {
-
-// Says how many warnings of one kind the throttle held back.
-void logSuppressed(LogThrottle& throttle, const char* text)
-{
-    const unsigned long count = throttle.takeSuppressed();
-    if (count != 0) {
-        qWarning().noquote() << QString::fromLatin1(text).arg(count);
-    }
-}
-
-const char* const WRONG_SIZE_SUPPRESSED =
-    "%1 more UDP packets of wrong size were discarded (warnings suppressed)";
-const char* const UNKNOWN_TAG_SUPPRESSED =
-    "%1 more UDP packets with RFIDs not in the mapping table were ignored (warnings suppressed)";
-
-} // namespace
 
 UdpListener::UdpListener(QObject* parent) : QThread(parent) {}
 
@@ -87,8 +70,10 @@ void UdpListener::run()
     // The port is open to anyone on the network. A stream of bad datagrams
     // would otherwise write one warning line each to the log file; the
     // throttles keep the first of each kind verbatim and count the rest.
-    LogThrottle wrongSize;
-    LogThrottle unknownTag;
+    ThrottledWarning wrongSize(
+        "%1 more UDP packets of wrong size were discarded (warnings suppressed)");
+    ThrottledWarning unknownTag("%1 more UDP packets with RFIDs not in the mapping table were "
+                                "ignored (warnings suppressed)");
 
     char buffer[WandDatagram::SIZE];
     while (!mStop.load(std::memory_order_relaxed)) {
@@ -109,11 +94,7 @@ void UdpListener::run()
         while (!mStop.load(std::memory_order_relaxed) && socket.hasPendingDatagrams()) {
             const qint64 size = socket.pendingDatagramSize();
             if (size != WandDatagram::SIZE) {
-                if (wrongSize.admit()) {
-                    logSuppressed(wrongSize, WRONG_SIZE_SUPPRESSED);
-                    qWarning().noquote()
-                        << QStringLiteral("Discarding UDP packet due to wrong size %1").arg(size);
-                }
+                wrongSize.warn(QStringLiteral("Discarding UDP packet due to wrong size %1").arg(size));
                 if (socket.readDatagram(nullptr, 0) < 0) {
                     break; // nothing readable after all; wait again
                 }
@@ -136,22 +117,16 @@ void UdpListener::run()
 
             if (const ArboEvent* event = map.lookup(datagram.tagText())) {
                 emit eventReceived(event);
-            } else if (unknownTag.admit()) {
-                logSuppressed(unknownTag, UNKNOWN_TAG_SUPPRESSED);
-                qWarning().noquote()
-                    << QStringLiteral("RFID %1 not found in mapping table. Ignoring.")
-                           .arg(datagram.tagForLog());
+            } else {
+                unknownTag.warn(QStringLiteral("RFID %1 not found in mapping table. Ignoring.")
+                                    .arg(datagram.tagForLog()));
             }
         }
-        if (wrongSize.summaryDue()) {
-            logSuppressed(wrongSize, WRONG_SIZE_SUPPRESSED);
-        }
-        if (unknownTag.summaryDue()) {
-            logSuppressed(unknownTag, UNKNOWN_TAG_SUPPRESSED);
-        }
+        wrongSize.summariseIfDue();
+        unknownTag.summariseIfDue();
     }
-    logSuppressed(wrongSize, WRONG_SIZE_SUPPRESSED);
-    logSuppressed(unknownTag, UNKNOWN_TAG_SUPPRESSED);
+    wrongSize.summarise();
+    unknownTag.summarise();
 
     qWarning("UDP thread exits run");
 }
