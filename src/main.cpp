@@ -6,7 +6,10 @@ int main(int argc, char** argv)
     {
         TuningArboApplication app(argc, argv);
         if (app.init()) {
-            exitCode = app.exec();
+            // A SIGTERM or Ctrl+C during start-up closed any message box that
+            // was open and let start-up finish; the event loop would forget
+            // it, so the program ends here, saving as always.
+            exitCode = app.quitRequested() ? 0 : app.exec();
             app.term();
         }
     }

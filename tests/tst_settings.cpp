@@ -11,8 +11,11 @@
 #include <QProcess>
 #include <QRandomGenerator>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -70,7 +73,7 @@ private slots:
     void readTakesOnlyValuesOfTheRightType();
     void damagedFileKeepsDefaultsAndStaysUntilSaved_data();
     void damagedFileKeepsDefaultsAndStaysUntilSaved();
-    void unusableFilePlaceFailsWithoutTouchingIt();
+    void unusableFilePlaceIsKeptAside();
     void failedSaveKeepsThePreviousFile_data();
     void failedSaveKeepsThePreviousFile();
     void unusableValuesGoBackToTheirDefaults_data();
@@ -218,20 +221,43 @@ void TestSettings::damagedFileKeepsDefaultsAndStaysUntilSaved()
     }
 }
 
-void TestSettings::unusableFilePlaceFailsWithoutTouchingIt()
+void TestSettings::unusableFilePlaceIsKeptAside()
 {
-    // A folder where the file belongs: neither load nor save can use it.
-    QVERIFY(QDir().mkpath(optionsPath()));
-    QVERIFY(TestSupport::writeFile(optionsPath() + "/keep.txt", "mine"));
-
-    Settings settings;
-    QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("^Couldn't (open|parse) file .*"));
-    QVERIFY(!settings.init());
-    QCOMPARE(settings.mUdpPort, 8888);
-
-    QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("^Couldn't (open|write) file .*"));
-    QVERIFY(!settings.save());
-    QCOMPARE(TestSupport::readFile(optionsPath() + "/keep.txt"), QByteArray("mine"));
+    // What stands where the file belongs and cannot hold it is renamed like
+    // a damaged file, whatever it is, and the options start from their
+    // defaults: a folder (its content kept), a pipe (whose reading would
+    // block for good), a link to a device that never ends.
+    const auto kept = [] {
+        return QDir(TestSupport::configDir())
+            .entryInfoList({"options.json.damaged-*"}, QDir::AllEntries | QDir::System);
+    };
+    const QByteArray path = QFile::encodeName(optionsPath());
+    for (const QString& kind : {"folder", "pipe", "link to /dev/zero"}) {
+        if (kind == "folder") {
+            QVERIFY(QDir().mkpath(optionsPath()));
+            QVERIFY(TestSupport::writeFile(optionsPath() + "/keep.txt", "mine"));
+        } else if (kind == "pipe") {
+            QCOMPARE(::mkfifo(path.constData(), 0600), 0);
+        } else {
+            QCOMPARE(::symlink("/dev/zero", path.constData()), 0);
+        }
+        const int before = kept().size();
+        Settings settings;
+        settings.mUdpPort = 1;
+        QVERIFY2(settings.init(), qPrintable(kind));
+        QCOMPARE(settings.mUdpPort, 1); // written, not read
+        QVERIFY(QFileInfo(optionsPath()).isFile());
+        QCOMPARE(kept().size(), before + 1);
+        for (const QFileInfo& aside : kept()) {
+            QVERIFY(!aside.isSymLink() || aside.symLinkTarget() == "/dev/zero");
+        }
+        QVERIFY(QFile::remove(optionsPath()));
+    }
+    const QFileInfoList asides = kept();
+    const auto folder = std::find_if(asides.begin(), asides.end(),
+                                     [](const QFileInfo& aside) { return aside.isDir(); });
+    QVERIFY(folder != asides.end());
+    QCOMPARE(TestSupport::readFile(folder->filePath() + "/keep.txt"), QByteArray("mine"));
 }
 
 void TestSettings::failedSaveKeepsThePreviousFile_data()

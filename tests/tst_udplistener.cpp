@@ -46,7 +46,7 @@ const QByteArray RFID_MAP = R"({
     "04A1B2C3D4": {"event": 0, "value": "/3"},
     "ab":         {"event": 0, "value": "/5"},
     "tr3up":      {"event": 2, "value": 3},
-    "vstep":      {"event": 3, "value": 1},
+    "vstep":      {"event": 3, "value": 0.0001220703125},
     "probe":      {"event": 8, "value": 1}
 })";
 
@@ -265,6 +265,9 @@ private slots:
     // it from stopping: the stop flag is looked at between datagrams too.
     void underLoad()
     {
+        // The step of "vstep": a power of two, so that every sum of steps is
+        // exact and twenty thousand of them stay within the volume's range.
+        constexpr float VSTEP = 1.0f / 8192.0f;
         UdpListener listener;
         connect(&listener, &UdpListener::eventReceived, &mPlayer, &PdPlayer::queueEventSerial,
                 Qt::DirectConnection);
@@ -298,7 +301,7 @@ private slots:
         const bool overflowed = logged("Command buffer full");
         QVERIFY2(steps > 0, tool.readAllStandardError().constData());
         if (!overflowed) { // everything the listener passed on was carried out
-            QCOMPARE(mPlayer.voiceVolume(), volume + float(steps));
+            QCOMPARE(mPlayer.voiceVolume(), volume + float(steps) * VSTEP);
         }
         // The throttles: about a line a second per kind, not thousands.
         QVERIFY2(locked(sLog).size() < 100, qPrintable(locked(sLog).join('\n')));
@@ -312,7 +315,7 @@ private slots:
         QVERIFY(probe(events + 1501));
         QVERIFY(logged("Command buffer full"));
         mPlayer.processEvents();
-        QCOMPARE(mPlayer.voiceVolume(), before + 1023.0f); // the first 1023 went in
+        QCOMPARE(mPlayer.voiceVolume(), before + 1023.0f * VSTEP); // the first 1023 went in
         QCOMPARE(toggles, 1);
 
         connect(

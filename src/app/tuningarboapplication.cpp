@@ -228,7 +228,11 @@ bool TuningArboApplication::init()
 
     // 15. The wands, only when the user has written a tag map; without one
     // the instrument is played with the mouse and nothing is said about it.
-    if (QFileInfo::exists(configDir + QStringLiteral("/rfid_map.json"))) {
+    // A folder or device of the map's name is no map: set aside here, once,
+    // before the wand and OSC threads would both try to read it.
+    const QString tagMap = configDir + QStringLiteral("/rfid_map.json");
+    SerializableRoot::setAsideIfUnreadable(tagMap);
+    if (QFileInfo::exists(tagMap)) {
         // Direct: the player copies each event into its serial ring on the
         // listener's thread, the ring's one writer; the event stays the map's.
         connect(&mUdpListener, &UdpListener::eventReceived, &mPlayer, &PdPlayer::queueEventSerial,

@@ -46,6 +46,11 @@ public:
     bool init();
     // The shutdown sequence, after the event loop has returned.
     void term();
+    // Whether SIGINT or SIGTERM asked the program to end. Such a request
+    // ends every event loop that runs (a message box's too) and every one
+    // started after it at once, until the main loop starts: main() asks
+    // this after init() instead of entering the loop.
+    bool quitRequested() const { return mQuitBySignal; }
 
     void syncFromSettings();
     void syncToSettings();

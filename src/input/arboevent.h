@@ -48,6 +48,25 @@ public:
     // ignored by the consumer.
     static constexpr int LAST_TYPE = NoteEnd;
 
+    // Whether a command of `type` needs a lattice path (an ArboNoteEvent).
+    // Without one it would sound the root, which nobody asked for.
+    static bool needsPath(int type);
+
+    // Why `value` is not a sane value for a command of `type`, or null when
+    // it is one. A value from the network or a hand-written map can be
+    // anything; a base frequency of 0 or 1e30 silences every note, a volume
+    // of 1e30 deafens, and whatever the player takes is saved with the
+    // options. So every source refuses these where it reads them, and the
+    // player refuses them once more for whatever reached a ring anyway:
+    //   BaseFrequency        20 Hz to 20 kHz
+    //   MasterVolume,
+    //   VoiceVolume          0 to the options' largest volume (4)
+    //   the volume steps     no larger than that range
+    //   Macro1 to Macro8     0 to 1 (the sliders' range)
+    //   every other type     a finite number (the value may be ignored)
+    // Any thread; never allocates.
+    static const char* refusal(int type, float value);
+
     // Type NoteToggle with value 0 (zero-initialised, as for any value type).
     ArboEvent() = default;
     ArboEvent(Type type, float value);

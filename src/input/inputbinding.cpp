@@ -74,8 +74,7 @@ InputBinding InputBinding::fromJson(const QJsonValue& json, QString* error)
     const auto eventType = static_cast<ArboEvent::Type>(int(type));
     // The note and patch commands need a path or a handshake of the player's
     // own; as bare events they would sound the root or upset a patch load.
-    if (eventType == ArboEvent::NoteToggle || eventType == ArboEvent::NoteStart ||
-        eventType == ArboEvent::NoteEnd || eventType == ArboEvent::OpenPatch ||
+    if (ArboEvent::needsPath(eventType) || eventType == ArboEvent::OpenPatch ||
         eventType == ArboEvent::ClosePatch) {
         *error = QStringLiteral("asks for event %1, which needs a path or is the program's own")
                      .arg(int(type));
@@ -83,6 +82,13 @@ InputBinding InputBinding::fromJson(const QJsonValue& json, QString* error)
     }
     float fixed = 0.0f;
     if (toFloat(value, &fixed)) {
+        if (const char* why = ArboEvent::refusal(eventType, fixed)) {
+            *error = QStringLiteral("asks for event %1 with the value %2, which %3")
+                         .arg(int(type))
+                         .arg(double(fixed))
+                         .arg(QLatin1String(why));
+            return {};
+        }
         return InputBinding(eventType, fixed);
     }
     if (!value.isUndefined() && !value.isNull()) {
@@ -95,6 +101,17 @@ InputBinding InputBinding::fromJson(const QJsonValue& json, QString* error)
         (entry.contains(MAX_KEY) && !toFloat(entry.value(MAX_KEY), &max))) {
         *error = QStringLiteral("has a \"min\" or \"max\" that is not a number");
         return {};
+    }
+    // Every position scales to a value between the two ends, so both ends
+    // being sane makes every value sane.
+    for (const float end : {min, max}) {
+        if (const char* why = ArboEvent::refusal(eventType, end)) {
+            *error = QStringLiteral("asks for event %1 up to the value %2, which %3")
+                         .arg(int(type))
+                         .arg(double(end))
+                         .arg(QLatin1String(why));
+            return {};
+        }
     }
     return ranged(eventType, min, max);
 }

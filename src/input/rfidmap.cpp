@@ -93,7 +93,7 @@ void RfidMap::read(const QJsonObject& json)
         if (value.isString() && text.startsWith(QLatin1Char('/'))) {
             // A path makes a note toggle whatever "event" says.
             const ArboPath path(text);
-            if (!path.isValid()) {
+            if (!path.isValid() || !path.hasValidSteps()) {
                 qWarning().noquote()
                     << QStringLiteral("RFID %1 was assigned invalid path %2. Ignoring.")
                            .arg(rfid, text);
@@ -105,8 +105,29 @@ void RfidMap::read(const QJsonObject& json)
                                       .arg(int(event->type()))
                                       .arg(path.toString());
         } else {
-            const auto type = static_cast<ArboEvent::Type>(toEventType(entry.value(EVENT_KEY)));
-            event = std::make_shared<const ArboEvent>(type, toEventValue(value));
+            const int type = toEventType(entry.value(EVENT_KEY));
+            // A note command without a path would sound the root: a slip
+            // in the file, not a wish.
+            if (ArboEvent::needsPath(type)) {
+                qWarning().noquote() << QStringLiteral("RFID %1 asks for event %2 without a path "
+                                                       "(a \"value\" such as \"/3/-5\"). "
+                                                       "Ignoring.")
+                                            .arg(rfid)
+                                            .arg(type);
+                continue;
+            }
+            const float number = toEventValue(value);
+            if (const char* why = ArboEvent::refusal(type, number)) {
+                qWarning().noquote()
+                    << QStringLiteral("RFID %1 asks for event %2 with the value %3, which %4. "
+                                      "Ignoring.")
+                           .arg(rfid)
+                           .arg(type)
+                           .arg(double(number))
+                           .arg(QLatin1String(why));
+                continue;
+            }
+            event = std::make_shared<const ArboEvent>(static_cast<ArboEvent::Type>(type), number);
             qDebug().noquote() << QStringLiteral("RFID %1 mapped to: event %2, value %3")
                                       .arg(rfid)
                                       .arg(int(event->type()))

@@ -47,12 +47,15 @@ public:
     //   only in case replaces the earlier one;
     // - a "value" text that begins with "/" is a note's path: the entry is a
     //   note toggle for that path whatever "event" says, and a path that does
-    //   not parse skips the member with a warning;
+    //   not parse (or has steps that are no primes) skips the member with a
+    //   warning;
     // - otherwise the entry is a plain event: type "event" (a number; 0 when
     //   missing or not a number; fractions truncated, numbers beyond the int
     //   range saturated) with value "value" (a number, 0 otherwise, clamped
     //   to the float range). Types outside the known ones are kept; the player
-    //   ignores them.
+    //   ignores them. A note type without a path, and a value that the type
+    //   refuses (ArboEvent::refusal: a base frequency of 0, a volume of
+    //   1e30), skip the member with a warning naming the tag.
     void read(const QJsonObject& json) override;
     // The inverse: "event" as a number and "value" as the path text for a
     // note, as a number otherwise, under the lower-case tag.

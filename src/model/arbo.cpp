@@ -2,6 +2,7 @@
 
 #include "model/arboconstants.h"
 #include "settings/appcontext.h"
+#include "settings/throttledwarning.h"
 #include "sound/pdplayer.h"
 
 #include <QDebug>
@@ -259,13 +260,17 @@ void Arbo::buildBallMapFrom(ArboBall* node)
     // by the engine may be too large for some nodes, which are then left out
     // rather than keyed by a wrapped-around ratio.
     ArboRatio key = mTransposition;
+    // Throttled: the map is built anew at every transposition, which the
+    // network can ask for hundreds of times a second.
+    thread_local ThrottledWarning skipped("%1 more nodes were left out of the ball map "
+                                          "(warnings suppressed)");
     if (node->ratio().numerator() == 0) {
-        qWarning().noquote() << "Ball map: skipped the node" << node->path().toString()
-                             << "(not a path of prime steps)";
+        skipped.warn(QStringLiteral("Ball map: skipped the node %1 (not a path of prime steps)")
+                         .arg(node->path().toString()));
     } else if (!key.multiplyIfExact(node->ratio())) {
-        qWarning().noquote() << "Ball map: skipped the node" << node->path().toString()
-                             << "(its ratio under the transposition" << mTransposition.toString()
-                             << "does not fit in 64 bits)";
+        skipped.warn(QStringLiteral("Ball map: skipped the node %1 (its ratio under the "
+                                    "transposition %2 does not fit in 64 bits)")
+                         .arg(node->path().toString(), mTransposition.toString()));
     } else {
         mBallMap.insert(key, node);
         mMaxKeyNumerator = qMax(mMaxKeyNumerator, key.numerator());
@@ -338,7 +343,10 @@ void Arbo::onTransposed(ArboRatio ratio, int step)
     } else {
         // The engine never takes such a step; keeping it would make every
         // absolute ratio meaningless.
-        qWarning() << "Transposition step" << step << "is no prime step; not recorded";
+        thread_local ThrottledWarning noPrime("%1 more transposition steps were no prime "
+                                              "steps (warnings suppressed)");
+        noPrime.warn(
+            QStringLiteral("Transposition step %1 is no prime step; not recorded").arg(step));
     }
     buildBallMap();
     emit transposeOrBaseFrequencyChanged();

@@ -2,6 +2,7 @@
 
 #include "model/arbo.h"
 #include "settings/appcontext.h"
+#include "settings/throttledwarning.h"
 
 #include <QDebug>
 
@@ -25,6 +26,25 @@ template <typename Steps> bool multiplySteps(Rational& ratio, const Steps& steps
         }
     }
     return true;
+}
+
+// Nodes' ratios are made anew for the whole lattice at every transposition,
+// so a transposition near the 64-bit limit would log a line for each node,
+// and a flood of them from the network hundreds of thousands: throttled.
+ThrottledWarning& tooLarge()
+{
+    thread_local ThrottledWarning warning(
+        "%1 more absolute ratios did not fit in 64 bits (warnings suppressed)");
+    return warning;
+}
+
+QString stepsText(const QList<int>& steps)
+{
+    QStringList texts;
+    for (const int step : steps) {
+        texts << QString::number(step);
+    }
+    return texts.join(QLatin1String(", "));
 }
 
 } // namespace
@@ -68,13 +88,16 @@ void ArboRatio::storeFromAbsolutePath(const ArboPath& path)
     if (lattice) {
         const QList<int>& steps = lattice->transposeSteps();
         if (!multiplySteps(absolute, steps, steps.size())) {
-            qWarning().noquote() << "Absolute ratio of" << path.toString()
-                                 << "does not fit in 64 bits; transposition steps:" << steps;
+            tooLarge().warn(
+                QStringLiteral("Absolute ratio of %1 does not fit in 64 bits; transposition "
+                               "steps: %2")
+                    .arg(path.toString(), stepsText(steps)));
             return;
         }
     }
     if (!multiplySteps(absolute, path.toCharArray(), -1)) {
-        qWarning().noquote() << "Absolute ratio of" << path.toString() << "does not fit in 64 bits";
+        tooLarge().warn(
+            QStringLiteral("Absolute ratio of %1 does not fit in 64 bits").arg(path.toString()));
         return;
     }
     mAbsRatio = absolute;

@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -33,6 +34,9 @@ bool SerializableRoot::init(const QString& fileName)
 {
     mPath = AppContext::configDir() + QLatin1Char('/') + fileName;
     removeAbandonedTemporaryFiles();
+    // Whatever is there and cannot hold the document goes aside: the object
+    // then starts from its defaults, as on a first run.
+    setAsideIfUnreadable(mPath);
     if (!QFile::exists(mPath)) {
         initWithDefaults();
         return save();
@@ -125,24 +129,61 @@ bool SerializableRoot::load()
     return true;
 }
 
-QString SerializableRoot::setDamagedFileAside() const
+bool SerializableRoot::isUnreadableEntry(const QString& path)
 {
-    if (!mDamaged || !QFile::exists(mPath)) {
-        return QString();
+    // Only a regular file that can be read holds a document. A folder of the
+    // document's name (made by a slip in a file manager), a device, a pipe
+    // (whose reading would block start-up for good), a link to any of them,
+    // a file this user may not read, or one far too large to be a document,
+    // would otherwise fail every start.
+    constexpr qint64 LARGEST_DOCUMENT = 64 * 1024 * 1024;
+    const QByteArray name = QFile::encodeName(path);
+    struct stat info = {};
+    if (::lstat(name.constData(), &info) != 0) {
+        return false; // nothing there
     }
-    const QString base = mPath + QStringLiteral(".damaged-") +
+    if (S_ISLNK(info.st_mode) && ::stat(name.constData(), &info) != 0) {
+        return false; // a dangling link: a save replaces it, as a missing file
+    }
+    return !S_ISREG(info.st_mode) || info.st_size > LARGEST_DOCUMENT ||
+           ::access(name.constData(), R_OK) != 0;
+}
+
+QString SerializableRoot::keepAside(const QString& path, const char* what)
+{
+    const QString base = path + QStringLiteral(".damaged-") +
                          QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-hhmmss"));
     QString aside = base;
-    for (int n = 2; QFileInfo::exists(aside); ++n) {
+    for (int n = 2; QFileInfo::exists(aside) || QFileInfo(aside).isSymLink(); ++n) {
         aside = base + QLatin1Char('-') + QString::number(n);
     }
-    if (!QFile::rename(mPath, aside)) {
-        qWarning().noquote()
-            << QStringLiteral("Couldn't keep damaged file %1 as %2.").arg(mPath, aside);
+    // The entry itself is renamed (a link, not what it points to; a folder
+    // with everything in it).
+    if (::rename(QFile::encodeName(path).constData(), QFile::encodeName(aside).constData()) != 0) {
+        qWarning().noquote() << QStringLiteral("Couldn't keep %1 %2 as %3: %4")
+                                    .arg(QLatin1String(what), path, aside,
+                                         qt_error_string(errno));
         return QString();
     }
-    mDamaged = false;
-    qWarning().noquote() << QStringLiteral("Kept damaged file %1 as %2.").arg(mPath, aside);
+    qWarning().noquote()
+        << QStringLiteral("Kept %1 %2 as %3.").arg(QLatin1String(what), path, aside);
+    return aside;
+}
+
+QString SerializableRoot::setAsideIfUnreadable(const QString& path)
+{
+    return isUnreadableEntry(path) ? keepAside(path, "unreadable entry") : QString();
+}
+
+QString SerializableRoot::setDamagedFileAside() const
+{
+    if (!mDamaged || !QFileInfo::exists(mPath)) {
+        return QString();
+    }
+    const QString aside = keepAside(mPath, "damaged file");
+    if (!aside.isEmpty()) {
+        mDamaged = false;
+    }
     return aside;
 }
 

@@ -51,6 +51,20 @@ public:
     // file or the rename failed (logged too).
     QString setDamagedFileAside() const;
 
+    // Whether something is at `path` that cannot hold a document: not a
+    // regular file (a folder, a device, a pipe, a link to one of them), one
+    // this user may not read, or one larger than any document (64 MiB).
+    // Nothing there, or a dangling link, is not such an entry.
+    static bool isUnreadableEntry(const QString& path);
+    // Keeps such an entry aside like a damaged file, so that the document is
+    // made anew from its defaults; init() does this for its own file.
+    // Returns the new name, empty when nothing was moved.
+    static QString setAsideIfUnreadable(const QString& path);
+    // Renames `path` to "<path>.damaged-yyyyMMdd-hhmmss" (with "-2" and so
+    // on when that exists) and logs it; `what` names it in the log line.
+    // Returns the new name, empty when the rename failed (logged too).
+    static QString keepAside(const QString& path, const char* what);
+
 private:
     // A save killed half-way leaves its temporary file
     // ("<file>.saving-XXXXXX") behind; the next start removes it. Only one instance runs on a

@@ -1,6 +1,7 @@
 #include "sound/patchloader.h"
 
 #include "settings/appcontext.h"
+#include "settings/serializableroot.h"
 #include "sound/pdplayer.h"
 
 #include <QDateTime>
@@ -34,6 +35,12 @@ const QStringList& PatchLoader::shellPatches()
 bool PatchLoader::installShellPatches()
 {
     const QString patchDir = AppContext::patchDir();
+    // The folder is the program's own: a file or link in its place would
+    // stop every start, so it is kept aside and the folder made anew.
+    const QFileInfo folder(patchDir);
+    if ((folder.exists() || folder.isSymLink()) && !folder.isDir()) {
+        SerializableRoot::keepAside(patchDir, "entry in the place of the patch folder");
+    }
     QDir().mkpath(patchDir); // a failure shows in the copies below
     const QString shellDir = AppContext::resourceDir() + QStringLiteral("/patches/shell/");
     bool ok = true;
@@ -45,7 +52,12 @@ bool PatchLoader::installShellPatches()
 
 bool PatchLoader::copyIfNewer(const QString& source, const QString& target)
 {
-    const QFileInfo targetInfo(target);
+    QFileInfo targetInfo(target);
+    if ((targetInfo.exists() || targetInfo.isSymLink()) && !targetInfo.isFile()) {
+        // A folder or device where the program keeps its own copy.
+        SerializableRoot::keepAside(target, "entry in the place of a runtime patch");
+        targetInfo.refresh();
+    }
     if (targetInfo.exists() && !(creationTime(targetInfo) < creationTime(QFileInfo(source)))) {
         return true; // the runtime copy is current
     }

@@ -174,24 +174,69 @@ void PdPlayer::processEvents()
     // A thread-local pointer store: cheap enough for every buffer, and the
     // audio library does not promise to call back on one thread for good.
     libpd_set_instance(mPdInstance);
-    processBuffer(mSerialBuffer);
-    processBuffer(mMidiBuffer);
-    processBuffer(mOscBuffer);
-    processBuffer(mGuiBuffer);
+    processBuffer(mSerialBuffer, FromWands);
+    processBuffer(mMidiBuffer, FromMidi);
+    processBuffer(mOscBuffer, FromOsc);
+    processBuffer(mGuiBuffer, FromWindow);
 }
 
-void PdPlayer::processBuffer(PdMessageBuffer& buffer)
+void PdPlayer::processBuffer(PdMessageBuffer& buffer, Source source)
 {
     buffer.processEvents(mChunkList);
     for (const PdMessageBuffer::Chunk* chunk : mChunkList) {
-        carryOut(*chunk);
+        carryOut(*chunk, source);
     }
     mChunkList.clear();
 }
 
-void PdPlayer::carryOut(const PdMessageBuffer::Chunk& chunk)
+bool PdPlayer::acceptValue(int type, float value, float current, Source source)
+{
+    // The sources refuse such values where they read them; this catches
+    // whatever reached a ring anyway, so that neither the sound nor the
+    // saved options ever see it.
+    bool accepted = ArboEvent::refusal(type, value) == nullptr;
+    if (accepted && (type == ArboEvent::VoiceVolumeStep || type == ArboEvent::MasterVolumeStep)) {
+        // A step may take a volume past 1 (the patch takes that), but not
+        // out of the range a volume may have at all.
+        const int absolute =
+            type == ArboEvent::VoiceVolumeStep ? ArboEvent::VoiceVolume : ArboEvent::MasterVolume;
+        accepted = ArboEvent::refusal(absolute, current + value) == nullptr;
+    }
+    if (!accepted) {
+        RefusedValues& refused = mRefusedValues[source];
+        refused.lastType.store(type, std::memory_order_relaxed);
+        refused.lastValue.store(value, std::memory_order_relaxed);
+        refused.count.fetch_add(1, std::memory_order_relaxed);
+    }
+    return accepted;
+}
+
+void PdPlayer::carryOut(const PdMessageBuffer::Chunk& chunk, Source source)
 {
     const float value = chunk.value;
+    switch (chunk.type) {
+    case ArboEvent::VoiceVolumeStep:
+    case ArboEvent::VoiceVolume:
+    case ArboEvent::MasterVolumeStep:
+    case ArboEvent::MasterVolume:
+    case ArboEvent::BaseFrequency:
+    case ArboEvent::Macro1:
+    case ArboEvent::Macro2:
+    case ArboEvent::Macro3:
+    case ArboEvent::Macro4:
+    case ArboEvent::Macro5:
+    case ArboEvent::Macro6:
+    case ArboEvent::Macro7:
+    case ArboEvent::Macro8: {
+        const bool voice = chunk.type == ArboEvent::VoiceVolumeStep;
+        if (!acceptValue(chunk.type, value, voice ? mVoiceVolume : mVolume, source)) {
+            return;
+        }
+        break;
+    }
+    default:
+        break;
+    }
     switch (chunk.type) {
     case ArboEvent::NoteToggle:
         toggleNote(chunk.path);
@@ -235,10 +280,15 @@ void PdPlayer::carryOut(const PdMessageBuffer::Chunk& chunk)
         setMonophonic(value > 0.5f);
         break;
     case ArboEvent::PatchStep:
-        if (value > 0.0f) {
-            emit patchIncRequested();
-        } else {
-            emit patchDecRequested();
+        // Summed up for the GUI thread; one signal for a whole run of steps
+        // (see takePatchSteps()).
+        mPatchSteps.fetch_add(value > 0.0f ? 1 : -1, std::memory_order_relaxed);
+        if (!mPatchStepSignalled.exchange(true, std::memory_order_acq_rel)) {
+            if (value > 0.0f) {
+                emit patchIncRequested();
+            } else {
+                emit patchDecRequested();
+            }
         }
         break;
     case ArboEvent::BaseFrequency:
@@ -607,8 +657,43 @@ void PdPlayer::pdPrintHook(const char* text)
     ARBO_DEBUG().noquote() << "libPD:" << text;
 }
 
+int PdPlayer::takePatchSteps()
+{
+    // Cleared before the steps are taken: a step added after this is
+    // signalled anew, one added before is in the sum.
+    mPatchStepSignalled.store(false, std::memory_order_release);
+    return mPatchSteps.exchange(0, std::memory_order_acq_rel);
+}
+
+quint32 PdPlayer::refusedValues() const
+{
+    quint32 count = 0;
+    for (const RefusedValues& refused : mRefusedValues) {
+        count += refused.count.load(std::memory_order_relaxed);
+    }
+    return count;
+}
+
 void PdPlayer::reportRefusedCommands()
 {
+    static const char* const SOURCE_NAMES[SOURCE_COUNT] = {"the wands", "MIDI", "OSC",
+                                                           "the window"};
+    for (int source = 0; source < SOURCE_COUNT; ++source) {
+        RefusedValues& refused = mRefusedValues[source];
+        if (const quint32 count = refused.count.exchange(0)) {
+            const int type = refused.lastType.load();
+            const float value = refused.lastValue.load();
+            const char* why = ArboEvent::refusal(type, value);
+            qWarning().noquote()
+                << QStringLiteral("Ignored %1 command(s) from %2 with a value out of range "
+                                  "(last: event %3 with the value %4, which %5)")
+                       .arg(count)
+                       .arg(QLatin1String(SOURCE_NAMES[source]))
+                       .arg(type)
+                       .arg(double(value))
+                       .arg(QLatin1String(why ? why : "would take the volume out of 0 to 4"));
+        }
+    }
     if (const quint32 count = mMidiBuffer.takeSilentDrops()) {
         qWarning().noquote()
             << QStringLiteral("Dropped %1 MIDI command(s): the command buffer was full").arg(count);

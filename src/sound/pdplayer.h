@@ -151,6 +151,20 @@ public:
     // a note beyond the exact ratios. Any thread.
     quint32 refusedTranspositions() const { return mRefusedTranspositions.load(); }
     quint32 refusedNotes() const { return mRefusedNotes.load(); }
+    // Commands refused since the last report for a value out of its range
+    // (ArboEvent::refusal, or a volume step that would leave the range),
+    // over all sources. Any thread.
+    quint32 refusedValues() const;
+
+    // GUI thread: the patch steps asked for by commands since the last call,
+    // added up (+1 for each step to the next patch, -1 for each step back),
+    // and clears them. A patch change takes a good part of a second, while
+    // wands and the network can ask for hundreds a second: the steps are
+    // summed on the audio thread and only the first of a run is signalled
+    // (patchIncRequested or patchDecRequested, by its direction), so the
+    // window changes to the patch they add up to, once, however many came.
+    // The next step after this call is signalled again.
+    int takePatchSteps();
     // GUI thread: logs what the audio thread refused since the last call, one
     // line per kind, and clears the counts. A timer calls it every second
     // while the player runs, so a flood of bad input costs a line a second.
@@ -185,8 +199,22 @@ public slots:
     void queueEventOsc(const ArboEvent* event);
 
 private:
-    void processBuffer(PdMessageBuffer& buffer);
-    void carryOut(const PdMessageBuffer::Chunk& chunk);
+    // Where a command came from, for the report of refused values: one per
+    // command buffer.
+    enum Source
+    {
+        FromWands,
+        FromMidi,
+        FromOsc,
+        FromWindow,
+        SOURCE_COUNT
+    };
+
+    void processBuffer(PdMessageBuffer& buffer, Source source);
+    void carryOut(const PdMessageBuffer::Chunk& chunk, Source source);
+    // Whether `value` is sane for the command `type` (and, for a volume step,
+    // whether the volume stays in range); counts a refusal for `source`.
+    bool acceptValue(int type, float value, float current, Source source);
     // The sounding ratio of `path` (transposition included); false when the
     // path has no pitch, its prime is switched off or the ratio would leave
     // 64 bits (counted as refused).
@@ -276,5 +304,16 @@ private:
     std::atomic<float> mLastRefusedTransposition{0.0f};
     std::atomic<quint32> mRefusedNotes{0};
     std::atomic<quint64> mLastRefusedNote{0}; // the path's eight bytes
+    struct RefusedValues
+    {
+        std::atomic<quint32> count{0};
+        std::atomic<int> lastType{0};
+        std::atomic<float> lastValue{0.0f};
+    };
+    RefusedValues mRefusedValues[SOURCE_COUNT];
+    // The patch steps not yet taken by the GUI thread, and whether a signal
+    // for them is on its way (see takePatchSteps()).
+    std::atomic<int> mPatchSteps{0};
+    std::atomic<bool> mPatchStepSignalled{false};
     QTimer mReportTimer;
 };

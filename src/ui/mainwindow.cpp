@@ -32,6 +32,8 @@
 #include <QSlider>
 #include <QSvgRenderer>
 
+#include <utility>
+
 namespace {
 const QString NONE_LOADED = QStringLiteral("None loaded");
 
@@ -515,19 +517,47 @@ void MainWindow::stepPatch(int step)
     if (count == 0) {
         return; // nothing to step through
     }
-    const int index = (mUi->patchMenu->currentIndex() + step + count) % count;
+    const int index = ((mUi->patchMenu->currentIndex() + step % count) % count + count) % count;
     mUi->patchMenu->setCurrentIndex(index);
     loadPatch(mUi->patchMenu->itemData(index).toString());
 }
 
 void MainWindow::onPatchDecRequested()
 {
-    stepPatch(-1);
+    takeRequestedPatchSteps();
 }
 
 void MainWindow::onPatchIncRequested()
 {
-    stepPatch(1);
+    takeRequestedPatchSteps();
+}
+
+void MainWindow::takeRequestedPatchSteps()
+{
+    // Wands, OSC and MIDI can ask for hundreds of steps a second, and a patch
+    // change takes a good part of one. Carried out one by one, a burst would
+    // change patches for a minute, silent, with the window deaf to
+    // everything else. So the player adds the steps up and signals once; the
+    // window goes straight to the patch they add up to. Steps that arrive
+    // during the change are signalled again and make at most one more
+    // change, after the event loop has had its turn (a quit request is then
+    // seen between two changes, however long a flood goes on).
+    mRequestedPatchSteps += AppContext::player()->takePatchSteps();
+    const int count = mUi->patchMenu->count();
+    if (count > 0) {
+        mRequestedPatchSteps %= count; // a whole round ends where it began
+    }
+    if (mPatchChangeUnderWay || mRequestedPatchSteps == 0) {
+        return;
+    }
+    mPatchChangeUnderWay = true;
+    stepPatch(std::exchange(mRequestedPatchSteps, 0));
+    mPatchChangeUnderWay = false;
+    if (mRequestedPatchSteps != 0) {
+        // Taken while a failed load's message box was open: they have no
+        // signal of their own coming.
+        QMetaObject::invokeMethod(this, &MainWindow::takeRequestedPatchSteps, Qt::QueuedConnection);
+    }
 }
 
 void MainWindow::on_patchMenu_activated(int index)

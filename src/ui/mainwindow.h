@@ -116,6 +116,8 @@ protected:
 private:
     void setIcons();
     void stepPatch(int step);
+    // The patch steps of wands, OSC and MIDI: see onPatchIncRequested().
+    void takeRequestedPatchSteps();
     void updateReadout();
     QSlider* macroSlider(int number) const;
     QLabel* macroLabel(int number) const;
@@ -135,6 +137,11 @@ private:
     const ArboEvent mStopAllEvent;
     // The menu item of the patch last loaded successfully; -1 before any.
     int mLastLoadedPatch = -1;
+    // Patch steps taken from the player and not yet carried out, and whether
+    // a change for them runs (a failed load's message box lets the event
+    // loop, and so more steps, in during a change).
+    int mRequestedPatchSteps = 0;
+    bool mPatchChangeUnderWay = false;
     QString mLastPatchFolder;
     QPoint mOptionsDialogPosition;
     DiagnosticsDialog* mDiagnosticsDialog = nullptr;
