@@ -695,6 +695,15 @@ void TestMainWindow::patchMenuEdgeCases()
     render();
     QTRY_COMPARE(menu->currentText(), QStringLiteral("Organ"));
     QVERIFY(mPlayer.isPatchOpen());
+    // A burst of them goes straight to where they add up to: 201 steps from
+    // Organ, the first of four, end on Pluck, in one change.
+    QSignalSpy loads(&mPlayer, &PdPlayer::patchLoaded);
+    for (int i = 0; i < 201; ++i) {
+        mPlayer.queueEventGui(&next);
+    }
+    render();
+    QTRY_COMPARE(menu->currentText(), QStringLiteral("Pluck"));
+    QCOMPARE(loads.size(), 1);
 
     // A patch from elsewhere joins the menu under its name, once.
     const QString own = TestSupport::home() + QStringLiteral("/My Voice.pd");

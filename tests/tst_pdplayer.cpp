@@ -58,6 +58,7 @@ private slots:
     void disabledPrimesBlockTheirNotes();
     void transpositionMovesTheNextNote();
     void volumesAndMacrosReachThePatch();
+    void insaneValuesAreRefusedAndStepsSummed();
     void badPatchLeavesNothingOpen();
     void numbersParseUnderADecimalCommaLocale();
     void noteTapAndBuiltInSound();
@@ -353,6 +354,62 @@ void TestPdPlayer::volumesAndMacrosReachThePatch()
     const double longRelease = renderUntilAllFree(6.0);
     QVERIFY2(shortRelease < 0.1, qPrintable(QString::number(shortRelease)));
     QVERIFY2(longRelease > 3.9 && longRelease < 4.5, qPrintable(QString::number(longRelease)));
+}
+
+// Values that would silence or deafen the instrument, however they reached
+// a ring, are refused: nothing changes, nothing is signalled (so nothing is
+// saved), and the GUI thread reports them once, naming the source. Patch
+// steps are summed into one signal for the window.
+void TestPdPlayer::insaneValuesAreRefusedAndStepsSummed()
+{
+    toggle("/3");
+    const std::vector<float> before = render(0.5);
+    QSignalSpy changes(&mPlayer, &PdPlayer::baseFrequencyChanged);
+    QSignalSpy volumes(&mPlayer, &PdPlayer::volumeChanged);
+    QSignalSpy macros(&mPlayer, &PdPlayer::macroValueChanged);
+    const float nan = std::nanf("");
+    for (const ArboEvent& event :
+         {ArboEvent(ArboEvent::BaseFrequency, 0.0f), ArboEvent(ArboEvent::BaseFrequency, -440.0f),
+          ArboEvent(ArboEvent::BaseFrequency, 1e6f), ArboEvent(ArboEvent::BaseFrequency, 1e30f),
+          ArboEvent(ArboEvent::BaseFrequency, nan), ArboEvent(ArboEvent::MasterVolume, 1e30f),
+          ArboEvent(ArboEvent::MasterVolume, nan), ArboEvent(ArboEvent::MasterVolumeStep, 3.5f),
+          ArboEvent(ArboEvent::VoiceVolume, -1.0f), ArboEvent(ArboEvent::Macro1, 5.0f)}) {
+        queue(event);
+    }
+    const std::vector<float> after = render(0.5);
+    QCOMPARE(changes.size() + volumes.size() + macros.size(), 0);
+    QCOMPARE(mPlayer.baseFrequency(), 440.0f);
+    QCOMPARE(mPlayer.volume(), 0.8f);
+    QCOMPARE(mPlayer.refusedValues(), quint32(10));
+    // Still the same fifth, as loud as before.
+    const QVector<float> last(after.end() - SAMPLE_RATE / 4, after.end());
+    QVERIFY(std::abs(AudioAnalysis::dominantFrequency(last, SAMPLE_RATE) - 660.0) < 0.5);
+    QVERIFY(std::abs(AudioAnalysis::rms(last) /
+                         AudioAnalysis::rms(QVector<float>(before.end() - SAMPLE_RATE / 4,
+                                                           before.end())) -
+                     1.0) < 0.02);
+    QTest::ignoreMessage(QtWarningMsg,
+                         QRegularExpression("^Ignored 10 command\\(s\\) from the window with a "
+                                            "value out of range \\(last: event 11 with the value "
+                                            "5, which is no macro value from 0 to 1\\)$"));
+    mPlayer.reportRefusedCommands();
+    QCOMPARE(mPlayer.refusedValues(), quint32(0));
+
+    // Seven steps, one signal; the next step after the window took them is
+    // signalled anew.
+    QSignalSpy next(&mPlayer, &PdPlayer::patchIncRequested);
+    QSignalSpy previous(&mPlayer, &PdPlayer::patchDecRequested);
+    for (const float step : {1.0f, 1.0f, -1.0f, 1.0f, 1.0f, -1.0f, 1.0f}) {
+        queue(ArboEvent(ArboEvent::PatchStep, step));
+    }
+    render(BUFFER_SECONDS);
+    QCOMPARE(next.size() + previous.size(), 1);
+    QCOMPARE(mPlayer.takePatchSteps(), 3);
+    QCOMPARE(mPlayer.takePatchSteps(), 0);
+    queue(ArboEvent(ArboEvent::PatchStep, -1.0f));
+    render(BUFFER_SECONDS);
+    QCOMPARE(previous.size(), 1);
+    QCOMPARE(mPlayer.takePatchSteps(), -1);
 }
 
 void TestPdPlayer::badPatchLeavesNothingOpen()

@@ -11,6 +11,7 @@
 
 #include <QDir>
 #include <QDirIterator>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QMessageBox>
 #include <QProcess>
@@ -198,6 +199,8 @@ private slots:
     void fatalFailuresStopWithTheirMessage();
     void unopenableLogFileIsNotFatal();
     void damagedOptionsAreReportedOnceAndStartupGoesOn();
+    void sigtermDuringTheStartupBoxEndsTheProgram();
+    void entriesInTheWayAreKeptAsideAndStartupGoesOn();
     void binaryStartsCopiesShellPatchesAndShutsDownOnSigterm();
     void outdatedRuntimePatchIsReplaced();
     void secondInstanceSaysSoAndWritesNothing();
@@ -319,6 +322,72 @@ void TestStartup::damagedOptionsAreReportedOnceAndStartupGoesOn()
     const QStringList kept = matching(config, "options.json.damaged-*");
     QCOMPARE(kept.size(), 1);
     QCOMPARE(TestSupport::readFile(config + "/" + kept.first()), QByteArray("{ \"udpPort\": 9"));
+}
+
+// A SIGTERM while the options' message box waits for a click: nobody is at
+// the window, so the box closes, start-up ends, and the program saves and
+// leaves at once instead of playing on with nobody to stop it.
+void TestStartup::sigtermDuringTheStartupBoxEndsTheProgram()
+{
+    QTemporaryDir home;
+    const QString config = home.path() + "/Merrow Tuning Arbo";
+    QVERIFY(TestSupport::writeFile(config + "/options.json", ""));
+    QProcess process;
+    QProcessEnvironment env = mJack.environment();
+    env.insert("XDG_DATA_HOME", home.path());
+    env.insert("QT_QPA_PLATFORM", "offscreen");
+    process.setProcessEnvironment(env);
+    process.start(TestSupport::mainBinary(), QStringList());
+    QVERIFY(process.waitForStarted());
+    // Logged right before the box opens.
+    QTRY_VERIFY_WITH_TIMEOUT(
+        TestSupport::readFile(config + "/log.txt").contains("Failed to read saved options"), 30000);
+    QElapsedTimer timer;
+    timer.start();
+    process.terminate();
+    QVERIFY(process.waitForFinished(30000));
+    const qint64 took = timer.elapsed();
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(process.exitCode(), 0);
+    QVERIFY2(took < 2000, qPrintable(QString("%1 ms").arg(took)));
+    // Saved as at any clean exit: the options whole, the lattice written.
+    const QJsonObject options =
+        QJsonDocument::fromJson(TestSupport::readFile(config + "/options.json")).object();
+    QCOMPARE(options.size(), 16);
+    QVERIFY(QFileInfo(config + "/arbo_v15.json").isFile());
+}
+
+// Folders where the documents belong and a file where the runtime patch
+// folder belongs, as a slip in a file manager leaves them: each is kept
+// aside under a name of its own and the program starts as on a first run.
+void TestStartup::entriesInTheWayAreKeptAsideAndStartupGoesOn()
+{
+    ResourceCopy resources;
+    QTemporaryDir home;
+    const QString config = home.path() + "/Merrow Tuning Arbo";
+    const QStringList documents = {"arbo_v15.json", "options.json", "input_map.json",
+                                   "rfid_map.json"};
+    for (const QString& name : documents) {
+        QVERIFY(TestSupport::writeFile(config + "/" + name + "/inside.txt", "mine"));
+    }
+    QVERIFY(TestSupport::writeFile(config + "/patch", "not a folder"));
+
+    const RunResult result =
+        runStartupChild(resources.executable(), home.path(), mJack.environment());
+    QVERIFY2(result.exitCode == 0, qPrintable(result.report()));
+    QCOMPARE(result.messageBoxes, QStringList());
+    for (const QString& name : documents + QStringList{"patch"}) {
+        const QFileInfoList aside =
+            QDir(config).entryInfoList({name + ".damaged-*"}, QDir::AllEntries | QDir::Hidden);
+        QCOMPARE(aside.size(), 1);
+        QCOMPARE(aside.first().isDir(), name != "patch");
+    }
+    // Written anew, but for the tag map, which only its user writes.
+    for (const QString& name : {"arbo_v15.json", "options.json", "input_map.json"}) {
+        QVERIFY2(QFileInfo(config + "/" + name).isFile(), qPrintable(name));
+    }
+    QVERIFY(!QFileInfo::exists(config + "/rfid_map.json"));
+    QVERIFY(QFileInfo(config + "/patch/arbo_main.pd").isFile());
 }
 
 void TestStartup::binaryStartsCopiesShellPatchesAndShutsDownOnSigterm()

@@ -12,6 +12,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 
 const QString Arbo::FILE_NAME = QStringLiteral("arbo_v15.json");
 const QColor Arbo::WHITE = QColor(255, 255, 255, 255);
@@ -91,9 +92,11 @@ bool Arbo::init(PdPlayer* player)
     if (player) {
         // The player emits on the audio thread; queued, the slots run here.
         connect(player, &PdPlayer::noteToggled, this, &Arbo::onNoteToggled, Qt::QueuedConnection);
-        connect(player, &PdPlayer::transposed, this, &Arbo::onTransposed, Qt::QueuedConnection);
-        connect(player, &PdPlayer::baseFrequencyChanged, this, &Arbo::onBaseFrequencyChanged,
+        // These two coalesce: see onEngineTransposed().
+        connect(player, &PdPlayer::transposed, this, &Arbo::onEngineTransposed,
                 Qt::QueuedConnection);
+        connect(player, &PdPlayer::baseFrequencyChanged, this,
+                &Arbo::onEngineBaseFrequencyChanged, Qt::QueuedConnection);
         connect(player, &PdPlayer::primeEnabledToggled, this, &Arbo::onPrimeEnabledToggled,
                 Qt::QueuedConnection);
     }
@@ -283,11 +286,6 @@ void Arbo::buildBallMapFrom(ArboBall* node)
     }
 }
 
-void Arbo::simplifyTransposeSteps()
-{
-    ArboConstants::cancelOppositeSteps(mTransposeSteps);
-}
-
 void Arbo::togglePrimeFrom(ArboBall* node, int prime, bool enabled)
 {
     if (!node) {
@@ -327,6 +325,11 @@ void Arbo::onNoteToggled(ArboRatio ratio, bool on)
     } else {
         mPlaying.remove(ratio);
     }
+    // Under a transposition still to be taken over, the map is keyed by the
+    // old one; the rebuild marks the playing nodes from mPlaying.
+    if (mPending.transposed) {
+        return;
+    }
     if (ArboBall* node = ballFromRatio(ratio)) {
         node->setPlaying(on);
     }
@@ -334,12 +337,77 @@ void Arbo::onNoteToggled(ArboRatio ratio, bool on)
 
 void Arbo::onTransposed(ArboRatio ratio, int step)
 {
+    recordTransposition(ratio, step);
+    buildBallMap();
+    emit transposeOrBaseFrequencyChanged();
+}
+
+void Arbo::onEngineTransposed(ArboRatio ratio, int step)
+{
+    // The network can transpose hundreds of thousands of times a second, and
+    // every rebuild of the map, with the window's redraw that follows it,
+    // takes a millisecond or more: done for each, the window would fall
+    // minutes behind, deaf to everything (a quit request too). So the steps
+    // are gathered, and taken over with one rebuild after every report that
+    // is already waiting; until then the lattice shows the last state whole.
+    if (!mPending.transposed) {
+        mPending.transposed = true;
+        mPending.transposition = mTransposition;
+        mPending.steps = mTransposeSteps;
+    }
+    mPending.transposition = ratio;
+    addTransposeStep(mPending.steps, step);
+    scheduleRefresh();
+}
+
+void Arbo::onEngineBaseFrequencyChanged(float frequency)
+{
+    mPending.baseFrequency = frequency; // gathered for the same reason
+    mPending.baseFrequencyChanged = true;
+    scheduleRefresh();
+}
+
+void Arbo::scheduleRefresh()
+{
+    if (!mRefreshScheduled) {
+        mRefreshScheduled = true;
+        QMetaObject::invokeMethod(this, &Arbo::refresh, Qt::QueuedConnection);
+    }
+}
+
+void Arbo::refresh()
+{
+    mRefreshScheduled = false;
+    const Pending pending = std::exchange(mPending, Pending());
+    bool changed = false;
+    if (pending.baseFrequencyChanged && pending.baseFrequency != mBaseFrequency) {
+        mBaseFrequency = pending.baseFrequency;
+        changed = true;
+    }
+    if (pending.transposed) {
+        mTransposition = pending.transposition;
+        mTransposeSteps = pending.steps;
+        buildBallMap();
+        changed = true;
+    }
+    if (changed) {
+        emit transposeOrBaseFrequencyChanged();
+    }
+}
+
+void Arbo::recordTransposition(const ArboRatio& ratio, int step)
+{
     mTransposition = ratio;
+    addTransposeStep(mTransposeSteps, step);
+}
+
+void Arbo::addTransposeStep(QList<int>& steps, int step)
+{
     if (step == 0) {
-        mTransposeSteps.clear();
+        steps.clear();
     } else if (isValidPrime(step)) {
-        mTransposeSteps.append(step);
-        simplifyTransposeSteps();
+        steps.append(step);
+        ArboConstants::cancelOppositeSteps(steps);
     } else {
         // The engine never takes such a step; keeping it would make every
         // absolute ratio meaningless.
@@ -348,8 +416,6 @@ void Arbo::onTransposed(ArboRatio ratio, int step)
         noPrime.warn(
             QStringLiteral("Transposition step %1 is no prime step; not recorded").arg(step));
     }
-    buildBallMap();
-    emit transposeOrBaseFrequencyChanged();
 }
 
 void Arbo::onBaseFrequencyChanged(float frequency)

@@ -74,8 +74,6 @@ public:
     // playing, then marks the nodes of the sounding ratios playing again.
     void buildBallMap();
     void buildBallMapFrom(ArboBall* node);
-    // Removes every +p/-p pair from the transposition steps.
-    void simplifyTransposeSteps();
     // Sets `enabled` on every child of `node` (and its subtree) that hangs
     // under +prime or -prime, anywhere below `node`.
     void togglePrimeFrom(ArboBall* node, int prime, bool enabled);
@@ -110,8 +108,23 @@ signals:
     // Input made on the lattice's own views, for the sound engine.
     void eventReceived(const ArboEvent* event);
 
+private slots:
+    // The engine's reports, coalesced (onTransposed() and
+    // onBaseFrequencyChanged() act at once, for callers that need it).
+    void onEngineTransposed(ArboRatio ratio, int step);
+    void onEngineBaseFrequencyChanged(float frequency);
+
 private:
     void replaceRoot();
+    void recordTransposition(const ArboRatio& ratio, int step);
+    // Adds one step of the engine to `steps` (0: back to none), cancelling
+    // +p/-p pairs.
+    static void addTransposeStep(QList<int>& steps, int step);
+    // Takes over what the engine reported since the last call (with one
+    // rebuild of the ball map) and emits transposeOrBaseFrequencyChanged();
+    // scheduleRefresh() queues it unless it is queued already.
+    void scheduleRefresh();
+    void refresh();
 
     ArboBall* mRoot = nullptr;
     ArboRatio mTransposition{1, 1};
@@ -125,4 +138,15 @@ private:
     unsigned long long mMaxKeyDenominator = 0;
     double mMaxKeyValue = 0.0;
     QSet<ArboRatio> mPlaying;
+    // The engine's reports waiting for refresh().
+    struct Pending
+    {
+        bool transposed = false;
+        ArboRatio transposition;
+        QList<int> steps;
+        bool baseFrequencyChanged = false;
+        float baseFrequency = 0.0f;
+    };
+    Pending mPending;
+    bool mRefreshScheduled = false;
 };
