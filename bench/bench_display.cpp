@@ -188,6 +188,7 @@ void clickToPlayerOffline(benchmark::State& state)
         const Clock::time_point start = Clock::now();
         QTest::mousePress(view.viewport(), Qt::LeftButton, Qt::NoModifier, point);
         sPlayer->processEvents();
+        sPlayer->deliverResults();
         const Clock::time_point end = Clock::now();
         QTest::mouseRelease(view.viewport(), Qt::LeftButton, Qt::NoModifier, point);
         if (toggles != before + 1) {
@@ -205,6 +206,7 @@ void clickToPlayerOffline(benchmark::State& state)
     const ArboEvent stopAll(ArboEvent::AllNotesOff, 1.0f);
     sPlayer->queueEventGui(&stopAll);
     sPlayer->processEvents();
+    sPlayer->deliverResults();
 }
 
 void clickToCallback(benchmark::State& state)

@@ -56,6 +56,7 @@ void noteToMidi(benchmark::State& state)
             toggle(fifth); // on
             const Clock::time_point start = Clock::now();
             sPlayer->processEvents();
+            sPlayer->deliverResults();
             const Clock::time_point deadline = start + std::chrono::seconds(1);
             while (sOutput->notesSent() == before && Clock::now() < deadline) {
                 std::this_thread::yield();
@@ -69,6 +70,7 @@ void noteToMidi(benchmark::State& state)
             }
             toggle(fifth); // off
             sPlayer->processEvents();
+            sPlayer->deliverResults();
             // Apart by a little, as notes are played.
             std::this_thread::sleep_for(std::chrono::microseconds(500 + 37 * (i % 50)));
         }

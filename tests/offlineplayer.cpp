@@ -9,8 +9,6 @@
 
 #include <QDir>
 
-#include <z_libpd.h>
-
 #include <algorithm>
 #include <cmath>
 
@@ -18,23 +16,23 @@ namespace OfflinePlayer {
 
 std::vector<float> render(PdPlayer& player, double seconds)
 {
-    constexpr int TICK = 64; // libpd's block size
     const int buffers = std::max(1, int(std::ceil(seconds / BUFFER_SECONDS)));
     std::vector<float> left;
     left.reserve(size_t(buffers) * BUFFER_FRAMES);
     std::vector<float> stereo(BUFFER_FRAMES * 2, 0.0f);
     for (int b = 0; b < buffers; ++b) {
-        player.processEvents();
-        if (player.isPatchOpen()) {
-            libpd_process_float(BUFFER_FRAMES / TICK, nullptr, stereo.data());
-        } else {
-            std::fill(stereo.begin(), stereo.end(), 0.0f); // as the callback plays no patch
-        }
+        player.render(stereo.data(), BUFFER_FRAMES);
+        player.deliverResults(); // as the GUI thread's timer would
         for (int i = 0; i < BUFFER_FRAMES; ++i) {
             left.push_back(stereo[size_t(2 * i)]);
         }
     }
     return left;
+}
+
+void runBuffer(PdPlayer& player)
+{
+    render(player, BUFFER_SECONDS);
 }
 
 void setUp(PdPlayer& player, Arbo& lattice, Settings& settings)

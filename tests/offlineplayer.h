@@ -15,10 +15,15 @@ constexpr int SAMPLE_RATE = 44100;
 constexpr int BUFFER_FRAMES = 256;
 constexpr double BUFFER_SECONDS = double(BUFFER_FRAMES) / SAMPLE_RATE;
 
-// Runs `player` for at least `seconds` (whole buffers, one at least) and
-// returns the left channel: silence while no patch is open. The player must have been given
+// Runs `player` through its render entry for at least `seconds` (whole
+// buffers, one at least), delivering its results after each buffer as the
+// GUI thread would, and returns the left channel: silence while no patch is
+// open. The player must have been given
 // initAudio(2, SAMPLE_RATE).
 std::vector<float> render(PdPlayer& player, double seconds);
+// One buffer, for a test that plays the audio thread and only wants the
+// commands carried out and their results delivered.
+void runBuffer(PdPlayer& player);
 
 // The instrument as start-up builds it, minus the sound card: registers the
 // three objects, starts the player for render() with the shell patches in

@@ -298,6 +298,7 @@ private slots:
             QCOMPARE(AudioAnalysis::peak(renderBuffer(256)), 0.0); // over a buffer of 0.5
             QCOMPARE(mPlayer.baseFrequency(), frequency);
         }
+        mPlayer.deliverResults();
         QCOMPARE(base.count(), 2);
     }
 
@@ -312,6 +313,35 @@ private slots:
         QCOMPARE(AudioAnalysis::peak(renderBuffer(256)), 0.0);
         mOutput->unmute();
         QCOMPARE(renderBuffer(256)[2 * 255], before + 3.0f * 256.0f);
+    }
+
+    // A patch that computes a sample that is not a number (here a square
+    // root of -1, once told to): that buffer is silence, the GUI thread says
+    // so once, and the sound comes back as soon as the patch computes numbers
+    // again.
+    void notANumberNeverReachesTheDevice()
+    {
+        const QString path = mPatchDir.filePath(QStringLiteral("nan.pd"));
+        QVERIFY(TestSupport::writeFile(path, "#N canvas 0 50 450 300 12;\n"
+                                             "#X obj 20 20 r make-nan;\n#X obj 20 50 sig~;\n"
+                                             "#X obj 20 80 expr~ sqrt(-$v1) + 0.25;\n"
+                                             "#X obj 20 110 dac~;\n#X connect 0 0 1 0;\n"
+                                             "#X connect 1 0 2 0;\n#X connect 2 0 3 0;\n"
+                                             "#X connect 2 0 3 1;\n"));
+        mOutput->setPlayer(&mPlayer);
+        QVERIFY(mPlayer.loadPatch(QFileInfo(path)));
+        QCOMPARE(renderBuffer(256)[10], 0.25f);
+        libpd_float("make-nan", 1.0f);
+        QCOMPARE(AudioAnalysis::peak(renderBuffer(256, 7.0f)), 0.0);
+        QCOMPARE(mPlayer.silencedBuffers(), quint32(1));
+        QTest::ignoreMessage(QtWarningMsg,
+                             "Silenced 1 audio buffer(s) in which the patch computed a sample "
+                             "that is not a finite number; its sound was reset");
+        mPlayer.reportRefusedCommands();
+        libpd_float("make-nan", 0.0f);
+        renderBuffer(256);
+        QCOMPARE(renderBuffer(256)[10], 0.25f);
+        mPlayer.unloadPatch();
     }
 
     // Pd left to itself computes the denormal; through the callback the same

@@ -12,6 +12,7 @@
 #include "midi/mtsencoder.h"
 #include "model/arboratio.h"
 #include "sound/pdplayer.h"
+#include "offlineplayer.h"
 #include "testsupport.h"
 #include "ui/midioptionswidget.h"
 
@@ -425,7 +426,7 @@ private slots:
         QVERIFY(player.init());
         auto queue = [&player](const ArboEvent& event) {
             player.queueEventGui(&event);
-            player.processEvents(); // this thread plays the audio thread
+            OfflinePlayer::runBuffer(player); // this thread plays the audio thread
         };
         auto toggle = [&](const char* path) { queue(ArboNoteEvent(QString::fromLatin1(path))); };
         queue(ArboEvent(ArboEvent::BaseFrequency, BASE));

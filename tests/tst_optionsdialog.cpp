@@ -8,6 +8,7 @@
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
 #include "sound/pdplayer.h"
+#include "offlineplayer.h"
 #include "testsupport.h"
 #include "ui/optionsdialog.h"
 
@@ -45,7 +46,7 @@ class TestOptionsDialog : public QObject
         return dialog.findChild<QSpinBox*>(QStringLiteral("calibrationFreqEdit"));
     }
     // What the audio thread would do next: carry out the queued commands.
-    void drainPlayer() { mPlayer.processEvents(); }
+    void drainPlayer() { OfflinePlayer::runBuffer(mPlayer); }
 
 private slots:
     void initTestCase()

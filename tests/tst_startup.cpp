@@ -383,7 +383,7 @@ void TestStartup::entriesInTheWayAreKeptAsideAndStartupGoesOn()
         QCOMPARE(aside.first().isDir(), name != "patch");
     }
     // Written anew, but for the tag map, which only its user writes.
-    for (const QString& name : {"arbo_v15.json", "options.json", "input_map.json"}) {
+    for (const char* name : {"arbo_v15.json", "options.json", "input_map.json"}) {
         QVERIFY2(QFileInfo(config + "/" + name).isFile(), qPrintable(name));
     }
     QVERIFY(!QFileInfo::exists(config + "/rfid_map.json"));

@@ -1,11 +1,9 @@
 #include "sound/paaudiooutput.h"
 
 #include "input/arboevent.h"
-#include "sound/denormals.h"
 #include "sound/pdplayer.h"
 #include "sound/portaudiolibrary.h"
 
-#include <z_libpd.h>
 
 #include <QDebug>
 #include <QThread>
@@ -336,7 +334,7 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
     mSampleRate = sampleRate;
     mOutputLatency = 0.0;
     mStats.reset(); // no callback runs between the close above and the start below
-    mCarryFrames = 0;
+    mPlayer->resetRender();
     mStreamFinished.store(false);
     mContext = new StreamContext{this, mStreamToken.load()};
     PaError error = mLibrary->OpenStream(&mStream, nullptr, &output, sampleRate,
@@ -458,12 +456,12 @@ void PaAudioOutput::retireCallbacks()
 
 void PaAudioOutput::mute()
 {
-    mMuted.store(true, std::memory_order_relaxed);
+    mPlayer->setMuted(true);
 }
 
 void PaAudioOutput::unmute()
 {
-    mMuted.store(false, std::memory_order_relaxed);
+    mPlayer->setMuted(false);
 }
 
 bool PaAudioOutput::isStreamRunning()
@@ -587,16 +585,17 @@ int PaAudioOutput::portAudioCallback(const void* /*input*/, void* output, unsign
 int PaAudioOutput::onStreamCallback(std::uint32_t token, float* output, unsigned long frames,
                                     PaStreamCallbackFlags statusFlags) noexcept
 {
-    // Real-time exceptions on this thread, all named by the design:
-    // - the player emits queued Qt signals (each allocates an event);
-    // - the player's note map may allocate a node at a note-on;
-    // - opening and closing a patch (a patch change, with the output muted)
-    //   reads the patch file and takes the patch mutex, which the waiting
-    //   GUI thread holds only for a moment;
-    // - the player's debug lines, formatted only when diagnostics were asked
-    //   for on the command line.
-    // Nothing else blocks, locks, allocates, logs or touches a file here: the
-    // render owner below is one compare-and-swap that never waits.
+    // What may still happen on this thread, and only inside libpd: libpd
+    // takes its instance's own lock around each call (never contended: only
+    // this thread uses the instance), and some Pd objects allocate in some
+    // of their message methods. One exception of this program's own remains
+    // until patch changes are prepared off this thread: opening and closing
+    // a patch (a patch change, with the output muted) reads the patch file,
+    // allocates and takes the patch mutex, which the waiting GUI thread holds
+    // only for a moment. Apart from those, nothing here blocks, locks,
+    // allocates, logs, emits or touches a file or socket: the player reports
+    // through a fixed queue, and the render owner below is one
+    // compare-and-swap that never waits.
     const auto start = std::chrono::steady_clock::now();
     const std::size_t bytes = std::size_t(frames) * CHANNELS * sizeof(float);
     std::uint32_t nobody = 0;
@@ -626,49 +625,5 @@ int PaAudioOutput::onStreamCallback(std::uint32_t token, float* output, unsigned
 
 void PaAudioOutput::render(float* output, int frames) noexcept
 {
-    // Every time rather than once: PortAudio does not promise one thread for
-    // the stream's whole life, and setting it costs a register write.
-    Denormals::flushToZero();
-
-    // Commands are carried out whether or not a patch is open. This also
-    // gives this thread libpd's instance, which libpd_process_float needs.
-    mPlayer->processEvents();
-
-    const std::size_t bytes = std::size_t(std::max(frames, 0)) * CHANNELS * sizeof(float);
-    if (frames <= 0) {
-        return;
-    }
-    if (!mPlayer->isPatchOpen()) {
-        mCarryFrames = 0; // what was left of the last patch's tick is not played
-        std::memset(output, 0, bytes);
-        return;
-    }
-    constexpr std::size_t FRAME_BYTES = CHANNELS * sizeof(float);
-    int done = 0;
-    // 1. The rest of the tick that the previous buffer could not take.
-    if (mCarryFrames > 0) {
-        const int taken = std::min(mCarryFrames, frames);
-        std::memcpy(output, mCarry + (PD_BLOCK_FRAMES - mCarryFrames) * CHANNELS,
-                    std::size_t(taken) * FRAME_BYTES);
-        mCarryFrames -= taken;
-        done = taken;
-    }
-    // 2. Whole ticks, straight into the buffer.
-    const int ticks = (frames - done) / PD_BLOCK_FRAMES;
-    if (ticks > 0) {
-        libpd_process_float(ticks, nullptr, output + std::size_t(done) * CHANNELS);
-        done += ticks * PD_BLOCK_FRAMES;
-    }
-    // 3. One more tick for the end of the buffer; its tail waits for the
-    // next one. The sound runs on without a gap at any buffer size.
-    if (done < frames) {
-        libpd_process_float(1, nullptr, mCarry);
-        const int rest = frames - done;
-        std::memcpy(output + std::size_t(done) * CHANNELS, mCarry, std::size_t(rest) * FRAME_BYTES);
-        mCarryFrames = PD_BLOCK_FRAMES - rest;
-    }
-    // Muted: the patch went on running, only its output is discarded.
-    if (mMuted.load(std::memory_order_relaxed)) {
-        std::memset(output, 0, bytes);
-    }
+    mPlayer->render(output, frames);
 }

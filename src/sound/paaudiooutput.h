@@ -85,7 +85,6 @@ public:
     // GUI thread; the callback sees the change at its next buffer.
     void mute() override;
     void unmute() override;
-    bool isMuted() const { return mMuted.load(std::memory_order_relaxed); }
 
     // Whether the stream is open, not lost and PortAudio reports it active,
     // so that the player never waits for a callback that cannot come.
@@ -112,13 +111,8 @@ public:
     const CallbackStats& callbackStats() const { return mStats; }
     CallbackStats& callbackStats() { return mStats; }
 
-    // The one place where sound is made, shared by the stream callback, the
-    // tests and the benchmarks: carries out the player's queued commands,
-    // then fills `frames` stereo frames (any number) with the patch's output,
-    // or with silence while muted or with no patch open. Pd computes whole
-    // ticks of 64 frames; the part of a tick that does not fit is kept for
-    // the next call, so that every buffer size plays without gaps.
-    // Audio thread; or any thread while no stream runs.
+    // The stream's audio: the player's render(), the one place where sound
+    // is made. Audio thread; or any thread while no stream runs.
     void render(float* output, int frames) noexcept;
 
     // The stream callback; `userData` is the stream's context.
@@ -162,7 +156,6 @@ private:
     mutable QHash<int, int> mDeviceMap;
     // A plain flag in spirit: written by the GUI thread, read by the callback;
     // relaxed, because a change only has to arrive within a buffer or so.
-    std::atomic<bool> mMuted{false};
     double mSampleRate = 0.0;
     double mOutputLatency = 0.0;
     CallbackStats mStats;
@@ -182,8 +175,6 @@ private:
 
     // Audio thread (or while no stream runs): the rest of the last Pd tick
     // that did not fit into the previous buffer.
-    float mCarry[PD_BLOCK_FRAMES * CHANNELS] = {};
-    int mCarryFrames = 0;
 
     // GUI thread: the watchdog and the retries.
     QTimer mWatchdog;

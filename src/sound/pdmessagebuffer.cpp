@@ -5,6 +5,8 @@
 
 #include <QDebug>
 
+#include <algorithm>
+
 extern "C" {
 #include "z_ringbuffer.h"
 }
@@ -103,10 +105,17 @@ void PdMessageBuffer::reportDrops()
              mFullWarning.takeSuppressed());
 }
 
-void PdMessageBuffer::processEvents(ChunkList& list)
+void PdMessageBuffer::processEvents(ChunkList& list, int maxChunks)
 {
-    if (!mRing) {
+    if (!mRing || maxChunks <= 0) {
         return;
+    }
+    if (mHasAhead && list.size() < list.capacity()) {
+        // What peek() took out of the ring comes first.
+        sScratch[list.size()] = mAhead;
+        list.append(&sScratch[list.size()]);
+        mHasAhead = false;
+        --maxChunks;
     }
     int bytes = rb_available_to_read(mRing);
     if (bytes <= 0) {
@@ -116,9 +125,8 @@ void PdMessageBuffer::processEvents(ChunkList& list)
     bytes -= bytes % CHUNK_BYTES;
     const std::size_t first = list.size();
     const int room = static_cast<int>(list.capacity() - first) * CHUNK_BYTES;
-    if (bytes > room) {
-        bytes = room; // the rest stays in the ring for the next drain
-    }
+    // The rest stays in the ring, in order, for the next drain.
+    bytes = std::min({bytes, room, maxChunks * CHUNK_BYTES});
     if (bytes == 0) {
         return;
     }
@@ -130,6 +138,24 @@ void PdMessageBuffer::processEvents(ChunkList& list)
     for (std::size_t i = 0; i < count; ++i) {
         list.append(&sScratch[first + i]);
     }
+}
+
+bool PdMessageBuffer::peek(Chunk& chunk)
+{
+    if (!mHasAhead) {
+        if (!mRing || rb_available_to_read(mRing) < CHUNK_BYTES ||
+            rb_read_from_buffer(mRing, reinterpret_cast<char*>(&mAhead), CHUNK_BYTES) != 0) {
+            return false;
+        }
+        mHasAhead = true;
+    }
+    chunk = mAhead;
+    return true;
+}
+
+void PdMessageBuffer::pop()
+{
+    mHasAhead = false;
 }
 
 int PdMessageBuffer::freeChunks() const

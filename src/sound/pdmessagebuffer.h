@@ -82,10 +82,10 @@ public:
     // thread, and the limit keeps a flood of commands from flooding the log.
     bool writeChunk(const Chunk* chunk);
 
-    // Audio thread only. Reads everything that is in the ring at this moment
-    // (whole chunks, as many as the list has room for) into a static scratch
-    // area and appends a pointer to each chunk, in order, to `list`. Never
-    // blocks or allocates.
+    // Audio thread only. Reads what is in the ring at this moment (whole
+    // chunks, at most `maxChunks` and as many as the list has room for; the
+    // rest stays for the next call) into a static scratch area and appends a
+    // pointer to each chunk, in order, to `list`. Never blocks or allocates.
     //
     // The scratch area is one for all buffers: a chunk lands in the scratch
     // slot matching its position in the list, so draining a second buffer
@@ -93,7 +93,13 @@ public:
     // pointers stay valid until the next call (on any buffer) that fills the
     // same positions, that is after the caller has cleared the list: carry
     // the chunks out before clearing it.
-    void processEvents(ChunkList& list);
+    void processEvents(ChunkList& list, int maxChunks = int(MAX_CHUNKS));
+
+    // Audio thread only. The oldest command in the ring, left in it (true),
+    // or false when the ring is empty; pop() then takes it away. For a
+    // reader that decides per command whether to carry it out now.
+    bool peek(Chunk& chunk);
+    void pop();
 
     // Before any writer runs. Off: a writer that must not log (a real-time
     // MIDI thread) only counts its drops, and someone else reports them from
@@ -110,6 +116,10 @@ private:
     void reportDrops();
 
     ring_buffer* mRing = nullptr;
+    // The reader's look-ahead: a chunk read from the ring by peek() and not
+    // yet popped. It comes before anything still in the ring.
+    Chunk mAhead;
+    bool mHasAhead = false;
 
     // Writer-side state of the rate-limited warning; touched only by the
     // writer thread (and by the destructor, once no writer is left).

@@ -6,6 +6,7 @@
 #include "settings/appcontext.h"
 #include "settings/debuglog.h"
 #include "sound/audiooutput.h"
+#include "sound/denormals.h"
 
 #include <z_libpd.h>
 #include <z_print_util.h>
@@ -15,11 +16,13 @@
 #include <QFileInfo>
 #include <QThread>
 
+#include <algorithm>
 #include <clocale>
 #include <cmath>
 #include <cstring>
 
 PdPlayer* PdPlayer::sThis = nullptr;
+thread_local bool PdPlayer::tOnAudioThread = false;
 
 namespace {
 
@@ -89,9 +92,10 @@ PdPlayer::PdPlayer(QObject* parent) : QObject(parent)
     for (int i = 0; i < VOICE_COUNT; ++i) {
         mVoices[i] = NoteOn();
     }
-    mNoteMap.reserve(VOICE_COUNT);
     mReportTimer.setInterval(1000);
     connect(&mReportTimer, &QTimer::timeout, this, &PdPlayer::reportRefusedCommands);
+    mDeliveryTimer.setInterval(DELIVERY_INTERVAL_MS);
+    connect(&mDeliveryTimer, &QTimer::timeout, this, &PdPlayer::deliverResults);
 }
 
 PdPlayer::~PdPlayer()
@@ -131,6 +135,7 @@ bool PdPlayer::init()
     libpd_init(); // -1 when already done in this process, which is fine
     mPdInstance = libpd_this_instance();
     mReportTimer.start();
+    mDeliveryTimer.start();
     return true;
 }
 
@@ -169,24 +174,128 @@ void PdPlayer::queueEventOsc(const ArboEvent* event)
     mOscBuffer.queueEvent(event);
 }
 
-void PdPlayer::processEvents()
+void PdPlayer::render(float* output, int frames) noexcept
+{
+    tOnAudioThread = true;
+    // Every time rather than once: the audio library does not promise one
+    // thread for the stream's whole life, and setting it costs a register
+    // write.
+    Denormals::flushToZero();
+
+    // Commands are carried out whether or not a patch is open. This also
+    // gives this thread libpd's instance, which libpd_process_float needs.
+    processEvents(commandBudget(frames));
+
+    const std::size_t samples = std::size_t(std::max(frames, 0)) * CHANNELS;
+    if (frames <= 0) {
+        tOnAudioThread = false;
+        return;
+    }
+    if (!isPatchOpen()) {
+        mCarryFrames = 0; // what was left of the last patch's tick is not played
+        std::fill(output, output + samples, 0.0f);
+        tOnAudioThread = false;
+        return;
+    }
+    int done = 0;
+    // 1. The rest of the tick that the previous buffer could not take.
+    if (mCarryFrames > 0) {
+        const int taken = std::min(mCarryFrames, frames);
+        std::copy_n(mCarry + (PD_BLOCK_FRAMES - mCarryFrames) * CHANNELS, taken * CHANNELS,
+                    output);
+        mCarryFrames -= taken;
+        done = taken;
+    }
+    // 2. Whole ticks, straight into the buffer.
+    const int ticks = (frames - done) / PD_BLOCK_FRAMES;
+    if (ticks > 0) {
+        libpd_process_float(ticks, nullptr, output + std::size_t(done) * CHANNELS);
+        done += ticks * PD_BLOCK_FRAMES;
+    }
+    // 3. One more tick for the end of the buffer; its tail waits for the
+    // next one. The sound runs on without a gap at any buffer size.
+    if (done < frames) {
+        libpd_process_float(1, nullptr, mCarry);
+        const int rest = frames - done;
+        std::copy_n(mCarry, rest * CHANNELS, output + std::size_t(done) * CHANNELS);
+        mCarryFrames = PD_BLOCK_FRAMES - rest;
+    }
+    // A patch that computes NaN or infinity would send it to the device (a
+    // loud crack, or a driver that gives up) and keep it in its filters for
+    // good: the buffer is silenced and the patch's signal state cleared by
+    // switching its DSP off and on, which rebuilds its DSP chain afresh.
+    bool finite = true;
+    for (std::size_t i = 0; i < samples; ++i) {
+        finite = finite && std::isfinite(output[i]);
+    }
+    if (!finite) {
+        std::fill(output, output + samples, 0.0f);
+        mCarryFrames = 0;
+        setDsp(false);
+        setDsp(true);
+        mSilencedBuffers.fetch_add(1, std::memory_order_relaxed);
+    }
+    // Muted: the patch went on running, only its output is discarded.
+    if (mMuted.load(std::memory_order_relaxed)) {
+        std::fill(output, output + samples, 0.0f);
+    }
+    tOnAudioThread = false;
+}
+
+void PdPlayer::processEvents(int budget)
 {
     // A thread-local pointer store: cheap enough for every buffer, and the
     // audio library does not promise to call back on one thread for good.
     libpd_set_instance(mPdInstance);
-    processBuffer(mSerialBuffer, FromWands);
-    processBuffer(mMidiBuffer, FromMidi);
-    processBuffer(mOscBuffer, FromOsc);
-    processBuffer(mGuiBuffer, FromWindow);
+    // A budget per buffer: a flood costs latency, never an overrun. Each
+    // ring first gets a share, in the order wands, MIDI, OSC, window, so that
+    // no source can keep the others waiting; what is left goes round again.
+    // What is not carried out stays in its ring, in order, for the next
+    // buffer.
+    PdMessageBuffer* const rings[SOURCE_COUNT] = {&mSerialBuffer, &mMidiBuffer, &mOscBuffer,
+                                                  &mGuiBuffer};
+    const int share = std::max(1, budget / SOURCE_COUNT);
+    for (int source = 0; source < SOURCE_COUNT && budget > 0; ++source) {
+        budget -= processBuffer(*rings[source], Source(source), std::min(share, budget));
+    }
+    for (int source = 0; source < SOURCE_COUNT && budget > 0; ++source) {
+        budget -= processBuffer(*rings[source], Source(source), budget);
+    }
 }
 
-void PdPlayer::processBuffer(PdMessageBuffer& buffer, Source source)
+int PdPlayer::processBuffer(PdMessageBuffer& buffer, Source source, int budget)
 {
-    buffer.processEvents(mChunkList);
-    for (const PdMessageBuffer::Chunk* chunk : mChunkList) {
-        carryOut(*chunk, source);
+    int done = 0;
+    PdMessageBuffer::Chunk chunk;
+    while (done < budget && buffer.peek(chunk)) {
+        // A command is carried out only with room for all it may report;
+        // otherwise it waits, first in its ring, for the GUI thread to catch
+        // up, and the commands behind it wait with it.
+        if (mResults.freeSlots() < std::size_t(resultsOf(chunk.type))) {
+            break;
+        }
+        buffer.pop();
+        carryOut(chunk, source);
+        ++done;
     }
-    mChunkList.clear();
+    return done;
+}
+
+int PdPlayer::resultsOf(int type)
+{
+    switch (type) {
+    case ArboEvent::AllNotesOff:
+    case ArboEvent::ClosePatch:
+    case ArboEvent::OpenPatch:
+        return VOICE_COUNT + 1; // a note-off for every voice
+    case ArboEvent::NoteToggle:
+    case ArboEvent::NoteStart:
+        return 4; // a stolen voice's end and stop, a mono voice's end, the note
+    case ArboEvent::PatchStep:
+        return 0;
+    default:
+        return 1;
+    }
 }
 
 bool PdPlayer::acceptValue(int type, float value, float current, Source source)
@@ -283,13 +392,6 @@ void PdPlayer::carryOut(const PdMessageBuffer::Chunk& chunk, Source source)
         // Summed up for the GUI thread; one signal for a whole run of steps
         // (see takePatchSteps()).
         mPatchSteps.fetch_add(value > 0.0f ? 1 : -1, std::memory_order_relaxed);
-        if (!mPatchStepSignalled.exchange(true, std::memory_order_acq_rel)) {
-            if (value > 0.0f) {
-                emit patchIncRequested();
-            } else {
-                emit patchDecRequested();
-            }
-        }
         break;
     case ArboEvent::BaseFrequency:
         setBaseFrequency(value);
@@ -325,14 +427,14 @@ void PdPlayer::setVolume(float volume)
 {
     mVolume = volume;
     sendPdVolumeMessage(mVolume);
-    emit volumeChanged(mVolume);
+    report(PlayerResult::Volume, 0, mVolume);
 }
 
 void PdPlayer::setVoiceVolume(float volume)
 {
     // Takes effect from the next note-on; nothing goes to the patch now.
     mVoiceVolume = volume;
-    emit voiceVolumeChanged(mVoiceVolume);
+    report(PlayerResult::VoiceVolume, 0, mVoiceVolume);
 }
 
 void PdPlayer::setMonophonic(bool monophonic)
@@ -340,14 +442,14 @@ void PdPlayer::setMonophonic(bool monophonic)
     // Voices already sounding are left to ring.
     mMonophonic = monophonic;
     mMonoVoice = -1;
-    emit monophonicChanged(mMonophonic);
+    report(PlayerResult::Monophonic, 0, 0.0f, mMonophonic);
 }
 
 void PdPlayer::setBaseFrequency(float frequency)
 {
     // Sounding voices keep their frequency; new notes use the new base.
     mBaseFrequency = frequency;
-    emit baseFrequencyChanged(mBaseFrequency);
+    report(PlayerResult::BaseFrequency, 0, mBaseFrequency);
 }
 
 void PdPlayer::togglePrimeEnabled(int prime)
@@ -356,7 +458,7 @@ void PdPlayer::togglePrimeEnabled(int prime)
         return;
     }
     mPrimeEnabled[prime] = !mPrimeEnabled[prime];
-    emit primeEnabledToggled(prime, mPrimeEnabled[prime]);
+    report(PlayerResult::PrimeEnabled, prime, 0.0f, mPrimeEnabled[prime]);
 }
 
 bool PdPlayer::primeEnabled(int prime) const
@@ -368,7 +470,7 @@ void PdPlayer::setMacroValue(int macro, float value)
 {
     // Macros are for the whole patch: voice -1 goes out as voice number 0.
     sendPdVoiceMessage(Macro1 + macro - 1, value, -1);
-    emit macroValueChanged(macro, value);
+    report(PlayerResult::MacroValue, macro, value);
 }
 
 void PdPlayer::transpose(signed char step)
@@ -387,7 +489,7 @@ void PdPlayer::transpose(signed char step)
             return;
         }
     }
-    emit transposed(mTransposition, int(step));
+    report(PlayerResult::Transposed, int(step), 0.0f, false, &mTransposition);
 }
 
 float PdPlayer::ratioToFrequency(const ArboRatio& ratio) const
@@ -429,8 +531,8 @@ void PdPlayer::toggleNote(const ArboPath& path)
     if (!resolveNote(path, ratio)) {
         return;
     }
-    const auto found = mNoteMap.constFind(ratio);
-    if (found != mNoteMap.constEnd() && !found.value()->released) {
+    const NoteOn* found = findNote(ratio);
+    if (found && !found->released) {
         noteOff(ratio);
     } else {
         // Absent, or still releasing: struck again on a new voice.
@@ -444,8 +546,8 @@ void PdPlayer::startNote(const ArboPath& path)
     if (!resolveNote(path, ratio)) {
         return;
     }
-    const auto found = mNoteMap.constFind(ratio);
-    if (found != mNoteMap.constEnd() && !found.value()->released) {
+    const NoteOn* found = findNote(ratio);
+    if (found && !found->released) {
         return; // already sounding: the key does not own it
     }
     const int voice = noteOn(ratio);
@@ -498,8 +600,6 @@ int PdPlayer::noteOn(const ArboRatio& ratio)
     if (mMonophonic && mMonoVoice != -1) {
         const NoteOn& previous = mVoices[mMonoVoice];
         if (previous.seqId != 0 && !previous.released) {
-            ARBO_DEBUG() << "turning off previous mono voice" << mMonoVoice << "ratio"
-                         << previous.ratio.toString();
             noteOff(previous.ratio);
         }
     }
@@ -507,19 +607,19 @@ int PdPlayer::noteOn(const ArboRatio& ratio)
         mMonoVoice = chosen;
     }
 
+    // The note table: an entry for the same ratio still releasing on another
+    // voice is replaced by this one.
+    if (NoteOn* earlier = findNote(ratio)) {
+        earlier->inMap = false;
+    }
     NoteOn& record = mVoices[chosen];
     record.ratio = ratio;
     record.voice = chosen;
     record.seqId = mSequence;
     record.released = false;
     record.held = false;
-    // The one allocation of a note-on: QHash makes a node per entry, even
-    // with room reserved for every voice.
-    mNoteMap.insert(ratio, &record);
+    record.inMap = true;
     updateSoundingCount();
-
-    ARBO_DEBUG() << "noteOn for ratio" << ratio.toString() << "freq" << frequency << "voice"
-                 << chosen << "seqId" << record.seqId << "stolen" << (stolen ? "true" : "false");
 
     // Outside the audible range the voice is taken and reported sounding,
     // but the patch is told nothing.
@@ -534,18 +634,16 @@ int PdPlayer::noteOn(const ArboRatio& ratio)
         tapNote(MidiNoteRing::NoteOn, chosen,
                 double(ratio.numerator()) / double(ratio.denominator()) * double(mBaseFrequency));
     }
-    emit noteToggled(ratio, true);
+    report(PlayerResult::NoteOn, chosen, frequency, stolen, &ratio, record.seqId);
     return chosen;
 }
 
 void PdPlayer::noteOff(const ArboRatio& ratio)
 {
-    const auto found = mNoteMap.constFind(ratio);
-    if (found == mNoteMap.constEnd()) {
+    NoteOn* record = findNote(ratio);
+    if (!record) {
         return;
     }
-    NoteOn* record = found.value();
-    ARBO_DEBUG() << "noteOff for ratio" << ratio.toString() << "voice" << record->voice;
     // No check of `released`: stop-all sends a second gate-off to voices
     // already releasing, and reports them off again, by design.
     record->released = true;
@@ -553,15 +651,37 @@ void PdPlayer::noteOff(const ArboRatio& ratio)
     // A voice that MIDI never started (out of range) or already ended is
     // ignored on the MIDI side, so repeats cost nothing there.
     tapNote(MidiNoteRing::NoteOff, record->voice);
-    emit noteToggled(ratio, false);
+    report(PlayerResult::NoteOff, record->voice, 0.0f, false, &ratio);
 }
 
 void PdPlayer::allNotesOff()
 {
-    for (auto it = mNoteMap.constBegin(); it != mNoteMap.constEnd(); ++it) {
-        noteOff(it.key());
+    for (NoteOn& voice : mVoices) {
+        if (voice.inMap) {
+            noteOff(voice.ratio);
+        }
     }
     tapNote(MidiNoteRing::AllNotesOff, -1);
+}
+
+PdPlayer::NoteOn* PdPlayer::findNote(const ArboRatio& ratio)
+{
+    // A scan of 128 records: no allocation, and faster than hashing a ratio.
+    for (NoteOn& voice : mVoices) {
+        if (voice.inMap && voice.ratio == ratio) {
+            return &voice;
+        }
+    }
+    return nullptr;
+}
+
+void PdPlayer::updateSoundingCount()
+{
+    int count = 0;
+    for (const NoteOn& voice : mVoices) {
+        count += voice.inMap ? 1 : 0;
+    }
+    mSoundingNotes.store(count, std::memory_order_relaxed);
 }
 
 void PdPlayer::tapNote(int type, int voice, double frequency)
@@ -584,17 +704,96 @@ void PdPlayer::onVoiceStopped(int voice)
     if (!record.released) {
         return;
     }
-    ARBO_DEBUG() << "voice stopped for" << record.ratio.toString() << "voice" << voice;
-    const auto found = mNoteMap.find(record.ratio);
     // The ratio may since sound on another voice; that entry stays.
-    if (found != mNoteMap.end() && found.value()->voice == voice) {
-        ARBO_DEBUG() << "removing voice" << voice << "from note map";
-        mNoteMap.erase(found);
+    if (record.inMap) {
+        record.inMap = false;
         updateSoundingCount();
     }
+    // Only for the diagnostics: dropped when the queue is full.
+    report(PlayerResult::VoiceStopped, voice, 0.0f, false, &record.ratio);
     record.released = false;
     record.held = false;
     record.seqId = 0;
+}
+
+void PdPlayer::report(int kind, int number, float value, bool flag, const ArboRatio* ratio,
+                      int extra)
+{
+    PlayerResult result;
+    result.kind = static_cast<PlayerResult::Kind>(kind);
+    result.number = number;
+    result.extra = extra;
+    result.value = value;
+    result.flag = flag;
+    if (ratio) {
+        result.numerator = ratio->numerator();
+        result.denominator = ratio->denominator();
+    }
+    // Room for every result of a command was made sure of before it was
+    // carried out (see processBuffer); only a voice-stop from the patch can
+    // find the queue full, and it is only for the diagnostics.
+    if (!mResults.push(result)) {
+        mLostResults.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+void PdPlayer::deliverResults()
+{
+    PlayerResult result;
+    while (mResults.pop(result)) {
+        const ArboRatio ratio(result.numerator, result.denominator);
+        switch (result.kind) {
+        case PlayerResult::NoteOn:
+            ARBO_DEBUG() << "noteOn for ratio" << ratio.toString() << "freq" << result.value
+                         << "voice" << result.number << "seqId" << result.extra << "stolen"
+                         << (result.flag ? "true" : "false");
+            emit noteToggled(ratio, true);
+            break;
+        case PlayerResult::NoteOff:
+            ARBO_DEBUG() << "noteOff for ratio" << ratio.toString() << "voice" << result.number;
+            emit noteToggled(ratio, false);
+            break;
+        case PlayerResult::VoiceStopped:
+            ARBO_DEBUG() << "voice stopped for" << ratio.toString() << "voice" << result.number;
+            break;
+        case PlayerResult::Transposed:
+            emit transposed(ratio, result.number);
+            break;
+        case PlayerResult::Volume:
+            emit volumeChanged(result.value);
+            break;
+        case PlayerResult::VoiceVolume:
+            emit voiceVolumeChanged(result.value);
+            break;
+        case PlayerResult::BaseFrequency:
+            emit baseFrequencyChanged(result.value);
+            break;
+        case PlayerResult::Monophonic:
+            emit monophonicChanged(result.flag);
+            break;
+        case PlayerResult::PrimeEnabled:
+            emit primeEnabledToggled(result.number, result.flag);
+            break;
+        case PlayerResult::MacroValue:
+            emit macroValueChanged(result.number, result.value);
+            break;
+        }
+    }
+    PrintLine line;
+    while (mPrintLines.pop(line)) {
+        ARBO_DEBUG().noquote() << "libPD:" << line.text;
+    }
+    // Patch steps are summed on the audio thread; one signal stands for all
+    // of them until the window takes them (takePatchSteps()).
+    const int steps = mPatchSteps.load(std::memory_order_relaxed);
+    if (steps != 0 && !mPatchStepSignalled) {
+        mPatchStepSignalled = true;
+        if (steps > 0) {
+            emit patchIncRequested();
+        } else {
+            emit patchDecRequested();
+        }
+    }
 }
 
 // ---------------------------------------------------------------------------
@@ -602,12 +801,12 @@ void PdPlayer::onVoiceStopped(int voice)
 
 bool PdPlayer::sendPdVoiceMessage(int type, float value, int voice)
 {
-    const int status = libpd_start_message(3);
-    if (status != 0) {
-        qCritical() << "libpd_start_message for arbo-in returned error status: " << status;
+    // A failed start (a message longer than libpd's buffer: never for three
+    // floats) is counted here and logged by the GUI thread.
+    if (libpd_start_message(3) != 0) {
+        mFailedMessages.fetch_add(1, std::memory_order_relaxed);
         return false;
     }
-    ARBO_DEBUG() << "pd arbo-in message: value" << value << "param" << type << "voice" << voice + 1;
     libpd_add_float(value);
     libpd_add_float(float(type));
     libpd_add_float(float(voice + 1));
@@ -617,12 +816,10 @@ bool PdPlayer::sendPdVoiceMessage(int type, float value, int voice)
 
 bool PdPlayer::sendPdVolumeMessage(float value)
 {
-    const int status = libpd_start_message(1);
-    if (status != 0) {
-        qCritical() << "libpd_start_message for master-vol returned error status: " << status;
+    if (libpd_start_message(1) != 0) {
+        mFailedMessages.fetch_add(1, std::memory_order_relaxed);
         return false;
     }
-    ARBO_DEBUG() << "pd master-vol message: value" << value;
     libpd_add_float(value);
     libpd_finish_list("master-vol");
     return true;
@@ -630,9 +827,9 @@ bool PdPlayer::sendPdVolumeMessage(float value)
 
 bool PdPlayer::setDsp(bool on)
 {
-    const int status = libpd_start_message(1);
-    if (status != 0) {
-        qCritical() << "libpd_start_message for setDsp returned error status: " << status;
+    // Not logged: this also runs on the audio thread (see render()).
+    if (libpd_start_message(1) != 0) {
+        mFailedMessages.fetch_add(1, std::memory_order_relaxed);
         return false;
     }
     libpd_add_float(on ? 1.0f : 0.0f);
@@ -652,16 +849,23 @@ bool PdPlayer::sendPdQueryMacrosMessage()
 
 void PdPlayer::pdPrintHook(const char* text)
 {
-    // Pd prints on the audio thread: not even formatted unless diagnostics
-    // were asked for.
+    // On the audio thread a print is only copied (cut to a line's room) for
+    // the GUI thread to log; elsewhere (opening a patch) it is logged here.
+    PdPlayer* player = sThis;
+    if (player && tOnAudioThread) {
+        PrintLine line;
+        std::strncpy(line.text, text, sizeof line.text - 1);
+        line.text[sizeof line.text - 1] = '\0';
+        player->mPrintLines.push(line); // a full queue drops the line
+        return;
+    }
     ARBO_DEBUG().noquote() << "libPD:" << text;
 }
 
 int PdPlayer::takePatchSteps()
 {
-    // Cleared before the steps are taken: a step added after this is
-    // signalled anew, one added before is in the sum.
-    mPatchStepSignalled.store(false, std::memory_order_release);
+    // A step added after this is signalled anew, one added before is in the sum.
+    mPatchStepSignalled = false;
     return mPatchSteps.exchange(0, std::memory_order_acq_rel);
 }
 
@@ -693,6 +897,20 @@ void PdPlayer::reportRefusedCommands()
                        .arg(double(value))
                        .arg(QLatin1String(why ? why : "would take the volume out of 0 to 4"));
         }
+    }
+    if (const quint32 count = mSilencedBuffers.exchange(0)) {
+        qWarning().noquote() << QStringLiteral("Silenced %1 audio buffer(s) in which the patch "
+                                               "computed a sample that is not a finite number; "
+                                               "its sound was reset")
+                                    .arg(count);
+    }
+    if (const quint32 count = mFailedMessages.exchange(0)) {
+        qCritical().noquote()
+            << QStringLiteral("libpd_start_message returned an error status %1 time(s)").arg(count);
+    }
+    if (const quint32 count = mLostResults.exchange(0)) {
+        qWarning().noquote()
+            << QStringLiteral("%1 voice-stop report(s) for the diagnostics were dropped").arg(count);
     }
     if (const quint32 count = mMidiBuffer.takeSilentDrops()) {
         qWarning().noquote()
@@ -814,6 +1032,14 @@ bool PdPlayer::loadPatch(const QFileInfo& file)
 
 void PdPlayer::runPatchCommand(int command)
 {
+    runPatchCommandAndWait(command);
+    // What the command reported (the notes it ended, the macros it took
+    // away) reaches the window before the change is over.
+    deliverResults();
+}
+
+void PdPlayer::runPatchCommandAndWait(int command)
+{
     AudioOutput* output = AppContext::audioOutput();
     PatchLock lock(&mPatchMutex);
     mPatchCommandSent = mPatchCommandSent % 0xffffff + 1;
@@ -891,8 +1117,8 @@ void PdPlayer::closePatch(int sequence)
         for (NoteOn& voice : mVoices) {
             voice.seqId = 0;
             voice.released = false;
+            voice.inMap = false;
         }
-        mNoteMap.clear();
         updateSoundingCount();
         mMonoVoice = -1;
         mMacroNames.clear();
@@ -914,6 +1140,7 @@ void PdPlayer::openPatch(int sequence)
     qWarning().noquote() << "Opening PD patch: " << mPendingPatchFolder << mPendingPatchFile;
     // Opening parses the file: the one place where the audio thread reads a
     // file. It happens only while the output is muted for a patch change.
+    mCarryFrames = 0; // the last patch's tick is not this one's
     mPatch = libpd_openfile(mPendingPatchFile.constData(), mPendingPatchFolder.constData());
     mPatchOpen.store(mPatch != nullptr, std::memory_order_release);
     if (!mPatch) {

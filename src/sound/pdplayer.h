@@ -2,10 +2,11 @@
 
 #include "model/arboratio.h"
 #include "sound/pdmessagebuffer.h"
+#include "sound/playerresult.h"
+#include "sound/spscqueue.h"
 #include "sound/staticarray.h"
 
 #include <QByteArray>
-#include <QHash>
 #include <QList>
 #include <QMutex>
 #include <QObject>
@@ -13,6 +14,7 @@
 #include <QTimer>
 #include <QWaitCondition>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 
@@ -68,6 +70,9 @@ public:
         bool released = false;   // gate off sent, waiting for "voice-stop"
         bool held = false;       // begun by a NoteStart of heldPath
         ArboPath heldPath;
+        // In the note table: the voice that `ratio` is found on, from its
+        // note-on until it stops (or the ratio is struck again elsewhere).
+        bool inMap = false;
     };
 
     static constexpr int VOICE_COUNT = 128;
@@ -97,13 +102,56 @@ public:
     // with the output muted around it so the teardown is not heard.
     void unloadPatch();
 
-    // Audio thread: drains the serial buffer, then the GUI buffer, carrying
-    // each command out in order. Wand commands thus come first within a
-    // buffer. Never blocks; allocates only where noted in the source.
-    // It first makes libpd's instance the calling thread's own (libpd keeps
-    // its current instance per thread), so that the caller may go on to
-    // compute audio with libpd on the same thread.
-    void processEvents();
+    // How many commands one buffer of `frames` carries out at most: two per
+    // frame (a 64-frame buffer takes 128, some 0.3 ms of work at worst).
+    static int commandBudget(int frames) { return std::max(16, 2 * frames); }
+
+    // Audio thread: carries out at most `budget` commands of the four
+    // command buffers, in order within each (see the source for how they
+    // share), and leaves the rest for the next call. Never blocks, allocates,
+    // locks, logs or emits: results go to a fixed queue that the GUI thread
+    // turns into signals (deliverResults()). It first makes libpd's instance
+    // the calling thread's own (libpd keeps its current instance per thread),
+    // so that the caller may go on to compute audio with libpd.
+    void processEvents(int budget = commandBudget(256));
+
+    // The one place where sound is made, shared by the stream callback, the
+    // tests and the benchmarks. Carries out the queued commands (within the
+    // budget), then fills `frames` stereo frames (any number) with the
+    // patch's output, or with silence while muted or with no patch open. Pd
+    // computes whole ticks of 64 frames; the part of a tick that does not
+    // fit is kept for the next call, so that every buffer size plays without
+    // gaps. A buffer with a sample that is not a finite number (a patch gone
+    // wrong) is silenced, the patch's DSP is switched off and on again to
+    // clear its state, and the GUI thread says so once.
+    //
+    // Audio thread (or any one thread while no audio thread runs). What libpd
+    // itself may still do in here: take its own per-instance lock (never
+    // contended: only this thread uses the instance) and, in some Pd
+    // objects' message methods, allocate. This code itself never blocks,
+    // locks, allocates, logs or emits.
+    void render(float* output, int frames) noexcept;
+    // Forgets what was left of the last tick (a new stream starts clean).
+    // While no audio thread runs.
+    void resetRender() { mCarryFrames = 0; }
+    // Any thread. Muted, every buffer is silence; the patch runs on.
+    void setMuted(bool muted) { mMuted.store(muted, std::memory_order_relaxed); }
+    bool isMuted() const { return mMuted.load(std::memory_order_relaxed); }
+    // Buffers silenced because a sample was not finite, since the last call
+    // to reportRefusedCommands(). Any thread.
+    quint32 silencedBuffers() const { return mSilencedBuffers.load(); }
+
+    static constexpr int CHANNELS = 2;
+    static constexpr int PD_BLOCK_FRAMES = 64;
+
+    // GUI thread: turns the results the audio thread queued into the
+    // signals below (noteToggled, transposed, ...), in order, and signals a
+    // waiting run of patch steps. A timer calls it every few milliseconds;
+    // tests that play the audio thread call it after each buffer.
+    void deliverResults();
+    // Marks the calling thread as the audio thread while it renders (libpd's
+    // print hook must not log there). The audio output sets and clears it.
+    static void setOnAudioThread(bool on) { tOnAudioThread = on; }
 
     // Whether a patch is open. Any thread: published by the audio thread
     // whenever it opens or closes one.
@@ -131,7 +179,7 @@ public:
     float baseFrequency() const { return mBaseFrequency; }
     bool monophonic() const { return mMonophonic; }
     bool primeEnabled(int prime) const;
-    // Notes in the note map (sounding or releasing). Any thread: published
+    // Notes in the note table (sounding or releasing). Any thread: published
     // by the audio thread after every change.
     int soundingNoteCount() const { return mSoundingNotes.load(std::memory_order_relaxed); }
 
@@ -210,7 +258,10 @@ private:
         SOURCE_COUNT
     };
 
-    void processBuffer(PdMessageBuffer& buffer, Source source);
+    // Carries out at most `budget` commands of `buffer`; how many it did.
+    int processBuffer(PdMessageBuffer& buffer, Source source, int budget);
+    // How many results a command of `type` may report at most.
+    static int resultsOf(int type);
     void carryOut(const PdMessageBuffer::Chunk& chunk, Source source);
     // Whether `value` is sane for the command `type` (and, for a volume step,
     // whether the volume stays in range); counts a refusal for `source`.
@@ -222,6 +273,8 @@ private:
     void toggleNote(const ArboPath& path);
     void startNote(const ArboPath& path);
     void endNote(const ArboPath& path);
+    // The voice the note table holds `ratio` on, or null.
+    NoteOn* findNote(const ArboRatio& ratio);
     // Returns the voice taken.
     int noteOn(const ArboRatio& ratio);
     void noteOff(const ArboRatio& ratio);
@@ -234,7 +287,11 @@ private:
     void finishPatchCommand(int sequence);
     // GUI thread: queues a patch command and waits until it is carried out.
     void runPatchCommand(int command);
-    void updateSoundingCount() { mSoundingNotes.store(mNoteMap.size(), std::memory_order_relaxed); }
+    void runPatchCommandAndWait(int command);
+    void updateSoundingCount();
+    // Audio thread: queues a result for deliverResults().
+    void report(int kind, int number, float value = 0.0f, bool flag = false,
+                const ArboRatio* ratio = nullptr, int extra = 0);
 
     bool sendPdVoiceMessage(int type, float value, int voice);
     bool sendPdVolumeMessage(float value);
@@ -257,7 +314,6 @@ private:
     PdMessageBuffer mSerialBuffer;
     PdMessageBuffer mMidiBuffer;
     PdMessageBuffer mOscBuffer;
-    PdMessageBuffer::ChunkList mChunkList;
     void* mPatch = nullptr;
     ArboRatio mTransposition{1, 1};
     float mVolume = 0.8f;
@@ -267,7 +323,6 @@ private:
     StaticArray<bool, PRIME_FLAG_COUNT> mPrimeEnabled{PRIME_FLAG_COUNT, true};
     int mMonoVoice = -1;
     StaticArray<NoteOn, VOICE_COUNT> mVoices;
-    QHash<ArboRatio, NoteOn*> mNoteMap;
     std::int32_t mSequence = 0;
     QStringList mMacroNames;
     QList<float> mMacroDefaults;
@@ -314,6 +369,25 @@ private:
     // The patch steps not yet taken by the GUI thread, and whether a signal
     // for them is on its way (see takePatchSteps()).
     std::atomic<int> mPatchSteps{0};
-    std::atomic<bool> mPatchStepSignalled{false};
+    bool mPatchStepSignalled = false; // GUI thread
+
+    // Results, from the audio thread to the GUI thread.
+    static constexpr int DELIVERY_INTERVAL_MS = 5;
+    SpscQueue<PlayerResult, 8192> mResults;
+    // What Pd prints on the audio thread, for the GUI thread to log.
+    struct PrintLine
+    {
+        char text[120];
+    };
+    SpscQueue<PrintLine, 32> mPrintLines;
+    std::atomic<quint32> mLostResults{0};
+    std::atomic<quint32> mFailedMessages{0};
+    QTimer mDeliveryTimer;
+    std::atomic<bool> mMuted{false};
+    std::atomic<quint32> mSilencedBuffers{0};
+    // The end of the last tick, which the last buffer could not take.
+    float mCarry[PD_BLOCK_FRAMES * CHANNELS] = {};
+    int mCarryFrames = 0;
+    static thread_local bool tOnAudioThread;
     QTimer mReportTimer;
 };
