@@ -17,6 +17,8 @@
 #include <QSet>
 #include <QSignalSpy>
 
+#include <z_libpd.h>
+
 #include <algorithm>
 #include <clocale>
 #include <cmath>
@@ -59,7 +61,8 @@ private slots:
     void transpositionMovesTheNextNote();
     void volumesAndMacrosReachThePatch();
     void insaneValuesAreRefusedAndStepsSummed();
-    void badPatchLeavesNothingOpen();
+    void patchChangeCrossfadesUnderAChord();
+    void badPatchKeepsTheOldOneAndUnloadSilences();
     void numbersParseUnderADecimalCommaLocale();
     void noteTapAndBuiltInSound();
 
@@ -412,17 +415,77 @@ void TestPdPlayer::insaneValuesAreRefusedAndStepsSummed()
     QCOMPARE(mPlayer.takePatchSteps(), -1);
 }
 
-void TestPdPlayer::badPatchLeavesNothingOpen()
+// A patch change with an audio thread running (this thread plays it): the
+// chord goes on in the new patch at the same pitches, the level never drops
+// by more than 20 dB, a macro of the same name keeps its value, and ten
+// changes in a row end on the last one with no instance left behind.
+void TestPdPlayer::patchChangeCrossfadesUnderAChord()
+{
+    mPlayer.setAudioThreadRunning(true);
+    const QString patches = TestSupport::binDir() + "/patches/";
+    queue(ArboEvent(ArboEvent::Macro2, 0.5f)); // Sine's release
+    for (const char* path : {"/3", "/5", "/-3/7", "/2"}) {
+        toggle(path);
+    }
+    const std::vector<float> before = render(0.5);
+    const double chord =
+        AudioAnalysis::rmsDb(QVector<float>(before.end() - SAMPLE_RATE / 4, before.end()));
+
+    QSignalSpy names(&mPlayer, &PdPlayer::macroNamesReceived);
+    QSignalSpy macros(&mPlayer, &PdPlayer::macroValueChanged);
+    const int instances = libpd_num_instances();
+    QVERIFY(PatchLoader::loadVoice(&mPlayer, patches + "Organ.pd"));
+    const std::vector<float> during = render(0.3);
+    for (std::size_t at = 0; at + 441 <= during.size(); at += 441) { // every 10 ms
+        const double level =
+            AudioAnalysis::rmsDb(QVector<float>(during.begin() + long(at), during.begin() + long(at) + 441));
+        QVERIFY2(level > chord - 20.0, qPrintable(QString("%1 dB at %2 ms, chord %3 dB")
+                                                      .arg(level)
+                                                      .arg(at / 44.1)
+                                                      .arg(chord)));
+    }
+    QCOMPARE(mPlayer.soundingNoteCount(), 4);
+    QCOMPARE(names.size(), 1);
+    QCOMPARE(names.at(0).at(0).toStringList().value(2), QStringLiteral("release"));
+    bool carried = false;
+    for (const QList<QVariant>& macro : macros) {
+        carried = carried || (macro.at(0).toInt() == 3 && macro.at(1).toFloat() == 0.5f);
+    }
+    QVERIFY(carried);
+
+    // Ten changes in a row, a buffer apart: the last one plays, the chord
+    // in it, and the pool is as it was.
+    for (int i = 0; i < 10; ++i) {
+        QVERIFY(PatchLoader::loadVoice(&mPlayer, patches + (i % 2 ? "Sine.pd" : "Pluck.pd")));
+        render(BUFFER_SECONDS);
+    }
+    const std::vector<float> after = render(1.0);
+    QCOMPARE(libpd_num_instances(), instances);
+    QCOMPARE(mPlayer.soundingNoteCount(), 4);
+    QVERIFY(std::abs(centsOff(after, 660.0)) < 0.1);
+    mPlayer.setAudioThreadRunning(false);
+}
+
+void TestPdPlayer::badPatchKeepsTheOldOneAndUnloadSilences()
 {
     QSignalSpy loaded(&mPlayer, &PdPlayer::patchLoaded);
     QSignalSpy names(&mPlayer, &PdPlayer::macroNamesReceived);
     toggle("/3");
     render(0.1);
+    // A patch that does not open leaves the old one playing, note and all.
+    QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("^Opening PD patch failed: "));
     QVERIFY(!mPlayer.loadPatch(QFileInfo(TestSupport::home() + "/no/such/arbo_main.pd")));
+    QVERIFY(mPlayer.isPatchOpen());
+    QCOMPARE(loaded.size() + names.size(), 0);
+    const std::vector<float> playing = render(0.5);
+    QVERIFY(std::abs(AudioAnalysis::dominantFrequency(
+                         QVector<float>(playing.begin(), playing.end()), SAMPLE_RATE) -
+                     660.0) < 0.5);
+
+    // Unloading ends the note, reports the macros gone, and frees every
+    // voice: no patch is left to report them stopped.
+    mPlayer.unloadPatch();
     QVERIFY(!mPlayer.isPatchOpen());
-    QCOMPARE(loaded.size(), 0);
-    // Closing reported the macros gone and turned the note off; with no patch
-    // left to report it stopped, every voice is free again.
     QCOMPARE(names.size(), 1);
     QVERIFY(names.at(0).at(0).toStringList().isEmpty());
     QCOMPARE(mPlayer.soundingNoteCount(), 0);

@@ -365,6 +365,7 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
         return false;
     }
     qWarning() << "PaStream started";
+    mPlayer->setAudioThreadRunning(true);
     const QStringList list = devices();
     mLostDeviceName = list.value(listIndex);
     mSeenCallbacks = mCallbackCount.load();
@@ -417,6 +418,8 @@ bool PaAudioOutput::closeDevice()
         }
     }
     retireCallbacks();
+    // No callback renders any more: patch changes are carried out at once.
+    mPlayer->setAudioThreadRunning(false);
     if (!mLibrary->isAbandoned()) {
         delete mContext;
     }
@@ -436,8 +439,7 @@ void PaAudioOutput::retireCallbacks()
     // now; any that comes later sees the new token and stays out.
     // There is no giving up: a callback that is still rendering owns the
     // player, and touching it from here would corrupt it. A callback always
-    // ends (the longest thing it does is opening a patch), and none waits
-    // for this thread.
+    // ends, and none waits for this thread.
     QElapsedTimer waited;
     waited.start();
     bool told = false;

@@ -84,9 +84,8 @@ QString PatchLoader::mainPatchFile()
 
 bool PatchLoader::loadVoice(PdPlayer* player, const QString& voicePatch)
 {
-    // The old patch goes first: its voices still use the file about to be replaced.
-    player->unloadPatch();
-
+    // The old patch plays on meanwhile: Pd read the voice file when it
+    // opened it, so replacing the file does not touch it.
     const QString voice = voiceFile();
     if (QFile::exists(voice) && !QFile::remove(voice)) {
         qCritical() << "Failed to delete" << voice;

@@ -32,8 +32,9 @@ public:
     // only when an outdated target cannot be deleted or the copy fails.
     static bool copyIfNewer(const QString& source, const QString& target);
 
-    // Closes the open patch, installs `voicePatch` and opens the main patch.
-    // Returns false, with the reason logged, when the copy or the opening
-    // fails; the engine then has no patch open.
+    // Installs `voicePatch` and opens the main patch with it, which takes
+    // over from the open one (PdPlayer::loadPatch). Returns false, with the
+    // reason logged, when the copy or the opening fails; the patch that
+    // played before then plays on.
     static bool loadVoice(PdPlayer* player, const QString& voicePatch);
 };

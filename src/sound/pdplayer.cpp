@@ -3,10 +3,10 @@
 #include "input/arboevent.h"
 #include "midi/midinotering.h"
 #include "model/arbo.h"
-#include "settings/appcontext.h"
 #include "settings/debuglog.h"
-#include "sound/audiooutput.h"
 #include "sound/denormals.h"
+#include "sound/pdinstance.h"
+#include "sound/realtimezone.h"
 
 #include <z_libpd.h>
 #include <z_print_util.h>
@@ -24,68 +24,6 @@
 PdPlayer* PdPlayer::sThis = nullptr;
 thread_local bool PdPlayer::tOnAudioThread = false;
 
-namespace {
-
-// How long the GUI thread waits for the audio thread to open or close a patch
-// before it stops waiting. A running stream answers within a buffer or two;
-// a stream whose device has died would otherwise freeze the window for good.
-constexpr unsigned long PATCH_COMMAND_TIMEOUT_MS = 5000;
-// How often the waiting GUI thread looks whether the stream still runs.
-constexpr unsigned long PATCH_WAIT_SLICE_MS = 50;
-
-// Qt's mutex and wait condition synchronise on futexes that ThreadSanitizer
-// cannot see; in a sanitizer build the patch lock tells it what they order.
-// In every other build these are nothing.
-#if defined(__SANITIZE_THREAD__)
-extern "C" void __tsan_acquire(void* address);
-extern "C" void __tsan_release(void* address);
-void sanitizerAcquire(void* address) { __tsan_acquire(address); }
-void sanitizerRelease(void* address) { __tsan_release(address); }
-#else
-void sanitizerAcquire(void*) {}
-void sanitizerRelease(void*) {}
-#endif
-
-// QMutexLocker for the patch mutex, with the sanitizer told.
-class PatchLock
-{
-public:
-    explicit PatchLock(QMutex* mutex) : mMutex(mutex) { relock(); }
-    ~PatchLock() { unlock(); }
-    PatchLock(const PatchLock&) = delete;
-    PatchLock& operator=(const PatchLock&) = delete;
-    void relock()
-    {
-        mMutex->lock();
-        sanitizerAcquire(mMutex);
-        mLocked = true;
-    }
-    void unlock()
-    {
-        if (mLocked) {
-            mLocked = false;
-            sanitizerRelease(mMutex);
-            mMutex->unlock();
-        }
-    }
-    // Waits on `condition`, which lets the mutex go meanwhile.
-    void wait(QWaitCondition* condition, unsigned long timeoutMs)
-    {
-        sanitizerRelease(mMutex);
-        condition->wait(mMutex, timeoutMs);
-        sanitizerAcquire(mMutex);
-    }
-
-private:
-    QMutex* mMutex;
-    bool mLocked = false;
-};
-
-// The gap, with the output muted, on either side of closing a patch.
-constexpr unsigned long PATCH_CLOSE_SLEEP_MS = 50;
-
-} // namespace
-
 PdPlayer::PdPlayer(QObject* parent) : QObject(parent)
 {
     sThis = this;
@@ -100,6 +38,16 @@ PdPlayer::PdPlayer(QObject* parent) : QObject(parent)
 
 PdPlayer::~PdPlayer()
 {
+    // No audio thread runs any more: every change still on its way is the
+    // pool's again, and the pool closes its patches as it goes.
+    delete mIncoming.exchange(nullptr);
+    delete mActiveSwap;
+    Swap* swap = nullptr;
+    while (mRetired.pop(swap)) {
+        delete swap;
+    }
+    mCurrent = mOld = nullptr;
+    mPool = {};
     if (sThis == this) {
         sThis = nullptr;
     }
@@ -128,12 +76,19 @@ bool PdPlayer::init()
     // under a decimal-comma locale 0.5 would read as 0. libpd_init sets "C"
     // only the first time it runs in a process; this holds every time.
     std::setlocale(LC_NUMERIC, "C");
-    // Pd prints in pieces; the concatenator hands over whole lines.
+    // Pd prints in pieces; the concatenator hands over whole lines. Set
+    // before the instances are made: each takes the print hook it finds.
     libpd_set_printhook(libpd_print_concatenator);
     libpd_set_concatenated_printhook(&PdPlayer::pdPrintHook);
     libpd_set_listhook(&PdPlayer::pdListHook);
     libpd_init(); // -1 when already done in this process, which is fine
-    mPdInstance = libpd_this_instance();
+    // The instances the patches play in, all made now: making or freeing one
+    // later would take libpd's global lock while the sound runs.
+    for (auto& instance : mPool) {
+        if (!instance) {
+            instance = std::make_unique<PdInstance>();
+        }
+    }
     mReportTimer.start();
     mDeliveryTimer.start();
     return true;
@@ -142,6 +97,12 @@ bool PdPlayer::init()
 int PdPlayer::initAudio(int outChannels, int sampleRate)
 {
     qWarning() << "Initialising libpd with sampleRate" << sampleRate;
+    mFadeFrames = std::max(1, int(CROSSFADE_SECONDS * sampleRate));
+    for (auto& instance : mPool) {
+        if (instance) {
+            instance->initAudio(outChannels, sampleRate);
+        }
+    }
     return libpd_init_audio(0, outChannels, sampleRate);
 }
 
@@ -176,63 +137,43 @@ void PdPlayer::queueEventOsc(const ArboEvent* event)
 
 void PdPlayer::render(float* output, int frames) noexcept
 {
+    const RealTimeZone::Audio zone; // checked by a test: see RealTimeZone
     tOnAudioThread = true;
     // Every time rather than once: the audio library does not promise one
     // thread for the stream's whole life, and setting it costs a register
     // write.
     Denormals::flushToZero();
 
-    // Commands are carried out whether or not a patch is open. This also
-    // gives this thread libpd's instance, which libpd_process_float needs.
+    // A prepared patch change starts before the commands, so that this
+    // buffer's commands reach the new patch too.
+    takeSwap();
+    // Commands are carried out whether or not a patch is open.
     processEvents(commandBudget(frames));
 
-    const std::size_t samples = std::size_t(std::max(frames, 0)) * CHANNELS;
-    if (frames <= 0) {
-        tOnAudioThread = false;
-        return;
-    }
-    if (!isPatchOpen()) {
-        mCarryFrames = 0; // what was left of the last patch's tick is not played
-        std::fill(output, output + samples, 0.0f);
-        tOnAudioThread = false;
-        return;
-    }
-    int done = 0;
-    // 1. The rest of the tick that the previous buffer could not take.
-    if (mCarryFrames > 0) {
-        const int taken = std::min(mCarryFrames, frames);
-        std::copy_n(mCarry + (PD_BLOCK_FRAMES - mCarryFrames) * CHANNELS, taken * CHANNELS,
-                    output);
-        mCarryFrames -= taken;
-        done = taken;
-    }
-    // 2. Whole ticks, straight into the buffer.
-    const int ticks = (frames - done) / PD_BLOCK_FRAMES;
-    if (ticks > 0) {
-        libpd_process_float(ticks, nullptr, output + std::size_t(done) * CHANNELS);
-        done += ticks * PD_BLOCK_FRAMES;
-    }
-    // 3. One more tick for the end of the buffer; its tail waits for the
-    // next one. The sound runs on without a gap at any buffer size.
-    if (done < frames) {
-        libpd_process_float(1, nullptr, mCarry);
-        const int rest = frames - done;
-        std::copy_n(mCarry, rest * CHANNELS, output + std::size_t(done) * CHANNELS);
-        mCarryFrames = PD_BLOCK_FRAMES - rest;
+    const int samples = std::max(frames, 0) * CHANNELS;
+    for (int done = 0; done < frames;) {
+        // In pieces no larger than the crossfade's scratch buffer.
+        const int piece = std::min(frames - done, FADE_BUFFER_FRAMES);
+        renderPiece(output + done * CHANNELS, piece);
+        done += piece;
     }
     // A patch that computes NaN or infinity would send it to the device (a
     // loud crack, or a driver that gives up) and keep it in its filters for
-    // good: the buffer is silenced and the patch's signal state cleared by
-    // switching its DSP off and on, which rebuilds its DSP chain afresh.
+    // good: the buffer is silenced and the patch's DSP switched off and on,
+    // which builds its DSP chain afresh.
     bool finite = true;
-    for (std::size_t i = 0; i < samples; ++i) {
+    for (int i = 0; i < samples; ++i) {
         finite = finite && std::isfinite(output[i]);
     }
     if (!finite) {
         std::fill(output, output + samples, 0.0f);
-        mCarryFrames = 0;
-        setDsp(false);
-        setDsp(true);
+        for (PdInstance* instance : {mCurrent, mOld}) {
+            if (instance) {
+                instance->resetCarry();
+                instance->setDsp(false);
+                instance->setDsp(true);
+            }
+        }
         mSilencedBuffers.fetch_add(1, std::memory_order_relaxed);
     }
     // Muted: the patch went on running, only its output is discarded.
@@ -242,11 +183,115 @@ void PdPlayer::render(float* output, int frames) noexcept
     tOnAudioThread = false;
 }
 
+void PdPlayer::renderPiece(float* output, int frames) noexcept
+{
+    const int samples = frames * CHANNELS;
+    if (mCurrent) {
+        mCurrent->process(output, frames);
+    } else {
+        std::fill(output, output + samples, 0.0f);
+    }
+    if (!mOld) {
+        return;
+    }
+    // The crossfade: equal power, so that the chord keeps its loudness
+    // while one patch gives way to the other.
+    mOld->process(mFadeBuffer, frames);
+    constexpr double QUARTER_TURN = 1.5707963267948966;
+    for (int i = 0; i < frames; ++i) {
+        const double position = std::min(1.0, double(mFadeFrame + i) / double(mFadeFrames));
+        const float in = float(std::sin(QUARTER_TURN * position));
+        const float out = float(std::cos(QUARTER_TURN * position));
+        for (int c = 0; c < CHANNELS; ++c) {
+            output[i * CHANNELS + c] = output[i * CHANNELS + c] * in + mFadeBuffer[i * CHANNELS + c] * out;
+        }
+    }
+    mFadeFrame += frames;
+    if (mFadeFrame >= mFadeFrames) {
+        finishSwap();
+    }
+}
+
+void PdPlayer::takeSwap()
+{
+    // One change at a time; a change waits while the queues lack room for
+    // what it may report and return.
+    if (mOld || mIncoming.load(std::memory_order_relaxed) == nullptr ||
+        mRetired.freeSlots() == 0 ||
+        mResults.freeSlots() < std::size_t(VOICE_COUNT + MACRO_COUNT + 1)) {
+        return;
+    }
+    Swap* swap = mIncoming.exchange(nullptr, std::memory_order_acq_rel);
+    if (!swap) {
+        return;
+    }
+    PdInstance* next = swap->incoming;
+    if (!next) {
+        allNotesOff(); // closing: every note ends
+    }
+    mOld = mCurrent;
+    mCurrent = next;
+    swap->retired = mOld;
+    mActiveSwap = swap;
+    mFadeFrame = 0;
+    // The notes still held sound in the new patch at once, at their
+    // pitches and volumes; those in their release finish in the old one.
+    for (NoteOn& voice : mVoices) {
+        if (voice.seqId == 0) {
+            continue;
+        }
+        if (!next || voice.released) {
+            voice.oldOnly = true;
+        } else if (voice.started) {
+            next->sendList("arbo-in", voice.frequency, float(Frequency), float(voice.voice + 1));
+            next->sendList("arbo-in", voice.volume, float(Volume), float(voice.voice + 1));
+            next->sendList("arbo-in", 1.0f, float(Gate), float(voice.voice + 1));
+        }
+    }
+    if (next) {
+        next->resetCarry();
+        next->sendFloat("master-vol", mVolume);
+        // Macros carry over where the new patch has the same name; the
+        // others take its defaults.
+        float values[MACRO_COUNT];
+        for (int i = 0; i < MACRO_COUNT; ++i) {
+            const int from = swap->macroSource[i];
+            values[i] = from >= 0 ? mMacroValues[from] : swap->macroDefault[i];
+        }
+        for (int i = 0; i < MACRO_COUNT; ++i) {
+            mMacroValues[i] = values[i];
+            if (values[i] >= 0.0f) {
+                next->sendList("arbo-in", values[i], float(Macro1 + i), 0.0f);
+                report(PlayerResult::MacroValue, i + 1, values[i]);
+            }
+        }
+    }
+    if (!mOld) {
+        finishSwap(); // from silence: nothing to fade from
+    }
+}
+
+void PdPlayer::finishSwap()
+{
+    // The released voices were waiting for "voice-stop" from the patch that
+    // is gone; no patch will report them, so they are free now.
+    for (NoteOn& voice : mVoices) {
+        if (voice.oldOnly) {
+            voice = NoteOn();
+            voice.voice = int(&voice - &mVoices[0]);
+        }
+    }
+    updateSoundingCount();
+    if (!mCurrent) {
+        mMonoVoice = -1;
+    }
+    mRetired.push(mActiveSwap); // room was made sure of in takeSwap()
+    mActiveSwap = nullptr;
+    mOld = nullptr;
+}
+
 void PdPlayer::processEvents(int budget)
 {
-    // A thread-local pointer store: cheap enough for every buffer, and the
-    // audio library does not promise to call back on one thread for good.
-    libpd_set_instance(mPdInstance);
     // A budget per buffer: a flood costs latency, never an overrun. Each
     // ring first gets a share, in the order wands, MIDI, OSC, window, so that
     // no source can keep the others waiting; what is left goes round again.
@@ -285,8 +330,6 @@ int PdPlayer::resultsOf(int type)
 {
     switch (type) {
     case ArboEvent::AllNotesOff:
-    case ArboEvent::ClosePatch:
-    case ArboEvent::OpenPatch:
         return VOICE_COUNT + 1; // a note-off for every voice
     case ArboEvent::NoteToggle:
     case ArboEvent::NoteStart:
@@ -412,12 +455,6 @@ void PdPlayer::carryOut(const PdMessageBuffer::Chunk& chunk, Source source)
     case ArboEvent::Macro8:
         setMacroValue(chunk.type - ArboEvent::Macro1 + 1, value);
         break;
-    case ArboEvent::OpenPatch:
-        openPatch(int(value));
-        break;
-    case ArboEvent::ClosePatch:
-        closePatch(int(value));
-        break;
     default:
         break; // codes outside the vocabulary are ignored
     }
@@ -470,6 +507,9 @@ void PdPlayer::setMacroValue(int macro, float value)
 {
     // Macros are for the whole patch: voice -1 goes out as voice number 0.
     sendPdVoiceMessage(Macro1 + macro - 1, value, -1);
+    if (macro >= 1 && macro <= MACRO_COUNT) {
+        mMacroValues[macro - 1] = value; // for the next patch change
+    }
     report(PlayerResult::MacroValue, macro, value);
 }
 
@@ -619,12 +659,17 @@ int PdPlayer::noteOn(const ArboRatio& ratio)
     record.released = false;
     record.held = false;
     record.inMap = true;
+    record.oldOnly = false;
+    record.frequency = frequency;
+    record.volume = mVoiceVolume;
+    record.started = false;
     updateSoundingCount();
 
     // Outside the audible range the voice is taken and reported sounding,
     // but the patch is told nothing.
     if (frequency > MIN_FREQUENCY && frequency < MAX_FREQUENCY) {
         if (mBuiltInSound.load(std::memory_order_relaxed)) {
+            record.started = true;
             sendPdVoiceMessage(Frequency, frequency, chosen);
             sendPdVoiceMessage(Volume, mVoiceVolume, chosen);
             sendPdVoiceMessage(Gate, 1.0f, chosen);
@@ -801,54 +846,35 @@ void PdPlayer::deliverResults()
 
 bool PdPlayer::sendPdVoiceMessage(int type, float value, int voice)
 {
-    // A failed start (a message longer than libpd's buffer: never for three
-    // floats) is counted here and logged by the GUI thread.
-    if (libpd_start_message(3) != 0) {
-        mFailedMessages.fetch_add(1, std::memory_order_relaxed);
-        return false;
+    // During a crossfade both patches hear every message, so that the old
+    // one fades out with what the player does meanwhile.
+    bool sent = true;
+    for (PdInstance* instance : {mCurrent, mOld}) {
+        if (instance && !instance->sendList("arbo-in", value, float(type), float(voice + 1))) {
+            // A failed start (a message longer than libpd's buffer: never
+            // for three floats) is counted here and logged by the GUI thread.
+            mFailedMessages.fetch_add(1, std::memory_order_relaxed);
+            sent = false;
+        }
     }
-    libpd_add_float(value);
-    libpd_add_float(float(type));
-    libpd_add_float(float(voice + 1));
-    libpd_finish_list("arbo-in");
-    return true;
+    return sent;
 }
 
 bool PdPlayer::sendPdVolumeMessage(float value)
 {
-    if (libpd_start_message(1) != 0) {
-        mFailedMessages.fetch_add(1, std::memory_order_relaxed);
-        return false;
+    bool sent = true;
+    for (PdInstance* instance : {mCurrent, mOld}) {
+        if (instance && !instance->sendFloat("master-vol", value)) {
+            mFailedMessages.fetch_add(1, std::memory_order_relaxed);
+            sent = false;
+        }
     }
-    libpd_add_float(value);
-    libpd_finish_list("master-vol");
-    return true;
-}
-
-bool PdPlayer::setDsp(bool on)
-{
-    // Not logged: this also runs on the audio thread (see render()).
-    if (libpd_start_message(1) != 0) {
-        mFailedMessages.fetch_add(1, std::memory_order_relaxed);
-        return false;
-    }
-    libpd_add_float(on ? 1.0f : 0.0f);
-    return libpd_finish_message("pd", "dsp") == 0;
-}
-
-bool PdPlayer::sendPdQueryMacrosMessage()
-{
-    mAwaitingMacroNames = true;
-    const int status = libpd_bang("query-macros");
-    if (status != 0) {
-        qCritical() << "libpd_bang for query-macros returned error status: " << status;
-        return false;
-    }
-    return true;
+    return sent;
 }
 
 void PdPlayer::pdPrintHook(const char* text)
 {
+    const RealTimeZone::Hook hook;
     // On the audio thread a print is only copied (cut to a line's room) for
     // the GUI thread to log; elsewhere (opening a patch) it is logged here.
     PdPlayer* player = sThis;
@@ -935,234 +961,171 @@ void PdPlayer::reportRefusedCommands()
 
 void PdPlayer::pdListHook(const char* recv, int argc, _atom* argv)
 {
-    PdPlayer* player = sThis;
-    if (!player) {
+    const RealTimeZone::Hook hook;
+    // The macro names of a patch being opened, off the audio thread.
+    if (PdInstance::receiveWhileOpening(recv, argc, argv)) {
         return;
     }
-    if (std::strcmp(recv, "voice-stop") == 0) {
-        if (argc > 0 && libpd_is_float(&argv[0])) {
-            // Range-checked before the conversion: a patch may send anything.
-            const float number = libpd_get_float(&argv[0]);
-            if (number >= 1.0f && number < float(VOICE_COUNT + 1)) {
-                player->onVoiceStopped(int(number) - 1);
-            }
+    PdPlayer* player = sThis;
+    if (!player || !tOnAudioThread || std::strcmp(recv, "voice-stop") != 0) {
+        return;
+    }
+    if (argc > 0 && libpd_is_float(&argv[0])) {
+        // Range-checked before the conversion: a patch may send anything.
+        const float number = libpd_get_float(&argv[0]);
+        if (number >= 1.0f && number < float(VOICE_COUNT + 1)) {
+            player->onVoiceStopReported(libpd_this_instance(), int(number) - 1);
         }
-    } else if (std::strcmp(recv, "output-voice-info") == 0 && player->mAwaitingMacroNames) {
-        // Only the first reply after a query counts.
-        if (argc >= 2 && libpd_is_symbol(&argv[1])) {
-            player->onMacroNamesReceived(QString::fromLocal8Bit(libpd_get_symbol(&argv[1])));
-        }
-        player->mAwaitingMacroNames = false;
     }
 }
 
-void PdPlayer::onMacroNamesReceived(const QString& text)
+void PdPlayer::onVoiceStopReported(const _pdinstance* from, int voice)
 {
-    ARBO_DEBUG() << "Received macro names:" << text;
-    mMacroNames = text.split(QLatin1Char(':'));
-    mMacroDefaults.clear();
-    for (QString& name : mMacroNames) {
-        const int open = name.indexOf(QLatin1Char('('));
-        const int close = name.indexOf(QLatin1Char(')'));
-        if (open < 0 || close <= open) {
-            mMacroDefaults.append(-1.0f); // no default
-            continue;
-        }
-        mMacroDefaults.append(name.mid(open + 1, close - open - 1).toFloat());
-        name.truncate(open);
+    // During a crossfade a voice belongs to one of the two patches: the
+    // old one reports the notes that were releasing when it was replaced,
+    // the new one all others.
+    const bool fromOld = mOld && from == mOld->pd();
+    if (fromOld != mVoices[voice].oldOnly) {
+        return;
     }
-    emit macroNamesReceived(mMacroNames);
-    emit macroDefaultsReceived(mMacroDefaults);
+    onVoiceStopped(voice);
 }
 
 // ---------------------------------------------------------------------------
 // Patch lifecycle
 
-void PdPlayer::unloadPatch()
-{
-    // Nothing to tear down, nothing to hide: the muted pauses are skipped.
-    // Every patch change starts with an unload, and at start-up, with no
-    // patch open yet, this keeps 0.2 s off the time to the first sound.
-    if (!isPatchOpen()) {
-        runPatchCommand(ArboEvent::ClosePatch); // still answered, in order with the rest
-        return;
-    }
-    AudioOutput* output = AppContext::audioOutput();
-    if (output) {
-        output->mute();
-    }
-    ARBO_DEBUG() << "GUI sleep before unload patch";
-    QThread::msleep(PATCH_CLOSE_SLEEP_MS);
-    ARBO_DEBUG() << "GUI waiting for audio thread to unload patch";
-    runPatchCommand(ArboEvent::ClosePatch);
-    ARBO_DEBUG() << "GUI sleep after unload patch";
-    QThread::msleep(PATCH_CLOSE_SLEEP_MS);
-    if (output) {
-        output->unmute();
-    }
-    ARBO_DEBUG() << "GUI woke up after unloading patch";
-}
-
 bool PdPlayer::loadPatch(const QFileInfo& file)
 {
-    ARBO_DEBUG() << "PdPlayer::loadPatch A";
-    unloadPatch();
-    {
-        PatchLock lock(&mPatchMutex);
-        mPendingPatchFile = file.fileName().toLocal8Bit();
-        mPendingPatchFolder = file.absolutePath().toLocal8Bit();
-        mPendingPatch = true;
-    }
-    ARBO_DEBUG() << "GUI waiting for audio thread to load patch";
-    runPatchCommand(ArboEvent::OpenPatch);
-    ARBO_DEBUG() << "GUI woke up after loading patch";
-
-    PatchLock lock(&mPatchMutex);
-    const bool failed = mPendingPatch;
-    mPendingPatch = false;
-    mPendingPatchFile.clear();
-    mPendingPatchFolder.clear();
-    lock.unlock();
-    if (failed) {
+    collectRetired();
+    PdInstance* instance = spareInstance();
+    if (!instance) {
+        qCritical() << "No Pd instance is free for the next patch";
         return false;
     }
+    qWarning().noquote() << "Opening PD patch: " << file.absolutePath() << file.fileName();
+    // Opened here, off the audio thread, which plays the old patch on.
+    if (!instance->open(file.fileName().toLocal8Bit(), file.absolutePath().toLocal8Bit())) {
+        return false; // the old patch plays on
+    }
+    auto* swap = new Swap;
+    swap->incoming = instance;
+    // Macros carry over where the new patch has the same name (as the
+    // window shows it: in any case).
+    const QStringList& names = instance->macroNames();
+    for (int i = 0; i < MACRO_COUNT; ++i) {
+        const QString name = names.value(i).trimmed();
+        swap->macroSource[i] = -1;
+        for (int j = 0; j < mMacroNames.size() && !name.isEmpty(); ++j) {
+            if (mMacroNames.at(j).trimmed().compare(name, Qt::CaseInsensitive) == 0) {
+                swap->macroSource[i] = j;
+                break;
+            }
+        }
+        if (swap->macroSource[i] >= MACRO_COUNT) {
+            swap->macroSource[i] = -1;
+        }
+        swap->macroDefault[i] = instance->macroDefaults().value(i, -1.0f);
+    }
+    handOver(swap);
+    mPatchOpen.store(true, std::memory_order_release);
+    mMacroNames = names;
+    emit macroNamesReceived(mMacroNames);
+    emit macroDefaultsReceived(instance->macroDefaults());
     emit patchLoaded(file.absoluteFilePath());
     return true;
 }
 
-void PdPlayer::runPatchCommand(int command)
+void PdPlayer::unloadPatch()
 {
-    runPatchCommandAndWait(command);
-    // What the command reported (the notes it ended, the macros it took
-    // away) reaches the window before the change is over.
-    deliverResults();
-}
-
-void PdPlayer::runPatchCommandAndWait(int command)
-{
-    AudioOutput* output = AppContext::audioOutput();
-    PatchLock lock(&mPatchMutex);
-    mPatchCommandSent = mPatchCommandSent % 0xffffff + 1;
-    const int sequence = mPatchCommandSent;
-    const ArboEvent event(static_cast<ArboEvent::Type>(command), float(sequence));
-    if (!output || !output->isStreamRunning()) {
-        // No audio thread runs, so nothing else touches libpd: carry the
-        // command out here, or it would wait for a callback that never comes.
-        lock.unlock();
-        queueEventGui(&event);
-        processEvents();
+    collectRetired();
+    if (!isPatchOpen()) {
         return;
     }
-    // Locked before queueing, so the audio thread cannot report the command
-    // done before this thread waits for it.
-    queueEventGui(&event);
+    qWarning() << "Closing PD patch...";
+    handOver(new Swap); // no instance: the sound fades out and every note ends
+    mPatchOpen.store(false, std::memory_order_release);
+    mMacroNames.clear();
+    emit macroNamesReceived(mMacroNames);
+}
+
+void PdPlayer::handOver(Swap* swap)
+{
+    mInUse[poolIndex(swap->incoming)] = true;
+    // A change not yet taken up by the audio thread is replaced: only the
+    // latest one counts.
+    if (Swap* replaced = mIncoming.exchange(swap, std::memory_order_acq_rel)) {
+        release(replaced->incoming);
+        delete replaced;
+    }
+    if (!mAudioThreadRunning.load(std::memory_order_acquire)) {
+        // No audio thread runs: this thread stands in for it, at once and
+        // without a crossfade, after the commands queued before the change.
+        processEvents(VOICE_COUNT * VOICE_COUNT);
+        for (int i = 0; i < 2; ++i) { // a crossfade left over, then this change
+            if (mOld) {
+                finishSwap();
+            }
+            takeSwap();
+        }
+        if (mOld) {
+            finishSwap();
+        }
+        deliverResults();
+    }
+}
+
+void PdPlayer::collectRetired()
+{
+    Swap* swap = nullptr;
+    while (mRetired.pop(swap)) {
+        release(swap->retired);
+        delete swap;
+    }
+}
+
+void PdPlayer::release(PdInstance* instance)
+{
+    if (!instance) {
+        return;
+    }
+    instance->close();
+    mInUse[poolIndex(instance)] = false;
+}
+
+int PdPlayer::poolIndex(const PdInstance* instance) const
+{
+    for (int i = 0; i < POOL_SIZE; ++i) {
+        if (mPool[i].get() == instance) {
+            return i;
+        }
+    }
+    return POOL_SIZE; // the spare slot of mInUse: no instance (a closing change)
+}
+
+PdInstance* PdPlayer::spareInstance()
+{
+    // Three instances: the one playing, one fading out, one being prepared.
     QElapsedTimer waited;
     waited.start();
-    while (mPatchCommandDone != sequence) {
-        lock.wait(&mPatchCondition, PATCH_WAIT_SLICE_MS);
-        if (mPatchCommandDone == sequence) {
-            break;
+    for (;;) {
+        for (int i = 0; i < POOL_SIZE; ++i) {
+            if (!mInUse[i] && mPool[i]) {
+                return mPool[i].get();
+            }
         }
-        // The stream may have died under the command (its device went away):
-        // then nothing will answer, and no callback runs the player any more,
-        // so the command is carried out here. The lock is let go meanwhile:
-        // a callback finishing its buffer may need it.
-        lock.unlock();
-        const bool running = output->isStreamRunning();
-        if (!running) {
-            processEvents();
-            return;
+        // A change the audio thread has not taken up yet is given up: only
+        // the latest one counts, so its instance is this one's.
+        if (Swap* pending = mIncoming.exchange(nullptr, std::memory_order_acq_rel)) {
+            release(pending->incoming);
+            delete pending;
+            continue;
         }
-        lock.relock();
-        if (mPatchCommandDone != sequence && waited.elapsed() > qint64(PATCH_COMMAND_TIMEOUT_MS)) {
-            qCritical() << "Audio thread did not answer the patch command" << command
-                        << "- giving up waiting";
-            return;
+        // Otherwise a crossfade holds the third: it ends within tens of
+        // milliseconds, while the audio thread goes on.
+        if (waited.elapsed() > SPARE_WAIT_MS) {
+            return nullptr;
         }
+        QThread::msleep(2);
+        collectRetired();
     }
-}
-
-void PdPlayer::finishPatchCommand(int sequence)
-{
-    mPatchCommandDone = sequence;
-    mPatchCondition.wakeAll();
-}
-
-void PdPlayer::closePatch(int sequence)
-{
-    // The GUI thread holds this lock only briefly (to queue, then inside the
-    // wait, which releases it), so the audio thread never waits long here.
-    PatchLock lock(&mPatchMutex);
-    if (mPatch) {
-        qWarning() << "Closing PD patch...";
-        allNotesOff();
-        setDsp(false);
-        if (mVoiceInfoBinding) {
-            libpd_unbind(mVoiceInfoBinding);
-            mVoiceInfoBinding = nullptr;
-        }
-        // Let go with the patch: a binding kept from every open would run the
-        // hook once more for each patch ever opened.
-        if (mVoiceStopBinding) {
-            libpd_unbind(mVoiceStopBinding);
-            mVoiceStopBinding = nullptr;
-        }
-        libpd_closefile(mPatch);
-        mPatch = nullptr;
-        mPatchOpen.store(false, std::memory_order_release);
-        // The released voices were waiting for "voice-stop" from a patch that
-        // is gone; no patch will ever report them, so they are free now.
-        // (Clearing the map frees its nodes on this thread: a patch change is
-        // muted and already the heaviest thing the audio thread ever does.)
-        for (NoteOn& voice : mVoices) {
-            voice.seqId = 0;
-            voice.released = false;
-            voice.inMap = false;
-        }
-        updateSoundingCount();
-        mMonoVoice = -1;
-        mMacroNames.clear();
-        emit macroNamesReceived(mMacroNames);
-        mMacroDefaults.clear();
-    }
-    // Also when nothing was open: the GUI thread is waiting either way.
-    finishPatchCommand(sequence);
-}
-
-void PdPlayer::openPatch(int sequence)
-{
-    ARBO_DEBUG() << "PdPlayer::openPatch()";
-    PatchLock lock(&mPatchMutex);
-    if (!mPendingPatch) {
-        finishPatchCommand(sequence); // the GUI thread stopped waiting for this one
-        return;
-    }
-    qWarning().noquote() << "Opening PD patch: " << mPendingPatchFolder << mPendingPatchFile;
-    // Opening parses the file: the one place where the audio thread reads a
-    // file. It happens only while the output is muted for a patch change.
-    mCarryFrames = 0; // the last patch's tick is not this one's
-    mPatch = libpd_openfile(mPendingPatchFile.constData(), mPendingPatchFolder.constData());
-    mPatchOpen.store(mPatch != nullptr, std::memory_order_release);
-    if (!mPatch) {
-        qCritical().noquote() << "Opening PD patch failed: " << mPendingPatchFolder
-                              << mPendingPatchFile;
-        finishPatchCommand(sequence);
-        return;
-    }
-    if (!setDsp(true)) {
-        qCritical().noquote() << "setDsp(true) failed after opening: " << mPendingPatchFolder
-                              << mPendingPatchFile;
-        finishPatchCommand(sequence);
-        return;
-    }
-    mVoiceInfoBinding = libpd_bind("output-voice-info");
-    // Once per patch; closePatch lets it go.
-    if (!mVoiceStopBinding) {
-        mVoiceStopBinding = libpd_bind("voice-stop");
-    }
-    // The patch answers during this call, through the list hook.
-    sendPdQueryMacrosMessage();
-    // Only the flag: the GUI thread frees the names, not the audio thread.
-    mPendingPatch = false;
-    finishPatchCommand(sequence);
 }

@@ -8,18 +8,19 @@
 
 #include <QByteArray>
 #include <QList>
-#include <QMutex>
 #include <QObject>
 #include <QStringList>
 #include <QTimer>
-#include <QWaitCondition>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdint>
+#include <memory>
 
 class ArboEvent;
 class MidiNoteRing;
+class PdInstance;
 class QFileInfo;
 struct _atom;
 struct _pdinstance;
@@ -73,6 +74,14 @@ public:
         // In the note table: the voice that `ratio` is found on, from its
         // note-on until it stops (or the ratio is struck again elsewhere).
         bool inMap = false;
+        // What the patch was told at the note-on (for a new patch to start
+        // the note the same way), and whether it was told at all.
+        float frequency = 0.0f;
+        float volume = 0.0f;
+        bool started = false;
+        // Releasing in a patch that is being replaced: only that patch
+        // reports it stopped, and it is freed when that patch goes.
+        bool oldOnly = false;
     };
 
     static constexpr int VOICE_COUNT = 128;
@@ -94,12 +103,17 @@ public:
     // GUI thread, at shutdown: closes the patch.
     void term();
 
-    // GUI thread. Closes any open patch and opens `file`, waiting for the
-    // audio thread to do it. Returns false when libpd could not open it (or
-    // could not switch DSP on); then no patchLoaded is emitted.
+    // GUI thread. Opens `file` in a spare Pd instance, here, while the
+    // audio thread plays on, and hands it over: the audio thread starts the
+    // notes held at that moment in it and crossfades to it within
+    // CROSSFADE_SECONDS; the old patch is closed afterwards, off the audio
+    // thread. Macros carry over to the new patch where it has a macro of the
+    // same name; the others take its defaults. Returns false when libpd
+    // could not open it (or could not switch its DSP on): the old patch then
+    // plays on, and no patchLoaded is emitted. Without a running audio
+    // thread the change is carried out at once, without a crossfade.
     bool loadPatch(const QFileInfo& file);
-    // GUI thread. Closes the open patch (if any), waiting for the audio thread,
-    // with the output muted around it so the teardown is not heard.
+    // GUI thread. The open patch (if any) fades out and every note ends.
     void unloadPatch();
 
     // How many commands one buffer of `frames` carries out at most: two per
@@ -133,7 +147,15 @@ public:
     void render(float* output, int frames) noexcept;
     // Forgets what was left of the last tick (a new stream starts clean).
     // While no audio thread runs.
-    void resetRender() { mCarryFrames = 0; }
+    void resetRender() {}
+    // GUI thread: whether an audio thread calls render() from now on (the
+    // audio output says so when its stream starts and once it has stopped;
+    // a test that plays the audio thread may say so too). Without one, a
+    // patch change is carried out at once, on the calling thread.
+    void setAudioThreadRunning(bool running)
+    {
+        mAudioThreadRunning.store(running, std::memory_order_release);
+    }
     // Any thread. Muted, every buffer is silence; the patch runs on.
     void setMuted(bool muted) { mMuted.store(muted, std::memory_order_relaxed); }
     bool isMuted() const { return mMuted.load(std::memory_order_relaxed); }
@@ -142,7 +164,9 @@ public:
     quint32 silencedBuffers() const { return mSilencedBuffers.load(); }
 
     static constexpr int CHANNELS = 2;
-    static constexpr int PD_BLOCK_FRAMES = 64;
+    static constexpr int MACRO_COUNT = 8;
+    // How long a patch change crossfades from the old patch to the new one.
+    static constexpr double CROSSFADE_SECONDS = 0.04;
 
     // GUI thread: turns the results the audio thread queued into the
     // signals below (noteToggled, transposed, ...), in order, and signals a
@@ -280,14 +304,8 @@ private:
     void noteOff(const ArboRatio& ratio);
     void allNotesOff();
     void onVoiceStopped(int voice);
-    void openPatch(int sequence);
-    void closePatch(int sequence);
-    // Audio thread, under the patch mutex: the patch command `sequence` is
-    // carried out.
-    void finishPatchCommand(int sequence);
-    // GUI thread: queues a patch command and waits until it is carried out.
-    void runPatchCommand(int command);
-    void runPatchCommandAndWait(int command);
+    // Audio thread: a voice-stop from the instance `from`.
+    void onVoiceStopReported(const _pdinstance* from, int voice);
     void updateSoundingCount();
     // Audio thread: queues a result for deliverResults().
     void report(int kind, int number, float value = 0.0f, bool flag = false,
@@ -295,9 +313,6 @@ private:
 
     bool sendPdVoiceMessage(int type, float value, int voice);
     bool sendPdVolumeMessage(float value);
-    bool setDsp(bool on);
-    bool sendPdQueryMacrosMessage();
-    void onMacroNamesReceived(const QString& text);
 
     static void pdPrintHook(const char* text);
     static void pdListHook(const char* recv, int argc, _atom* argv);
@@ -305,16 +320,10 @@ private:
     // The player that libpd's plain-function hooks reach.
     static PdPlayer* sThis;
 
-    // libpd's instance, made by init() on the GUI thread. libpd keeps the
-    // current instance in a thread-local pointer that starts out null on any
-    // other thread, so the audio thread must be given it before calling in.
-    _pdinstance* mPdInstance = nullptr;
-
     PdMessageBuffer mGuiBuffer;
     PdMessageBuffer mSerialBuffer;
     PdMessageBuffer mMidiBuffer;
     PdMessageBuffer mOscBuffer;
-    void* mPatch = nullptr;
     ArboRatio mTransposition{1, 1};
     float mVolume = 0.8f;
     float mVoiceVolume = 1.0f;
@@ -324,27 +333,51 @@ private:
     int mMonoVoice = -1;
     StaticArray<NoteOn, VOICE_COUNT> mVoices;
     std::int32_t mSequence = 0;
+    // The macro names of the patch last opened (GUI thread).
     QStringList mMacroNames;
-    QList<float> mMacroDefaults;
-    void* mVoiceInfoBinding = nullptr;
-    bool mAwaitingMacroNames = false;
-    void* mVoiceStopBinding = nullptr;
 
-    // Written by the GUI thread before it queues OpenPatch, read and cleared
-    // by the audio thread in openPatch, both under mPatchMutex. Still set
-    // after the command means the open failed.
-    QByteArray mPendingPatchFile;
-    QByteArray mPendingPatchFolder;
-    bool mPendingPatch = false;
-    // Patch commands carry a sequence number (in the command's value): the
-    // GUI thread waits until the audio thread reports its own number done,
-    // so that a late answer to a command whose wait timed out cannot end the
-    // wait of the next one. Both under mPatchMutex. Kept below 2^24, where
-    // the float value holds every integer exactly.
-    int mPatchCommandSent = 0;
-    int mPatchCommandDone = 0;
-    QWaitCondition mPatchCondition;
-    QMutex mPatchMutex;
+    // A patch change, from the GUI thread to the audio thread and back: the
+    // instance to play from now on (null: none), and, once the crossfade is
+    // over, the one that played before, for the GUI thread to close.
+    struct Swap
+    {
+        PdInstance* incoming = nullptr;
+        PdInstance* retired = nullptr;
+        // For each macro of the new patch: the macro of the old one whose
+        // value it takes, or -1 for its default (macroDefault, -1: none).
+        int macroSource[MACRO_COUNT] = {-1, -1, -1, -1, -1, -1, -1, -1};
+        float macroDefault[MACRO_COUNT] = {-1, -1, -1, -1, -1, -1, -1, -1};
+    };
+    // GUI thread.
+    void handOver(Swap* swap);
+    void collectRetired();
+    void release(PdInstance* instance);
+    int poolIndex(const PdInstance* instance) const;
+    PdInstance* spareInstance();
+    // Audio thread.
+    void takeSwap();
+    void finishSwap();
+    void renderPiece(float* output, int frames) noexcept;
+
+    static constexpr int POOL_SIZE = 3;
+    static constexpr int SPARE_WAIT_MS = 2000;
+    static constexpr int FADE_BUFFER_FRAMES = 1024;
+    // Made by init(), freed by the destructor; owned by the GUI thread, which
+    // lends them to the audio thread through Swap records. mInUse has a last
+    // slot for "no instance".
+    std::array<std::unique_ptr<PdInstance>, POOL_SIZE> mPool;
+    std::array<bool, POOL_SIZE + 1> mInUse{};
+    std::atomic<Swap*> mIncoming{nullptr};
+    SpscQueue<Swap*, 16> mRetired;
+    // Audio thread: the instance playing, and the one fading out.
+    PdInstance* mCurrent = nullptr;
+    PdInstance* mOld = nullptr;
+    Swap* mActiveSwap = nullptr;
+    int mFadeFrame = 0;
+    int mFadeFrames = 1764;
+    float mFadeBuffer[FADE_BUFFER_FRAMES * CHANNELS] = {};
+    // The last value of each macro (negative: not known), for the next patch.
+    float mMacroValues[MACRO_COUNT] = {-1, -1, -1, -1, -1, -1, -1, -1};
 
     // Audio thread: hands a note to the MIDI tap, if one is set. Never blocks.
     void tapNote(int type, int voice, double frequency = 0.0);
@@ -384,10 +417,9 @@ private:
     std::atomic<quint32> mFailedMessages{0};
     QTimer mDeliveryTimer;
     std::atomic<bool> mMuted{false};
+    std::atomic<bool> mAudioThreadRunning{false};
     std::atomic<quint32> mSilencedBuffers{0};
-    // The end of the last tick, which the last buffer could not take.
-    float mCarry[PD_BLOCK_FRAMES * CHANNELS] = {};
-    int mCarryFrames = 0;
+
     static thread_local bool tOnAudioThread;
     QTimer mReportTimer;
 };

@@ -47,8 +47,6 @@ const QString VIEW_SWITCHER_TEXT = QStringLiteral(
 const QPoint VIEW_SWITCHER_POS(108, 124);
 
 constexpr int MACRO_COUNT = 8;
-// Negative defaults mark macros that the patch leaves alone.
-constexpr float NO_DEFAULT_BELOW = -0.5f;
 
 const QString STEPS_CAPTION = QStringLiteral("Shifted prime steps: ");
 // Between the two frequencies of the readout.
@@ -119,8 +117,6 @@ MainWindow::MainWindow(Arbo* lattice, QWidget* parent)
     connect(player, &PdPlayer::macroValueChanged, this, &MainWindow::onMacroValueChanged,
             Qt::QueuedConnection);
     connect(player, &PdPlayer::macroNamesReceived, this, &MainWindow::onMacroNamesReceived,
-            Qt::QueuedConnection);
-    connect(player, &PdPlayer::macroDefaultsReceived, this, &MainWindow::onMacroDefaultsReceived,
             Qt::QueuedConnection);
     connect(player, &PdPlayer::patchDecRequested, this, &MainWindow::onPatchDecRequested,
             Qt::QueuedConnection);
@@ -379,15 +375,6 @@ void MainWindow::onMacroNamesReceived(const QStringList& names)
     }
 }
 
-void MainWindow::onMacroDefaultsReceived(const QList<float>& values)
-{
-    for (int i = 0; i < values.size() && i < MACRO_COUNT; ++i) {
-        if (values.at(i) > NO_DEFAULT_BELOW) {
-            queue(static_cast<ArboEvent::Type>(ArboEvent::Macro1 + i), values.at(i));
-        }
-    }
-}
-
 void MainWindow::on_volumeSlider_valueChanged(int value)
 {
     queue(ArboEvent::MasterVolume, normalised(mUi->volumeSlider, float(value)));
@@ -490,7 +477,7 @@ void MainWindow::loadPatch(const QString& path)
     if (!PatchLoader::loadVoice(player, absolute)) {
         QMessageBox::critical(this, QString::fromLatin1(AppContext::APP_NAME),
                               tr("Failed to load patch %1.").arg(absolute), QMessageBox::Ok);
-        // The engine stays without a patch; the menu shows the last good one.
+        // The last good patch plays on, and the menu shows it again.
         if (mLastLoadedPatch >= 0 && mLastLoadedPatch < mUi->patchMenu->count()) {
             mUi->patchMenu->setCurrentIndex(mLastLoadedPatch);
         } else {
@@ -498,12 +485,9 @@ void MainWindow::loadPatch(const QString& path)
         }
         return;
     }
-    // The new patch starts from what the window shows, not from its own
-    // idea of the volume and macros.
-    on_volumeSlider_valueChanged(mUi->volumeSlider->value());
-    for (int i = 0; i < MACRO_COUNT; ++i) {
-        setMacro(i, float(macroSlider(i + 1)->value()));
-    }
+    // The player gives the new patch the volume, and the macros where it
+    // has one of the same name (its defaults otherwise); the sliders follow
+    // what it reports.
     setNoPatchLoaded(false);
     addPatchToMenu(absolute);
     mLastLoadedPatch =

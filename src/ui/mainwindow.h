@@ -92,7 +92,6 @@ public slots:
     void onMonophonicChanged(bool monophonic);
     void onMacroValueChanged(int macro, float value);
     void onMacroNamesReceived(const QStringList& names);
-    void onMacroDefaultsReceived(const QList<float>& values);
     void onPatchDecRequested();
     void onPatchIncRequested();
     void onMacroSliderValueChanged(int value);
