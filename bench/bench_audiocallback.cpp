@@ -1,12 +1,11 @@
 // The audio callback's cost.
 //
 // steady/release: what one 256-frame buffer costs the real engine (PdPlayer
-// with the shipped patches, 128 voices) while the notes are held and while
-// they are released, with flush-to-zero and denormals-are-zero switched on
-// (as the callback does) and off. With them on, a release must cost no more
-// than the held notes. denormal_stress does the same for a patch that keeps
-// its signal in the denormal range, as a fading tail does when nothing in Pd
-// flushes it: there the mode makes the difference.
+// with the shipped patches, 128 voices, through its render entry, which
+// switches flush-to-zero and denormals-are-zero on) while the notes are held
+// and while they are released: a release must cost no more than the held
+// notes. denormal_stress does the same for a patch that keeps its signal in
+// the denormal range, as a fading tail does when nothing in Pd flushes it.
 //
 // jack_dummy: the real PaAudioOutput on a private JACK server (dummy driver,
 // 44100 Hz, 256 frames) with 128 voices sounding, for ARBO_BENCH_SECONDS
@@ -39,8 +38,11 @@
 #include <benchmark/benchmark.h>
 #include <z_libpd.h>
 
+#include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
+#include <thread>
 #include <ctime>
 #include <vector>
 
@@ -130,12 +132,11 @@ void queueChord(PdPlayer& player, const std::vector<ArboPath>& paths)
     }
 }
 
-// One buffer the way the callback computes it, but with the denormal mode
-// left to the caller.
-void renderWithoutCallback(PdPlayer& player, float* out)
+// One buffer through the render entry the callback uses.
+void renderBuffer(PdPlayer& player, float* out)
 {
-    player.processEvents();
-    libpd_process_float(TICKS, nullptr, out);
+    player.render(out, FRAMES);
+    player.deliverResults();
 }
 
 // CPU time of the calling thread: what a buffer costs, without the time the
@@ -153,7 +154,7 @@ double timeBuffers(PdPlayer& player, int buffers)
     static float out[2 * FRAMES];
     const double start = threadSeconds();
     for (int i = 0; i < buffers; ++i) {
-        renderWithoutCallback(player, out);
+        renderBuffer(player, out);
         benchmark::DoNotOptimize(out);
     }
     return (threadSeconds() - start) / buffers;
@@ -164,7 +165,7 @@ void renderSeconds(PdPlayer& player, double seconds)
     static float out[2 * FRAMES];
     const int buffers = int(seconds * SR / FRAMES);
     for (int i = 0; i < buffers; ++i) {
-        renderWithoutCallback(player, out);
+        renderBuffer(player, out);
     }
 }
 
@@ -214,9 +215,8 @@ void renderAnySize(benchmark::State& state, const QString& voice)
 }
 
 // 128 held notes: one buffer per iteration.
-void steady(benchmark::State& state, const QString& voice, bool flush)
+void steady(benchmark::State& state, const QString& voice)
 {
-    Denormals::Scope mode(flush);
     if (!PatchLoader::loadVoice(sPlayer, voice)) {
         state.SkipWithError("could not load the voice");
         return;
@@ -240,9 +240,8 @@ void steady(benchmark::State& state, const QString& voice, bool flush)
 // buffer; apart from it the buffer that carries the note-offs out
 // ("note_offs_us") and the tail after the release, when the voices are off
 // and only the bus stages still decay ("tail_us").
-void release(benchmark::State& state, const QString& voice, bool flush)
+void release(benchmark::State& state, const QString& voice)
 {
-    Denormals::Scope mode(flush);
     if (!PatchLoader::loadVoice(sPlayer, voice)) {
         state.SkipWithError("could not load the voice");
         return;
@@ -274,9 +273,8 @@ void release(benchmark::State& state, const QString& voice, bool flush)
     sPlayer->unloadPatch();
 }
 
-void denormalStress(benchmark::State& state, bool flush)
+void denormalStress(benchmark::State& state)
 {
-    Denormals::Scope mode(flush);
     QTemporaryDir dir;
     const QString path = dir.path() + QStringLiteral("/denormal.pd");
     if (!TestSupport::writeFile(path, DENORMAL_PATCH) || !sPlayer->loadPatch(QFileInfo(path))) {
@@ -290,6 +288,82 @@ void denormalStress(benchmark::State& state, bool flush)
         total += perBuffer;
     }
     state.counters["load_%"] = loadPercent(total / double(state.iterations()));
+    sPlayer->unloadPatch();
+}
+
+// Patch changes under 128 sounding notes: a thread of its own plays the
+// audio thread (256 frames, paced at the buffer period) while this thread
+// changes the voice back and forth (Organ, Sine) ten times, each change
+// opened here and crossfaded there. Counters: the worst buffer's duration in
+// per cent of the period ("worst_%", goal at most 50) and the lowest level of
+// any 10 ms of the output against the chord's level before the changes
+// ("dip_dB", goal above -20).
+void patchChange(benchmark::State& state)
+{
+    const QString patches = TestSupport::binDir() + QStringLiteral("/patches/");
+    if (!PatchLoader::loadVoice(sPlayer, patches + QStringLiteral("Sine.pd"))) {
+        state.SkipWithError("could not load the voice");
+        return;
+    }
+    queueChord(*sPlayer, chordPaths());
+    renderSeconds(*sPlayer, 0.5);
+    std::vector<float> out(2 * FRAMES);
+    double chordSquares = 0.0;
+    for (int i = 0; i < 20; ++i) {
+        renderBuffer(*sPlayer, out.data());
+        for (int f = 0; f < FRAMES; ++f) {
+            chordSquares += double(out[2 * f]) * out[2 * f];
+        }
+    }
+    const double chordDb = 10.0 * std::log10(chordSquares / (20.0 * FRAMES));
+    const double period = double(FRAMES) / SR;
+    double worst = 0.0;
+    double dipDb = 0.0;
+    for (auto _ : state) {
+        sPlayer->setAudioThreadRunning(true);
+        std::atomic<bool> stop{false};
+        std::vector<float> left;
+        left.reserve(std::size_t(SR) * 20);
+        double worstHere = 0.0;
+        std::thread audio([&] {
+            std::vector<float> buffer(2 * FRAMES);
+            auto next = std::chrono::steady_clock::now();
+            while (!stop.load()) {
+                const auto start = std::chrono::steady_clock::now();
+                sPlayer->render(buffer.data(), FRAMES);
+                const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+                worstHere = std::max(worstHere, took.count());
+                for (int f = 0; f < FRAMES && left.size() < left.capacity(); ++f) {
+                    left.push_back(buffer[2 * f]);
+                }
+                next += std::chrono::microseconds(int(period * 1e6));
+                std::this_thread::sleep_until(next);
+            }
+        });
+        for (int change = 0; change < 10; ++change) {
+            PatchLoader::loadVoice(sPlayer, patches + (change % 2 ? "Sine.pd" : "Organ.pd"));
+            sPlayer->deliverResults();
+            QThread::msleep(150);
+            sPlayer->deliverResults();
+        }
+        stop = true;
+        audio.join();
+        sPlayer->setAudioThreadRunning(false);
+        sPlayer->deliverResults();
+        state.SetIterationTime(worstHere);
+        worst = std::max(worst, worstHere);
+        double lowest = 0.0;
+        for (std::size_t at = 0; at + 441 <= left.size(); at += 441) {
+            double squares = 0.0;
+            for (std::size_t i = at; i < at + 441; ++i) {
+                squares += double(left[i]) * left[i];
+            }
+            lowest = std::min(lowest, 10.0 * std::log10(squares / 441.0 + 1e-30) - chordDb);
+        }
+        dipDb = std::min(dipDb, lowest);
+    }
+    state.counters["worst_%"] = 100.0 * worst / period;
+    state.counters["dip_dB"] = dipDb;
     sPlayer->unloadPatch();
 }
 
@@ -363,25 +437,26 @@ int main(int argc, char** argv)
 
     const QString voice = voicePath();
     const std::string name = QFileInfo(voice).completeBaseName().toStdString();
-    for (bool flush : {true, false}) {
-        const std::string mode = flush ? "/ftz" : "/no_ftz";
-        benchmark::RegisterBenchmark(("steady/" + name + mode).c_str(), steady, voice, flush)
-            ->Unit(benchmark::kMicrosecond)
-            ->UseManualTime();
-        benchmark::RegisterBenchmark(("release/" + name + mode).c_str(), release, voice, flush)
-            ->Unit(benchmark::kMicrosecond)
-            ->UseManualTime()
-            ->Iterations(20);
-        benchmark::RegisterBenchmark(("denormal_stress" + mode).c_str(), denormalStress, flush)
-            ->Unit(benchmark::kMicrosecond)
-            ->UseManualTime();
-    }
+    benchmark::RegisterBenchmark(("steady/" + name).c_str(), steady, voice)
+        ->Unit(benchmark::kMicrosecond)
+        ->UseManualTime();
+    benchmark::RegisterBenchmark(("release/" + name).c_str(), release, voice)
+        ->Unit(benchmark::kMicrosecond)
+        ->UseManualTime()
+        ->Iterations(20);
+    benchmark::RegisterBenchmark("denormal_stress", denormalStress)
+        ->Unit(benchmark::kMicrosecond)
+        ->UseManualTime();
     benchmark::RegisterBenchmark(("render/" + name).c_str(), renderAnySize, voice)
         ->Arg(256)
         ->Arg(100)
         ->Arg(1000)
         ->Unit(benchmark::kMicrosecond)
         ->UseManualTime();
+    benchmark::RegisterBenchmark("patch_change/128_voices", patchChange)
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime()
+        ->Iterations(1);
     benchmark::RegisterBenchmark("jack_dummy/128_voices", jackDummy)
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()
