@@ -48,7 +48,7 @@ class TestAudioOutput : public QObject
     Q_OBJECT
 
     JackFixture mJack;
-    JackFixture mJack48; // for the one test of a device that refuses 44100 Hz
+    JackFixture mSecondJack; // for the tests of another server: 48 kHz, 64 frames
     PdPlayer mPlayer;
     QTemporaryDir mPatchDir;
     std::unique_ptr<PaAudioOutput> mOutput; // a fresh one for each test
@@ -149,7 +149,7 @@ private slots:
         mPlayer.unloadPatch();
         mOutput->term();
         AppContext::setAudioOutput(nullptr);
-        mJack48.stop(); // only after PortAudio, its client, has ended
+        mSecondJack.stop(); // only after PortAudio, its client, has ended
         mJack.applyToThisProcess();
     }
 
@@ -404,15 +404,43 @@ private slots:
     // computes at that rate: the pitch is right at 48 kHz too.
     void deviceRefusing44100IsOpenedAtItsOwnRate()
     {
-        QVERIFY2(mJack48.start(48000, 256), qPrintable(mJack48.error()));
-        mJack48.applyToThisProcess();
+        QVERIFY2(mSecondJack.start(48000, 256), qPrintable(mSecondJack.error()));
+        mSecondJack.applyToThisProcess();
         QVERIFY(mOutput->init(256, -1, &mPlayer));
         QCOMPARE(mOutput->streamSampleRate(), 48000.0);
         const QString sine = TestSupport::binDir() + QStringLiteral("/patches/Sine.pd");
         QVERIFY(PatchLoader::loadVoice(&mPlayer, sine));
         // Played at 44.1 kHz it would sound 8.8 % (146 cents) sharp.
         QString heard;
-        QVERIFY2(hearsTone(mJack48, ArboNoteEvent(), 1.5, 0, 48000, mPlayer.baseFrequency(), &heard),
+        QVERIFY2(hearsTone(mSecondJack, ArboNoteEvent(), 1.5, 0, 48000, mPlayer.baseFrequency(), &heard),
+                 qPrintable(heard));
+    }
+
+    // 64-frame buffers on a live server: a chord goes on through a patch
+    // change made while the callback runs, and a note is heard at its
+    // pitch. (The pitch and the crossfade's level are measured offline;
+    // this is what only the live path adds.)
+    void smallBuffersPlayLive()
+    {
+        QVERIFY2(mSecondJack.start(44100, 64), qPrintable(mSecondJack.error()));
+        mSecondJack.applyToThisProcess();
+        QVERIFY(mOutput->init(64, -1, &mPlayer));
+        QCOMPARE(mOutput->framesPerBuffer(), 64);
+        const QString patches = TestSupport::binDir() + QStringLiteral("/patches/");
+        QVERIFY(PatchLoader::loadVoice(&mPlayer, patches + QStringLiteral("Sine.pd")));
+        for (const char* path : {"/5", "/-3/7", "/2"}) {
+            const ArboNoteEvent note{QString::fromLatin1(path)};
+            mPlayer.queueEventGui(&note);
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(mPlayer.soundingNoteCount(), 3, 10000);
+        QVERIFY(PatchLoader::loadVoice(&mPlayer, patches + QStringLiteral("Organ.pd")));
+        QVERIFY(PatchLoader::loadVoice(&mPlayer, patches + QStringLiteral("Sine.pd")));
+        QCOMPARE(mPlayer.soundingNoteCount(), 3);
+        const ArboEvent stopAll(ArboEvent::AllNotesOff, 1.0f);
+        mPlayer.queueEventGui(&stopAll);
+        QTRY_COMPARE_WITH_TIMEOUT(mPlayer.soundingNoteCount(), 0, 10000);
+        QString heard;
+        QVERIFY2(hearsTone(mSecondJack, ArboNoteEvent("/3"), 1.5, 0, 44100, 660.0, &heard),
                  qPrintable(heard));
     }
 };
