@@ -334,7 +334,6 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
     mSampleRate = sampleRate;
     mOutputLatency = 0.0;
     mStats.reset(); // no callback runs between the close above and the start below
-    mPlayer->resetRender();
     mStreamFinished.store(false);
     mContext = new StreamContext{this, mStreamToken.load()};
     PaError error = mLibrary->OpenStream(&mStream, nullptr, &output, sampleRate,

@@ -145,9 +145,6 @@ public:
     // objects' message methods, allocate. This code itself never blocks,
     // locks, allocates, logs or emits.
     void render(float* output, int frames) noexcept;
-    // Forgets what was left of the last tick (a new stream starts clean).
-    // While no audio thread runs.
-    void resetRender() {}
     // GUI thread: whether an audio thread calls render() from now on (the
     // audio output says so when its stream starts and once it has stopped;
     // a test that plays the audio thread may say so too). Without one, a
@@ -177,8 +174,8 @@ public:
     // print hook must not log there). The audio output sets and clears it.
     static void setOnAudioThread(bool on) { tOnAudioThread = on; }
 
-    // Whether a patch is open. Any thread: published by the audio thread
-    // whenever it opens or closes one.
+    // Whether a patch is open (or on its way to the audio thread). Any
+    // thread: published by the GUI thread as it loads and unloads patches.
     bool isPatchOpen() const { return mPatchOpen.load(std::memory_order_acquire); }
 
     // Any thread: numerator / denominator × the base frequency.
