@@ -105,9 +105,9 @@ void PdMessageBuffer::reportDrops()
              mFullWarning.takeSuppressed());
 }
 
-void PdMessageBuffer::processEvents(ChunkList& list, int maxChunks)
+void PdMessageBuffer::processEvents(ChunkList& list)
 {
-    if (!mRing || maxChunks <= 0) {
+    if (!mRing) {
         return;
     }
     if (mHasAhead && list.size() < list.capacity()) {
@@ -115,7 +115,6 @@ void PdMessageBuffer::processEvents(ChunkList& list, int maxChunks)
         sScratch[list.size()] = mAhead;
         list.append(&sScratch[list.size()]);
         mHasAhead = false;
-        --maxChunks;
     }
     int bytes = rb_available_to_read(mRing);
     if (bytes <= 0) {
@@ -126,7 +125,7 @@ void PdMessageBuffer::processEvents(ChunkList& list, int maxChunks)
     const std::size_t first = list.size();
     const int room = static_cast<int>(list.capacity() - first) * CHUNK_BYTES;
     // The rest stays in the ring, in order, for the next drain.
-    bytes = std::min({bytes, room, maxChunks * CHUNK_BYTES});
+    bytes = std::min(bytes, room);
     if (bytes == 0) {
         return;
     }

@@ -83,9 +83,10 @@ public:
     bool writeChunk(const Chunk* chunk);
 
     // Audio thread only. Reads what is in the ring at this moment (whole
-    // chunks, at most `maxChunks` and as many as the list has room for; the
-    // rest stays for the next call) into a static scratch area and appends a
-    // pointer to each chunk, in order, to `list`. Never blocks or allocates.
+    // chunks, as many as the list has room for; the rest stays for the next
+    // call) into a static scratch area and appends a pointer to each chunk,
+    // in order, to `list`. Never blocks or allocates. (The player reads one
+    // command at a time with peek() and pop(); this reads a batch.)
     //
     // The scratch area is one for all buffers: a chunk lands in the scratch
     // slot matching its position in the list, so draining a second buffer
@@ -93,7 +94,7 @@ public:
     // pointers stay valid until the next call (on any buffer) that fills the
     // same positions, that is after the caller has cleared the list: carry
     // the chunks out before clearing it.
-    void processEvents(ChunkList& list, int maxChunks = int(MAX_CHUNKS));
+    void processEvents(ChunkList& list);
 
     // Audio thread only. The oldest command in the ring, left in it (true),
     // or false when the ring is empty; pop() then takes it away. For a

@@ -22,7 +22,6 @@
 #include <cstring>
 
 PdPlayer* PdPlayer::sThis = nullptr;
-thread_local bool PdPlayer::tOnAudioThread = false;
 
 PdPlayer::PdPlayer(QObject* parent) : QObject(parent)
 {
@@ -137,8 +136,9 @@ void PdPlayer::queueEventOsc(const ArboEvent* event)
 
 void PdPlayer::render(float* output, int frames) noexcept
 {
-    const RealTimeZone::Audio zone; // checked by a test: see RealTimeZone
-    tOnAudioThread = true;
+    // Marks this thread's own audio code: the hooks below ask it, and a test
+    // checks that nothing in it allocates, locks or emits (see RealTimeZone).
+    const RealTimeZone::Audio zone;
     // Every time rather than once: the audio library does not promise one
     // thread for the stream's whole life, and setting it costs a register
     // write.
@@ -180,7 +180,6 @@ void PdPlayer::render(float* output, int frames) noexcept
     if (mMuted.load(std::memory_order_relaxed)) {
         std::fill(output, output + samples, 0.0f);
     }
-    tOnAudioThread = false;
 }
 
 void PdPlayer::renderPiece(float* output, int frames) noexcept
@@ -878,7 +877,7 @@ void PdPlayer::pdPrintHook(const char* text)
     // On the audio thread a print is only copied (cut to a line's room) for
     // the GUI thread to log; elsewhere (opening a patch) it is logged here.
     PdPlayer* player = sThis;
-    if (player && tOnAudioThread) {
+    if (player && RealTimeZone::inOwnAudioCode()) {
         PrintLine line;
         std::strncpy(line.text, text, sizeof line.text - 1);
         line.text[sizeof line.text - 1] = '\0';
@@ -967,7 +966,7 @@ void PdPlayer::pdListHook(const char* recv, int argc, _atom* argv)
         return;
     }
     PdPlayer* player = sThis;
-    if (!player || !tOnAudioThread || std::strcmp(recv, "voice-stop") != 0) {
+    if (!player || !RealTimeZone::inOwnAudioCode() || std::strcmp(recv, "voice-stop") != 0) {
         return;
     }
     if (argc > 0 && libpd_is_float(&argv[0])) {

@@ -6,7 +6,6 @@
 #include "sound/spscqueue.h"
 #include "sound/staticarray.h"
 
-#include <QByteArray>
 #include <QList>
 #include <QObject>
 #include <QStringList>
@@ -170,9 +169,6 @@ public:
     // waiting run of patch steps. A timer calls it every few milliseconds;
     // tests that play the audio thread call it after each buffer.
     void deliverResults();
-    // Marks the calling thread as the audio thread while it renders (libpd's
-    // print hook must not log there). The audio output sets and clears it.
-    static void setOnAudioThread(bool on) { tOnAudioThread = on; }
 
     // Whether a patch is open (or on its way to the audio thread). Any
     // thread: published by the GUI thread as it loads and unloads patches.
@@ -417,6 +413,5 @@ private:
     std::atomic<bool> mAudioThreadRunning{false};
     std::atomic<quint32> mSilencedBuffers{0};
 
-    static thread_local bool tOnAudioThread;
     QTimer mReportTimer;
 };
