@@ -1,10 +1,10 @@
 // How long a MIDI note takes through the program: from the JACK process
 // callback in which a keyboard (a JACK MIDI client of this benchmark) writes
 // the note-on, to the audio callback that starts the note (the player's
-// noteToggled, timed on the audio thread by a direct connection).
+// noteToggled carries the start of that buffer).
 //
 // The real pieces: the MIDI input's virtual port on a private JACK server
-// (dummy driver, 44100 Hz, 256 frames), connected to the keyboard by its
+// (dummy driver, 44100 Hz, 64 and 256 frames), connected to the keyboard by its
 // "midiPorts" entry; RtMidi's JACK thread with the parser and the map; the
 // player's MIDI ring; PaAudioOutput on the same server playing Sine.pd. Note
 // 69 is struck and released ARBO_BENCH_NOTES times (400 by default), after
@@ -49,11 +49,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int SR = 44100;
-constexpr int FRAMES = 256;
 
 PdPlayer* sPlayer = nullptr;
 
-// Waits (polling, off the audio thread) until `done` or a second has passed.
+// Waits (taking the player's results) until `done` or a second has passed.
 template <typename Done> bool waitFor(Done done)
 {
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(1);
@@ -62,12 +61,14 @@ template <typename Done> bool waitFor(Done done)
             return false;
         }
         QThread::usleep(100);
+        sPlayer->deliverResults();
     }
     return true;
 }
 
 void midiToCallback(benchmark::State& state)
 {
+    const int FRAMES = int(state.range(0));
     const QByteArray notesText = qgetenv("ARBO_BENCH_NOTES");
     const int notes = notesText.isEmpty() ? 400 : notesText.toInt();
     JackPlayback playback;
@@ -94,7 +95,7 @@ void midiToCallback(benchmark::State& state)
     }
 
     for (auto _ : state) {
-        // Written on the audio thread into slots reserved beforehand.
+        // The start of the buffer that carried each note-on out.
         std::vector<Clock::time_point> started(std::size_t(notes) + 1);
         std::atomic<int> ons{0};
         std::atomic<int> offs{0};
@@ -107,7 +108,7 @@ void midiToCallback(benchmark::State& state)
                 }
                 const int i = ons.load(std::memory_order_relaxed);
                 if (i < notes) {
-                    started[std::size_t(i)] = Clock::now();
+                    started[std::size_t(i)] = sPlayer->resultBufferStart();
                 }
                 ons.store(i + 1, std::memory_order_release);
             },
@@ -155,5 +156,5 @@ void midiToCallback(benchmark::State& state)
 
 int main(int argc, char** argv)
 {
-    return LatencyReport::run(argc, argv, "midi_to_callback/256_frames", sPlayer, midiToCallback, [] { return true; });
+    return LatencyReport::run(argc, argv, "midi_to_callback", sPlayer, midiToCallback, [] { return true; });
 }

@@ -1,10 +1,10 @@
 // How long an OSC message takes through the program: from the sendto() of the
 // datagram to 127.0.0.1 to the audio callback that carries the note out (the
-// player's noteToggled, timed on the audio thread by a direct connection).
+// player's noteToggled carries the start of that buffer).
 //
 // The real pieces: the OSC input thread (liblo) with its input map, the
 // player's OSC ring, PaAudioOutput on a private JACK server (dummy driver,
-// 44100 Hz, 256 frames) playing Sine.pd. "/arbo/toggle /3" toggles the note,
+// 44100 Hz, 64 and 256 frames) playing Sine.pd. "/arbo/toggle /3" toggles the note,
 // ARBO_BENCH_NOTES times (400 by default), at random moments so that the
 // messages fall on every phase of the buffer period. Most of the latency is
 // the wait for the next callback, up to one period: goal p99 at most one
@@ -45,7 +45,6 @@ namespace {
 using LatencyReport::Stamps;
 
 constexpr int SR = 44100;
-constexpr int FRAMES = 256;
 // "/arbo/toggle" ",s" "/3", each zero-padded to four bytes.
 const QByteArray TOGGLE("/arbo/toggle\0\0\0\0,s\0\0/3\0\0", 24);
 
@@ -53,6 +52,7 @@ PdPlayer* sPlayer = nullptr;
 
 void oscToCallback(benchmark::State& state)
 {
+    const int FRAMES = int(state.range(0));
     const QByteArray notesText = qgetenv("ARBO_BENCH_NOTES");
     const int notes = notesText.isEmpty() ? 400 : notesText.toInt();
     JackPlayback playback;
@@ -78,9 +78,8 @@ void oscToCallback(benchmark::State& state)
         QObject::connect(
             &input, &OscInput::listening, &input, [&listening](int) { listening = true; },
             Qt::DirectConnection);
-        QObject::connect(
-            sPlayer, &PdPlayer::noteToggled, &input,
-            [&carriedOut](const ArboRatio&, bool) { carriedOut.stamp(); }, Qt::DirectConnection);
+        const QMetaObject::Connection stamping =
+            LatencyReport::stampCarriedOut(sPlayer, carriedOut);
         input.open(sPlayer, bindings);
         while (!listening && !input.isFinished()) {
             QThread::msleep(1);
@@ -88,10 +87,11 @@ void oscToCallback(benchmark::State& state)
 
         output.callbackStats().requestReset();
         QUdpSocket sender;
-        const int lost = LatencyReport::sendAtRandomMoments(notes, sent, carriedOut, [&] {
+        const int lost = LatencyReport::sendAtRandomMoments(sPlayer, notes, sent, carriedOut, [&] {
             sender.writeDatagram(TOGGLE, QHostAddress::LocalHost, quint16(bindings.oscPort));
         });
         input.term();
+        QObject::disconnect(stamping);
         // The toggles alternate on and off; leave the note off.
         const int count = carriedOut.done();
         if (count % 2 == 1) {
@@ -120,5 +120,5 @@ void oscToCallback(benchmark::State& state)
 
 int main(int argc, char** argv)
 {
-    return LatencyReport::run(argc, argv, "osc_to_callback/256_frames", sPlayer, oscToCallback, [] { return true; });
+    return LatencyReport::run(argc, argv, "osc_to_callback", sPlayer, oscToCallback, [] { return true; });
 }

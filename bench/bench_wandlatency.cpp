@@ -1,10 +1,10 @@
 // How long a wand's note takes through the program: from the sendto() of the
 // datagram to the audio callback that carries the note out (the player's
-// noteToggled, timed on the audio thread by a direct connection).
+// noteToggled carries the start of that buffer).
 //
 // The real pieces: the UDP listener thread with its tag map, the player's
 // serial ring, PaAudioOutput on a private JACK server (dummy driver, 44100 Hz,
-// 256 frames) playing Sine.pd. One tag toggles the note at /3, ARBO_BENCH_NOTES
+// 64 and 256 frames) playing Sine.pd. One tag toggles the note at /3, ARBO_BENCH_NOTES
 // times (400 by default), at random moments so that the datagrams fall on
 // every phase of the buffer period. Most of the latency is the wait for the
 // next callback, up to one period: goal p99 at most one period plus 1 ms.
@@ -48,7 +48,6 @@ namespace {
 using LatencyReport::Stamps;
 
 constexpr int SR = 44100;
-constexpr int FRAMES = 256;
 const QByteArray TAG = "04a1b2c3d4";
 
 PdPlayer* sPlayer = nullptr;
@@ -66,6 +65,7 @@ void watchMessages(QtMsgType type, const QMessageLogContext& context, const QStr
 
 void wandToCallback(benchmark::State& state)
 {
+    const int FRAMES = int(state.range(0));
     const QByteArray notesText = qgetenv("ARBO_BENCH_NOTES");
     const int notes = notesText.isEmpty() ? 400 : notesText.toInt();
     JackPlayback playback;
@@ -94,9 +94,8 @@ void wandToCallback(benchmark::State& state)
             [&emitted](const ArboEvent*) { emitted.stamp(); }, Qt::DirectConnection);
         QObject::connect(&listener, &UdpListener::eventReceived, sPlayer,
                          &PdPlayer::queueEventSerial, Qt::DirectConnection);
-        QObject::connect(
-            sPlayer, &PdPlayer::noteToggled, &listener,
-            [&carriedOut](const ArboRatio&, bool) { carriedOut.stamp(); }, Qt::DirectConnection);
+        const QMetaObject::Connection stamping =
+            LatencyReport::stampCarriedOut(sPlayer, carriedOut);
         sListening = false;
         listener.start();
         while (!sListening && !listener.isFinished()) {
@@ -107,10 +106,11 @@ void wandToCallback(benchmark::State& state)
         QUdpSocket sender;
         const QByteArray datagram = WandDatagram(1, TAG).toBytes();
         const quint16 port = quint16(sSettings->mUdpPort);
-        const int lost = LatencyReport::sendAtRandomMoments(notes, sent, carriedOut, [&] {
+        const int lost = LatencyReport::sendAtRandomMoments(sPlayer, notes, sent, carriedOut, [&] {
             sender.writeDatagram(datagram, QHostAddress::LocalHost, port);
         });
         listener.term();
+        QObject::disconnect(stamping);
         // The toggles alternate on and off; leave the note off.
         const int count = std::min(carriedOut.done(), emitted.done());
         if (count % 2 == 1) {
@@ -151,7 +151,7 @@ void wandToCallback(benchmark::State& state)
 int main(int argc, char** argv)
 {
     sDefaultHandler = qInstallMessageHandler(watchMessages);
-    return LatencyReport::run(argc, argv, "wand_to_callback/256_frames", sPlayer, wandToCallback, [] {
+    return LatencyReport::run(argc, argv, "wand_to_callback", sPlayer, wandToCallback, [] {
         sSettings = AppContext::settings();
         const QByteArray map = "{ \"" + TAG + "\": { \"event\": 0, \"value\": \"/3\" } }";
         return TestSupport::writeFile(AppContext::configDir() + QStringLiteral("/rfid_map.json"),

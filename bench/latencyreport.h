@@ -30,11 +30,11 @@ class Stamps
 {
 public:
     explicit Stamps(int capacity) : mTimes(std::size_t(capacity)) {}
-    void stamp()
+    void stamp(Clock::time_point at = Clock::now())
     {
         const int i = mCount.fetch_add(1, std::memory_order_relaxed);
         if (i < int(mTimes.size())) {
-            mTimes[std::size_t(i)] = Clock::now();
+            mTimes[std::size_t(i)] = at;
             mDone.store(i + 1, std::memory_order_release);
         }
     }
@@ -47,12 +47,27 @@ private:
     std::atomic<int> mDone{0};
 };
 
+// Stamps `carriedOut` with the start of the buffer that carried each note
+// toggle of `player` out, while the connection lives. The player reports
+// on the GUI thread (this one), which must call deliverResults().
+inline QMetaObject::Connection stampCarriedOut(PdPlayer* player, Stamps& carriedOut)
+{
+    return QObject::connect(
+        player, &PdPlayer::noteToggled, player,
+        [player, &carriedOut](const ArboRatio&, bool) {
+            carriedOut.stamp(player->resultBufferStart());
+        },
+        Qt::DirectConnection);
+}
+
 // Sends `notes` inputs through `send()`, at random moments 2 to 12 ms apart
 // so that they fall on every phase of the buffer period, stamping each in
-// `sent` just before, and waits up to a second for `carriedOut` to stamp it.
-// Returns how many never arrived (counted, not timed).
+// `sent` just before, and waits up to a second for `carriedOut` to stamp it
+// (taking the player's results meanwhile). Returns how many never arrived
+// (counted, not timed).
 template <typename Send>
-int sendAtRandomMoments(int notes, Stamps& sent, const Stamps& carriedOut, Send send)
+int sendAtRandomMoments(PdPlayer* player, int notes, Stamps& sent, const Stamps& carriedOut,
+                        Send send)
 {
     std::mt19937 random(1);
     std::uniform_int_distribution<int> pauseUs(2000, 12000);
@@ -64,6 +79,7 @@ int sendAtRandomMoments(int notes, Stamps& sent, const Stamps& carriedOut, Send 
         const Clock::time_point deadline = Clock::now() + std::chrono::seconds(1);
         while (carriedOut.done() <= i - lost && Clock::now() < deadline) {
             std::this_thread::sleep_for(std::chrono::microseconds(100));
+            player->deliverResults();
         }
         if (carriedOut.done() <= i - lost) {
             ++lost;
@@ -98,8 +114,9 @@ inline void report(benchmark::State& state, const std::vector<double>& totalMs, 
 // The main() of a latency benchmark: the settings and the player registered
 // as the program registers them, the shell patches installed, `prepare`
 // (which may add what the input needs, and says whether it could), then one
-// manual-time run of `function` under `name`. `player` is where the
-// benchmark finds the player.
+// manual-time run of `function` under `name` for each buffer size (64 and
+// 256 frames, the argument). `player` is where the benchmark finds the
+// player.
 template <typename Function, typename Prepare>
 int run(int argc, char** argv, const char* name, PdPlayer*& player, Function function,
         Prepare prepare)
@@ -115,6 +132,9 @@ int run(int argc, char** argv, const char* name, PdPlayer*& player, Function fun
         return 1;
     }
     benchmark::RegisterBenchmark(name, function)
+        ->ArgName("frames")
+        ->Arg(64)
+        ->Arg(256)
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()
         ->Iterations(1);

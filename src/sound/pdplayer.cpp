@@ -143,6 +143,10 @@ void PdPlayer::render(float* output, int frames) noexcept
     // thread for the stream's whole life, and setting it costs a register
     // write.
     Denormals::flushToZero();
+    // The steady clock reads the vDSO: no system call, no lock.
+    mBufferStartNs = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                         std::chrono::steady_clock::now().time_since_epoch())
+                         .count();
 
     // A prepared patch change starts before the commands, so that this
     // buffer's commands reach the new patch too.
@@ -769,6 +773,7 @@ void PdPlayer::report(int kind, int number, float value, bool flag, const ArboRa
     result.extra = extra;
     result.value = value;
     result.flag = flag;
+    result.bufferStartNs = mBufferStartNs;
     if (ratio) {
         result.numerator = ratio->numerator();
         result.denominator = ratio->denominator();
@@ -785,6 +790,8 @@ void PdPlayer::deliverResults()
 {
     PlayerResult result;
     while (mResults.pop(result)) {
+        mDeliveredBufferStart = std::chrono::steady_clock::time_point(
+            std::chrono::nanoseconds(result.bufferStartNs));
         const ArboRatio ratio(result.numerator, result.denominator);
         switch (result.kind) {
         case PlayerResult::NoteOn:

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -24,17 +25,19 @@ class QFileInfo;
 struct _atom;
 struct _pdinstance;
 
-// The sound engine: one Pure Data instance (libpd) with the open patch, a pool
-// of 128 voices, the transposition, volumes, base frequency, monophonic switch
+// The sound engine: the open patch in a Pure Data instance (libpd; another
+// instance of a small pool takes over at a patch change), 128 voices, the transposition, volumes, base frequency, monophonic switch
 // and the per-prime enable flags.
 //
 // Every change that can affect sound arrives as a command (an ArboEvent)
-// queued into one of two lock-free command buffers: queueEventGui from the GUI
-// thread, queueEventSerial from the UDP listener thread. The audio callback
-// drains them at the start of each buffer (processEvents) and carries the
-// commands out, so every libpd call on a running patch is made from that one
-// thread. Results come back as signals emitted on the audio thread; connect
-// them queued so that receivers run on the GUI thread.
+// queued into the lock-free command buffer of the thread that sends it, one
+// per producing thread: queueEventGui from the GUI thread, queueEventSerial
+// from the UDP listener thread, queueEventMidi and queueEventOsc from the
+// MIDI and OSC input threads. The audio callback drains them at the start
+// of each buffer (processEvents) and carries the commands out, so every libpd call on a running patch is made from that one
+// thread. Results come back through a fixed queue that the GUI thread turns
+// into the signals below (deliverResults()): they are emitted on the GUI
+// thread.
 //
 // The patch contract: voice and macro messages go to the receiver "arbo-in"
 // as lists (value, PdVoiceMessageType, voice number 1..128, 0 for the whole
@@ -93,7 +96,7 @@ public:
     explicit PdPlayer(QObject* parent = nullptr);
     ~PdPlayer() override;
 
-    // GUI thread, at start-up. Allocates the two command buffers, installs
+    // GUI thread, at start-up. Allocates the command buffers, installs
     // libpd's hooks and starts libpd. False when a buffer cannot be made.
     bool init();
     // GUI thread, while no audio stream runs (the audio output calls it when
@@ -169,6 +172,13 @@ public:
     // waiting run of patch steps. A timer calls it every few milliseconds;
     // tests that play the audio thread call it after each buffer.
     void deliverResults();
+    // GUI thread, in a slot of a signal that deliverResults() emits: when
+    // the buffer that carried the command out began on the audio thread
+    // (what the latency benchmarks measure to).
+    std::chrono::steady_clock::time_point resultBufferStart() const
+    {
+        return mDeliveredBufferStart;
+    }
 
     // Whether a patch is open (or on its way to the audio thread). Any
     // thread: published by the GUI thread as it loads and unloads patches.
@@ -400,6 +410,8 @@ private:
     // Results, from the audio thread to the GUI thread.
     static constexpr int DELIVERY_INTERVAL_MS = 5;
     SpscQueue<PlayerResult, 8192> mResults;
+    std::int64_t mBufferStartNs = 0; // audio thread
+    std::chrono::steady_clock::time_point mDeliveredBufferStart; // GUI thread
     // What Pd prints on the audio thread, for the GUI thread to log.
     struct PrintLine
     {

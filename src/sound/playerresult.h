@@ -31,6 +31,9 @@ struct PlayerResult
     std::uint64_t numerator = 1;
     std::uint64_t denominator = 1;
     bool flag = false;
+    // When the buffer that produced it began (the steady clock's
+    // nanoseconds): how long an input took to reach the audio thread.
+    std::int64_t bufferStartNs = 0;
 };
 
 static_assert(std::is_trivially_copyable<PlayerResult>::value, "results are copied as they are");
