@@ -367,6 +367,66 @@ void patchChange(benchmark::State& state)
     sPlayer->unloadPatch();
 }
 
+// 1023 note toggles (a full command ring: the chord's 128 notes struck and
+// released again and again) queued at once while the chord sounds, then
+// buffers of state.range(0) frames rendered until every toggle is carried
+// out. Counters: the worst of those buffers in per cent of its period
+// ("worst_%", CPU time of this thread; goal at most 50), and how many
+// buffers the budget spread the toggles over.
+void commandBurst(benchmark::State& state)
+{
+    const int frames = int(state.range(0));
+    if (!PatchLoader::loadVoice(sPlayer, voicePath())) {
+        state.SkipWithError("could not load the voice");
+        return;
+    }
+    const std::vector<ArboPath> paths = chordPaths();
+    std::vector<float> out(std::size_t(2 * frames));
+    double worst = 0.0;
+    int buffersNeeded = 0;
+    for (auto _ : state) {
+        queueChord(*sPlayer, paths);
+        for (int i = 0; i < SR / 2 / frames; ++i) {
+            sPlayer->render(out.data(), frames);
+            sPlayer->deliverResults();
+        }
+        int toggles = 0;
+        const QMetaObject::Connection counting = QObject::connect(
+            sPlayer, &PdPlayer::noteToggled, sPlayer, [&toggles] { ++toggles; },
+            Qt::DirectConnection);
+        for (int i = 0; i < 1023; ++i) {
+            const ArboNoteEvent event(paths[std::size_t(i) % paths.size()]);
+            sPlayer->queueEventGui(&event);
+        }
+        double worstHere = 0.0;
+        int buffers = 0;
+        while (toggles < 1023 && buffers < 1000) {
+            const double start = threadSeconds();
+            sPlayer->render(out.data(), frames);
+            worstHere = std::max(worstHere, threadSeconds() - start);
+            ++buffers;
+            sPlayer->deliverResults();
+        }
+        QObject::disconnect(counting);
+        if (toggles < 1023) {
+            state.SkipWithError("not every toggle was carried out");
+            break;
+        }
+        state.SetIterationTime(worstHere);
+        worst = std::max(worst, worstHere);
+        buffersNeeded = std::max(buffersNeeded, buffers);
+        const ArboEvent allOff(ArboEvent::AllNotesOff, 0.0f);
+        sPlayer->queueEventGui(&allOff);
+        for (int i = 0; i < SR / frames; ++i) {
+            sPlayer->render(out.data(), frames);
+            sPlayer->deliverResults();
+        }
+    }
+    state.counters["worst_%"] = 100.0 * worst / (double(frames) / SR);
+    state.counters["buffers"] = buffersNeeded;
+    sPlayer->unloadPatch();
+}
+
 // The real callback on a JACK dummy device for a minute, 128 voices.
 void jackDummy(benchmark::State& state)
 {
@@ -457,6 +517,13 @@ int main(int argc, char** argv)
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()
         ->Iterations(1);
+    benchmark::RegisterBenchmark("command_burst/1023", commandBurst)
+        ->ArgName("frames")
+        ->Arg(64)
+        ->Arg(256)
+        ->Unit(benchmark::kMicrosecond)
+        ->UseManualTime()
+        ->Iterations(5);
     benchmark::RegisterBenchmark("jack_dummy/128_voices", jackDummy)
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()

@@ -61,6 +61,7 @@ private slots:
     void transpositionMovesTheNextNote();
     void volumesAndMacrosReachThePatch();
     void insaneValuesAreRefusedAndStepsSummed();
+    void budgetSpreadsAFloodInOrder();
     void patchChangeCrossfadesUnderAChord();
     void badPatchKeepsTheOldOneAndUnloadSilences();
     void numbersParseUnderADecimalCommaLocale();
@@ -419,6 +420,36 @@ void TestPdPlayer::insaneValuesAreRefusedAndStepsSummed()
 // chord goes on in the new patch at the same pitches, the level never drops
 // by more than 20 dB, a macro of the same name keeps its value, and ten
 // changes in a row end on the last one with no instance left behind.
+// A full ring of commands is carried out a budget's worth per buffer, in the
+// order it was queued, and nothing is lost; a command from another source is
+// not kept waiting behind the flood.
+void TestPdPlayer::budgetSpreadsAFloodInOrder()
+{
+    constexpr int FLOOD = 1023; // a full ring
+    for (int i = 0; i < FLOOD; ++i) {
+        queue(ArboEvent(ArboEvent::MasterVolume, float(i) / FLOOD));
+    }
+    const ArboNoteEvent fromOsc(QStringLiteral("/11"));
+    mPlayer.queueEventOsc(&fromOsc);
+
+    QSignalSpy volumes(&mPlayer, &PdPlayer::volumeChanged);
+    QSignalSpy toggled(&mPlayer, &PdPlayer::noteToggled);
+    constexpr int FRAMES = 64;
+    float out[FRAMES * PdPlayer::CHANNELS];
+    mPlayer.render(out, FRAMES);
+    mPlayer.deliverResults();
+    QCOMPARE(toggled.size(), 1);
+    QCOMPARE(volumes.size(), PdPlayer::commandBudget(FRAMES) - 1);
+    for (int buffers = 1; volumes.size() < FLOOD && buffers < 100; ++buffers) {
+        mPlayer.render(out, FRAMES);
+        mPlayer.deliverResults();
+    }
+    QCOMPARE(volumes.size(), FLOOD);
+    for (int i = 0; i < FLOOD; ++i) {
+        QCOMPARE(volumes.at(i).at(0).toFloat(), float(i) / FLOOD);
+    }
+}
+
 void TestPdPlayer::patchChangeCrossfadesUnderAChord()
 {
     mPlayer.setAudioThreadRunning(true);

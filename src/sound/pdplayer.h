@@ -118,9 +118,10 @@ public:
     // GUI thread. The open patch (if any) fades out and every note ends.
     void unloadPatch();
 
-    // How many commands one buffer of `frames` carries out at most: two per
-    // frame (a 64-frame buffer takes 128, some 0.3 ms of work at worst).
-    static int commandBudget(int frames) { return std::max(16, 2 * frames); }
+    // How many commands one buffer of `frames` carries out at most: one per
+    // frame. A note toggle costs Pd some 4 to 5 us under a full chord, so a
+    // flood takes at most about a third of any buffer's period.
+    static int commandBudget(int frames) { return std::max(16, frames); }
 
     // Audio thread: carries out at most `budget` commands of the four
     // command buffers, in order within each (see the source for how they
