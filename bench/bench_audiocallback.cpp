@@ -292,7 +292,7 @@ void denormalStress(benchmark::State& state)
 }
 
 // Patch changes under 128 sounding notes: a thread of its own plays the
-// audio thread (256 frames, paced at the buffer period) while this thread
+// audio thread (state.range(0) frames, paced at the buffer period) while this thread
 // changes the voice back and forth (Organ, Sine) ten times, each change
 // opened here and crossfaded there. Counters: the worst buffer's duration in
 // per cent of the period ("worst_%", goal at most 50) and the lowest level of
@@ -300,6 +300,7 @@ void denormalStress(benchmark::State& state)
 // ("dip_dB", goal above -20).
 void patchChange(benchmark::State& state)
 {
+    const int frames = int(state.range(0));
     const QString patches = TestSupport::binDir() + QStringLiteral("/patches/");
     if (!PatchLoader::loadVoice(sPlayer, patches + QStringLiteral("Sine.pd"))) {
         state.SkipWithError("could not load the voice");
@@ -307,16 +308,17 @@ void patchChange(benchmark::State& state)
     }
     queueChord(*sPlayer, chordPaths());
     renderSeconds(*sPlayer, 0.5);
-    std::vector<float> out(2 * FRAMES);
+    std::vector<float> out(2 * frames);
     double chordSquares = 0.0;
     for (int i = 0; i < 20; ++i) {
-        renderBuffer(*sPlayer, out.data());
-        for (int f = 0; f < FRAMES; ++f) {
+        sPlayer->render(out.data(), frames);
+        sPlayer->deliverResults();
+        for (int f = 0; f < frames; ++f) {
             chordSquares += double(out[2 * f]) * out[2 * f];
         }
     }
-    const double chordDb = 10.0 * std::log10(chordSquares / (20.0 * FRAMES));
-    const double period = double(FRAMES) / SR;
+    const double chordDb = 10.0 * std::log10(chordSquares / (20.0 * frames));
+    const double period = double(frames) / SR;
     double worst = 0.0;
     double dipDb = 0.0;
     for (auto _ : state) {
@@ -326,14 +328,14 @@ void patchChange(benchmark::State& state)
         left.reserve(std::size_t(SR) * 20);
         double worstHere = 0.0;
         std::thread audio([&] {
-            std::vector<float> buffer(2 * FRAMES);
+            std::vector<float> buffer(2 * frames);
             auto next = std::chrono::steady_clock::now();
             while (!stop.load()) {
                 const auto start = std::chrono::steady_clock::now();
-                sPlayer->render(buffer.data(), FRAMES);
+                sPlayer->render(buffer.data(), frames);
                 const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
                 worstHere = std::max(worstHere, took.count());
-                for (int f = 0; f < FRAMES && left.size() < left.capacity(); ++f) {
+                for (int f = 0; f < frames && left.size() < left.capacity(); ++f) {
                     left.push_back(buffer[2 * f]);
                 }
                 next += std::chrono::microseconds(int(period * 1e6));
@@ -514,6 +516,9 @@ int main(int argc, char** argv)
         ->Unit(benchmark::kMicrosecond)
         ->UseManualTime();
     benchmark::RegisterBenchmark("patch_change/128_voices", patchChange)
+        ->ArgName("frames")
+        ->Arg(64)
+        ->Arg(256)
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()
         ->Iterations(1);

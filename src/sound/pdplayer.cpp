@@ -148,11 +148,13 @@ void PdPlayer::render(float* output, int frames) noexcept
                          std::chrono::steady_clock::now().time_since_epoch())
                          .count();
 
-    // A prepared patch change starts before the commands, so that this
-    // buffer's commands reach the new patch too.
-    takeSwap();
-    // Commands are carried out whether or not a patch is open.
-    processEvents(commandBudget(frames));
+    // A patch change starts before the commands, so that this buffer's
+    // commands reach the new patch too; while its notes are being started,
+    // the commands wait. Commands are carried out whether or not a patch is
+    // open.
+    if (!takeSwap(noteStartBudget(frames))) {
+        processEvents(commandBudget(frames));
+    }
 
     const int samples = std::max(frames, 0) * CHANNELS;
     for (int done = 0; done < frames;) {
@@ -215,57 +217,91 @@ void PdPlayer::renderPiece(float* output, int frames) noexcept
     }
 }
 
-void PdPlayer::takeSwap()
+bool PdPlayer::takeSwap(int noteLimit)
 {
-    // One change at a time; a change waits while the queues lack room for
-    // what it may report and return.
-    if (mOld || mIncoming.load(std::memory_order_relaxed) == nullptr ||
-        mRetired.freeSlots() == 0 ||
-        mResults.freeSlots() < std::size_t(VOICE_COUNT + MACRO_COUNT + 1)) {
-        return;
+    if (!mPreparing) {
+        // One change at a time; a change waits while the queues lack room
+        // for what it may report and return (the old patch's voice-stops
+        // during the preparation included).
+        if (mOld || mIncoming.load(std::memory_order_relaxed) == nullptr ||
+            mRetired.freeSlots() == 0 ||
+            mResults.freeSlots() < std::size_t(2 * VOICE_COUNT + MACRO_COUNT + 1)) {
+            return false;
+        }
+        Swap* swap = mIncoming.exchange(nullptr, std::memory_order_acq_rel);
+        if (!swap) {
+            return false;
+        }
+        mActiveSwap = swap;
+        mPreparing = true;
+        mPrepareCursor = 0;
+        // Macros carry over where the new patch has the same name; the
+        // others take its defaults.
+        for (int i = 0; i < MACRO_COUNT; ++i) {
+            const int from = swap->macroSource[i];
+            mNextMacroValues[i] = from >= 0 ? mMacroValues[from] : swap->macroDefault[i];
+        }
     }
-    Swap* swap = mIncoming.exchange(nullptr, std::memory_order_acq_rel);
-    if (!swap) {
-        return;
+    // The new patch is made to sound as the old one does before it is heard:
+    // its macros, then the notes held, at their pitches and volumes. A macro
+    // goes to all 128 voices and costs about as much as a dozen note starts
+    // (some 20 us each in a patch whose memory this core has not touched
+    // yet), so a change under a full chord would take milliseconds in one
+    // buffer. Instead the work is spread over buffers, `noteLimit` notes'
+    // worth each, while the old patch plays on alone and the commands wait
+    // in their rings, which keeps the voice table and the macros as they
+    // were when the change was taken up.
+    PdInstance* next = mActiveSwap->incoming;
+    constexpr int MACRO_COST = 12;
+    constexpr int STEPS = MACRO_COUNT + VOICE_COUNT;
+    for (int spent = 0; next && mPrepareCursor < STEPS && spent < noteLimit; ++mPrepareCursor) {
+        if (mPrepareCursor < MACRO_COUNT) {
+            const int macro = mPrepareCursor;
+            if (mNextMacroValues[macro] >= 0.0f) {
+                next->sendList("arbo-in", mNextMacroValues[macro], float(Macro1 + macro), 0.0f);
+                spent += MACRO_COST;
+            }
+            continue;
+        }
+        const NoteOn& voice = mVoices[mPrepareCursor - MACRO_COUNT];
+        if (voice.seqId != 0 && !voice.released && voice.started) {
+            next->sendList("arbo-in", voice.frequency, float(Frequency), float(voice.voice + 1));
+            next->sendList("arbo-in", voice.volume, float(Volume), float(voice.voice + 1));
+            next->sendList("arbo-in", 1.0f, float(Gate), float(voice.voice + 1));
+            ++spent;
+        }
     }
-    PdInstance* next = swap->incoming;
+    if (next && mPrepareCursor < STEPS) {
+        return true;
+    }
+    mPreparing = false;
+    beginCrossfade();
+    return false;
+}
+
+void PdPlayer::beginCrossfade()
+{
+    PdInstance* next = mActiveSwap->incoming;
     if (!next) {
         allNotesOff(); // closing: every note ends
     }
     mOld = mCurrent;
     mCurrent = next;
-    swap->retired = mOld;
-    mActiveSwap = swap;
+    mActiveSwap->retired = mOld;
     mFadeFrame = 0;
-    // The notes still held sound in the new patch at once, at their
-    // pitches and volumes; those in their release finish in the old one.
+    // Those in their release finish in the old patch.
     for (NoteOn& voice : mVoices) {
-        if (voice.seqId == 0) {
-            continue;
-        }
-        if (!next || voice.released) {
+        if (voice.seqId != 0 && (!next || voice.released)) {
             voice.oldOnly = true;
-        } else if (voice.started) {
-            next->sendList("arbo-in", voice.frequency, float(Frequency), float(voice.voice + 1));
-            next->sendList("arbo-in", voice.volume, float(Volume), float(voice.voice + 1));
-            next->sendList("arbo-in", 1.0f, float(Gate), float(voice.voice + 1));
         }
     }
     if (next) {
         next->resetCarry();
         next->sendFloat("master-vol", mVolume);
-        // Macros carry over where the new patch has the same name; the
-        // others take its defaults.
-        float values[MACRO_COUNT];
         for (int i = 0; i < MACRO_COUNT; ++i) {
-            const int from = swap->macroSource[i];
-            values[i] = from >= 0 ? mMacroValues[from] : swap->macroDefault[i];
-        }
-        for (int i = 0; i < MACRO_COUNT; ++i) {
-            mMacroValues[i] = values[i];
-            if (values[i] >= 0.0f) {
-                next->sendList("arbo-in", values[i], float(Macro1 + i), 0.0f);
-                report(PlayerResult::MacroValue, i + 1, values[i]);
+            mMacroValues[i] = mNextMacroValues[i];
+            if (mMacroValues[i] >= 0.0f) {
+                report(PlayerResult::MacroValue, i + 1, mMacroValues[i]);
             }
         }
     }
@@ -1067,11 +1103,11 @@ void PdPlayer::handOver(Swap* swap)
         // No audio thread runs: this thread stands in for it, at once and
         // without a crossfade, after the commands queued before the change.
         processEvents(VOICE_COUNT * VOICE_COUNT);
-        for (int i = 0; i < 2; ++i) { // a crossfade left over, then this change
+        for (int i = 0; i < 2; ++i) { // a change left over, then this one
             if (mOld) {
                 finishSwap();
             }
-            takeSwap();
+            takeSwap(VOICE_COUNT); // every note at once: the change is over
         }
         if (mOld) {
             finishSwap();

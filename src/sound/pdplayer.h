@@ -122,6 +122,11 @@ public:
     // frame. A note toggle costs Pd some 4 to 5 us under a full chord, so a
     // flood takes at most about a third of any buffer's period.
     static int commandBudget(int frames) { return std::max(16, frames); }
+    // How many held notes one buffer starts in the patch that a change
+    // brings, before it is heard: one per eight frames (about 20 us each in
+    // a patch not yet in the caches), so that a change under 128 notes
+    // takes some 25 to 50 ms more at any buffer size.
+    static int noteStartBudget(int frames) { return std::max(4, frames / 8); }
 
     // Audio thread: carries out at most `budget` commands of the four
     // command buffers, in order within each (see the source for how they
@@ -134,7 +139,8 @@ public:
 
     // The one place where sound is made, shared by the stream callback, the
     // tests and the benchmarks. Carries out the queued commands (within the
-    // budget), then fills `frames` stereo frames (any number) with the
+    // budget; none in the few buffers in which a patch change starts the
+    // held notes in its patch), then fills `frames` stereo frames (any number) with the
     // patch's output, or with silence while muted or with no patch open. Pd
     // computes whole ticks of 64 frames; the part of a tick that does not
     // fit is kept for the next call, so that every buffer size plays without
@@ -358,8 +364,12 @@ private:
     void release(PdInstance* instance);
     int poolIndex(const PdInstance* instance) const;
     PdInstance* spareInstance();
-    // Audio thread.
-    void takeSwap();
+    // Audio thread. Takes up a change handed over and sets its patch's
+    // macros and starts the held notes in it, `noteLimit` notes' worth per
+    // call; true while there is more to do (the commands wait meanwhile).
+    // Then beginCrossfade().
+    bool takeSwap(int noteLimit);
+    void beginCrossfade();
     void finishSwap();
     void renderPiece(float* output, int frames) noexcept;
 
@@ -377,6 +387,11 @@ private:
     PdInstance* mCurrent = nullptr;
     PdInstance* mOld = nullptr;
     Swap* mActiveSwap = nullptr;
+    // Starting the held notes of mActiveSwap's patch, from voice
+    // mPrepareCursor on, before the crossfade.
+    bool mPreparing = false;
+    int mPrepareCursor = 0;
+    float mNextMacroValues[MACRO_COUNT] = {};
     int mFadeFrame = 0;
     int mFadeFrames = 1764;
     float mFadeBuffer[FADE_BUFFER_FRAMES * CHANNELS] = {};
