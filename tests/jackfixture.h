@@ -84,6 +84,10 @@ public:
     // recording, with the reason in error().
     bool capture(const QString& wavPath, double seconds);
 
+    // What the process started with `logName` wrote so far (the server's
+    // is "jackd.log").
+    QString log(const QString& logName) const;
+
 private:
     // A process that ends when this test process does, even when the test
     // crashes or is killed on a time-out: then no destructor runs, and a
@@ -98,7 +102,6 @@ private:
     // `logName` in workDir() (a pipe nobody reads would fill up and stall it).
     bool startTool(ChildProcess& process, const QString& program, const QStringList& args,
                    const QString& logName);
-    QString log(const QString& logName) const;
     static void stopProcess(QProcess& process);
 
     std::unique_ptr<QTemporaryDir> mDir;

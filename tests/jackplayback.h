@@ -10,8 +10,8 @@ class PdPlayer;
 // The program's whole audio path running for real, for measurements that need
 // the device's callback: a private JACK server on the dummy driver (see
 // JackFixture), the PaAudioOutput on it driving `player`, and a voice patch
-// loaded. The output is registered in AppContext while it runs, so the player
-// waits for the callback when it loads or closes a patch, as in the program.
+// loaded. The output is registered in AppContext while it runs, as in the
+// program.
 //
 // GUI thread (the benchmark's main thread) only.
 class JackPlayback
@@ -33,6 +33,9 @@ public:
 
     PaAudioOutput& output() { return mOutput; }
     bool realtime() const { return mRealtime; }
+    // What the server logged so far (it names the clients it blames for
+    // xruns).
+    QString serverLog() const { return mJack.log(QStringLiteral("jackd.log")); }
     QString error() const { return mError; }
 
 private:
