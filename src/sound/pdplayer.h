@@ -119,9 +119,10 @@ public:
     void unloadPatch();
 
     // How many commands one buffer of `frames` carries out at most: one per
-    // frame. A note toggle costs Pd some 4 to 5 us under a full chord, so a
-    // flood takes at most about a third of any buffer's period.
-    static int commandBudget(int frames) { return std::max(16, frames); }
+    // two frames. A note toggle costs Pd some 4 to 10 us under a full chord
+    // (a stolen voice's end included), so a flood takes at most about a
+    // quarter of any buffer's period, and 1023 commands about 46 ms.
+    static int commandBudget(int frames) { return std::max(16, frames / 2); }
     // How many held notes one buffer starts in the patch that a change
     // brings, before it is heard: one per eight frames (about 20 us each in
     // a patch not yet in the caches), so that a change under 128 notes
