@@ -269,6 +269,10 @@ private slots:
         // The step of "vstep": a power of two, so that every sum of steps is
         // exact and twenty thousand of them stay within the volume's range.
         constexpr float VSTEP = 1.0f / 8192.0f;
+        // Long enough for the budget to carry a full ring out.
+        const double FULL_RING_SECONDS =
+            (1023 / PdPlayer::commandBudget(OfflinePlayer::BUFFER_FRAMES) + 2) *
+            OfflinePlayer::BUFFER_SECONDS;
         UdpListener listener;
         connect(&listener, &UdpListener::eventReceived, &mPlayer, &PdPlayer::queueEventSerial,
                 Qt::DirectConnection);
@@ -296,7 +300,7 @@ private slots:
         QCOMPARE(tool.exitCode(), 0);
         QVERIFY(probe(locked(sEvents).size() + 1));
         audio.stop();
-        OfflinePlayer::render(mPlayer, 4 * OfflinePlayer::BUFFER_SECONDS); // what the budget left
+        OfflinePlayer::render(mPlayer, FULL_RING_SECONDS); // what the budget left
 
         const int steps = locked(sEvents).count("3");
         const bool overflowed = logged("Command buffer full");
@@ -315,7 +319,7 @@ private slots:
         }
         QVERIFY(probe(events + 1501));
         QVERIFY(logged("Command buffer full"));
-        OfflinePlayer::render(mPlayer, 4 * OfflinePlayer::BUFFER_SECONDS);
+        OfflinePlayer::render(mPlayer, FULL_RING_SECONDS);
         QCOMPARE(mPlayer.voiceVolume(), before + 1023.0f * VSTEP); // the first 1023 went in
         QCOMPARE(toggles, 1);
 
