@@ -160,8 +160,8 @@ void TestKeyboard::mapDefaultsAndErrors()
          {"\"oscPort\" in input_map.json is no port number; OSC is off.",
           "keys entry \"Ctrl+G\" in input_map.json names nothing that can be played. Ignoring.",
           "keys entry \"H\" in input_map.json has the invalid path /4. Ignoring.",
-          "keys entry \"J\" in input_map.json asks for event 19, which needs a path or is the "
-          "program's own. Ignoring.",
+          "keys entry \"J\" in input_map.json asks for event 19, which is the program's own. "
+          "Ignoring.",
           "keys entry \"K\" in input_map.json has a \"min\" or \"max\" that is not a number. "
           "Ignoring.",
           "keys entry \"L\" in input_map.json is not an object with \"event\" and \"value\". "

@@ -283,7 +283,7 @@ private slots:
             4LL);
         const QStringList lines = log();
         QVERIFY2(lines.contains("Ignoring OSC message /arbo/event ,if: event 0, value 1 asks for "
-                                "event 0, which needs a path or is the program's own"),
+                                "event 0, which needs a path (a \"value\" such as \"/3/-5\")"),
                  qPrintable(lines.join('\n')));
         QVERIFY(lines.contains("OSC address /nowhere is not in the input map. Ignoring."));
         QVERIFY(lines.contains("OSC tag unknown\\x1b[2J not found in mapping table. Ignoring."));

@@ -1,9 +1,11 @@
 #include "input/arbonoteevent.h"
+#include "input/inputbinding.h"
 #include "input/rfidmap.h"
 #include "testsupport.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSet>
 #include <QLoggingCategory>
 
 // The tag map as users write it by hand: real files in the isolated
@@ -34,7 +36,9 @@ private slots:
         const QString NOT_OBJECT =
             "is not mapped to an object with \"event\" and \"value\". Ignoring.";
         const QString NO_PATH =
-            "asks for event %1 without a path (a \"value\" such as \"/3/-5\"). Ignoring.";
+            "asks for event %1, which needs a path (a \"value\" such as \"/3/-5\"). Ignoring.";
+        const QString UNKNOWN = "asks for event %1, which is no command this program knows. "
+                                "Ignoring.";
         const QVector<QPair<QByteArray, QString>> CASES = {
             // Not an object: skipped rather than read as a toggle of the root.
             {"7", NOT_OBJECT},
@@ -75,13 +79,14 @@ private slots:
              "Ignoring."},
             {R"({"event": 3, "value": [0.5]})", "3 0"},
             {R"({"event": 11, "value": 0.75, "more": {"a": [true]}})", "11 0.75"},
-            {R"({"event": -1.7, "value": 1})", "-1 1"}, // truncated toward zero
-            // Codes the player does not know are kept: it ignores them itself.
-            {R"({"event": 99, "value": 1})", "99 1"},
+            {R"({"event": 2.7, "value": 1})", "2 1"}, // truncated toward zero
+            // Codes this program does not know, or keeps for itself.
+            {R"({"event": -1.7, "value": 1})", UNKNOWN.arg(-1)},
+            {R"({"event": 99, "value": 1})", UNKNOWN.arg(99)},
+            {R"({"event": 19})", "asks for event 19, which is the program's own. Ignoring."},
             // Numbers beyond int and float saturate instead of overflowing.
-            {R"({"event": 2147483648})", "2147483647 0"},
-            {R"({"event": -1e300})", "-2147483648 0"},
-            {R"({"event": 123456789012345678901234567890})", "2147483647 0"},
+            {R"({"event": 2147483648})", UNKNOWN.arg(2147483647)},
+            {R"({"event": -1e300})", UNKNOWN.arg(-2147483647 - 1)},
             {R"({"event": 2, "value": 1e300})", "2 3.40282e+38"},
             {R"({"event": 2, "value": -1e300})", "2 -3.40282e+38"},
         };
@@ -135,6 +140,45 @@ private slots:
         QTest::newRow("number beyond double") << data("number_overflow.json") << false;
         QTest::newRow("nesting beyond the parser") << "{\"a\": " + QByteArray(200000, '[') << false;
         QTest::newRow("top-level array") << data("top_level_array.json") << true;
+    }
+
+    // Every command number from every kind of source: a tag of the map (the
+    // wands and OSC's tag message read it) and an entry of the input map
+    // (keys, MIDI, OSC addresses and OSC's event message read it). Both take
+    // the commands a player may send bare, and never a note without its
+    // path, the program's own patch commands or a number nobody knows.
+    void everyCodeFromEverySource()
+    {
+        QSet<int> expected;
+        for (int code = ArboEvent::AllNotesOff; code <= ArboEvent::Macro8; ++code) {
+            expected.insert(code);
+        }
+        QStringList members;
+        QSet<int> byInputMap;
+        for (int code = -1; code <= ArboEvent::LAST_TYPE + 1; ++code) {
+            const double value = code == ArboEvent::BaseFrequency ? 440.0 : 0.5;
+            members << QStringLiteral("\"c%1\": {\"event\": %1, \"value\": %2}")
+                           .arg(code)
+                           .arg(value);
+            QString why;
+            if (InputBinding::fromJson(QJsonObject{{"event", code}, {"value", value}}, &why)
+                    .isBound()) {
+                byInputMap.insert(code);
+            }
+        }
+        QVERIFY(TestSupport::writeFile(mapPath(), "{" + members.join(",").toUtf8() + "}"));
+        QLoggingCategory::setFilterRules(QStringLiteral("default.warning=false"));
+        RfidMap map;
+        QVERIFY(map.init());
+        QLoggingCategory::setFilterRules(QString());
+        QSet<int> byTags;
+        for (int code = -1; code <= ArboEvent::LAST_TYPE + 1; ++code) {
+            if (map.lookup(QStringLiteral("c%1").arg(code))) {
+                byTags.insert(code);
+            }
+        }
+        QCOMPARE(byTags, expected);
+        QCOMPARE(byInputMap, expected);
     }
 
     void unreadableFiles()

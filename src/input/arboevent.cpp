@@ -14,6 +14,20 @@ bool ArboEvent::needsPath(int type)
     return type == NoteToggle || type == NoteStart || type == NoteEnd;
 }
 
+const char* ArboEvent::bareRefusal(int type)
+{
+    if (type < 0 || type > LAST_TYPE) {
+        return "is no command this program knows";
+    }
+    if (needsPath(type)) {
+        return "needs a path (a \"value\" such as \"/3/-5\")";
+    }
+    if (type == OpenPatch || type == ClosePatch) {
+        return "is the program's own";
+    }
+    return nullptr;
+}
+
 const char* ArboEvent::refusal(int type, float value)
 {
     // Written so that NaN fails every comparison and is refused with it.

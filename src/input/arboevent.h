@@ -52,6 +52,15 @@ public:
     // Without one it would sound the root, which nobody asked for.
     static bool needsPath(int type);
 
+    // Why a map entry, a tag or a message from outside may not ask for a
+    // bare command of `type`, or null when it may. The one rule every source
+    // follows: a number this program does not know, a note command without
+    // its path (it would sound the root), and the program's own commands
+    // (OpenPatch, ClosePatch: the window's, never a player's) are refused.
+    // Notes are asked for by path; the sources make the toggles, starts and
+    // ends themselves.
+    static const char* bareRefusal(int type);
+
     // Why `value` is not a sane value for a command of `type`, or null when
     // it is one. A value from the network or a hand-written map can be
     // anything; a base frequency of 0 or 1e30 silences every note, a volume

@@ -66,20 +66,16 @@ InputBinding InputBinding::fromJson(const QJsonValue& json, QString* error)
         return InputBinding(path);
     }
     float type = 0.0f;
-    if (!toFloat(entry.value(EVENT_KEY), &type) || type != std::floor(type) || type < 0.0f ||
-        type > float(ArboEvent::LAST_TYPE)) {
+    if (!toFloat(entry.value(EVENT_KEY), &type) || type != std::floor(type) ||
+        std::fabs(type) > 1e6f) {
         *error = QStringLiteral("has no known \"event\" number");
         return {};
     }
-    const auto eventType = static_cast<ArboEvent::Type>(int(type));
-    // The note and patch commands need a path or a handshake of the player's
-    // own; as bare events they would sound the root or upset a patch load.
-    if (ArboEvent::needsPath(eventType) || eventType == ArboEvent::OpenPatch ||
-        eventType == ArboEvent::ClosePatch) {
-        *error = QStringLiteral("asks for event %1, which needs a path or is the program's own")
-                     .arg(int(type));
+    if (const char* why = ArboEvent::bareRefusal(int(type))) {
+        *error = QStringLiteral("asks for event %1, which %2").arg(int(type)).arg(QLatin1String(why));
         return {};
     }
+    const auto eventType = static_cast<ArboEvent::Type>(int(type));
     float fixed = 0.0f;
     if (toFloat(value, &fixed)) {
         if (const char* why = ArboEvent::refusal(eventType, fixed)) {

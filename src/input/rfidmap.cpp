@@ -106,14 +106,14 @@ void RfidMap::read(const QJsonObject& json)
                                       .arg(path.toString());
         } else {
             const int type = toEventType(entry.value(EVENT_KEY));
-            // A note command without a path would sound the root: a slip
-            // in the file, not a wish.
-            if (ArboEvent::needsPath(type)) {
-                qWarning().noquote() << QStringLiteral("RFID %1 asks for event %2 without a path "
-                                                       "(a \"value\" such as \"/3/-5\"). "
+            // A note command without a path would sound the root, and the
+            // program's own commands are not a tag's to send.
+            if (const char* why = ArboEvent::bareRefusal(type)) {
+                qWarning().noquote() << QStringLiteral("RFID %1 asks for event %2, which %3. "
                                                        "Ignoring.")
                                             .arg(rfid)
-                                            .arg(type);
+                                            .arg(type)
+                                            .arg(QLatin1String(why));
                 continue;
             }
             const float number = toEventValue(value);
