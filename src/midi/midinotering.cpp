@@ -22,36 +22,27 @@ std::int64_t MidiNoteRing::nowNs()
 
 bool MidiNoteRing::push(Type type, int voice, double frequency)
 {
-    const std::size_t write = mWrite.load(std::memory_order_relaxed);
-    const std::size_t read = mRead.load(std::memory_order_acquire);
-    if (write - read >= CAPACITY) {
-        mDropped.fetch_add(1, std::memory_order_relaxed);
-        return false;
-    }
-    Note& note = mNotes[write & (CAPACITY - 1)];
+    Note note;
     note.type = type;
     note.voice = voice;
     note.frequency = frequency;
     note.stampNs = nowNs();
-    mWrite.store(write + 1, std::memory_order_release);
+    if (!mNotes.push(note)) {
+        mDropped.fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
     sem_post(&mWake);
     return true;
 }
 
 bool MidiNoteRing::pop(Note& note)
 {
-    const std::size_t read = mRead.load(std::memory_order_relaxed);
-    if (read == mWrite.load(std::memory_order_acquire)) {
-        return false;
-    }
-    note = mNotes[read & (CAPACITY - 1)];
-    mRead.store(read + 1, std::memory_order_release);
-    return true;
+    return mNotes.pop(note);
 }
 
 void MidiNoteRing::wait(int timeoutMs)
 {
-    if (mRead.load(std::memory_order_relaxed) != mWrite.load(std::memory_order_acquire)) {
+    if (!mNotes.empty()) {
         // Records are waiting: take the posts they left without sleeping.
         while (sem_trywait(&mWake) == 0) {
         }

@@ -1,21 +1,20 @@
 #pragma once
 
+#include "sound/spscqueue.h"
+
 #include <semaphore.h>
 
-#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
 
 // Carries the notes that the player starts and ends from the audio thread to
-// the MIDI thread, without locks: a fixed single-producer single-consumer ring
-// of small trivially copyable records.
+// the MIDI thread, without locks: the engine's fixed single-producer
+// single-consumer queue (SpscQueue) of small trivially copyable records, and
+// a semaphore to wake the reader.
 //
-// The writer (the audio thread) copies a record into the next free slot and
-// then publishes the write index; the reader copies records out and publishes
-// the read index. When the ring is full the record is dropped and counted.
-// After each write the writer posts a semaphore so that the MIDI thread wakes
+// When the ring is full the record is dropped and counted. After each write the writer posts a semaphore so that the MIDI thread wakes
 // at once rather than polling: sem_post takes no lock and never blocks (it is
 // an atomic increment and, only when the reader sleeps, a futex wake).
 //
@@ -72,9 +71,7 @@ public:
     static std::int64_t nowNs();
 
 private:
-    std::array<Note, CAPACITY> mNotes;
-    alignas(64) std::atomic<std::size_t> mWrite{0};
-    alignas(64) std::atomic<std::size_t> mRead{0};
+    SpscQueue<Note, CAPACITY> mNotes;
     std::atomic<std::uint32_t> mDropped{0};
     sem_t mWake;
 };
@@ -82,5 +79,3 @@ private:
 static_assert(std::is_trivially_copyable<MidiNoteRing::Note>::value,
               "notes are copied through the ring as plain bytes");
 static_assert(sizeof(MidiNoteRing::Note) == 24, "a note record is 24 bytes");
-static_assert((MidiNoteRing::CAPACITY & (MidiNoteRing::CAPACITY - 1)) == 0,
-              "the ring's capacity is a power of two");
