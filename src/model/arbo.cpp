@@ -2,6 +2,7 @@
 
 #include "model/arboconstants.h"
 #include "settings/appcontext.h"
+#include "settings/settings.h"
 #include "settings/throttledwarning.h"
 #include "sound/pdplayer.h"
 
@@ -214,7 +215,8 @@ bool Arbo::canTransposeTo(const ArboRatio& step) const
     }
     // Written so that a NaN base frequency refuses too.
     const float frequency = mBaseFrequency * float(transposed.toDouble());
-    if (!(frequency >= MIN_FREQUENCY && frequency <= MAX_FREQUENCY)) {
+    // Transpositions must keep the 1/1 within the audible range.
+    if (!(frequency >= Settings::FREQUENCY_MIN && frequency <= Settings::FREQUENCY_MAX)) {
         return false;
     }
     // This runs for every transpose button after every change. When the

@@ -37,9 +37,6 @@ public:
     static const QString FILE_NAME;
     // The colour of the root and of every prime without a colour.
     static const QColor WHITE;
-    // The playable range that transpositions must keep the 1/1 within.
-    static constexpr float MIN_FREQUENCY = 20.0f;
-    static constexpr float MAX_FREQUENCY = 20000.0f;
 
     explicit Arbo(QObject* parent = nullptr);
     ~Arbo() override;

@@ -45,10 +45,14 @@ public:
     // geometry is left alone. Returns the keys that were replaced.
     QStringList replaceUnusableValues(const QList<QRect>& screens);
 
+    // The audible range, the one definition for everyone who checks a
+    // frequency: the base frequency, the 1/1 after a transposition (both
+    // inclusive) and the notes the patch is told of (strictly inside).
     static constexpr float FREQUENCY_MIN = 20.0f;
     static constexpr float FREQUENCY_MAX = 20000.0f;
     static constexpr float VOLUME_MIN = 0.0f;
     static constexpr float VOLUME_MAX = 4.0f;
+    // The buffer sizes the options and the audio output accept.
     static constexpr int FRAMES_MIN = 16;
     static constexpr int FRAMES_MAX = 8192;
 

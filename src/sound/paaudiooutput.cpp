@@ -1,5 +1,7 @@
 #include "sound/paaudiooutput.h"
 
+#include "settings/settings.h"
+
 #include "input/arboevent.h"
 #include "sound/pdplayer.h"
 #include "sound/portaudiolibrary.h"
@@ -127,9 +129,9 @@ bool PaAudioOutput::init(int framesPerBuffer, int deviceIndex, PdPlayer* player)
 {
     // A value typed into the options file by hand: 0 or less cannot open a
     // stream, and a huge one would delay every note by seconds.
-    if (framesPerBuffer < 1 || framesPerBuffer > MAX_FRAMES_PER_BUFFER) {
-        qWarning() << "Frames per buffer" << framesPerBuffer << "cannot be used (1 to"
-                   << MAX_FRAMES_PER_BUFFER << "); using" << DEFAULT_FRAMES_PER_BUFFER;
+    if (framesPerBuffer < Settings::FRAMES_MIN || framesPerBuffer > Settings::FRAMES_MAX) {
+        qWarning() << "Frames per buffer" << framesPerBuffer << "cannot be used (" << Settings::FRAMES_MIN
+                   << "to" << Settings::FRAMES_MAX << "); using" << DEFAULT_FRAMES_PER_BUFFER;
         framesPerBuffer = DEFAULT_FRAMES_PER_BUFFER;
     }
     mFramesPerBuffer = framesPerBuffer;

@@ -45,9 +45,9 @@ public:
     static constexpr double SAMPLE_RATE = 44100.0;
     // Pd computes in blocks of this many frames.
     static constexpr int PD_BLOCK_FRAMES = 64;
-    // Frames per buffer outside 1..MAX_FRAMES_PER_BUFFER cannot be used; the
-    // output then asks for DEFAULT_FRAMES_PER_BUFFER.
-    static constexpr int MAX_FRAMES_PER_BUFFER = 8192;
+    // Frames per buffer outside the options' range (Settings::FRAMES_MIN to
+    // FRAMES_MAX) cannot be used; the output then asks for
+    // DEFAULT_FRAMES_PER_BUFFER.
     static constexpr int DEFAULT_FRAMES_PER_BUFFER = 256;
     // How long stopping or closing a stream, or ending PortAudio, may take
     // before the library is left behind.

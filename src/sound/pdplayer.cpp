@@ -4,6 +4,7 @@
 #include "midi/midinotering.h"
 #include "model/arbo.h"
 #include "settings/debuglog.h"
+#include "settings/settings.h"
 #include "sound/denormals.h"
 #include "sound/pdinstance.h"
 #include "sound/realtimezone.h"
@@ -706,7 +707,9 @@ int PdPlayer::noteOn(const ArboRatio& ratio)
 
     // Outside the audible range the voice is taken and reported sounding,
     // but the patch is told nothing.
-    if (frequency > MIN_FREQUENCY && frequency < MAX_FREQUENCY) {
+    // Notes are played only strictly inside the audible range; outside it
+    // a voice is taken but the patch is told nothing.
+    if (frequency > Settings::FREQUENCY_MIN && frequency < Settings::FREQUENCY_MAX) {
         if (mBuiltInSound.load(std::memory_order_relaxed)) {
             record.started = true;
             sendPdVoiceMessage(Frequency, frequency, chosen);

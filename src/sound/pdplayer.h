@@ -88,10 +88,6 @@ public:
 
     static constexpr int VOICE_COUNT = 128;
     static constexpr int PRIME_FLAG_COUNT = 32;
-    // Notes are played only strictly inside this range; outside it a voice is
-    // taken but the patch is told nothing.
-    static constexpr float MIN_FREQUENCY = 20.0f;
-    static constexpr float MAX_FREQUENCY = 20000.0f;
 
     explicit PdPlayer(QObject* parent = nullptr);
     ~PdPlayer() override;
