@@ -39,6 +39,8 @@ std::atomic<TuningArboApplication*> sLoggingApp{nullptr};
 TuningArboApplication::TuningArboApplication(int& argc, char** argv) : QApplication(argc, argv)
 {
     setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
+    // The updater compares the published version with this one.
+    setApplicationVersion(QStringLiteral(ARBO_VERSION));
 
     const QStringList arguments = QCoreApplication::arguments();
     for (int i = 1; i < arguments.size(); ++i) {
@@ -84,11 +86,6 @@ TuningArboApplication::~TuningArboApplication()
 TuningArboApplication* TuningArboApplication::instance()
 {
     return static_cast<TuningArboApplication*>(QCoreApplication::instance());
-}
-
-QString TuningArboApplication::version()
-{
-    return QStringLiteral("1.5.0");
 }
 
 bool TuningArboApplication::init()
@@ -471,11 +468,6 @@ bool TuningArboApplication::loadStyleSheet()
 bool TuningArboApplication::initPatchFolder()
 {
     return PatchLoader::installShellPatches();
-}
-
-bool TuningArboApplication::copyFile(const QString& source, const QString& target)
-{
-    return PatchLoader::copyIfNewer(source, target);
 }
 
 bool TuningArboApplication::openLogFile(const QString& path)

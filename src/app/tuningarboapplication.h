@@ -55,16 +55,11 @@ public:
     void syncFromSettings();
     void syncToSettings();
 
-    // Copies source to target unless the target is at least as new as the
-    // source (by creation time). Returns false only on a failed delete or copy.
-    bool copyFile(const QString& source, const QString& target);
     bool initPatchFolder();
     bool loadStyleSheet();
     // Starts the keyboard, the MIDI input and the OSC receiver on the input
     // map's bindings. Part of init().
     void startInputs();
-
-    static QString version();
 
     // The last word of main(), once the application object is gone and
     // everything is saved: returns `exitCode`, or, while a PortAudio call

@@ -102,8 +102,6 @@ public slots:
 
 signals:
     void transposeOrBaseFrequencyChanged();
-    // Input made on the lattice's own views, for the sound engine.
-    void eventReceived(const ArboEvent* event);
 
 private slots:
     // The engine's reports, coalesced (onTransposed() and
