@@ -45,7 +45,6 @@ public:
     QByteArray toBytes() const;
 
     std::uint8_t wand() const { return mWand; }
-    int tagLength() const { return mTagLength; }
     // The tag's bytes, never a zero byte among them.
     QByteArray tag() const { return QByteArray(mTag, mTagLength); }
     // The tag as text for the RFID map: each byte one character. Tags are

@@ -77,13 +77,9 @@ public:
     QString toStringAbs() const;
 
     const Rational& ratio() const { return mRatio; }
-    const Rational& absRatio() const { return mAbsRatio; }
     unsigned long long numerator() const { return mRatio.numerator(); }
     unsigned long long denominator() const { return mRatio.denominator(); }
-    unsigned long long absNumerator() const { return mAbsRatio.numerator(); }
-    unsigned long long absDenominator() const { return mAbsRatio.denominator(); }
     double toDouble() const { return double(numerator()) / double(denominator()); }
-    double absToDouble() const { return double(absNumerator()) / double(absDenominator()); }
 
     bool operator==(const ArboRatio& other) const { return mRatio == other.mRatio; }
     bool operator!=(const ArboRatio& other) const { return !(*this == other); }

@@ -42,8 +42,6 @@ public:
     // (or nothing was saved yet). The application tells the user from this.
     QString lastSaveError() const { return mLastSaveError; }
 
-    // True when the last load found a file that is not JSON (or is empty).
-    bool isDamaged() const { return mDamaged; }
     // One typo in a hand-edited file must not cost the user every value in
     // it: before a damaged file is replaced by a save, or given up on, it is
     // renamed to "<file>.damaged-yyyyMMdd-hhmmss" beside the original and the

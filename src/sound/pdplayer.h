@@ -161,7 +161,6 @@ public:
     }
     // Any thread. Muted, every buffer is silence; the patch runs on.
     void setMuted(bool muted) { mMuted.store(muted, std::memory_order_relaxed); }
-    bool isMuted() const { return mMuted.load(std::memory_order_relaxed); }
     // Buffers silenced because a sample was not finite, since the last call
     // to reportRefusedCommands(). Any thread.
     quint32 silencedBuffers() const { return mSilencedBuffers.load(); }

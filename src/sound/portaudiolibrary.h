@@ -36,8 +36,6 @@ public:
     // alive for good: threads may still be waiting inside it.
     static void abandon(const std::shared_ptr<PortAudioLibrary>& library);
     bool isAbandoned() const { return mAbandoned; }
-    // Whether this is a private copy rather than the linked library.
-    bool isCopy() const { return mHandle != nullptr; }
 
     decltype(&Pa_Initialize) Initialize = nullptr;
     decltype(&Pa_Terminate) Terminate = nullptr;

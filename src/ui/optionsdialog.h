@@ -57,7 +57,6 @@ public:
     // Moves to the stored position; the second form stores `position` first.
     void rePosition();
     void rePosition(QPoint position);
-    QPoint storedPosition() const { return mStoredPosition; }
 
     // What the main window's options button does: when `dialog` is shown,
     // its position goes into `position` and it closes; otherwise any old

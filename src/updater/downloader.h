@@ -54,7 +54,6 @@ public:
     void setUseCustomInstallProcedures(bool custom) { mUseCustomInstallProcedures = custom; }
     void setDownloadDir(const QString& dir) { mDownloadDir = dir; }
 
-    QString urlId() const { return mUrlId; }
     QString fileName() const { return mFileName; }
     QString downloadDir() const { return mDownloadDir; }
     QString filePath() const;

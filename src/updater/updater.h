@@ -69,7 +69,6 @@ public:
     bool updateAvailable() const { return mUpdateAvailable; }
     bool downloaderEnabled() const { return mDownloaderEnabled; }
     bool mandatoryUpdate() const { return mMandatoryUpdate; }
-    bool networkErrorOccurred() const { return mNetworkError; }
     bool useCustomInstallProcedures() const;
     QString downloadDir() const;
     Downloader* downloader() const { return mDownloader; }
