@@ -53,12 +53,11 @@ public:
 private:
     void run()
     {
-        PdMessageBuffer::ChunkList list;
         long count = 0;
         std::int64_t sum = 0;
+        Chunk chunk;
         while (!mStop.load(std::memory_order_relaxed)) {
-            mBuffer.processEvents(list);
-            if (list.isEmpty()) {
+            if (!mBuffer.peek(chunk)) {
                 for (int i = 0; i < mIdleSpins; ++i) {
                     cpuRelax();
                 }
@@ -67,11 +66,9 @@ private:
                 }
                 continue;
             }
-            for (const Chunk* chunk : list) {
-                sum += chunk->type; // touch every command, as carrying out would
-            }
-            count += static_cast<long>(list.size());
-            list.clear();
+            mBuffer.pop();
+            sum += chunk.type; // touch every command, as carrying out would
+            ++count;
             mConsumed.store(count, std::memory_order_release);
         }
         benchmark::DoNotOptimize(sum);
@@ -150,8 +147,8 @@ void BM_RingNoteEvents(benchmark::State& state)
 BENCHMARK(BM_RingNoteEvents)->UseRealTime();
 
 // One drain of a full ring (1023 commands, all the ring holds) on one thread:
-// read into the scratch area, walk the list as the player does, clear it.
-// Only the drain is timed; refilling is not.
+// read one command at a time, as the player does. Only the drain is timed;
+// refilling is not.
 void BM_DrainFullRing(benchmark::State& state)
 {
     PdMessageBuffer buffer;
@@ -159,7 +156,6 @@ void BM_DrainFullRing(benchmark::State& state)
         state.SkipWithError("no ring");
         return;
     }
-    PdMessageBuffer::ChunkList list;
     Chunk chunk;
     chunk.path = ArboPath(QStringLiteral("/3/-5/7"));
     std::int64_t sum = 0;
@@ -169,12 +165,11 @@ void BM_DrainFullRing(benchmark::State& state)
             buffer.writeChunk(&chunk);
         }
         const auto start = std::chrono::steady_clock::now();
-        buffer.processEvents(list);
-        for (const Chunk* drained : list) {
-            sum += drained->type;
+        std::size_t drained = 0;
+        for (Chunk read; buffer.peek(read); ++drained) {
+            buffer.pop();
+            sum += read.type;
         }
-        const std::size_t drained = list.size();
-        list.clear();
         const auto end = std::chrono::steady_clock::now();
         state.SetIterationTime(std::chrono::duration<double>(end - start).count());
         if (drained != 1023) {

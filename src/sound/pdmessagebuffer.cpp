@@ -11,16 +11,6 @@ extern "C" {
 #include "z_ringbuffer.h"
 }
 
-namespace {
-
-// Where the audio thread copies the ring's bytes before handing out pointers.
-// Static, so draining never allocates; one for all buffers (see processEvents).
-// Declared as chunks, so that copying bytes into it is a plain copy into
-// trivially copyable objects.
-PdMessageBuffer::Chunk sScratch[PdMessageBuffer::MAX_CHUNKS];
-
-} // namespace
-
 PdMessageBuffer::PdMessageBuffer() = default;
 
 PdMessageBuffer::~PdMessageBuffer()
@@ -103,40 +93,6 @@ void PdMessageBuffer::reportDrops()
 {
     qWarning("%lu more commands were dropped because the command buffer was full",
              mFullWarning.takeSuppressed());
-}
-
-void PdMessageBuffer::processEvents(ChunkList& list)
-{
-    if (!mRing) {
-        return;
-    }
-    if (mHasAhead && list.size() < list.capacity()) {
-        // What peek() took out of the ring comes first.
-        sScratch[list.size()] = mAhead;
-        list.append(&sScratch[list.size()]);
-        mHasAhead = false;
-    }
-    int bytes = rb_available_to_read(mRing);
-    if (bytes <= 0) {
-        return;
-    }
-    // Only whole chunks are ever written; rounding down is a guard, not a case.
-    bytes -= bytes % CHUNK_BYTES;
-    const std::size_t first = list.size();
-    const int room = static_cast<int>(list.capacity() - first) * CHUNK_BYTES;
-    // The rest stays in the ring, in order, for the next drain.
-    bytes = std::min(bytes, room);
-    if (bytes == 0) {
-        return;
-    }
-    // Bytes only ever get added behind our back, so this read cannot fail.
-    if (rb_read_from_buffer(mRing, reinterpret_cast<char*>(&sScratch[first]), bytes) != 0) {
-        return;
-    }
-    const std::size_t count = static_cast<std::size_t>(bytes / CHUNK_BYTES);
-    for (std::size_t i = 0; i < count; ++i) {
-        list.append(&sScratch[first + i]);
-    }
 }
 
 bool PdMessageBuffer::peek(Chunk& chunk)

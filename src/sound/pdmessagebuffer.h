@@ -2,7 +2,6 @@
 
 #include "model/arbopath.h"
 #include "settings/logthrottle.h"
-#include "sound/staticarray.h"
 
 #include <QtGlobal>
 
@@ -25,7 +24,7 @@ struct ring_buffer;
 // so the reader never sees part of a chunk.
 //
 // Threads: exactly one thread writes a buffer (queueEvent, writeChunk) and
-// only the audio thread reads it (processEvents). Neither side takes a lock or
+// only the audio thread reads it (peek, pop). Neither side takes a lock or
 // waits for the other. Nothing allocates after init(), except the rate-limited
 // warning when the ring is full (see writeChunk).
 class PdMessageBuffer
@@ -41,12 +40,9 @@ public:
     };
 
     // libpd's ring keeps one byte empty to tell "full" from "empty", so 16383
-    // bytes are usable: 1023 chunks fit, not 1024. The list and the scratch
-    // area are still sized for 1024, which is always enough.
+    // bytes are usable: 1023 chunks fit, not 1024.
     static constexpr int RING_BYTES = 16384;
     static constexpr int CHUNK_BYTES = 16;
-    static constexpr std::size_t MAX_CHUNKS = RING_BYTES / CHUNK_BYTES;
-    using ChunkList = StaticArray<const Chunk*, MAX_CHUNKS>;
 
     // Between two "Command buffer full" warnings, drops are only counted.
     static constexpr std::chrono::milliseconds FULL_WARNING_INTERVAL{1000};
@@ -82,23 +78,10 @@ public:
     // thread, and the limit keeps a flood of commands from flooding the log.
     bool writeChunk(const Chunk* chunk);
 
-    // Audio thread only. Reads what is in the ring at this moment (whole
-    // chunks, as many as the list has room for; the rest stays for the next
-    // call) into a static scratch area and appends a pointer to each chunk,
-    // in order, to `list`. Never blocks or allocates. (The player reads one
-    // command at a time with peek() and pop(); this reads a batch.)
-    //
-    // The scratch area is one for all buffers: a chunk lands in the scratch
-    // slot matching its position in the list, so draining a second buffer
-    // into a list that still holds the first one's chunks keeps both. The
-    // pointers stay valid until the next call (on any buffer) that fills the
-    // same positions, that is after the caller has cleared the list: carry
-    // the chunks out before clearing it.
-    void processEvents(ChunkList& list);
-
     // Audio thread only. The oldest command in the ring, left in it (true),
-    // or false when the ring is empty; pop() then takes it away. For a
-    // reader that decides per command whether to carry it out now.
+    // or false when the ring is empty; pop() then takes it away, so that the
+    // reader decides per command whether to carry it out now. Never blocks
+    // or allocates.
     bool peek(Chunk& chunk);
     void pop();
 
