@@ -1,5 +1,7 @@
 #include "input/inputbinding.h"
 
+#include "settings/jsonread.h"
+
 #include <QJsonValue>
 
 #include <algorithm>
@@ -16,15 +18,7 @@ const QString MAX_KEY = QStringLiteral("max");
 // A finite JSON number within the float range, or nothing.
 bool toFloat(const QJsonValue& json, float* out)
 {
-    if (!json.isDouble()) {
-        return false;
-    }
-    const double number = json.toDouble();
-    if (!std::isfinite(number) || std::fabs(number) > double(std::numeric_limits<float>::max())) {
-        return false;
-    }
-    *out = float(number);
-    return true;
+    return JsonRead::exactFloat(json, out);
 }
 
 } // namespace

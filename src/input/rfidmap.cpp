@@ -2,6 +2,7 @@
 
 #include "input/arboevent.h"
 #include "input/arbonoteevent.h"
+#include "settings/jsonread.h"
 
 #include <QDebug>
 #include <QJsonObject>
@@ -18,34 +19,20 @@ namespace {
 const QString EVENT_KEY = QStringLiteral("event");
 const QString VALUE_KEY = QStringLiteral("value");
 
-// "event" as an int. JSON numbers are doubles, and converting a double that
-// does not fit to int is undefined behaviour, so out-of-range numbers
-// saturate. Anything but a number counts as 0.
+// "event" as an int and "value" as a float, saturating rather than
+// overflowing; anything but a number counts as 0.
 int toEventType(const QJsonValue& json)
 {
-    const double number = json.toDouble(0.0);
-    if (std::isnan(number)) {
-        return 0;
-    }
-    if (number >= static_cast<double>(std::numeric_limits<int>::max())) {
-        return std::numeric_limits<int>::max();
-    }
-    if (number <= static_cast<double>(std::numeric_limits<int>::min())) {
-        return std::numeric_limits<int>::min();
-    }
-    return static_cast<int>(number); // truncates toward zero
+    int type = 0;
+    JsonRead::saturatedInt(json, &type);
+    return type;
 }
 
-// "value" as a float, clamped for the same reason (a double beyond the float
-// range does not convert either). Anything but a number counts as 0.
 float toEventValue(const QJsonValue& json)
 {
-    const double number = json.toDouble(0.0);
-    if (std::isnan(number)) {
-        return 0.0f;
-    }
-    constexpr double LIMIT = std::numeric_limits<float>::max();
-    return static_cast<float>(std::clamp(number, -LIMIT, LIMIT));
+    float value = 0.0f;
+    JsonRead::saturatedFloat(json, &value);
+    return value;
 }
 
 } // namespace

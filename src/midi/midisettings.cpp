@@ -1,5 +1,7 @@
 #include "midi/midisettings.h"
 
+#include "settings/jsonread.h"
+
 #include <QJsonValue>
 
 #include <algorithm>
@@ -19,10 +21,7 @@ const QString BUILT_IN_SOUND = QStringLiteral("builtInSound");
 
 void readClamped(const QJsonObject& json, const QString& key, int low, int high, int& field)
 {
-    const QJsonValue value = json.value(key);
-    if (value.isDouble() && std::isfinite(value.toDouble())) {
-        field = int(std::clamp(std::trunc(value.toDouble()), double(low), double(high)));
-    }
+    JsonRead::clampedInt(json.value(key), low, high, &field);
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "settings/settings.h"
 
+#include "settings/jsonread.h"
+
 #include <QDebug>
 #include <QJsonValue>
 #include <QStringList>
@@ -26,30 +28,16 @@ const QString WINDOW_SIZE = QStringLiteral("windowSize");
 const QString WINDOW_POS = QStringLiteral("windowPos");
 const QString WINDOW_MAXIMIZED = QStringLiteral("windowMaximized");
 
-// Ints come only from JSON numbers, truncated toward zero. A number beyond the
-// range of int saturates rather than wrapping (casting it would be undefined).
+// Numbers through the one careful reader: truncated ints and floats that
+// saturate instead of overflowing.
 void readInt(const QJsonObject& json, const QString& key, int& field)
 {
-    const QJsonValue value = json.value(key);
-    if (!value.isDouble()) {
-        return;
-    }
-    const double number = std::trunc(value.toDouble());
-    if (number >= double(std::numeric_limits<int>::max())) {
-        field = std::numeric_limits<int>::max();
-    } else if (number <= double(std::numeric_limits<int>::min())) {
-        field = std::numeric_limits<int>::min();
-    } else {
-        field = int(number);
-    }
+    JsonRead::saturatedInt(json.value(key), &field);
 }
 
 void readFloat(const QJsonObject& json, const QString& key, float& field)
 {
-    const QJsonValue value = json.value(key);
-    if (value.isDouble()) {
-        field = float(value.toDouble());
-    }
+    JsonRead::saturatedFloat(json.value(key), &field);
 }
 
 void readBool(const QJsonObject& json, const QString& key, bool& field)
