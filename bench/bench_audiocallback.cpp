@@ -16,8 +16,8 @@
 // that is allowed (ARBO_BENCH_REALTIME=0: never), as a stage machine would.
 // ARBO_BENCH_VOICE names the voice patch (default Sine.pd).
 
-#include "input/arboevent.h"
-#include "input/arbonoteevent.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
 #include "jackplayback.h"
 #include "model/arboratio.h"
 #include "settings/appcontext.h"

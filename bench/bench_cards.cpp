@@ -17,7 +17,7 @@
 #include "display/arbowidget.h"
 #include "model/arbo.h"
 #include "model/arboball.h"
-#include "notation/cardstackwidget.h"
+#include "display/cardstackwidget.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
 #include "runbenchmarks.h"

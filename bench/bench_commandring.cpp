@@ -1,8 +1,8 @@
 // Throughput of the command ring from one producer thread to one consumer
 // thread, and the cost of one drain of a full ring on the audio thread.
 
-#include "input/arboevent.h"
-#include "input/arbonoteevent.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
 #include "sound/pdmessagebuffer.h"
 
 #include <QString>

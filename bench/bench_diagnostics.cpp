@@ -126,6 +126,8 @@ void batched(benchmark::State& state)
     for (auto _ : state) {
         const double rssBefore = procStatusBytes("VmRSS:");
         auto* dialog = new DiagnosticsDialog;
+        QObject::connect(sApp, &TuningArboApplication::diagnosticMessage, dialog,
+                         &DiagnosticsDialog::onMessage, Qt::QueuedConnection);
         dialog->show();
         const FloodResult result =
             flood(lines, [dialog] { return dialog->textBox()->blockCount(); });

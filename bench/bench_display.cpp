@@ -19,7 +19,7 @@
 #include "display/arboview.h"
 #include "display/arbowidget.h"
 #include "input/inputmap.h"
-#include "input/arbonoteevent.h"
+#include "model/arbonoteevent.h"
 #include "jackplayback.h"
 #include "latencyreport.h"
 #include "model/arbo.h"

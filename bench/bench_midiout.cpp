@@ -9,7 +9,7 @@
 // note-off. Goal: p99 under 1 ms. ring_* is the share from the push into the
 // ring to the hand-over, as the MIDI thread measures it.
 
-#include "input/arbonoteevent.h"
+#include "model/arbonoteevent.h"
 #include "jackfixture.h"
 #include "latencyreport.h"
 #include "midi/midioutput.h"

@@ -15,7 +15,7 @@
 // the program, set the tail); output_latency_ms is what PortAudio reports for
 // the stream, which the player hears on top.
 
-#include "input/arbonoteevent.h"
+#include "model/arbonoteevent.h"
 #include "jackplayback.h"
 #include "latencyreport.h"
 #include "osc/oscinput.h"

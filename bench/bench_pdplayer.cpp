@@ -2,8 +2,8 @@
 // carrying the commands out, with the real patch open. A 256-frame buffer
 // lasts 5.8 ms at 44.1 kHz; the drain should cost well under 1 % of that.
 
-#include "input/arboevent.h"
-#include "input/arbonoteevent.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
 #include "sound/patchloader.h"
 #include "sound/pdmessagebuffer.h"
 #include "sound/pdplayer.h"

@@ -15,7 +15,7 @@
 // running in real time they, not the program, set the tail). output_latency_ms is what PortAudio
 // reports for the stream, which the player hears on top.
 
-#include "input/arbonoteevent.h"
+#include "model/arbonoteevent.h"
 #include "input/udplistener.h"
 #include "input/wanddatagram.h"
 #include "jackplayback.h"

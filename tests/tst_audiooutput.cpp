@@ -7,8 +7,8 @@
 // buffer at a time); everything else runs on a real stream.
 
 #include "audioanalysis.h"
-#include "input/arboevent.h"
-#include "input/arbonoteevent.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
 #include "jackfixture.h"
 #include "settings/appcontext.h"
 #include "sound/denormals.h"

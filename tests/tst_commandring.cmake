@@ -11,8 +11,8 @@ set_tests_properties(tst_commandring PROPERTIES PROCESSORS 2)
 add_executable(tst_commandring_tsan
     "${CMAKE_CURRENT_SOURCE_DIR}/tst_commandring.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/pdmessagebuffer.cpp"
-    "${CMAKE_SOURCE_DIR}/src/input/arboevent.cpp"
-    "${CMAKE_SOURCE_DIR}/src/input/arbonoteevent.cpp"
+    "${CMAKE_SOURCE_DIR}/src/model/arboevent.cpp"
+    "${CMAKE_SOURCE_DIR}/src/model/arbonoteevent.cpp"
     "${LIBPD_RINGBUFFER_SOURCE}")
 target_compile_options(tst_commandring_tsan PRIVATE -fsanitize=thread)
 target_link_options(tst_commandring_tsan PRIVATE -fsanitize=thread)

@@ -1,4 +1,4 @@
-#include "input/arbonoteevent.h"
+#include "model/arbonoteevent.h"
 #include "sound/pdmessagebuffer.h"
 #include "testsupport.h"
 

@@ -143,6 +143,8 @@ private slots:
         setFlags({"all"});
         qDebug("before the dialog");
         DiagnosticsDialog dialog;
+        connect(mApp, &TuningArboApplication::diagnosticMessage, &dialog,
+                &DiagnosticsDialog::onMessage, Qt::QueuedConnection);
         QStringList expected;
         for (int round = 0; round < 3; ++round) {
             const QString gui = QStringLiteral("gui %1").arg(round);

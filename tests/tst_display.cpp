@@ -9,7 +9,7 @@
 #include "display/arboview.h"
 #include "display/arbowidget.h"
 #include "display/layoutconstants.h"
-#include "input/arboevent.h"
+#include "model/arboevent.h"
 #include "model/arbo.h"
 #include "offlineplayer.h"
 #include "settings/appcontext.h"

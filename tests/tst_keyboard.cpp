@@ -2,8 +2,8 @@
 // and its errors, and keys on the real main window (offscreen) reaching the
 // real player and voice patches, rendered on the test thread.
 
-#include "input/arboevent.h"
-#include "input/arbonoteevent.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
 #include "input/inputmap.h"
 #include "model/arbo.h"
 #include "offlineplayer.h"

@@ -4,7 +4,7 @@
 // the whole program playing from a keyboard that it connected by itself.
 
 #include "audioanalysis.h"
-#include "input/arbonoteevent.h"
+#include "model/arbonoteevent.h"
 #include "input/inputmap.h"
 #include "jackfixture.h"
 #include "jackmidisender.h"

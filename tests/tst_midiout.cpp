@@ -2,8 +2,8 @@
 // ratios, and the real path (player -> ring -> MIDI thread -> RtMidi -> a
 // private JACK server -> a JACK MIDI client of this test).
 
-#include "input/arboevent.h"
-#include "input/arbonoteevent.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
 #include "jackfixture.h"
 #include "midi/midioutput.h"
 #include "midi/midisettings.h"

@@ -6,7 +6,7 @@ set_tests_properties(tst_midiring PROPERTIES PROCESSORS 2)
 # command ring's suppressions cover what its futex-based locks hide.
 add_executable(tst_midiring_tsan
     "${CMAKE_CURRENT_SOURCE_DIR}/tst_midiring.cpp"
-    "${CMAKE_SOURCE_DIR}/src/midi/midinotering.cpp")
+    "${CMAKE_SOURCE_DIR}/src/sound/midinotering.cpp")
 target_compile_options(tst_midiring_tsan PRIVATE -fsanitize=thread)
 target_link_options(tst_midiring_tsan PRIVATE -fsanitize=thread)
 target_link_libraries(tst_midiring_tsan PRIVATE arbo_testsupport)

@@ -2,7 +2,7 @@
 // one reader thread, far more notes than the ring holds. Also built with
 // ThreadSanitizer (tst_midiring_tsan).
 
-#include "midi/midinotering.h"
+#include "sound/midinotering.h"
 #include "testsupport.h"
 
 #include <QtTest>

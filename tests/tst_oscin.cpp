@@ -5,7 +5,7 @@
 // handles packets in order, so once the probe is carried out, everything
 // before it has been.
 
-#include "input/arboevent.h"
+#include "model/arboevent.h"
 #include "input/inputmap.h"
 #include "model/arbo.h"
 #include "offlineplayer.h"

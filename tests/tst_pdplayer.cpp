@@ -3,9 +3,9 @@
 // 256-frame buffers, as the audio callback does, and listens to the result.
 
 #include "audioanalysis.h"
-#include "input/arboevent.h"
-#include "input/arbonoteevent.h"
-#include "midi/midinotering.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
+#include "sound/midinotering.h"
 #include "offlineplayer.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"

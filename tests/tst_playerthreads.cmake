@@ -12,8 +12,8 @@ set(ARBO_PLAYER_TSAN_SOURCES
     "${CMAKE_SOURCE_DIR}/src/sound/paaudiooutput.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/portaudiolibrary.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/pdmessagebuffer.cpp"
-    "${CMAKE_SOURCE_DIR}/src/input/arboevent.cpp"
-    "${CMAKE_SOURCE_DIR}/src/input/arbonoteevent.cpp")
+    "${CMAKE_SOURCE_DIR}/src/model/arboevent.cpp"
+    "${CMAKE_SOURCE_DIR}/src/model/arbonoteevent.cpp")
 set_source_files_properties(${ARBO_PLAYER_TSAN_SOURCES} PROPERTIES SKIP_AUTOMOC ON)
 add_executable(tst_playerthreads_tsan
     "${CMAKE_CURRENT_SOURCE_DIR}/tst_playerthreads.cpp"

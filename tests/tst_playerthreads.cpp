@@ -7,8 +7,8 @@
 // (tst_playerthreads.cmake), which reports any access to shared state that
 // the rings, atomics and mutex do not order.
 
-#include "input/arboevent.h"
-#include "input/arbonoteevent.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
 #include "jackfixture.h"
 #include "settings/appcontext.h"
 #include "sound/paaudiooutput.h"

@@ -7,8 +7,8 @@
 // code (libpd's own calls are left out: it may lock its instance and some
 // Pd objects allocate).
 
-#include "input/arboevent.h"
-#include "input/arbonoteevent.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
 #include "offlineplayer.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"

@@ -1,4 +1,4 @@
-#include "input/arbonoteevent.h"
+#include "model/arbonoteevent.h"
 #include "input/inputbinding.h"
 #include "input/rfidmap.h"
 #include "testsupport.h"

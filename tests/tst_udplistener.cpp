@@ -9,7 +9,7 @@
 // term() waits for the end of the listener's current poll (up to a second),
 // so each test runs all its cases through one listener.
 
-#include "input/arbonoteevent.h"
+#include "model/arbonoteevent.h"
 #include "input/udplistener.h"
 #include "input/wanddatagram.h"
 #include "settings/appcontext.h"

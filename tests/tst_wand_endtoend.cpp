@@ -6,7 +6,7 @@
 
 #include "app/tuningarboapplication.h"
 #include "audioanalysis.h"
-#include "input/arbonoteevent.h"
+#include "model/arbonoteevent.h"
 #include "jackfixture.h"
 #include "testsupport.h"
 

@@ -1,8 +1,9 @@
 #include "app/tuningarboapplication.h"
 
-#include "input/arboevent.h"
+#include "model/arboevent.h"
 #include "settings/appcontext.h"
 #include "sound/patchloader.h"
+#include "ui/diagnosticsdialog.h"
 #include "ui/keyboardinput.h"
 #include "ui/mainwindow.h"
 #include "ui/stylesheetloader.h"
@@ -209,6 +210,9 @@ bool TuningArboApplication::init()
 
     // 13. The window loads the default voice as it is made.
     mMainWindow = new MainWindow(&mArbo);
+    // Queued even for the GUI thread: see DiagnosticsDialog.
+    connect(this, &TuningArboApplication::diagnosticMessage, mMainWindow->diagnosticsDialog(),
+            &DiagnosticsDialog::onMessage, Qt::QueuedConnection);
     mMainWindow->show();
     if (!mPlayer.isPatchOpen()) {
         loadAnyVoice();

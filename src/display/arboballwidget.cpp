@@ -5,7 +5,7 @@
 #include "display/layoutconstants.h"
 #include "model/arbo.h"
 #include "model/arboball.h"
-#include "notation/cardstackwidget.h"
+#include "display/cardstackwidget.h"
 #include "settings/appcontext.h"
 #include "settings/debuglog.h"
 #include "settings/settings.h"

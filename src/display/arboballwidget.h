@@ -1,6 +1,6 @@
 #pragma once
 
-#include "input/arbonoteevent.h"
+#include "model/arbonoteevent.h"
 
 #include <QBrush>
 #include <QGraphicsItemGroup>

@@ -1,8 +1,8 @@
 #include "display/arbolayer.h"
 
 #include "display/arboview.h"
-#include "notation/cardconnectoroverlay.h"
-#include "notation/cardstackwidget.h"
+#include "display/cardconnectoroverlay.h"
+#include "display/cardstackwidget.h"
 
 #include <QFrame>
 #include <QHBoxLayout>

@@ -3,7 +3,7 @@
 #include "display/arboballwidget.h"
 #include "display/arbowidget.h"
 #include "model/arboball.h"
-#include "notation/cardstackwidget.h"
+#include "display/cardstackwidget.h"
 #include "settings/debuglog.h"
 
 #include <QGraphicsEllipseItem>

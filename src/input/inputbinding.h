@@ -1,7 +1,7 @@
 #pragma once
 
-#include "input/arboevent.h"
-#include "input/arbonoteevent.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
 
 #include <QJsonObject>
 #include <QString>

@@ -1,7 +1,7 @@
 #include "input/rfidmap.h"
 
-#include "input/arboevent.h"
-#include "input/arbonoteevent.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
 #include "settings/jsonread.h"
 
 #include <QDebug>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "input/arboevent.h"
+#include "model/arboevent.h"
 #include "input/inputmap.h"
 #include "midi/midiinparser.h"
 #include "midi/midioutput.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "midi/midinotering.h"
+#include "sound/midinotering.h"
 #include "midi/rtmidierrorsink.h"
 
 #include <QObject>

@@ -1,6 +1,6 @@
 #include "osc/oscinput.h"
 
-#include "input/arboevent.h"
+#include "model/arboevent.h"
 #include "input/inputbinding.h"
 #include "input/rfidmap.h"
 #include "settings/appcontext.h"

@@ -2,7 +2,7 @@
 
 #include "settings/settings.h"
 
-#include "input/arboevent.h"
+#include "model/arboevent.h"
 #include "sound/pdplayer.h"
 #include "sound/portaudiolibrary.h"
 

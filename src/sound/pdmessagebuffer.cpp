@@ -1,7 +1,7 @@
 #include "sound/pdmessagebuffer.h"
 
-#include "input/arboevent.h"
-#include "input/arbonoteevent.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
 
 #include <QDebug>
 

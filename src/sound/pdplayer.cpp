@@ -1,7 +1,7 @@
 #include "sound/pdplayer.h"
 
-#include "input/arboevent.h"
-#include "midi/midinotering.h"
+#include "model/arboevent.h"
+#include "sound/midinotering.h"
 #include "model/arbo.h"
 #include "settings/debuglog.h"
 #include "settings/settings.h"

@@ -1,6 +1,5 @@
 #include "ui/diagnosticsdialog.h"
 
-#include "app/tuningarboapplication.h"
 #include "ui_diagnosticsdialog.h"
 
 #include <QCoreApplication>
@@ -20,13 +19,6 @@ DiagnosticsDialog::DiagnosticsDialog(QWidget* parent)
     mFlushTimer.setSingleShot(true);
     mFlushTimer.setInterval(FLUSH_INTERVAL_MS);
     connect(&mFlushTimer, &QTimer::timeout, this, &DiagnosticsDialog::flush);
-
-    if (auto* app = qobject_cast<TuningArboApplication*>(QCoreApplication::instance())) {
-        // Queued even for the GUI thread: a line logged there must not
-        // overtake lines of other threads that are already on their way.
-        connect(app, &TuningArboApplication::diagnosticMessage, this, &DiagnosticsDialog::onMessage,
-                Qt::QueuedConnection);
-    }
 }
 
 DiagnosticsDialog::~DiagnosticsDialog() = default;

@@ -33,8 +33,9 @@ public:
     // How long lines wait before they go into the text box together.
     static constexpr int FLUSH_INTERVAL_MS = 16;
 
-    // Connects to the application's diagnosticMessage when the running
-    // application is the instrument's (TuningArboApplication).
+    // Shows the lines given to onMessage(). Whoever logs connects it, queued
+    // even from the GUI thread, so that a line logged there does not overtake
+    // lines of other threads that are already on their way.
     explicit DiagnosticsDialog(QWidget* parent = nullptr);
     ~DiagnosticsDialog() override;
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "input/arboevent.h"
+#include "model/arboevent.h"
 
 #include <QList>
 #include <QMainWindow>

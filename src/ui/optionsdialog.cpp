@@ -1,6 +1,6 @@
 #include "ui/optionsdialog.h"
 
-#include "input/arboevent.h"
+#include "model/arboevent.h"
 #include "settings/appcontext.h"
 #include "ui/midioptionswidget.h"
 #include "settings/settings.h"

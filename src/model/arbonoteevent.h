@@ -1,6 +1,6 @@
 #pragma once
 
-#include "input/arboevent.h"
+#include "model/arboevent.h"
 #include "model/arbopath.h"
 
 class QString;

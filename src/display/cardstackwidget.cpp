@@ -1,9 +1,9 @@
-#include "notation/cardstackwidget.h"
+#include "display/cardstackwidget.h"
 
 #include "display/arboballwidget.h"
 #include "display/arboview.h"
-#include "notation/cardconnectoroverlay.h"
-#include "notation/cardwidget.h"
+#include "display/cardconnectoroverlay.h"
+#include "display/cardwidget.h"
 #include "settings/appcontext.h"
 
 #include <QFile>

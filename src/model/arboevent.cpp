@@ -1,4 +1,4 @@
-#include "input/arboevent.h"
+#include "model/arboevent.h"
 
 #include "settings/settings.h"
 

@@ -1,4 +1,4 @@
-#include "midi/midinotering.h"
+#include "sound/midinotering.h"
 
 #include <cerrno>
 #include <ctime>

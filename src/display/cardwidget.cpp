@@ -1,10 +1,10 @@
-#include "notation/cardwidget.h"
+#include "display/cardwidget.h"
 
 #include "model/arbo.h"
 #include "model/arboball.h"
 #include "model/arboratio.h"
 #include "notation/cardnote.h"
-#include "notation/cardstackwidget.h"
+#include "display/cardstackwidget.h"
 #include "settings/appcontext.h"
 #include "settings/settings.h"
 

@@ -1,8 +1,8 @@
-#include "notation/cardconnectoroverlay.h"
+#include "display/cardconnectoroverlay.h"
 
 #include "display/arboballwidget.h"
 #include "display/arboview.h"
-#include "notation/cardwidget.h"
+#include "display/cardwidget.h"
 
 #include <QPainter>
 
