@@ -1,0 +1,37 @@
+# Fails when a source under ${SOURCE_DIR}/src includes a header of a folder
+# that its own folder does not declare in cmake/Layers.cmake (or a folder
+# that is not declared at all). Run with cmake -DSOURCE_DIR=... -P.
+include("${CMAKE_CURRENT_LIST_DIR}/Layers.cmake")
+
+file(GLOB_RECURSE sources RELATIVE "${SOURCE_DIR}/src"
+     "${SOURCE_DIR}/src/*.h" "${SOURCE_DIR}/src/*.cpp")
+set(violations "")
+foreach(source IN LISTS sources)
+    string(FIND "${source}" "/" slash)
+    if(slash EQUAL -1)
+        continue() # main.cpp: the program itself, above every layer
+    endif()
+    string(SUBSTRING "${source}" 0 ${slash} folder)
+    if(NOT DEFINED ARBO_LAYER_${folder})
+        list(APPEND violations "${source}: folder ${folder} has no layer in cmake/Layers.cmake")
+        continue()
+    endif()
+    file(STRINGS "${SOURCE_DIR}/src/${source}" includes REGEX "^#include \"[a-z]+/")
+    foreach(line IN LISTS includes)
+        string(REGEX REPLACE "^#include \"([a-z]+)/.*" "\\1" used "${line}")
+        if(used STREQUAL folder)
+            continue()
+        endif()
+        list(FIND ARBO_LAYER_${folder} "${used}" allowed)
+        list(FIND ARBO_LAYER_EXCEPTIONS "${source}:${used}" excepted)
+        if(allowed EQUAL -1 AND excepted EQUAL -1)
+            list(APPEND violations "${source}: ${line} (${folder} may use: ${ARBO_LAYER_${folder}})")
+        endif()
+    endforeach()
+endforeach()
+if(violations)
+    list(JOIN violations "\n  " text)
+    message(FATAL_ERROR "Includes against the layers:\n  ${text}")
+endif()
+list(LENGTH sources count)
+message(STATUS "${count} sources keep to their layers")
