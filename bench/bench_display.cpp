@@ -372,10 +372,7 @@ int main(int argc, char** argv)
     for (const auto& [name, function] :
          {std::pair<const char*, void (*)(benchmark::State&)>{"click_to_callback", clickToCallback},
           {"key_to_callback", keyToCallback}}) {
-        benchmark::RegisterBenchmark(name, function)
-            ->ArgName("frames")
-            ->Arg(64)
-            ->Arg(256)
+        atBufferSizes(benchmark::RegisterBenchmark(name, function))
             ->Unit(benchmark::kMillisecond)
             ->UseManualTime()
             ->Iterations(1);

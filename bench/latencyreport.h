@@ -131,10 +131,7 @@ int run(int argc, char** argv, const char* name, PdPlayer*& player, Function fun
         std::fprintf(stderr, "libpd, the patches or the input did not start\n");
         return 1;
     }
-    benchmark::RegisterBenchmark(name, function)
-        ->ArgName("frames")
-        ->Arg(64)
-        ->Arg(256)
+    atBufferSizes(benchmark::RegisterBenchmark(name, function))
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()
         ->Iterations(1);

@@ -35,6 +35,13 @@ private:
     }
 };
 
+// Runs `registered` at the two buffer sizes the engine is measured at, 64 and
+// 256 frames, passed as its argument.
+inline benchmark::internal::Benchmark* atBufferSizes(benchmark::internal::Benchmark* registered)
+{
+    return registered->ArgName("frames")->Arg(64)->Arg(256);
+}
+
 // Runs the benchmarks registered so far, as Google Benchmark's own main()
 // would: 1 on an argument it does not know, else 0. For the benchmark
 // programs that set up the engine in main() before registering.
