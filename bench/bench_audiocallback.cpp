@@ -20,7 +20,7 @@
 #include "model/arbonoteevent.h"
 #include "jackplayback.h"
 #include "model/arboratio.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "sound/denormals.h"
 #include "input/inputmap.h"
 #include "midi/midiinput.h"
@@ -520,7 +520,6 @@ int main(int argc, char** argv)
 
     PdPlayer player;
     sPlayer = &player;
-    AppContext::setPlayer(&player);
     if (!player.init() || player.initAudio(2, SR) != 0 || !PatchLoader::installShellPatches()) {
         std::fprintf(stderr, "libpd or the patches did not start\n");
         return 1;
@@ -558,6 +557,5 @@ int main(int argc, char** argv)
         ->Iterations(1);
 
     const int result = runRegisteredBenchmarks(argc, argv);
-    AppContext::setPlayer(nullptr);
     return result;
 }

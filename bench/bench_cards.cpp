@@ -18,7 +18,7 @@
 #include "model/arbo.h"
 #include "model/arboball.h"
 #include "display/cardstackwidget.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
 #include "runbenchmarks.h"
 #include "testsupport.h"
@@ -102,7 +102,7 @@ void noteOnOff(benchmark::State& state)
 int main(int argc, char** argv)
 {
     BenchmarkApp<QApplication> app(argc, argv);
-    QFile sheet(AppContext::resourceDir() + QStringLiteral("/style.qss"));
+    QFile sheet(Paths::resourceDir() + QStringLiteral("/style.qss"));
     if (!sheet.open(QIODevice::ReadOnly)) {
         std::fprintf(stderr, "style.qss is missing beside the benchmark; build first\n");
         return 1;
@@ -110,13 +110,11 @@ int main(int argc, char** argv)
     app.setStyleSheet(QString::fromUtf8(sheet.readAll()));
 
     Settings settings;
-    AppContext::setSettings(&settings);
     Arbo lattice;
     lattice.initWithDefaults();
-    AppContext::setLattice(&lattice);
 
     ArboLayer layer;
-    layer.init(ArboLeavesWidget::Grapes, &lattice);
+    layer.init(ArboLeavesWidget::Grapes, &lattice, nullptr, settings);
     layer.resize(1400, 900);
     layer.show();
     if (!QTest::qWaitForWindowExposed(&layer)) {
@@ -149,7 +147,5 @@ int main(int argc, char** argv)
     }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    AppContext::setLattice(nullptr);
-    AppContext::setSettings(nullptr);
     return 0;
 }

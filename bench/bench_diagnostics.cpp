@@ -176,8 +176,8 @@ int main(int argc, char** argv)
     sApp = &app;
     QTemporaryDir dir;
     // "-all": every line of every file reaches the diagnostics.
-    app.mFlags = {QStringLiteral("all")};
-    if (!app.openLogFile(dir.filePath(QStringLiteral("log.txt")))) {
+    app.mLog.mFlags = {QStringLiteral("all")};
+    if (!app.mLog.open(dir.filePath(QStringLiteral("log.txt")))) {
         std::fprintf(stderr, "the log file did not open\n");
         return 1;
     }

@@ -23,7 +23,7 @@
 #include "jackplayback.h"
 #include "latencyreport.h"
 #include "model/arbo.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
 #include "sound/patchloader.h"
@@ -57,6 +57,7 @@ constexpr int LARGE_TRUNK = 190;
 
 PdPlayer* sPlayer = nullptr;
 Arbo* sDefaultLattice = nullptr;
+const Settings* sOptions = nullptr;
 Arbo* sLargeLattice = nullptr;
 
 // Grows the default tree breadth first, each trunk node taking the steps of
@@ -114,7 +115,7 @@ void sceneBuild(benchmark::State& state, Arbo* lattice, ArboLeavesWidget::View s
 {
     ArboView view;
     view.resize(1200, 800);
-    view.init(style, lattice, nullptr);
+    view.init(style, lattice, nullptr, sPlayer, *sOptions);
     double totalMs = 0.0;
     for (auto _ : state) {
         const Clock::time_point start = Clock::now();
@@ -141,7 +142,7 @@ void repaintAllPlaying(benchmark::State& state, Arbo* lattice, ArboLeavesWidget:
 {
     ArboView view;
     view.resize(1200, 800);
-    view.init(style, lattice, nullptr);
+    view.init(style, lattice, nullptr, sPlayer, *sOptions);
     view.show();
     if (!QTest::qWaitForWindowExposed(&view)) {
         state.SkipWithError("the view was not shown");
@@ -173,7 +174,7 @@ void clickToPlayerOffline(benchmark::State& state)
 {
     ArboView view;
     view.resize(1200, 800);
-    view.init(ArboLeavesWidget::Grapes, sDefaultLattice, nullptr);
+    view.init(ArboLeavesWidget::Grapes, sDefaultLattice, nullptr, sPlayer, *sOptions);
     view.show();
     if (!QTest::qWaitForWindowExposed(&view) ||
         !PatchLoader::loadVoice(sPlayer, TestSupport::binDir() + "/patches/Sine.pd")) {
@@ -292,7 +293,7 @@ void clickToCallback(benchmark::State& state)
 {
     ArboView view;
     view.resize(1200, 800);
-    view.init(ArboLeavesWidget::Grapes, sDefaultLattice, nullptr);
+    view.init(ArboLeavesWidget::Grapes, sDefaultLattice, nullptr, sPlayer, *sOptions);
     view.show();
     if (!QTest::qWaitForWindowExposed(&view)) {
         state.SkipWithError("the view was not shown");
@@ -335,11 +336,10 @@ int main(int argc, char** argv)
     BenchmarkApp<QApplication> app(argc, argv);
 
     Settings settings;
-    AppContext::setSettings(&settings);
+    sOptions = &settings;
     PdPlayer player;
     sPlayer = &player;
-    AppContext::setPlayer(&player);
-    QDir().mkpath(AppContext::configDir());
+    QDir().mkpath(Paths::configDir());
     Arbo defaultLattice;
     Arbo largeLattice;
     if (!player.init() || player.initAudio(2, SR) != 0 || !PatchLoader::installShellPatches() ||
@@ -347,7 +347,6 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "libpd, the patches or the lattice did not start\n");
         return 1;
     }
-    AppContext::setLattice(&defaultLattice);
     largeLattice.initWithDefaults();
     growTrunk(largeLattice, LARGE_TRUNK);
     sDefaultLattice = &defaultLattice;
@@ -379,8 +378,5 @@ int main(int argc, char** argv)
     }
 
     const int result = runRegisteredBenchmarks(argc, argv);
-    AppContext::setLattice(nullptr);
-    AppContext::setPlayer(nullptr);
-    AppContext::setSettings(nullptr);
     return result;
 }

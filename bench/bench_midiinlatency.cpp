@@ -25,7 +25,7 @@
 #include "latencyreport.h"
 #include "midi/midiinput.h"
 #include "runbenchmarks.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
 #include "sound/patchloader.h"

@@ -14,7 +14,7 @@
 #include "latencyreport.h"
 #include "midi/midioutput.h"
 #include "midi/midisettings.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "sound/pdplayer.h"
 #include "runbenchmarks.h"
 #include "testsupport.h"

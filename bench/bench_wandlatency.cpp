@@ -21,7 +21,7 @@
 #include "jackplayback.h"
 #include "latencyreport.h"
 #include "runbenchmarks.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
 #include "sound/patchloader.h"
@@ -51,7 +51,8 @@ constexpr int SR = 44100;
 const QByteArray TAG = "04a1b2c3d4";
 
 PdPlayer* sPlayer = nullptr;
-Settings* sSettings = nullptr;
+// The listener's port: a free one, found once.
+int sUdpPort = 0;
 std::atomic<bool> sListening{false};
 QtMessageHandler sDefaultHandler = nullptr;
 
@@ -84,7 +85,7 @@ void wandToCallback(benchmark::State& state)
         {
             QUdpSocket probe;
             probe.bind(QHostAddress::Any, 0, QUdpSocket::DontShareAddress);
-            sSettings->mUdpPort = probe.localPort();
+            sUdpPort = probe.localPort();
         }
         UdpListener listener;
         // Connected first, so called first: the moment the listener hands the
@@ -97,7 +98,7 @@ void wandToCallback(benchmark::State& state)
         const QMetaObject::Connection stamping =
             LatencyReport::stampCarriedOut(sPlayer, carriedOut);
         sListening = false;
-        listener.start();
+        listener.listen(sUdpPort);
         while (!sListening && !listener.isFinished()) {
             QThread::msleep(1);
         }
@@ -105,7 +106,7 @@ void wandToCallback(benchmark::State& state)
         output.callbackStats().requestReset();
         QUdpSocket sender;
         const QByteArray datagram = WandDatagram(1, TAG).toBytes();
-        const quint16 port = quint16(sSettings->mUdpPort);
+        const quint16 port = quint16(sUdpPort);
         const int lost = LatencyReport::sendAtRandomMoments(sPlayer, notes, sent, carriedOut, [&] {
             sender.writeDatagram(datagram, QHostAddress::LocalHost, port);
         });
@@ -152,9 +153,8 @@ int main(int argc, char** argv)
 {
     sDefaultHandler = qInstallMessageHandler(watchMessages);
     return LatencyReport::run(argc, argv, "wand_to_callback", sPlayer, wandToCallback, [] {
-        sSettings = AppContext::settings();
         const QByteArray map = "{ \"" + TAG + "\": { \"event\": 0, \"value\": \"/3\" } }";
-        return TestSupport::writeFile(AppContext::configDir() + QStringLiteral("/rfid_map.json"),
+        return TestSupport::writeFile(Paths::configDir() + QStringLiteral("/rfid_map.json"),
                                       map);
     });
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "runbenchmarks.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
@@ -122,11 +122,8 @@ int run(int argc, char** argv, const char* name, PdPlayer*& player, Function fun
         Prepare prepare)
 {
     BenchmarkApp<QCoreApplication> app(argc, argv);
-    Settings settings;
-    AppContext::setSettings(&settings);
     PdPlayer ownPlayer;
     player = &ownPlayer;
-    AppContext::setPlayer(&ownPlayer);
     if (!ownPlayer.init() || !PatchLoader::installShellPatches() || !prepare()) {
         std::fprintf(stderr, "libpd, the patches or the input did not start\n");
         return 1;
@@ -136,8 +133,6 @@ int run(int argc, char** argv, const char* name, PdPlayer*& player, Function fun
         ->UseManualTime()
         ->Iterations(1);
     const int result = runRegisteredBenchmarks(argc, argv);
-    AppContext::setPlayer(nullptr);
-    AppContext::setSettings(nullptr);
     return result;
 }
 

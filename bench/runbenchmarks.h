@@ -1,6 +1,6 @@
 #pragma once
 
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "testsupport.h"
 
 #include <QGuiApplication>
@@ -19,7 +19,7 @@ template <typename App> class BenchmarkApp : public App
 public:
     BenchmarkApp(int& argc, char** argv) : App((prepare(), argc), argv)
     {
-        App::setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
+        App::setApplicationName(QString::fromLatin1(Paths::APP_NAME));
         QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
     }
 

@@ -1,6 +1,6 @@
 #include "jackplayback.h"
 
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 
@@ -18,7 +18,6 @@ bool JackPlayback::start(PdPlayer* player, const QString& voicePatch, int sample
     }
     mJack.applyToThisProcess();
     mPlayer = player;
-    AppContext::setAudioOutput(&mOutput);
     mRunning = true;
     if (!mOutput.init(periodFrames, -1, player) || !PatchLoader::loadVoice(player, voicePatch)) {
         mError = QStringLiteral("could not open the JACK device or the voice");
@@ -35,7 +34,6 @@ void JackPlayback::stop()
             mPlayer->unloadPatch();
         }
         mOutput.term();
-        AppContext::setAudioOutput(nullptr);
         mRunning = false;
     }
     mJack.stop();

@@ -10,8 +10,7 @@ class PdPlayer;
 // The program's whole audio path running for real, for measurements that need
 // the device's callback: a private JACK server on the dummy driver (see
 // JackFixture), the PaAudioOutput on it driving `player`, and a voice patch
-// loaded. The output is registered in AppContext while it runs, as in the
-// program.
+// loaded.
 //
 // GUI thread (the benchmark's main thread) only.
 class JackPlayback

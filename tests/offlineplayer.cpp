@@ -1,7 +1,7 @@
 #include "offlineplayer.h"
 
 #include "model/arbo.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
@@ -35,16 +35,22 @@ void runBuffer(PdPlayer& player)
     render(player, BUFFER_SECONDS);
 }
 
-void setUp(PdPlayer& player, Arbo& lattice, Settings& settings)
+void setUp(PdPlayer& player, Arbo& lattice)
 {
     QVERIFY(QDir().mkpath(TestSupport::configDir()));
-    AppContext::setSettings(&settings);
-    AppContext::setPlayer(&player);
-    AppContext::setLattice(&lattice);
     QVERIFY(player.init());
     QCOMPARE(player.initAudio(2, SAMPLE_RATE), 0);
     QVERIFY(PatchLoader::installShellPatches());
     QVERIFY(lattice.init(&player));
+}
+
+InstrumentParts parts(PdPlayer& player, Arbo& lattice, Settings& options)
+{
+    InstrumentParts parts;
+    parts.lattice = &lattice;
+    parts.player = &player;
+    parts.options = &options;
+    return parts;
 }
 
 } // namespace OfflinePlayer

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ui/instrumentparts.h"
+
 #include <vector>
 
 class Arbo;
@@ -25,10 +27,13 @@ std::vector<float> render(PdPlayer& player, double seconds);
 // commands carried out and their results delivered.
 void runBuffer(PdPlayer& player);
 
-// The instrument as start-up builds it, minus the sound card: registers the
-// three objects, starts the player for render() with the shell patches in
-// the runtime patch folder, and loads the lattice (following the player).
-// Fails the calling test on any failure: check QTest::currentTestFailed().
-void setUp(PdPlayer& player, Arbo& lattice, Settings& settings);
+// The instrument as start-up builds it, minus the sound card: starts the
+// player for render() with the shell patches in the runtime patch folder,
+// and loads the lattice (following the player). Fails the calling test on
+// any failure: check QTest::currentTestFailed().
+void setUp(PdPlayer& player, Arbo& lattice);
+// What a window made by the test acts on: these three, no audio output and
+// no MIDI.
+InstrumentParts parts(PdPlayer& player, Arbo& lattice, Settings& options);
 
 } // namespace OfflinePlayer

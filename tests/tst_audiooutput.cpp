@@ -10,7 +10,7 @@
 #include "model/arboevent.h"
 #include "model/arbonoteevent.h"
 #include "jackfixture.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "sound/denormals.h"
 #include "sound/paaudiooutput.h"
 #include "sound/patchloader.h"
@@ -128,18 +128,15 @@ private slots:
         QVERIFY2(JackFixture::missingTools().isEmpty(), qPrintable(JackFixture::missingTools()));
         QVERIFY2(mJack.start(44100, 256), qPrintable(mJack.error()));
         mJack.applyToThisProcess();
-        AppContext::setPlayer(&mPlayer);
         QVERIFY(mPlayer.init());
         QVERIFY(PatchLoader::installShellPatches());
     }
 
-    void cleanupTestCase() { AppContext::setPlayer(nullptr); }
 
     // The output is registered for the player's mute-around-unload.
     void init()
     {
         mOutput = std::make_unique<PaAudioOutput>();
-        AppContext::setAudioOutput(mOutput.get());
     }
 
     // Every test ends with PortAudio ended, even when a check failed
@@ -148,7 +145,6 @@ private slots:
     {
         mPlayer.unloadPatch();
         mOutput->term();
-        AppContext::setAudioOutput(nullptr);
         mSecondJack.stop(); // only after PortAudio, its client, has ended
         mJack.applyToThisProcess();
     }

@@ -16,7 +16,7 @@
 #include "display/cardstackwidget.h"
 #include "display/cardwidget.h"
 #include "offlineplayer.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
@@ -88,7 +88,7 @@ private:
 
 void TestCards::initTestCase()
 {
-    OfflinePlayer::setUp(mPlayer, mArbo, mSettings);
+    OfflinePlayer::setUp(mPlayer, mArbo);
     if (QTest::currentTestFailed()) {
         return;
     }
@@ -101,7 +101,7 @@ void TestCards::init()
     ArboLeavesWidget::clearPositionTables();
     mSettings.mAbsRelView = 0;
     mLayer = std::make_unique<ArboLayer>();
-    mLayer->init(ArboLeavesWidget::Grapes, &mArbo);
+    mLayer->init(ArboLeavesWidget::Grapes, &mArbo, &mPlayer, mSettings);
     mLayer->resize(1100, 700);
     mLayer->show();
     QVERIFY(QTest::qWaitForWindowExposed(mLayer.get()));
@@ -206,11 +206,11 @@ void TestCards::staffClefsLedgersAndOctaveMarks()
     // Accidentals do not move a note on the staff.
     QCOMPARE(CardWidget::getStaffLineForNote(true, Note(QStringLiteral("f5##"), 0)), 0.0f);
 
-    // Cards for nodes off the tree: the registered lattice gives them their
-    // pitch. A3 (octave 3) takes the bass clef, A4 the treble.
+    // Cards for nodes made here, of the test's lattice. A3 (octave 3) takes
+    // the bass clef, A4 the treble.
     auto cardFor = [this](const QString& path) {
-        auto node = std::make_shared<ArboBall>(ArboPath(path), QColor(Qt::red), nullptr);
-        auto card = std::make_shared<CardWidget>(node.get(), stack());
+        auto node = std::make_shared<ArboBall>(ArboPath(path), QColor(Qt::red), mArbo.root());
+        auto card = std::make_shared<CardWidget>(node.get(), mSettings, stack());
         card->adjustSize();
         card->show();
         return std::make_pair(node, card);
@@ -473,31 +473,29 @@ void TestCards::symbolsAreRecolouredAndMissingOnesAreSurvived()
     const QByteArray drawing("<path style=\"fill:#000000;stroke:#000000\"/>"
                              "<path style=\"stroke:#000000;fill:#000000\"/>");
     QByteArray bytes = drawing;
-    CardWidget::changeSvgColor(&bytes, leaf);
+    CardWidget::changeSvgColor(&bytes, leaf, false);
     const QString seven = hex(mArbo.lookupColor(7));
     QCOMPARE(QString::fromLatin1(bytes), QStringLiteral("<path style=\"fill:%1;stroke:%1\"/>"
                                                         "<path style=\"stroke:%1;fill:%1\"/>")
                                              .arg(seven));
     bytes = drawing;
-    CardWidget::changeSvgColor(&bytes, mArbo.root());
+    CardWidget::changeSvgColor(&bytes, mArbo.root(), false);
     QVERIFY(bytes.contains(("fill:" + hex(mArbo.lookupColor(1))).toLatin1()));
     // Transposed by 5, the largest step of the walk counts; in an absolute
     // readout the root keeps the root's colour.
     queue(ArboEvent(ArboEvent::Transpose, 5.0f));
     QTRY_COMPARE(mArbo.transposeSteps().size(), 1);
     bytes = drawing;
-    CardWidget::changeSvgColor(&bytes, mArbo.root());
+    CardWidget::changeSvgColor(&bytes, mArbo.root(), false);
     QVERIFY(bytes.contains(("fill:" + hex(mArbo.lookupColor(5))).toLatin1()));
-    mSettings.mAbsRelView = 1;
     bytes = drawing;
-    CardWidget::changeSvgColor(&bytes, mArbo.root());
+    CardWidget::changeSvgColor(&bytes, mArbo.root(), true);
     QVERIFY(bytes.contains(("fill:" + hex(mArbo.lookupColor(1))).toLatin1()));
-    mSettings.mAbsRelView = 0;
 
     // Without black, byte for byte the same.
     const QByteArray coloured("<path style=\"fill:#00000a;stroke:#ff0000\" d=\"M0 0\"/>");
     bytes = coloured;
-    CardWidget::changeSvgColor(&bytes, leaf);
+    CardWidget::changeSvgColor(&bytes, leaf, false);
     QCOMPARE(bytes, coloured);
 
     // The note head of a played card is drawn in its colour.
@@ -513,7 +511,7 @@ void TestCards::symbolsAreRecolouredAndMissingOnesAreSurvived()
     QTest::ignoreMessage(
         QtCriticalMsg,
         qPrintable(
-            QStringLiteral("Failed to load %1/%2.").arg(AppContext::resourceDir(), missing)));
+            QStringLiteral("Failed to load %1/%2.").arg(Paths::resourceDir(), missing)));
     QByteArray empty("stale");
     QVERIFY(!CardStackWidget::loadSvgFile(missing, empty));
     QVERIFY(empty.isEmpty());

@@ -52,7 +52,7 @@ public:
     explicit TestDialogs(TuningArboApplication* app) : mApp(app) {}
 
 private slots:
-    void initTestCase() { QVERIFY(mApp->openLogFile(mDir.filePath("log.txt"))); }
+    void initTestCase() { QVERIFY(mApp->mLog.open(mDir.filePath("log.txt"))); }
     void cleanup()
     {
         LayoutConstants::resetToDefaults();
@@ -189,7 +189,7 @@ private:
     // As if the words had been given on the command line.
     void setFlags(const QSet<QString>& flags)
     {
-        mApp->mFlags = flags;
+        mApp->mLog.mFlags = flags;
         QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, !flags.isEmpty());
     }
 

@@ -12,7 +12,7 @@
 #include "model/arboevent.h"
 #include "model/arbo.h"
 #include "offlineplayer.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
@@ -81,7 +81,7 @@ private:
 
 void TestDisplay::initTestCase()
 {
-    OfflinePlayer::setUp(mPlayer, mArbo, mSettings);
+    OfflinePlayer::setUp(mPlayer, mArbo);
     if (QTest::currentTestFailed()) {
         return;
     }
@@ -111,7 +111,7 @@ void TestDisplay::buildView(ArboLeavesWidget::View style)
 {
     delete mView;
     mView = new ArboView;
-    mView->init(style, &mArbo, nullptr);
+    mView->init(style, &mArbo, nullptr, &mPlayer, mSettings);
     mView->resize(900, 700);
     mView->show();
     QVERIFY(QTest::qWaitForWindowExposed(mView));
@@ -367,7 +367,7 @@ void TestDisplay::disabledPrimeHidesBallsAndStruts()
 void TestDisplay::mainWindowSwitchesBetweenTheDrawings()
 {
     mSettings.mCirclesView = true;
-    MainWindow window(&mArbo);
+    MainWindow window(OfflinePlayer::parts(mPlayer, mArbo, mSettings));
     window.resize(1000, 700);
     window.show();
     QVERIFY(QTest::qWaitForWindowExposed(&window));

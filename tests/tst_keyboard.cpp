@@ -59,7 +59,7 @@ private:
 
 void TestKeyboard::initTestCase()
 {
-    OfflinePlayer::setUp(mPlayer, mArbo, mSettings);
+    OfflinePlayer::setUp(mPlayer, mArbo);
     mSettings.mDefaultPatch = QStringLiteral("Sine.pd");
     connect(&mPlayer, &PdPlayer::transposed, this,
             [this](ArboRatio transposition) { mTransposition = transposition; });
@@ -80,7 +80,7 @@ void TestKeyboard::cleanup()
 
 void TestKeyboard::makeWindow(bool latch)
 {
-    mWindow = std::make_unique<MainWindow>(&mArbo);
+    mWindow = std::make_unique<MainWindow>(OfflinePlayer::parts(mPlayer, mArbo, mSettings));
     mWindow->show();
     QVERIFY(QTest::qWaitForWindowExposed(mWindow.get()));
     InputMap map;

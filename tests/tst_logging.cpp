@@ -46,7 +46,7 @@ private:
     // also leaves debug messages switched on.
     void setFlags(const QSet<QString>& flags)
     {
-        mApp->mFlags = flags;
+        mApp->mLog.mFlags = flags;
         QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, !flags.isEmpty());
     }
     QString logText() const { return QString::fromUtf8(TestSupport::readFile(mLogPath)); }
@@ -61,7 +61,7 @@ private:
 void TestLogging::initTestCase()
 {
     mLogPath = mDir.path() + "/log.txt";
-    QVERIFY(mApp->openLogFile(mLogPath));
+    QVERIFY(mApp->mLog.open(mLogPath));
     const QString banner = logText();
     QVERIFY(QRegularExpression("^\\n-{78}\\nStarting app at \\d\\d/\\d\\d/\\d\\d "
                                "\\d\\d:\\d\\d:\\d\\d\\.\\d{1,3}\\n$")
@@ -193,14 +193,14 @@ int main(int argc, char** argv)
     if (argc >= 3 && std::strcmp(argv[1], "--fatal-child") == 0) {
         int count = 1;
         TuningArboApplication app(count, argv);
-        app.openLogFile(QString::fromLocal8Bit(argv[2]));
+        app.mLog.open(QString::fromLocal8Bit(argv[2]));
         qFatal("the end");
     }
     if (argc >= 2 && std::strcmp(argv[1], "--flags-child") == 0) {
         std::vector<char*> args = TestSupport::childArguments(argc, argv);
         int count = int(args.size());
         TuningArboApplication app(count, args.data());
-        QStringList flags = app.mFlags.values();
+        QStringList flags = app.mLog.mFlags.values();
         flags.sort();
         std::printf("%s\n", qPrintable(flags.join('|')));
         return 0;

@@ -16,13 +16,15 @@
 #include "model/arbonoteevent.h"
 #include "model/arbo.h"
 #include "offlineplayer.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
 #include "ui/diagnosticsdialog.h"
+#include "ui/macrosliders.h"
 #include "ui/mainwindow.h"
+#include "ui/patchchooser.h"
 #include "ui/optionsdialog.h"
 #include "ui/tweakdialog.h"
 
@@ -91,7 +93,7 @@ private:
 
 void TestMainWindow::initTestCase()
 {
-    OfflinePlayer::setUp(mPlayer, mArbo, mSettings);
+    OfflinePlayer::setUp(mPlayer, mArbo);
     if (QTest::currentTestFailed()) {
         return;
     }
@@ -133,7 +135,7 @@ void TestMainWindow::cleanup()
 
 void TestMainWindow::makeWindow()
 {
-    mWindow = std::make_unique<MainWindow>(&mArbo);
+    mWindow = std::make_unique<MainWindow>(OfflinePlayer::parts(mPlayer, mArbo, mSettings));
     mWindow->resize(1200, 820);
     mWindow->show();
     QVERIFY(QTest::qWaitForWindowExposed(mWindow.get()));
@@ -311,7 +313,7 @@ void TestMainWindow::macroSlidersFollowThePatchAndThePlayer()
     QVERIFY(!macros.isEmpty());
 
     // Names as the patch spells them, first letter up, the rest down.
-    mWindow->onMacroNamesReceived({QStringLiteral("cUTOFF"), QString()});
+    mWindow->macros()->onMacroNamesReceived({QStringLiteral("cUTOFF"), QString()});
     QCOMPARE(child<QLabel>("macroLabel1")->text(), QStringLiteral("Cutoff"));
     QCOMPARE(child<QLabel>("macroLabel2")->text(), QString());
     QVERIFY(child<QSlider>("macroSlider2")->isEnabled());
@@ -510,7 +512,7 @@ void TestMainWindow::horizontalStripAndFirstClick()
     QTRY_COMPARE(mArbo.baseFrequency(), 25.0f);
 
     TransposeWidget strip;
-    strip.init(Qt::Horizontal);
+    strip.init(Qt::Horizontal, mArbo, &mPlayer);
     strip.show();
     QVERIFY(QTest::qWaitForWindowExposed(&strip));
     QCOMPARE(strip.orientation(), Qt::Horizontal);
@@ -701,10 +703,10 @@ void TestMainWindow::patchMenuEdgeCases()
     // A patch from elsewhere joins the menu under its name, once.
     const QString own = TestSupport::home() + QStringLiteral("/My Voice.pd");
     QVERIFY(QFile::copy(TestSupport::binDir() + QStringLiteral("/patches/Sine.pd"), own));
-    mWindow->loadPatch(own);
+    mWindow->patches()->load(own);
     QCOMPARE(menu->currentText(), QStringLiteral("My Voice"));
     QCOMPARE(menu->count(), 5);
-    mWindow->addPatchToMenu(own);
+    mWindow->patches()->addToMenu(own);
     QCOMPARE(menu->count(), 5);
     QCOMPARE(answerer.answered(), 4);
 }

@@ -105,7 +105,7 @@ private slots:
         // As in a performance: no note-by-note debug lines.
         QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
         sDefaultHandler = qInstallMessageHandler(keepMessage);
-        OfflinePlayer::setUp(mPlayer, mArbo, mSettings);
+        OfflinePlayer::setUp(mPlayer, mArbo);
         QVERIFY(!QTest::currentTestFailed());
         QVERIFY(PatchLoader::loadVoice(&mPlayer, TestSupport::binDir() + SINE));
         // Queued: the player emits on the audio thread.

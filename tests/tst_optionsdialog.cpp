@@ -4,7 +4,7 @@
 // tests' own that can be made to fail.
 
 #include "jackfixture.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
 #include "sound/pdplayer.h"
@@ -45,6 +45,16 @@ class TestOptionsDialog : public QObject
     {
         return dialog.findChild<QSpinBox*>(QStringLiteral("calibrationFreqEdit"));
     }
+    // What the dialog acts on: this test's options and player, and the output
+    // of a test that has one.
+    InstrumentParts parts(AudioOutput* output = nullptr)
+    {
+        InstrumentParts parts;
+        parts.player = &mPlayer;
+        parts.options = &mSettings;
+        parts.audioOutput = output;
+        return parts;
+    }
     // What the audio thread would do next: carry out the queued commands.
     void drainPlayer() { OfflinePlayer::runBuffer(mPlayer); }
 
@@ -52,15 +62,7 @@ private slots:
     void initTestCase()
     {
         QVERIFY2(JackFixture::missingTools().isEmpty(), qPrintable(JackFixture::missingTools()));
-        AppContext::setSettings(&mSettings);
-        AppContext::setPlayer(&mPlayer);
         QVERIFY(mPlayer.init());
-    }
-
-    void cleanupTestCase()
-    {
-        AppContext::setPlayer(nullptr);
-        AppContext::setSettings(nullptr);
     }
 
     void init()
@@ -107,7 +109,7 @@ private slots:
     // rebuilding the pages sends nothing.
     void noteAndCalibrationSetTheBaseFrequency()
     {
-        OptionsDialog dialog;
+        OptionsDialog dialog(parts());
         QSignalSpy changed(&mPlayer, &PdPlayer::baseFrequencyChanged);
         dialog.updateAll();
         drainPlayer();
@@ -146,7 +148,7 @@ private slots:
     void calibrationStopsAt349And499()
     {
         mSettings.mCalibrationFrequency = 350;
-        OptionsDialog dialog;
+        OptionsDialog dialog(parts());
         dialog.show();
         QSpinBox* box = calibration(dialog);
         box->setFocus();
@@ -166,7 +168,7 @@ private slots:
         qputenv("ARBO_UPDATE_FEED_URL", "");
         mSettings.mUpdateCheckInterval = 2;
         mSettings.mTSysLastUpdateCheck.clear();
-        OptionsDialog dialog;
+        OptionsDialog dialog(parts());
         auto* interval = dialog.findChild<QComboBox*>(QStringLiteral("updateIntervalBox"));
         QVERIFY(interval);
         QCOMPARE(interval->count(), 5);
@@ -200,7 +202,7 @@ private slots:
     // the resource with the version filled in.
     void pagesAndAboutText()
     {
-        OptionsDialog dialog;
+        OptionsDialog dialog(parts());
         QCOMPARE(dialog.findChild<QTabWidget*>(QStringLiteral("tabWidget"))->count(), 3);
         auto* about = dialog.findChild<QLabel*>(QStringLiteral("aboutLabel"));
         const QString text = about->text();
@@ -222,16 +224,16 @@ private slots:
         window.show();
         QPointer<OptionsDialog> dialog;
         QPoint position;
-        OptionsDialog::toggle(dialog, &window, position);
+        OptionsDialog::toggle(dialog, parts(), &window, position);
         QVERIFY(dialog && dialog->isVisible());
         QPointer<OptionsDialog> first = dialog;
         dialog->move(140, 90);
         const QPoint placed = dialog->pos();
-        OptionsDialog::toggle(dialog, &window, position);
+        OptionsDialog::toggle(dialog, parts(), &window, position);
         QVERIFY(!first->isVisible());
         QCOMPARE(position, placed);
 
-        OptionsDialog::toggle(dialog, &window, position);
+        OptionsDialog::toggle(dialog, parts(), &window, position);
         QVERIFY(first.isNull()); // a fresh dialog each time
         QVERIFY(dialog && dialog->isVisible());
         QCOMPARE(dialog->pos(), placed);
@@ -243,7 +245,7 @@ private slots:
         QVERIFY(!dialog->isVisible());
         QCOMPARE(stored.count(), 1);
         QCOMPARE(position, moved);
-        OptionsDialog::toggle(dialog, &window, position);
+        OptionsDialog::toggle(dialog, parts(), &window, position);
         QCOMPARE(dialog->pos(), moved);
         delete dialog.data();
     }
@@ -265,7 +267,6 @@ private slots:
         qputenv("ALSA_CONFIG_PATH", QFile::encodeName(config));
 
         PaAudioOutput output;
-        AppContext::setAudioOutput(&output);
         QVERIFY(output.init(256, -1, &mPlayer));
         const QStringList devices = output.devices();
         const int jack = devices.indexOf("JACK Audio Connection Kit: system");
@@ -275,7 +276,7 @@ private slots:
         QVERIFY(output.selectDevice(jack));
         QCOMPARE(output.selectedDevice(), jack);
 
-        OptionsDialog dialog;
+        OptionsDialog dialog(parts(&output));
         dialog.show();
         auto* box = dialog.findChild<QComboBox*>(QStringLiteral("audioDeviceBox"));
         QCOMPARE(box->count(), devices.size());
@@ -299,7 +300,6 @@ private slots:
         QVERIFY(output.isStreamRunning());
 
         output.term();
-        AppContext::setAudioOutput(nullptr);
         mJack.stop();
     }
 };

@@ -191,7 +191,7 @@ private slots:
     {
         qInstallMessageHandler(captureMessage);
         QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
-        OfflinePlayer::setUp(mPlayer, mArbo, mSettings);
+        OfflinePlayer::setUp(mPlayer, mArbo);
         if (QTest::currentTestFailed()) {
             return;
         }

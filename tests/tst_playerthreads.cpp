@@ -10,7 +10,7 @@
 #include "model/arboevent.h"
 #include "model/arbonoteevent.h"
 #include "jackfixture.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "sound/paaudiooutput.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
@@ -60,8 +60,6 @@ private slots:
         QVERIFY2(JackFixture::missingTools().isEmpty(), qPrintable(JackFixture::missingTools()));
         QVERIFY2(mJack.start(44100, 256), qPrintable(mJack.error()));
         mJack.applyToThisProcess();
-        AppContext::setPlayer(&mPlayer);
-        AppContext::setAudioOutput(&mOutput);
         QVERIFY(mPlayer.init());
         QVERIFY(PatchLoader::installShellPatches());
     }
@@ -69,8 +67,6 @@ private slots:
     void cleanupTestCase()
     {
         mOutput.term();
-        AppContext::setAudioOutput(nullptr);
-        AppContext::setPlayer(nullptr);
     }
 
     void threeThreadsShareThePlayer()

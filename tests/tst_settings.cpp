@@ -2,7 +2,7 @@
 // rules of reading, damaged files, and saves that a crash cannot tear.
 
 #include "fulldisk.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
 #include "testsupport.h"
 
@@ -232,7 +232,7 @@ void TestSettings::unusableFilePlaceIsKeptAside()
             .entryInfoList({"options.json.damaged-*"}, QDir::AllEntries | QDir::System);
     };
     const QByteArray path = QFile::encodeName(optionsPath());
-    for (const QString& kind : {"folder", "pipe", "link to /dev/zero"}) {
+    for (const QString kind : {"folder", "pipe", "link to /dev/zero"}) {
         if (kind == "folder") {
             QVERIFY(QDir().mkpath(optionsPath()));
             QVERIFY(TestSupport::writeFile(optionsPath() + "/keep.txt", "mine"));
@@ -283,10 +283,10 @@ void TestSettings::failedSaveKeepsThePreviousFile()
         }
         QVERIFY2(disk.mount(256 * 1024), qPrintable(disk.error()));
         qputenv("XDG_DATA_HOME", QFile::encodeName(disk.path()));
-        QVERIFY(QDir().mkpath(AppContext::configDir()));
+        QVERIFY(QDir().mkpath(Paths::configDir()));
     }
     auto restoreHome = qScopeGuard([&] { qputenv("XDG_DATA_HOME", savedDataHome); });
-    const QString path = AppContext::configDir() + "/options.json";
+    const QString path = Paths::configDir() + "/options.json";
 
     Settings settings;
     QVERIFY(settings.init());
@@ -313,7 +313,7 @@ void TestSettings::failedSaveKeepsThePreviousFile()
     QCOMPARE(settings.lastSaveError(), reason);
     QCOMPARE(TestSupport::readFile(path), previous);
     // The temporary file of the failed save is gone too.
-    QCOMPARE(QDir(AppContext::configDir()).entryList({"options.json*"}, QDir::Files),
+    QCOMPARE(QDir(Paths::configDir()).entryList({"options.json*"}, QDir::Files),
              QStringList{"options.json"});
 
     // With room again the next save goes through and forgets the failure.

@@ -12,7 +12,7 @@
 #include "model/arbonoteevent.h"
 #include "input/udplistener.h"
 #include "input/wanddatagram.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
 #include "sound/pdplayer.h"
 #include "offlineplayer.h"
@@ -58,7 +58,6 @@ class TestUdpListener : public QObject
     Q_OBJECT
 
 private:
-    Settings mSettings;
     PdPlayer mPlayer;
     QUdpSocket mSender;
     quint16 mPort = 0;
@@ -114,8 +113,7 @@ private:
             },
             Qt::DirectConnection);
         mPort = TestSupport::freeUdpPort();
-        mSettings.mUdpPort = mPort;
-        listener.start();
+        listener.listen(mPort);
         return waitUntil(
             [this] { return logged(QStringLiteral("UDP socket opened on port %1").arg(mPort)); });
     }
@@ -131,8 +129,6 @@ private:
 private slots:
     void initTestCase()
     {
-        AppContext::setSettings(&mSettings);
-        AppContext::setPlayer(&mPlayer);
         qInstallMessageHandler(captureMessage);
         // As in a performance: debug lines are not even formatted.
         QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
@@ -247,9 +243,8 @@ private slots:
         if (error.startsWith("Failed")) {
             QVERIFY(TestSupport::writeFile(mapPath(), "not JSON {"));
         }
-        mSettings.mUdpPort = port;
         UdpListener listener;
-        listener.start();
+        listener.listen(port);
         QVERIFY(listener.wait(10000));
         QVERIFY(logged("CRITICAL: " + error.replace("%1", QString::number(port))));
     }

@@ -1,45 +1,30 @@
 #include "app/tuningarboapplication.h"
 
 #include "model/arboevent.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "sound/patchloader.h"
 #include "ui/diagnosticsdialog.h"
+#include "ui/instrumentparts.h"
 #include "ui/keyboardinput.h"
 #include "ui/mainwindow.h"
+#include "ui/patchchooser.h"
 #include "ui/stylesheetloader.h"
 
-#include <QDateTime>
 #include <QDebug>
 #include <QDir>
 #include <QFileInfo>
 #include <QLocale>
-#include <QLockFile>
-#include <QLoggingCategory>
 #include <QMessageBox>
-#include <QMetaType>
 #include <QScreen>
 #include <QStatusBar>
 #include <QStyleFactory>
-#include <QTemporaryFile>
-#include <QTextCodec>
-#include <QTime>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <unistd.h>
-
-namespace {
-
-// The application whose handler is installed. Read by the handler on any
-// thread; written only while no other thread logs (start-up and shutdown).
-std::atomic<TuningArboApplication*> sLoggingApp{nullptr};
-
-} // namespace
 
 TuningArboApplication::TuningArboApplication(int& argc, char** argv) : QApplication(argc, argv)
 {
-    setApplicationName(QString::fromLatin1(AppContext::APP_NAME));
+    setApplicationName(QString::fromLatin1(Paths::APP_NAME));
     // The updater compares the published version with this one.
     setApplicationVersion(QStringLiteral(ARBO_VERSION));
 
@@ -50,14 +35,11 @@ TuningArboApplication::TuningArboApplication(int& argc, char** argv) : QApplicat
         if (word.startsWith(QLatin1Char('-'))) {
             word.remove(0, 1);
         }
-        mFlags.insert(word.toLower());
+        mLog.mFlags.insert(word.toLower());
     }
-
-    AppContext::setLattice(&mArbo);
-    AppContext::setPlayer(&mPlayer);
-    AppContext::setAudioOutput(&mAudioOutput);
-    AppContext::setSettings(&mSettings);
-    AppContext::setMidi(&mMidiOutput, &mMidiSettings);
+    // Direct: passed on in the thread that logged, as the log emits it.
+    connect(&mLog, &AppLog::diagnosticMessage, this, &TuningArboApplication::diagnosticMessage,
+            Qt::DirectConnection);
 
     connect(&mSignalWatcher, &UnixSignalWatcher::terminationRequested, this, [this] {
         mQuitBySignal = true;
@@ -76,62 +58,66 @@ TuningArboApplication::~TuningArboApplication()
     // be gone first.
     mUdpListener.term();
     mUdpListener.wait();
-    removeLogHandler();
-    AppContext::setSettings(nullptr);
-    AppContext::setMidi(nullptr, nullptr);
-    AppContext::setAudioOutput(nullptr);
-    AppContext::setPlayer(nullptr);
-    AppContext::setLattice(nullptr);
-}
-
-TuningArboApplication* TuningArboApplication::instance()
-{
-    return static_cast<TuningArboApplication*>(QCoreApplication::instance());
+    mLog.remove();
 }
 
 bool TuningArboApplication::init()
 {
-    // 1. Types that travel through queued signals.
+    // Types that travel through queued signals.
     qRegisterMetaType<ArboPath>("ArboPath");
     qRegisterMetaType<ArboRatio>("ArboRatio");
     qRegisterMetaType<QList<float>>("QList<float>");
-
-    // 2.
     setStyle(QStyleFactory::create(QStringLiteral("Fusion")));
 
-    // 3. Config folder.
-    const QString configDir = AppContext::configDir();
-    const bool configDirMade = QDir().mkpath(configDir);
-    qDebug() << "Config dir:" << configDir;
-    qDebug() << "Resource dir:" << AppContext::resourceDir();
-
-    // 4. The text has no %1 on purpose; the logged line keeps the literal %s.
-    if (!configDirMade) {
-        qCritical() << QStringLiteral("Could not create config directory %s.").arg(configDir);
-        QMessageBox::critical(
-            nullptr, applicationName(),
-            tr("Creation of config directory failed.\n\nThe program will now shut down."),
-            QMessageBox::Ok);
+    if (!prepareConfigFolder()) {
         return false;
     }
-
-    // Before anything is written: a second instance leaves the folder alone.
-    if (!lockConfigFolder(configDir)) {
-        return false;
-    }
-
-    // 5. Log file, growing across runs.
-    openLogFile(configDir + QStringLiteral("/log.txt"));
-    reportUnwritableFolders({configDir, AppContext::patchDir()});
-
-    // 6.
-    if (!loadStyleSheet()) {
+    if (!StyleSheetLoader::load()) {
         fatalStartupMessage(QStringLiteral(
             "Initialisation of style sheet failed.\n\nThe program will now shut down."));
         return false;
     }
+    readOptions();
+    QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedKingdom));
+    if (!startSound()) {
+        return false;
+    }
+    startMidiOutput();
+    readInputMap();
+    if (!PatchLoader::installShellPatches()) {
+        fatalStartupMessage(
+            QStringLiteral("Initialisation of patch directory failed. This means no "
+                           "audio playback will be possible.\n\nThe program will "
+                           "now shut down."));
+        return false;
+    }
+    if (!loadLattice()) {
+        return false;
+    }
+    showMainWindow();
+    syncFromSettings();
+    startWandListener();
+    // Keys, MIDI in and OSC, on the map read above.
+    startInputs();
+    return true;
+}
 
-    // 7. Not fatal: the options keep the values they hold.
+bool TuningArboApplication::prepareConfigFolder()
+{
+    qDebug() << "Resource dir:" << Paths::resourceDir();
+    // Before anything is written: a second instance leaves the folder alone.
+    if (!mConfigFolder.make(Paths::configDir()) || !mConfigFolder.lock()) {
+        return false;
+    }
+    // The log file grows across runs.
+    mLog.open(Paths::configDir() + QStringLiteral("/log.txt"));
+    mConfigFolder.reportUnwritable({Paths::configDir(), Paths::patchDir()});
+    return true;
+}
+
+void TuningArboApplication::readOptions()
+{
+    // Not fatal: the options keep the values they hold.
     if (!mSettings.init()) {
         const QString text =
             QStringLiteral("Failed to read saved options. All options will be reset to defaults.");
@@ -145,18 +131,16 @@ bool TuningArboApplication::init()
         screens << screen->availableGeometry();
     }
     mSettings.replaceUnusableValues(screens);
+}
 
-    // 8.
-    QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedKingdom));
-
-    // 9.
+bool TuningArboApplication::startSound()
+{
     if (!mPlayer.init()) {
         fatalStartupMessage(QStringLiteral("PD initialisation failed. This means no audio playback "
                                            "will be possible.\n\nThe program will now shut down."));
         return false;
     }
-
-    // 10. The device the options name, else the system's default. The device
+    // The device the options name, else the system's default. The device
     // table goes to the log either way, so a failure shows what there was.
     if (!mAudioOutput.init(mSettings.mFramesPerBuffer, mSettings.mAudioDevice, &mPlayer)) {
         fatalStartupMessage(QStringLiteral("Initialisation of audio device failed. This means no "
@@ -166,9 +150,13 @@ bool TuningArboApplication::init()
         return false;
     }
     mAudioOutput.logDevices();
+    return true;
+}
 
-    // 10a. MIDI out, beside the built-in sound. Not fatal: without a MIDI
-    // system the output stays off, with a warning and its status line.
+void TuningArboApplication::startMidiOutput()
+{
+    // Beside the built-in sound. Not fatal: without a MIDI system the output
+    // stays off, with a warning and its status line.
     if (!mMidiSettings.init()) {
         qWarning() << "Failed to read the MIDI options; using the defaults";
     }
@@ -176,40 +164,48 @@ bool TuningArboApplication::init()
     mMidiOutput.open(mMidiSettings);
     connect(&mMidiSettings, &MidiSettings::changed, &mMidiOutput,
             [this] { mMidiOutput.open(mMidiSettings); });
+}
 
-    // 10b. Keys, MIDI controllers and OSC: one map for all three, written
-    // with a playable default on first run (before the voice opens, which
-    // is the last thing start-up writes). A map that does not load leaves
-    // the defaults in place; the wands and the mouse work either way.
+void TuningArboApplication::readInputMap()
+{
+    // Keys, MIDI controllers and OSC: one map for all three, written with a
+    // playable default on first run (before the voice opens, which is the
+    // last thing start-up writes). A map that does not load leaves the
+    // defaults in place; the wands and the mouse work either way.
     if (!mInputMap.init()) {
         qWarning() << "Failed to read the input map; playing with the default one";
         mInputMap.setDamagedFileAside();
         mInputMap.initWithDefaults();
     }
+}
 
-    // 11.
-    if (!initPatchFolder()) {
-        fatalStartupMessage(
-            QStringLiteral("Initialisation of patch directory failed. This means no "
-                           "audio playback will be possible.\n\nThe program will "
-                           "now shut down."));
-        return false;
+bool TuningArboApplication::loadLattice()
+{
+    // Loaded from its file or made from the defaults; it follows the
+    // player's signals from now on.
+    if (mArbo.init(&mPlayer)) {
+        return true;
     }
+    // A lattice file that does not parse would stop every start from now on;
+    // kept aside, it is there for repair and the next start builds the
+    // default lattice.
+    mArbo.setDamagedFileAside();
+    fatalStartupMessage(
+        QStringLiteral("Arbo initialisation failed.\n\nThe program will now shut down."));
+    return false;
+}
 
-    // 12. The lattice, loaded from its file or made from the defaults; it
-    // follows the player's signals from now on.
-    if (!mArbo.init(&mPlayer)) {
-        // A lattice file that does not parse would stop every start from now
-        // on; kept aside, it is there for repair and the next start builds
-        // the default lattice.
-        mArbo.setDamagedFileAside();
-        fatalStartupMessage(
-            QStringLiteral("Arbo initialisation failed.\n\nThe program will now shut down."));
-        return false;
-    }
-
-    // 13. The window loads the default voice as it is made.
-    mMainWindow = new MainWindow(&mArbo);
+void TuningArboApplication::showMainWindow()
+{
+    // The window loads the default voice as it is made.
+    InstrumentParts parts;
+    parts.lattice = &mArbo;
+    parts.player = &mPlayer;
+    parts.options = &mSettings;
+    parts.audioOutput = &mAudioOutput;
+    parts.midiOutput = &mMidiOutput;
+    parts.midiSettings = &mMidiSettings;
+    mMainWindow = new MainWindow(parts);
     // Queued even for the GUI thread: see DiagnosticsDialog.
     connect(this, &TuningArboApplication::diagnosticMessage, mMainWindow->diagnosticsDialog(),
             &DiagnosticsDialog::onMessage, Qt::QueuedConnection);
@@ -223,30 +219,26 @@ bool TuningArboApplication::init()
             [this](const QString& text) { mMainWindow->statusBar()->showMessage(text); });
     connect(&mAudioOutput, &AudioOutput::deviceRestored, mMainWindow,
             [this](const QString& text) { mMainWindow->statusBar()->showMessage(text, 10000); });
+}
 
-    // 14.
-    syncFromSettings();
-
-    // 15. The wands, only when the user has written a tag map; without one
-    // the instrument is played with the mouse and nothing is said about it.
-    // A folder or device of the map's name is no map: set aside here, once,
-    // before the wand and OSC threads would both try to read it.
-    const QString tagMap = configDir + QStringLiteral("/rfid_map.json");
+void TuningArboApplication::startWandListener()
+{
+    // Only when the user has written a tag map; without one the instrument is
+    // played with the mouse and nothing is said about it. A folder or device
+    // of the map's name is no map: set aside here, once, before the wand and
+    // OSC threads would both try to read it.
+    const QString tagMap = Paths::configDir() + QStringLiteral("/rfid_map.json");
     SerializableRoot::setAsideIfUnreadable(tagMap);
-    if (QFileInfo::exists(tagMap)) {
-        // Direct: the player copies each event into its serial ring on the
-        // listener's thread, the ring's one writer; the event stays the map's.
-        connect(&mUdpListener, &UdpListener::eventReceived, &mPlayer, &PdPlayer::queueEventSerial,
-                Qt::DirectConnection);
-        connect(&mUdpListener, &UdpListener::fatalError, this,
-                &TuningArboApplication::onUdpFatalError, Qt::QueuedConnection);
-        mUdpListener.start(QThread::InheritPriority);
+    if (!QFileInfo::exists(tagMap)) {
+        return;
     }
-
-    // 16. Keys, MIDI in and OSC, on the map read in step 10b.
-    startInputs();
-
-    return true;
+    // Direct: the player copies each event into its serial ring on the
+    // listener's thread, the ring's one writer; the event stays the map's.
+    connect(&mUdpListener, &UdpListener::eventReceived, &mPlayer, &PdPlayer::queueEventSerial,
+            Qt::DirectConnection);
+    connect(&mUdpListener, &UdpListener::fatalError, this, &TuningArboApplication::onUdpFatalError,
+            Qt::QueuedConnection);
+    mUdpListener.listen(mSettings.mUdpPort);
 }
 
 int TuningArboApplication::leave(int exitCode)
@@ -297,7 +289,7 @@ void TuningArboApplication::term()
     mMidiSettings.term();
     mSettings.term();
     reportFailedSaves();
-    removeLogHandler();
+    mLog.remove();
 }
 
 void TuningArboApplication::onUdpFatalError(QString error)
@@ -356,64 +348,9 @@ void TuningArboApplication::syncToSettings()
     mSettings.mAudioDevice = mAudioOutput.selectedDevice();
 }
 
-bool TuningArboApplication::lockConfigFolder(const QString& configDir)
-{
-    mInstanceLock = std::make_unique<QLockFile>(configDir + QStringLiteral("/arbo.lock"));
-    // Never stale by age: a lock is stale only when its process is gone (a
-    // crashed or killed run), which QLockFile finds out by itself.
-    mInstanceLock->setStaleLockTime(0);
-    if (mInstanceLock->tryLock(0)) {
-        return true;
-    }
-    if (mInstanceLock->error() != QLockFile::LockFailedError) {
-        // No lock can be made here (a read-only folder): nothing can be
-        // overwritten either, and the folder check says what is wrong.
-        mInstanceLock.reset();
-        return true;
-    }
-    qint64 pid = 0;
-    QString host;
-    QString program;
-    mInstanceLock->getLockInfo(&pid, &host, &program);
-    mInstanceLock.reset();
-    // No log file yet, on purpose: this goes to standard error, and the
-    // running instance's files stay untouched.
-    const QString text = tr("%1 is already running (process %2).\n\nThis copy will now shut down.")
-                             .arg(applicationName())
-                             .arg(pid);
-    qCritical().noquote() << text;
-    QMessageBox::critical(nullptr, applicationName(), text, QMessageBox::Ok);
-    return false;
-}
-
-bool TuningArboApplication::reportUnwritableFolders(const QStringList& folders)
-{
-    QStringList problems;
-    for (const QString& folder : folders) {
-        if (!QFileInfo(folder).isDir()) {
-            continue; // made later; a failure there has its own message
-        }
-        QTemporaryFile probe(folder + QStringLiteral("/.write-check-XXXXXX"));
-        if (!probe.open()) {
-            problems << QStringLiteral("%1 (%2)").arg(folder, probe.errorString());
-        }
-    }
-    if (problems.isEmpty()) {
-        return true;
-    }
-    const QString text =
-        tr("This folder cannot be written:\n%1\n\nNo options or lattice changes can be saved, and "
-           "voice patches cannot be loaded, until it can.")
-            .arg(problems.join(QLatin1Char('\n')));
-    qCritical().noquote() << text;
-    QMessageBox::critical(nullptr, applicationName(), text, QMessageBox::Ok);
-    mUnwritableReported = true;
-    return false;
-}
-
 void TuningArboApplication::loadAnyVoice()
 {
-    const QString folder = AppContext::resourceDir() + QStringLiteral("/patches");
+    const QString folder = Paths::resourceDir() + QStringLiteral("/patches");
     const QFileInfoList voices = QDir(folder).entryInfoList(QDir::Files, QDir::Name);
     for (const QFileInfo& voice : voices) {
         // Tried quietly first, so that a broken file costs a log line rather
@@ -422,11 +359,11 @@ void TuningArboApplication::loadAnyVoice()
         if (PatchLoader::loadVoice(&mPlayer, voice.absoluteFilePath())) {
             qWarning().noquote() << QStringLiteral("Playing voice patch %1 instead of the default.")
                                         .arg(voice.absoluteFilePath());
-            mMainWindow->loadPatch(voice.absoluteFilePath());
+            mMainWindow->patches()->load(voice.absoluteFilePath());
             return;
         }
     }
-    if (mUnwritableReported) {
+    if (mConfigFolder.unwritableReported()) {
         return; // the folder message already said why no voice loads
     }
     const QString text = tr("No voice patch could be loaded from %1, so the instrument is silent."
@@ -445,7 +382,7 @@ void TuningArboApplication::reportFailedSaves()
             failures << QStringLiteral("%1: %2").arg(document->path(), document->lastSaveError());
         }
     }
-    if (failures.isEmpty() || mUnwritableReported) {
+    if (failures.isEmpty() || mConfigFolder.unwritableReported()) {
         return;
     }
     const QString text = tr("Your changes could not be saved; the files keep their previous "
@@ -462,122 +399,4 @@ void TuningArboApplication::fatalStartupMessage(const QString& text)
 {
     qCritical().noquote() << text;
     QMessageBox::critical(nullptr, applicationName(), text, QMessageBox::Ok);
-}
-
-bool TuningArboApplication::loadStyleSheet()
-{
-    return StyleSheetLoader::load();
-}
-
-bool TuningArboApplication::initPatchFolder()
-{
-    return PatchLoader::installShellPatches();
-}
-
-bool TuningArboApplication::openLogFile(const QString& path)
-{
-    mLogFile.setFileName(path);
-    // Unbuffered: every message goes out in one write() of its own (see writeToLog).
-    if (!mLogFile.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered)) {
-        qCritical().noquote() << QStringLiteral("Couldn't open log file %1 for writing.").arg(path);
-        return false;
-    }
-    installLogHandler();
-    const QString banner =
-        QStringLiteral("\n%1\nStarting app at %2\n")
-            .arg(QString(78, QLatin1Char('-')),
-                 QDateTime::currentDateTime().toString(QStringLiteral("dd/MM/yy hh:mm:ss.z")));
-    writeToLog(banner.toUtf8());
-    return true;
-}
-
-void TuningArboApplication::installLogHandler()
-{
-    // Without diagnostics words nobody receives debug messages (the file never
-    // gets them), so switch them off at the source: they are then not even
-    // formatted, which keeps them off the audio thread's budget.
-    if (mFlags.isEmpty()) {
-        QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
-    }
-    sLoggingApp.store(this);
-    qInstallMessageHandler(loggingMessageHandler);
-    mLogHandlerInstalled = true;
-}
-
-void TuningArboApplication::removeLogHandler()
-{
-    if (mLogHandlerInstalled) {
-        qInstallMessageHandler(nullptr);
-        QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
-        sLoggingApp.store(nullptr);
-        mLogHandlerInstalled = false;
-    }
-}
-
-void TuningArboApplication::writeToLog(const QByteArray& bytes)
-{
-    // One write() per message on the append-mode descriptor: the kernel keeps
-    // each message whole even when several threads log at once, which the
-    // buffered QFile API would not guarantee without a lock.
-    const int fd = mLogFile.handle();
-    if (fd >= 0) {
-        [[maybe_unused]] const ssize_t written =
-            ::write(fd, bytes.constData(), size_t(bytes.size()));
-    }
-}
-
-void TuningArboApplication::loggingMessageHandler(QtMsgType type, const QMessageLogContext& context,
-                                                  const QString& message)
-{
-    TuningArboApplication* app = sLoggingApp.load();
-    if (!app) {
-        return;
-    }
-    const QString stamp = QTime::currentTime().toString(QStringLiteral("[hh:mm:ss.zzz] "));
-
-    if (!app->mFlags.isEmpty()) {
-        const QString file = QString::fromUtf8(context.file ? context.file : "");
-        int separator = file.lastIndexOf(QLatin1Char('/'));
-        if (separator < 0) {
-            separator = file.lastIndexOf(QLatin1Char('\\'));
-        }
-        // A message without a source file is dropped altogether once any word
-        // was given on the command line, log file included. Deliberate: the
-        // words ask for a diagnostic session, not for the everyday log.
-        if (separator < 0) {
-            return;
-        }
-        QString baseName = file.mid(separator + 1);
-        const int dot = baseName.lastIndexOf(QLatin1Char('.'));
-        if (dot >= 0) {
-            baseName.truncate(dot);
-        }
-        if (app->mFlags.contains(QStringLiteral("all")) ||
-            app->mFlags.contains(baseName.toLower())) {
-            emit app->diagnosticMessage(QStringLiteral("%1 %2\n").arg(stamp, message));
-        }
-    }
-
-    if (type == QtDebugMsg) {
-        return; // debug output is for the diagnostics dialog only
-    }
-
-    // The lock is taken and released before the write, not around it; the
-    // write below is a single system call and needs no lock to stay whole.
-    app->mLogMutex.lock();
-    app->mLogMutex.unlock();
-
-    QByteArray block;
-    if (type == QtCriticalMsg) {
-        block += "\nCRITICAL:\n";
-    } else if (type == QtFatalMsg) {
-        block += "\nFATAL:\n";
-    }
-    block += stamp.toUtf8();
-    block += message.toUtf8();
-    block += '\n';
-    if (type == QtCriticalMsg || type == QtFatalMsg) {
-        block += '\n';
-    }
-    app->writeToLog(block);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "app/applog.h"
+#include "app/configfolder.h"
 #include "app/unixsignalwatcher.h"
 #include "input/inputmap.h"
 #include "input/udplistener.h"
@@ -13,22 +15,17 @@
 #include "sound/pdplayer.h"
 
 #include <QApplication>
-#include <QFile>
-#include <QMutex>
-#include <QSet>
 #include <QString>
 #include <QStringList>
 
 #include <memory>
 
-class QLockFile;
-
 // The application object. It owns, by value, every long-lived object of the
 // program and runs the start-up (init) and shutdown (term) sequences.
 //
-// The members are public: the user interface reaches them directly through
-// TuningArboApplication::instance(). Code below the user interface reaches
-// the same objects through AppContext, which the constructor fills in.
+// It hands each object the others it works with (constructors, init() and
+// attach() calls, InstrumentParts for the windows); nothing looks them up.
+// The members are public for the tests that start the whole program.
 class MainWindow;
 
 class TuningArboApplication : public QApplication
@@ -37,9 +34,6 @@ class TuningArboApplication : public QApplication
 public:
     TuningArboApplication(int& argc, char** argv);
     ~TuningArboApplication() override;
-
-    // The running application (the global QApplication instance).
-    static TuningArboApplication* instance();
 
     // The start-up sequence. On false the program shows why (already done
     // here, in a message box) and ends with exit code 1.
@@ -52,31 +46,12 @@ public:
     // this after init() instead of entering the loop.
     bool quitRequested() const { return mQuitBySignal; }
 
-    void syncFromSettings();
-    void syncToSettings();
-
-    bool initPatchFolder();
-    bool loadStyleSheet();
-    // Starts the keyboard, the MIDI input and the OSC receiver on the input
-    // map's bindings. Part of init().
-    void startInputs();
-
     // The last word of main(), once the application object is gone and
     // everything is saved: returns `exitCode`, or, while a PortAudio call
     // that never came back (the sound server died or starved) still runs
     // inside the audio libraries, whose exit handlers would crash or hang
     // under it, ends the process at once with that code.
     static int leave(int exitCode);
-
-    // Opens the log file in append mode, installs the message handler and
-    // writes the start-up banner. Without it, messages go to Qt's default
-    // output. Returns whether the file opened.
-    bool openLogFile(const QString& path);
-
-    // The one message handler of the process; installed once the log file is
-    // open. Safe to call from any thread.
-    static void loggingMessageHandler(QtMsgType type, const QMessageLogContext& context,
-                                      const QString& message);
 
     MainWindow* mMainWindow = nullptr;
     Arbo mArbo;
@@ -94,13 +69,12 @@ public:
     // MIDI in, after the player: its thread writes into the player's ring,
     // so it stops before the player goes.
     MidiInput mMidiInput;
-    // Lower-cased command-line words, each without one leading "-"; they
-    // choose which source files' messages reach the diagnostics dialog.
-    QSet<QString> mFlags;
-    QFile mLogFile;
-    QMutex mLogMutex;
+    // The log file and the diagnostics feed; the command-line words are its
+    // mFlags.
+    AppLog mLog;
 
 signals:
+    // The log's diagnostics feed (AppLog::diagnosticMessage), passed on.
     void diagnosticMessage(const QString& message);
 
 public slots:
@@ -108,17 +82,6 @@ public slots:
     void onUdpFatalError(QString error);
 
 private:
-    // One instance per configuration folder: a second one would reinstall the
-    // voice under the first and, at exit, overwrite the other's options and
-    // lattice. Takes the lock file in the configuration folder (the lock of a
-    // crashed run is taken over). False only when another running instance
-    // holds it; a folder where no lock can be made is reported by
-    // reportUnwritableFolders() instead.
-    bool lockConfigFolder(const QString& configDir);
-    // A read-only configuration tree otherwise shows only as a failing voice
-    // patch, which blames the patch. Tells the user once which folder cannot
-    // be written. Returns whether all could be.
-    bool reportUnwritableFolders(const QStringList& folders);
     // With neither the default voice nor "Sine.pd" loaded, tries every voice
     // of the resource folder in name order, and says once why the instrument
     // is silent when none loads.
@@ -128,17 +91,25 @@ private:
     void reportFailedSaves();
     // Shows the critical start-up message box and logs the same text.
     void fatalStartupMessage(const QString& text);
-    void writeToLog(const QByteArray& bytes);
-    void installLogHandler();
-    void removeLogHandler();
+    // The options to the window and the player, and back at shutdown.
+    void syncFromSettings();
+    void syncToSettings();
+    // The steps of init(), in order; each false one has told the user why.
+    bool prepareConfigFolder();
+    void readOptions();
+    bool startSound();
+    void startMidiOutput();
+    void readInputMap();
+    bool loadLattice();
+    void showMainWindow();
+    void startWandListener();
+    // Starts the keyboard, the MIDI input and the OSC receiver on the input
+    // map's bindings.
+    void startInputs();
 
     UnixSignalWatcher mSignalWatcher;
-    bool mLogHandlerInstalled = false;
-    std::unique_ptr<QLockFile> mInstanceLock;
+    ConfigFolder mConfigFolder;
     // A termination signal ends the program with nobody at the window: then
     // nothing may wait for a click.
     bool mQuitBySignal = false;
-    // Set once the user was told that a folder cannot be written, so the
-    // failures that follow from it are not reported again.
-    bool mUnwritableReported = false;
 };

@@ -1,12 +1,12 @@
 #include "display/arboballwidget.h"
 
 #include "display/arbostrutwidget.h"
+#include "display/arboview.h"
 #include "display/arbowidget.h"
 #include "display/layoutconstants.h"
 #include "model/arbo.h"
 #include "model/arboball.h"
 #include "display/cardstackwidget.h"
-#include "settings/appcontext.h"
 #include "settings/debuglog.h"
 #include "settings/settings.h"
 #include "sound/pdplayer.h"
@@ -100,10 +100,15 @@ double ArboBallWidget::playingRadius() const
     return width / 2 + width / 10;
 }
 
+const Settings& ArboBallWidget::options() const
+{
+    return mOwner->arboView()->options();
+}
+
 void ArboBallWidget::updateBall()
 {
     const Arbo* lattice = mOwner->lattice();
-    const int mode = AppContext::settings()->mAbsRelView;
+    const int mode = options().mAbsRelView;
     static const QList<int> NO_STEPS;
     const QList<int>& transpose = lattice ? lattice->transposeSteps() : NO_STEPS;
     auto colorOf = [lattice](int step) {
@@ -207,7 +212,7 @@ void ArboBallWidget::mousePressEvent(QGraphicsSceneMouseEvent* event)
     if (event->button() != Qt::LeftButton) {
         return;
     }
-    if (PdPlayer* player = AppContext::player()) {
+    if (PdPlayer* player = mOwner->arboView()->player()) {
         player->queueEventGui(&mNoteEvent);
     }
 }

@@ -11,6 +11,7 @@
 class ArboBall;
 class ArboStrutWidget;
 class ArboWidget;
+class Settings;
 class QGraphicsEllipseItem;
 
 // One node of the lattice on screen: a coloured disc with an outline and,
@@ -41,6 +42,8 @@ public:
     // lines to the note card end.
     double playingRadius() const;
 
+    // The options the drawing shows it by (readout mode, pitch reference).
+    const Settings& options() const;
     const ArboBall* node() const { return mNode; }
     int diameter() const { return mDiameter; }
     QList<ArboStrutWidget*>& struts() { return mStruts; }

@@ -45,11 +45,12 @@ ArboLayer::ArboLayer(QWidget* parent) : QWidget(parent)
     mOverlay = new CardConnectorOverlay(this);
 }
 
-void ArboLayer::init(ArboLeavesWidget::View view, Arbo* lattice)
+void ArboLayer::init(ArboLeavesWidget::View view, Arbo* lattice, PdPlayer* player,
+                     const Settings& options)
 {
     mOverlay->init(mView);
     mCardStack->init(mOverlay, mView);
-    mView->init(view, lattice, mCardStack);
+    mView->init(view, lattice, mCardStack, player, options);
     mCardStack->setBottomMargin(CARD_BOTTOM_MARGIN);
 }
 

@@ -5,6 +5,8 @@
 #include <QWidget>
 
 class Arbo;
+class PdPlayer;
+class Settings;
 class ArboView;
 class CardConnectorOverlay;
 class CardStackWidget;
@@ -20,7 +22,9 @@ class ArboLayer : public QWidget
 public:
     explicit ArboLayer(QWidget* parent = nullptr);
 
-    void init(ArboLeavesWidget::View view, Arbo* lattice);
+    // See ArboView::init.
+    void init(ArboLeavesWidget::View view, Arbo* lattice, PdPlayer* player,
+              const Settings& options);
 
     ArboView* view() const { return mView; }
     CardStackWidget* cardStack() const { return mCardStack; }

@@ -20,10 +20,13 @@ ArboView::ArboView(QWidget* parent) : QGraphicsView(parent), mScene(new QGraphic
     setScene(mScene);
 }
 
-void ArboView::init(ArboLeavesWidget::View view, Arbo* lattice, CardStackWidget* cardStack)
+void ArboView::init(ArboLeavesWidget::View view, Arbo* lattice, CardStackWidget* cardStack,
+                    PdPlayer* player, const Settings& options)
 {
     mLattice = lattice;
     mCardStack = cardStack;
+    mPlayer = player;
+    mOptions = &options;
     buildScene(view);
 }
 

@@ -5,12 +5,16 @@
 #include <QGraphicsView>
 
 class Arbo;
+class PdPlayer;
+class Settings;
 class ArboWidget;
 class CardStackWidget;
 class QGraphicsScene;
 
 // The view of one lattice drawing. It owns its scene, builds the lattice into
-// it and keeps the whole lattice fitted into the widget at every size.
+// it and keeps the whole lattice fitted into the widget at every size. Its
+// balls and cards reach the player (for clicks) and the options (readout
+// mode, pitch reference) through it.
 //
 // GUI thread only.
 class ArboView : public QGraphicsView
@@ -19,12 +23,14 @@ class ArboView : public QGraphicsView
 public:
     explicit ArboView(QWidget* parent = nullptr);
 
-    void init(ArboLeavesWidget::View view, Arbo* lattice, CardStackWidget* cardStack);
+    // `cardStack` and `player` may be null: a view without cards, or one that
+    // only shows (a click then plays nothing). `options` outlives the view.
+    void init(ArboLeavesWidget::View view, Arbo* lattice, CardStackWidget* cardStack,
+              PdPlayer* player, const Settings& options);
     // Replaces the scene's lattice by a fresh build (after the layout
     // constants or the lattice changed).
     void buildScene(ArboLeavesWidget::View view);
 
-    void setAbsRelView(bool absRelView) { mAbsRelView = absRelView; }
     void updateArboBalls();
     void updateCardStack();
 
@@ -35,6 +41,8 @@ public:
     const Arbo* lattice() const { return mLattice; }
     ArboWidget* arboWidget() const { return mArboWidget; }
     CardStackWidget* cardStack() const { return mCardStack; }
+    PdPlayer* player() const { return mPlayer; }
+    const Settings& options() const { return *mOptions; }
 
 signals:
     // After every resize, once the lattice has been fitted anew.
@@ -50,5 +58,6 @@ private:
     QGraphicsScene* mScene;
     ArboWidget* mArboWidget = nullptr;
     CardStackWidget* mCardStack = nullptr;
-    bool mAbsRelView = false;
+    PdPlayer* mPlayer = nullptr;
+    const Settings* mOptions = nullptr;
 };

@@ -37,6 +37,7 @@ public:
 
     ArboLeavesWidget::View view() const { return mView; }
     const Arbo* lattice() const { return mLattice; }
+    const ArboView* arboView() const { return mArboView; }
     CardStackWidget* cardStack() const { return mCardStack; }
     // Every ball built, main balls and leaves, in build order: a node's
     // leaves before the node, deeper nodes of a branch before their parent.

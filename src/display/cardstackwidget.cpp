@@ -4,7 +4,7 @@
 #include "display/arboview.h"
 #include "display/cardconnectoroverlay.h"
 #include "display/cardwidget.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 
 #include <QFile>
 
@@ -35,7 +35,7 @@ QString CardStackWidget::symbolFileName(Symbol symbol)
 
 bool CardStackWidget::loadSvgFile(const QString& name, QByteArray& bytes)
 {
-    const QString path = AppContext::resourceDir() + QLatin1Char('/') + name;
+    const QString path = Paths::resourceDir() + QLatin1Char('/') + name;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
         qCritical("%s", qPrintable(QStringLiteral("Failed to load %1.").arg(path)));
@@ -73,7 +73,7 @@ void CardStackWidget::showCardForBall(const ArboBallWidget* ball, int hierarchy)
     hideCardForBall(ball);
     // The card takes its natural size itself, when it is made: one size for
     // every card.
-    auto* card = new CardWidget(ball->node(), this);
+    auto* card = new CardWidget(ball->node(), ball->options(), this);
     updatePosition(ball, card);
     card->show();
     card->setCardHirarchy(hierarchy);

@@ -5,7 +5,6 @@
 #include "model/arboratio.h"
 #include "notation/cardnote.h"
 #include "display/cardstackwidget.h"
-#include "settings/appcontext.h"
 #include "settings/settings.h"
 
 #include <QLabel>
@@ -58,11 +57,6 @@ constexpr float TREBLE_CLEF_LINE = 3.0f;
 constexpr float BASS_CLEF_LINE = 1.0f;
 const QColor STAFF_GREY(170, 170, 170);
 
-const Arbo* latticeOf(const ArboBall* node)
-{
-    return node->lattice() ? node->lattice() : AppContext::lattice();
-}
-
 CardStackWidget::Symbol accidentalSymbol(int accidental)
 {
     switch (accidental) {
@@ -79,10 +73,10 @@ CardStackWidget::Symbol accidentalSymbol(int accidental)
 
 } // namespace
 
-CardWidget::CardWidget(const ArboBall* node, CardStackWidget* stack)
-    : QWidget(stack), mNode(node), mStack(stack), mFrequency(CardNote::justFrequency(node))
+CardWidget::CardWidget(const ArboBall* node, const Settings& options, CardStackWidget* stack)
+    : QWidget(stack), mNode(node), mStack(stack), mOptions(options), mFrequency(CardNote::justFrequency(node))
 {
-    mNote = getNoteForBall(node, mFrequency);
+    mNote = CardNote::noteForBall(node, options, mFrequency);
     mTreble = mNote.octave() >= 4;
 
     mStaffPosition = getStaffLineForNote(mTreble, mNote);
@@ -104,10 +98,9 @@ CardWidget::CardWidget(const ArboBall* node, CardStackWidget* stack)
     mOctaveLabel = addLabel(QStringLiteral("octaveLabel"), QString::number(mNote.octave()));
     mCentsLabel = addLabel(QStringLiteral("centsLabel"),
                            cents > 0 ? QStringLiteral("+%1").arg(cents) : QString::number(cents));
-    const ArboRatio ratio(node->path());
-    mRatioLabel =
-        addLabel(QStringLiteral("ratioLabel"),
-                 AppContext::settings()->mAbsRelView != 0 ? ratio.toStringAbs() : ratio.toString());
+    const ArboRatio ratio(node->path(), node->lattice()->transposeSteps());
+    mRatioLabel = addLabel(QStringLiteral("ratioLabel"),
+                           absoluteReadout() ? ratio.toStringAbs() : ratio.toString());
     mFreqLabel = addLabel(QStringLiteral("freqLabel"),
                           QString::number(double(mFrequency), 'f', 3) + QStringLiteral(" Hz"));
     mEnharmonicLabel = addLabel(QStringLiteral("enharmonicLabel"), QStringLiteral("enh"));
@@ -135,12 +128,12 @@ CardWidget::CardWidget(const ArboBall* node, CardStackWidget* stack)
     mAccidentalSvg->setObjectName(QStringLiteral("accidentalSvg"));
     if (mNote.accidental() != 0) {
         QByteArray accidental = stack->svg(accidentalSymbol(mNote.accidental()));
-        changeSvgColor(&accidental, node);
+        changeSvgColor(&accidental, node, absoluteReadout());
         mAccidentalSvg->load(accidental);
     }
 
     QByteArray head = stack->svg(CardStackWidget::NoteHead);
-    changeSvgColor(&head, node);
+    changeSvgColor(&head, node, absoluteReadout());
     mNoteSvg = new QSvgWidget(this);
     mNoteSvg->setObjectName(QStringLiteral("noteSvg"));
     mNoteSvg->load(head);
@@ -160,14 +153,14 @@ QLabel* CardWidget::addLabel(const QString& objectName, const QString& text)
     return label;
 }
 
-Note CardWidget::getNoteForBall(const ArboBall* node, float justFrequency)
+bool CardWidget::absoluteReadout() const
 {
-    return CardNote::noteForBall(node, justFrequency);
+    return mOptions.mAbsRelView != 0;
 }
 
-void CardWidget::changeSvgColor(QByteArray* bytes, const ArboBall* node)
+void CardWidget::changeSvgColor(QByteArray* bytes, const ArboBall* node, bool absolute)
 {
-    const Arbo* lattice = latticeOf(node);
+    const Arbo* lattice = node->lattice();
     if (!lattice || !bytes) {
         return;
     }
@@ -179,7 +172,7 @@ void CardWidget::changeSvgColor(QByteArray* bytes, const ArboBall* node)
     }
     // In the absolute readouts the root keeps the root's colour however far
     // the lattice is transposed.
-    if (AppContext::settings()->mAbsRelView > 0 &&
+    if (absolute &&
         ArboRatio::pathRatio(node->path()) == ArboRatio(1, 1)) {
         p = 1;
     }

@@ -6,6 +6,7 @@
 
 class ArboBall;
 class CardStackWidget;
+class Settings;
 class QLabel;
 class QPainter;
 class QSvgWidget;
@@ -27,13 +28,13 @@ class CardWidget : public QWidget
 {
     Q_OBJECT
 public:
-    CardWidget(const ArboBall* node, CardStackWidget* stack);
+    // `node` belongs to a lattice; `options` outlive the card.
+    CardWidget(const ArboBall* node, const Settings& options, CardStackWidget* stack);
 
-    // The note the card shows for `node` sounding at `justFrequency`.
-    static Note getNoteForBall(const ArboBall* node, float justFrequency);
     // Writes the node's display colour over every black fill and stroke of
-    // an SVG document; anything else in it stays as it is.
-    static void changeSvgColor(QByteArray* bytes, const ArboBall* node);
+    // an SVG document; anything else in it stays as it is. In an `absolute`
+    // readout the root keeps the root's colour however far it is transposed.
+    static void changeSvgColor(QByteArray* bytes, const ArboBall* node, bool absolute);
     // The note's staff position in the treble clef (E4 on the bottom line) or
     // the bass clef (G2 on the bottom line).
     static float getStaffLineForNote(bool treble, const Note& note);
@@ -77,12 +78,15 @@ protected:
     void paintEvent(QPaintEvent* event) override;
 
 private:
+    // Whether the options ask for absolute ratios (transposition included).
+    bool absoluteReadout() const;
     void drawLines(QPainter& painter) const;
     QLabel* addLabel(const QString& objectName, const QString& text);
     void placeSymbol(QSvgWidget* symbol, qreal originX, qreal baselineY, bool rightAligned);
 
     const ArboBall* mNode;
     CardStackWidget* mStack;
+    const Settings& mOptions;
     Note mNote;
     float mFrequency;
 

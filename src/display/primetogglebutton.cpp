@@ -2,7 +2,6 @@
 
 #include "display/layoutconstants.h"
 #include "model/arbo.h"
-#include "settings/appcontext.h"
 #include "sound/pdplayer.h"
 
 namespace {
@@ -21,8 +20,10 @@ QString withColor(const char* rule, const QColor& colour)
 
 } // namespace
 
-PrimeToggleButton::PrimeToggleButton(int prime, QWidget* parent)
-    : QToolButton(parent), mPrime(prime), mEvent(ArboEvent::PrimeToggle, float(prime))
+PrimeToggleButton::PrimeToggleButton(int prime, const Arbo& lattice, PdPlayer* player,
+                                     QWidget* parent)
+    : QToolButton(parent), mPrime(prime), mPlayer(player),
+      mEvent(ArboEvent::PrimeToggle, float(prime))
 {
     setText(QString::number(prime));
     if (prime >= FIRST_SWITCHABLE_PRIME) {
@@ -31,13 +32,13 @@ PrimeToggleButton::PrimeToggleButton(int prime, QWidget* parent)
     } else {
         setEnabled(false);
     }
-    setStyleSheet(styleSheetFor(baseColor(prime)));
+    setStyleSheet(styleSheetFor(baseColor(lattice, prime)));
     connect(this, &QToolButton::clicked, this, &PrimeToggleButton::onPrimeToggled);
 }
 
-QColor PrimeToggleButton::baseColor(int prime)
+QColor PrimeToggleButton::baseColor(const Arbo& lattice, int prime)
 {
-    const QColor colour = AppContext::lattice()->lookupColor(prime);
+    const QColor colour = lattice.lookupColor(prime);
     return prime == PRIME_19 ? colour.darker(PRIME_19_DARKER) : colour;
 }
 
@@ -62,6 +63,6 @@ QString PrimeToggleButton::styleSheetFor(const QColor& base)
 void PrimeToggleButton::onPrimeToggled()
 {
     if (mPrime >= FIRST_SWITCHABLE_PRIME) {
-        AppContext::player()->queueEventGui(&mEvent);
+        mPlayer->queueEventGui(&mEvent);
     }
 }

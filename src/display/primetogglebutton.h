@@ -5,6 +5,9 @@
 #include <QColor>
 #include <QToolButton>
 
+class Arbo;
+class PdPlayer;
+
 // The button in the middle of each prime's row of the transpose strip: it
 // switches every node reached by a step of its prime on or off. Primes 1, 2
 // and 3 carry the lattice and cannot be switched: their buttons are disabled
@@ -14,13 +17,13 @@
 // lattice: the engine toggles, so the two stay in step as long as nothing else
 // toggles the prime (a wand may; the button then shows the opposite).
 //
-// Needs the registered lattice (for the colours) at construction. GUI thread
-// only.
+// GUI thread only.
 class PrimeToggleButton : public QToolButton
 {
     Q_OBJECT
 public:
-    PrimeToggleButton(int prime, QWidget* parent = nullptr);
+    // `lattice` gives the colours; `player` carries the switch.
+    PrimeToggleButton(int prime, const Arbo& lattice, PdPlayer* player, QWidget* parent = nullptr);
 
     int prime() const { return mPrime; }
 
@@ -30,12 +33,13 @@ public:
     static QString styleSheetFor(const QColor& base);
     // The prime's colour, with 19 a little darker: its colour is too light
     // to carry the button's text.
-    static QColor baseColor(int prime);
+    static QColor baseColor(const Arbo& lattice, int prime);
 
 public slots:
     void onPrimeToggled();
 
 private:
     int mPrime;
+    PdPlayer* mPlayer;
     ArboEvent mEvent;
 };

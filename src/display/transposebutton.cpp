@@ -3,7 +3,6 @@
 #include "display/primetogglebutton.h"
 #include "model/arbo.h"
 #include "model/arbopath.h"
-#include "settings/appcontext.h"
 #include "sound/pdplayer.h"
 
 #include <QLabel>
@@ -19,14 +18,16 @@ constexpr qreal BOX_RADIUS = 3.0;
 
 } // namespace
 
-TransposeButton::TransposeButton(int step, QLabel* label, QWidget* parent)
-    : QToolButton(parent), mStep(step), mLabel(label), mEvent(ArboEvent::Transpose, float(step)),
-      mStepRatio(ArboPath(static_cast<signed char>(step)).toRatio())
+TransposeButton::TransposeButton(int step, QLabel* label, const Arbo& lattice, PdPlayer* player,
+                                 QWidget* parent)
+    : QToolButton(parent), mStep(step), mLabel(label), mLattice(lattice), mPlayer(player),
+      mEvent(ArboEvent::Transpose, float(step)),
+      mStepRatio(ArboRatio::pathRatio(ArboPath(static_cast<signed char>(step))))
 {
     // Repainted when the mouse comes and goes: the hover look is our own.
     setAttribute(Qt::WA_Hover);
     connect(this, &QToolButton::clicked, this, &TransposeButton::onTransposeClicked);
-    connect(AppContext::lattice(), &Arbo::transposeOrBaseFrequencyChanged, this,
+    connect(&mLattice, &Arbo::transposeOrBaseFrequencyChanged, this,
             &TransposeButton::onTransposeChanged);
 }
 
@@ -34,18 +35,17 @@ void TransposeButton::onTransposeClicked()
 {
     // Asked again here, not taken from the enabled state: until the first
     // change nothing has been asked.
-    if (AppContext::lattice()->canTransposeTo(mStepRatio)) {
-        AppContext::player()->queueEventGui(&mEvent);
+    if (mLattice.canTransposeTo(mStepRatio)) {
+        mPlayer->queueEventGui(&mEvent);
     }
 }
 
 void TransposeButton::onTransposeChanged()
 {
-    const Arbo* lattice = AppContext::lattice();
-    setEnabled(lattice->canTransposeTo(mStepRatio));
+    setEnabled(mLattice.canTransposeTo(mStepRatio));
 
     int sum = 0;
-    for (int entry : lattice->transposeSteps()) {
+    for (int entry : mLattice.transposeSteps()) {
         if (entry == mStep || entry == -mStep) {
             sum += entry;
         }
@@ -77,7 +77,7 @@ void TransposeButton::paintEvent(QPaintEvent* /*event*/)
         drawBox = true;
     } else {
         if ((mCount < 0 && mStep < 0) || (mCount > 0 && mStep > 0)) {
-            foreground = PrimeToggleButton::baseColor(std::abs(mStep));
+            foreground = PrimeToggleButton::baseColor(mLattice, std::abs(mStep));
         }
         if (underMouse()) {
             foreground = foreground.lighter(HOVER_LIGHTER);

@@ -5,6 +5,8 @@
 
 #include <QToolButton>
 
+class Arbo;
+class PdPlayer;
 class QLabel;
 
 // One step of the transpose strip: transposes the whole lattice by its signed
@@ -19,12 +21,13 @@ class QLabel;
 // The button paints itself completely: a triangle pointing the way of the
 // step, in the prime's colour while the lattice is transposed that way.
 //
-// Needs the registered lattice and player. GUI thread only.
+// GUI thread only.
 class TransposeButton : public QToolButton
 {
     Q_OBJECT
 public:
-    TransposeButton(int step, QLabel* label, QWidget* parent = nullptr);
+    TransposeButton(int step, QLabel* label, const Arbo& lattice, PdPlayer* player,
+                    QWidget* parent = nullptr);
 
     int step() const { return mStep; }
     // Net steps of the lattice's transposition along this prime (positive up).
@@ -41,6 +44,8 @@ private:
     int mStep;
     int mCount = 0;
     QLabel* mLabel; // owned by the strip's layout
+    const Arbo& mLattice;
+    PdPlayer* mPlayer;
     ArboEvent mEvent;
     ArboRatio mStepRatio;
 };

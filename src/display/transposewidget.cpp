@@ -4,7 +4,6 @@
 #include "display/transposebutton.h"
 #include "model/arbo.h"
 #include "model/arboconstants.h"
-#include "settings/appcontext.h"
 #include "sound/pdplayer.h"
 
 #include <QBoxLayout>
@@ -31,9 +30,11 @@ TransposeWidget::TransposeWidget(QWidget* parent)
 {
 }
 
-void TransposeWidget::init(Qt::Orientation orientation)
+void TransposeWidget::init(Qt::Orientation orientation, const Arbo& lattice, PdPlayer* player)
 {
     mOrientation = orientation;
+    mLattice = &lattice;
+    mPlayer = player;
     const bool horizontal = orientation == Qt::Horizontal;
     // A horizontal strip is a row of columns, a vertical one a column of rows.
     QBoxLayout* outer =
@@ -45,14 +46,14 @@ void TransposeWidget::init(Qt::Orientation orientation)
     for (int prime : ArboConstants::PRIMES) {
         QBoxLayout* box = newBox(inner, PRIME_SPACING);
         if (prime == 1) {
-            box->addWidget(new PrimeToggleButton(1, this), 0, Qt::AlignCenter);
+            box->addWidget(new PrimeToggleButton(1, lattice, player, this), 0, Qt::AlignCenter);
         } else {
             auto* downLabel = new QLabel(this);
             downLabel->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
-            auto* down = new TransposeButton(-prime, downLabel, this);
-            auto* toggle = new PrimeToggleButton(prime, this);
+            auto* down = new TransposeButton(-prime, downLabel, lattice, player, this);
+            auto* toggle = new PrimeToggleButton(prime, lattice, player, this);
             auto* upLabel = new QLabel(this);
-            auto* up = new TransposeButton(prime, upLabel, this);
+            auto* up = new TransposeButton(prime, upLabel, lattice, player, this);
             if (horizontal) {
                 // Each count label at the far end from its own button: kept
                 // so, the column reads the same as before.
@@ -73,25 +74,25 @@ void TransposeWidget::init(Qt::Orientation orientation)
     }
 
     QBoxLayout* resetBox = newBox(inner, RESET_SPACING);
-    mResetButton = new PrimeToggleButton(1, this);
+    mResetButton = new PrimeToggleButton(1, lattice, player, this);
     mResetButton->setObjectName(QStringLiteral("resetButton"));
     mResetButton->setText(QStringLiteral("="));
     mResetButton->setToolTip(QStringLiteral("Reset transpose"));
-    mResetButton->setEnabled(!AppContext::lattice()->transposeSteps().isEmpty());
+    mResetButton->setEnabled(!lattice.transposeSteps().isEmpty());
     resetBox->addWidget(mResetButton, 0, Qt::AlignCenter);
     outer->addLayout(resetBox);
 
     connect(mResetButton, &QToolButton::clicked, this, &TransposeWidget::onResetClicked);
-    connect(AppContext::lattice(), &Arbo::transposeOrBaseFrequencyChanged, this,
+    connect(&lattice, &Arbo::transposeOrBaseFrequencyChanged, this,
             &TransposeWidget::onTransposeChanged);
 }
 
 void TransposeWidget::onResetClicked()
 {
-    AppContext::player()->queueEventGui(&mResetEvent);
+    mPlayer->queueEventGui(&mResetEvent);
 }
 
 void TransposeWidget::onTransposeChanged()
 {
-    mResetButton->setEnabled(!AppContext::lattice()->transposeSteps().isEmpty());
+    mResetButton->setEnabled(!mLattice->transposeSteps().isEmpty());
 }

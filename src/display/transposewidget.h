@@ -4,6 +4,8 @@
 
 #include <QWidget>
 
+class Arbo;
+class PdPlayer;
 class PrimeToggleButton;
 class TransposeButton;
 
@@ -16,7 +18,7 @@ class TransposeButton;
 // The buttons never change the lattice: each queues an event on the player,
 // and the strip follows the lattice's transposeOrBaseFrequencyChanged().
 //
-// Needs the registered lattice and player when init() runs. GUI thread only.
+// GUI thread only.
 class TransposeWidget : public QWidget
 {
     Q_OBJECT
@@ -25,7 +27,8 @@ public:
 
     // Builds the strip once: one column per prime when horizontal, one row per
     // prime otherwise.
-    void init(Qt::Orientation orientation);
+    // `lattice` and `player` outlive the strip.
+    void init(Qt::Orientation orientation, const Arbo& lattice, PdPlayer* player);
 
     Qt::Orientation orientation() const { return mOrientation; }
     PrimeToggleButton* resetButton() const { return mResetButton; }
@@ -37,5 +40,7 @@ public slots:
 private:
     Qt::Orientation mOrientation = Qt::Vertical;
     PrimeToggleButton* mResetButton = nullptr;
+    const Arbo* mLattice = nullptr;
+    PdPlayer* mPlayer = nullptr;
     ArboEvent mResetEvent;
 };

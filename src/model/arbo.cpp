@@ -1,7 +1,6 @@
 #include "model/arbo.h"
 
 #include "model/arboconstants.h"
-#include "settings/appcontext.h"
 #include "settings/settings.h"
 #include "settings/throttledwarning.h"
 #include "sound/pdplayer.h"
@@ -77,13 +76,7 @@ Arbo::Arbo(QObject* parent) : SerializableRoot(parent)
     replaceRoot();
 }
 
-Arbo::~Arbo()
-{
-    // Ratios made after this point must not read a lattice that is gone.
-    if (AppContext::lattice() == this) {
-        AppContext::setLattice(nullptr);
-    }
-}
+Arbo::~Arbo() = default;
 
 bool Arbo::init(PdPlayer* player)
 {

@@ -1,7 +1,6 @@
 #include "model/arbopath.h"
 
 #include "model/arboconstants.h"
-#include "model/arboratio.h"
 
 #include <QDebug>
 #include <QVector>
@@ -73,11 +72,6 @@ bool ArboPath::hasValidSteps() const
         }
     }
     return true;
-}
-
-ArboRatio ArboPath::toRatio() const
-{
-    return ArboRatio(*this);
 }
 
 void ArboPath::addLeaf(signed char step)

@@ -6,7 +6,6 @@
 
 #include <type_traits>
 
-class ArboRatio;
 
 // A node of the lattice named by the way to it from the root: up to six signed
 // prime steps (+p moves up by the prime p, -p down). Text form: a "/" before
@@ -22,8 +21,7 @@ class ArboRatio;
 //
 // A plain 8-byte value: the command records of the sound engine copy it byte
 // for byte. Everything here may be used from any thread and never allocates,
-// except the text and list conversions, storeFromString() (which may log) and
-// toRatio() (which reads the lattice: GUI thread only).
+// except the text and list conversions and storeFromString() (which may log).
 class ArboPath
 {
 public:
@@ -58,10 +56,6 @@ public:
     // Paths that come from text or from the lattice file always are; a path
     // made from raw steps may not be.
     bool hasValidSteps() const;
-    // The ratio of the path and, with the lattice's transposition, its
-    // absolute ratio. GUI thread (reads the lattice).
-    ArboRatio toRatio() const;
-
     // Appends a step unless the path already holds six or more. A step of 0
     // changes nothing (it lands on the terminator).
     void addLeaf(signed char step);

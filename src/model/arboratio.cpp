@@ -1,7 +1,5 @@
 #include "model/arboratio.h"
 
-#include "model/arbo.h"
-#include "settings/appcontext.h"
 #include "settings/throttledwarning.h"
 
 #include <QDebug>
@@ -54,9 +52,9 @@ ArboRatio::ArboRatio(unsigned long long numerator, unsigned long long denominato
 {
 }
 
-ArboRatio::ArboRatio(const ArboPath& path)
+ArboRatio::ArboRatio(const ArboPath& path, const QList<int>& transposeSteps)
 {
-    storeFromPath(path);
+    storeFromPath(path, transposeSteps);
 }
 
 ArboRatio ArboRatio::pathRatio(const ArboPath& path)
@@ -71,29 +69,24 @@ ArboRatio ArboRatio::pathRatio(const ArboPath& path)
     return result;
 }
 
-void ArboRatio::storeFromPath(const ArboPath& path)
+void ArboRatio::storeFromPath(const ArboPath& path, const QList<int>& transposeSteps)
 {
     mRatio = pathRatio(path).mRatio;
-    storeFromAbsolutePath(path);
+    storeFromAbsolutePath(path, transposeSteps);
 }
 
-void ArboRatio::storeFromAbsolutePath(const ArboPath& path)
+void ArboRatio::storeFromAbsolutePath(const ArboPath& path, const QList<int>& transposeSteps)
 {
     mAbsRatio = Rational(0);
     if (!path.hasValidSteps()) {
         return;
     }
     Rational absolute(1);
-    const Arbo* lattice = AppContext::lattice();
-    if (lattice) {
-        const QList<int>& steps = lattice->transposeSteps();
-        if (!multiplySteps(absolute, steps, steps.size())) {
-            tooLarge().warn(
-                QStringLiteral("Absolute ratio of %1 does not fit in 64 bits; transposition "
-                               "steps: %2")
-                    .arg(path.toString(), stepsText(steps)));
-            return;
-        }
+    if (!multiplySteps(absolute, transposeSteps, transposeSteps.size())) {
+        tooLarge().warn(QStringLiteral("Absolute ratio of %1 does not fit in 64 bits; "
+                                       "transposition steps: %2")
+                            .arg(path.toString(), stepsText(transposeSteps)));
+        return;
     }
     if (!multiplySteps(absolute, path.toCharArray(), -1)) {
         tooLarge().warn(

@@ -3,6 +3,7 @@
 #include "model/arboconstants.h"
 #include "model/arbopath.h"
 
+#include <QList>
 #include <QMetaType>
 #include <QString>
 
@@ -25,8 +26,8 @@
 // Threads: everything but storeFromPath(), storeFromAbsolutePath(), the path
 // constructor and canMultiplyWith() may be used on any thread, never
 // allocates (except the text forms) and never throws (except the constructor
-// from numerator and denominator). Those four read the lattice or log and
-// belong to the GUI thread; the audio thread uses pathRatio().
+// from numerator and denominator). Those four may log and belong to the GUI
+// thread; the audio thread uses pathRatio().
 class ArboRatio
 {
 public:
@@ -38,8 +39,8 @@ public:
     // A denominator of 0 throws boost::bad_rational; never pass one that
     // comes from outside the program.
     ArboRatio(unsigned long long numerator, unsigned long long denominator);
-    // storeFromPath(path). GUI thread.
-    explicit ArboRatio(const ArboPath& path);
+    // storeFromPath(path, transposeSteps). GUI thread.
+    ArboRatio(const ArboPath& path, const QList<int>& transposeSteps);
 
     // The ratio of `path` in the ratio field, absolute ratio 0/1; reads no
     // shared state. Any thread; never allocates, logs or throws. A path with a
@@ -48,14 +49,14 @@ public:
 
     // Sets the ratio from the path, then the absolute ratio as below.
     // GUI thread.
-    void storeFromPath(const ArboPath& path);
-    // Sets the absolute ratio: the product of the registered lattice's
-    // transposition steps (none when no lattice is registered) followed by
-    // the path's steps. GUI thread. A path that holds a step which is not a
+    void storeFromPath(const ArboPath& path, const QList<int>& transposeSteps);
+    // Sets the absolute ratio: the product of the lattice's transposition
+    // steps (Arbo::transposeSteps(), passed by the caller who knows the
+    // lattice) followed by the path's steps. GUI thread. A path that holds a step which is not a
     // valid prime has no pitch: 0/1 (rather than a division by the zero of
     // the table). A product that does not fit in 64 bits also gives 0/1, with
     // a warning, rather than a wrong value.
-    void storeFromAbsolutePath(const ArboPath& path);
+    void storeFromAbsolutePath(const ArboPath& path, const QList<int>& transposeSteps);
 
     // Multiplies the ratio field; the absolute ratio is left alone. Wraps on
     // overflow: see canMultiplyWith().

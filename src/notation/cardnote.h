@@ -3,15 +3,14 @@
 #include "notation/note.h"
 
 class ArboBall;
+class Settings;
 
 // The note that a card shows for a node of the lattice, worked out without any
 // widget so that the card only has to draw it.
 //
 // Both functions read the node's lattice (its base frequency, transposition
-// and transposition steps; for a node outside any tree the registered
-// AppContext::lattice()) and the options, so they belong to the GUI thread.
-// Without any lattice they take the options' base frequency and no
-// transposition.
+// and transposition steps) and the options they are given, so they belong to
+// the GUI thread. The node must belong to a lattice (ArboBall::lattice()).
 class CardNote
 {
 public:
@@ -27,5 +26,5 @@ public:
     // give; the cents say how far `justFrequency` lies from that spelled
     // pitch in equal temperament. Beyond half a semitone, or past a double
     // sharp or flat, the note is spelled enharmonically (Note::isEnharmonic).
-    static Note noteForBall(const ArboBall* node, float justFrequency);
+    static Note noteForBall(const ArboBall* node, const Settings& options, float justFrequency);
 };

@@ -3,7 +3,6 @@
 #include "model/arbopath.h"
 #include "model/arboratio.h"
 #include "notation/noteinterval.h"
-#include "settings/appcontext.h"
 #include "settings/debuglog.h"
 #include "settings/settings.h"
 
@@ -57,7 +56,7 @@ float stepRatio(int prime)
     if (prime < -31 || prime > 31 || !ArboConstants::isValidPrime(prime)) {
         return 1.0f;
     }
-    const ArboRatio ratio(ArboPath(static_cast<signed char>(prime)));
+    const ArboRatio ratio = ArboRatio::pathRatio(ArboPath(static_cast<signed char>(prime)));
     return static_cast<float>(ratio.numerator()) / static_cast<float>(ratio.denominator());
 }
 
@@ -91,13 +90,13 @@ Note::Note(const QString& text, int cents)
 Note::Note(int semitone, int cents)
 {
     ARBO_DEBUG() << "Note init 2" << semitone << cents;
-    storeFromSemitone(static_cast<float>(semitone + cents / 100), false);
+    storeFromSemitone(static_cast<float>(semitone + cents / 100));
 }
 
-Note::Note(float frequency)
+Note::Note(float frequency, const Settings& options)
 {
     ARBO_DEBUG() << "Note init 3" << frequency;
-    storeFromFreq(frequency);
+    storeFromFreq(frequency, options);
 }
 
 void Note::init()
@@ -148,7 +147,7 @@ void Note::storeFromString(const QString& text)
     }
 }
 
-void Note::storeFromSemitone(float semitone, bool useBaseNote)
+void Note::storeFromSemitone(float semitone, const QString& baseNote)
 {
     ARBO_DEBUG() << "storeFromSemitone ... semitone, mOctave, mNote, mAccidental, mCents"
                  << semitone << mOctave << mNote << mAccidental << mCents;
@@ -182,17 +181,14 @@ void Note::storeFromSemitone(float semitone, bool useBaseNote)
     mNote = MOST_COMMON_SPELLING[pitchClass].note;
     mAccidental = MOST_COMMON_SPELLING[pitchClass].accidental;
 
-    if (useBaseNote) {
+    if (!baseNote.isEmpty()) {
         // The lattice's own base note is spelled as the user named it ("Ab 4"
         // stays A flat where the most common spelling says G sharp). Only
         // letter and accidental are taken: the octave stays the one of the
         // pitch, so the name can never move the note by an octave.
-        const QString baseNote = AppContext::settings()->mBaseNote;
-        if (!baseNote.isEmpty()) {
-            const int index = baseNote.at(0).unicode() - 'A';
-            if (index >= 0 && index <= 6) {
-                mNote = LETTER_FROM_ALPHABET[index];
-            }
+        const int index = baseNote.at(0).unicode() - 'A';
+        if (index >= 0 && index <= 6) {
+            mNote = LETTER_FROM_ALPHABET[index];
         }
         if (baseNote.size() > 1) {
             const QChar sign = baseNote.at(1);
@@ -212,16 +208,16 @@ void Note::storeFromSemitone(float semitone, bool useBaseNote)
         << s << mOctave << mNote << mAccidental << mCents;
 }
 
-void Note::storeFromFreq(float frequency)
+void Note::storeFromFreq(float frequency, const Settings& options)
 {
     ARBO_DEBUG() << "storeFromFreq freq" << frequency;
-    const Settings* settings = AppContext::settings();
+
     // The calibration frequency is the pitch of A4 (semitone 57). Single
     // precision on purpose: the cents of notes near a quarter tone fall on one
     // side of the window or the other by this very rounding, and the cards
     // must agree with what they have always shown.
     const float semitone =
-        std::log(frequency / static_cast<float>(settings->mCalibrationFrequency)) / 0.6931472f *
+        std::log(frequency / static_cast<float>(options.mCalibrationFrequency)) / 0.6931472f *
             12.0f +
         57.0f;
     ARBO_DEBUG() << "storeFromFreq semitone" << semitone;
@@ -229,7 +225,8 @@ void Note::storeFromFreq(float frequency)
     // that the options hold, so equality picks out the lattice's own base
     // note and nothing else; a tolerance would also rename lattice notes a
     // schisma (2 cents) away as the base note.
-    storeFromSemitone(semitone, frequency == settings->mBaseFrequency);
+    storeFromSemitone(semitone,
+                      frequency == options.mBaseFrequency ? options.mBaseNote : QString());
 }
 
 float Note::toSemitonePitch() const
@@ -263,7 +260,7 @@ float Note::toFrequency() const
     return f0 * std::pow(a, n);
 }
 
-void Note::addInterval(int prime)
+void Note::addInterval(int prime, const Settings& options)
 {
     ARBO_DEBUG() << "Note::addInterval called" << prime;
     const NoteInterval interval(prime);
@@ -273,7 +270,7 @@ void Note::addInterval(int prime)
         // Interval logic has been given up: follow the pitch.
         ARBO_DEBUG() << "Note is already in enharmonic presentation.";
         const float frequency = toFrequency();
-        storeFromFreq(frequency * stepRatio(prime));
+        storeFromFreq(frequency * stepRatio(prime), options);
     } else {
         const int direction = interval.direction();
         const float oldSemitonePitch = std::round(toSemitonePitch());
@@ -314,7 +311,7 @@ void Note::addInterval(int prime)
             // No triple sharps on a card: spell the pitch by its most common
             // name and stay enharmonic for the rest of the walk.
             ARBO_DEBUG() << "Accidental outside of borders" << mAccidental;
-            storeFromSemitone(toSemitonePitch(), false);
+            storeFromSemitone(toSemitonePitch());
             mEnharmonic = true;
             ARBO_DEBUG() << "Accidental: Note displayed as enharmonic";
         }
@@ -333,7 +330,7 @@ void Note::addCents(float cents)
         // More than half a semitone off the spelled pitch: the spelling no
         // longer names the note, so take the most common name of the pitch.
         ARBO_DEBUG() << "Note:addCents - breaking out of rule system @ mCents" << mCents;
-        storeFromSemitone(toSemitonePitch(), false);
+        storeFromSemitone(toSemitonePitch());
         mEnharmonic = true;
         ARBO_DEBUG() << ">50 ct -> Note displayed as enharmonic";
     }

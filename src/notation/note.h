@@ -3,6 +3,8 @@
 #include <QChar>
 #include <QString>
 
+class Settings;
+
 // A pitch named the way a musician reads it on a staff: a letter, an
 // accidental, an octave (C4 is middle C) and a deviation in cents from the
 // equal-tempered pitch of that spelling.
@@ -15,10 +17,10 @@
 // (the most common spelling of its pitch class) and the note remembers that it
 // is enharmonic; from then on intervals follow the frequency.
 //
-// A plain value type. It reads the pitch reference (calibration frequency,
-// base frequency, base note) from AppContext::settings(), so it belongs to
-// the GUI thread, where the options are changed. Every step writes a debug
-// line (ARBO_DEBUG) for the diagnostics dialog.
+// A plain value type. The pitch reference (calibration frequency, base
+// frequency, base note) comes from the options its caller passes, so it
+// belongs to the thread that owns those options: the GUI thread. Every step
+// writes a debug line (ARBO_DEBUG) for the diagnostics dialog.
 class Note
 {
 public:
@@ -34,7 +36,7 @@ public:
     Note(int semitone, int cents);
     // The note of a frequency measured against the calibration frequency
     // (storeFromFreq).
-    explicit Note(float frequency);
+    Note(float frequency, const Settings& options);
 
     // Zeroes letter, cents, accidental and octave and clears the enharmonic
     // flag.
@@ -43,10 +45,12 @@ public:
     void storeFromString(const QString& text);
     // Spells the fractional semitone pitch `semitone` by the most common
     // spelling of its pitch class, with the cents brought into (-49.5, 50.5].
-    // With `useBaseNote` the letter and accidental of the option "baseNote"
-    // replace that spelling.
-    void storeFromSemitone(float semitone, bool useBaseNote);
-    void storeFromFreq(float frequency);
+    // A non-empty `baseNote` (the option "baseNote", such as "Ab 4") gives
+    // its letter and accidental instead of that spelling.
+    void storeFromSemitone(float semitone, const QString& baseNote = QString());
+    // The note of `frequency` against the options' calibration frequency; the
+    // options' base frequency itself is spelled as their base note.
+    void storeFromFreq(float frequency, const Settings& options);
 
     // Semitones above C0, cents included.
     float toSemitonePitch() const;
@@ -54,8 +58,9 @@ public:
     float toFrequency() const;
 
     // Moves the note by the interval that a lattice step along `prime` stands
-    // for (a negative prime goes down).
-    void addInterval(int prime);
+    // for (a negative prime goes down). A note that is already enharmonic
+    // follows the frequency, spelled against the options' pitch reference.
+    void addInterval(int prime, const Settings& options);
     void addCents(float cents);
     void makeEnharmonic() { mEnharmonic = true; }
 

@@ -1,12 +1,13 @@
 #pragma once
 
 #include "input/inputmap.h"
+#include "input/udpreceivethread.h"
 
 #include <QString>
-#include <QThread>
 
-#include <atomic>
+#include <memory>
 
+class OscReceiver;
 class PdPlayer;
 
 // The thread that receives Open Sound Control messages (through liblo) on the
@@ -37,53 +38,54 @@ class PdPlayer;
 // throttled (the first of a kind as it stands, then a count a second), and
 // dropped. No packet can stop or stall the loop.
 //
-// Threads: the object lives on the GUI thread, which calls open() and term().
-// run() and everything it makes (the liblo server, the tag map) live on the
-// receiver's own thread, the only one that writes the player's OSC command
-// ring (PdPlayer::queueEventOsc).
-class OscInput : public QThread
+// Threads: see UdpReceiveThread; the GUI thread calls open(), setBindings()
+// and term(). The liblo server and the tag map are made, used and freed on
+// the receiver's own thread, the only one that writes the player's OSC
+// command ring (PdPlayer::queueEventOsc). The bindings it reads are an
+// immutable snapshot that setBindings() replaces atomically.
+class OscInput : public UdpReceiveThread
 {
     Q_OBJECT
 public:
     // How long one wait for a packet lasts, and so how late a stop request
     // (or a due log summary) may be noticed.
     static constexpr int POLL_INTERVAL_MS = 100;
-    // How long term() waits for the thread to end.
-    static constexpr int STOP_TIMEOUT_MS = 2000;
 
     explicit OscInput(QObject* parent = nullptr);
-    // Stops the thread if it still runs (waiting as long as it takes: a
-    // stopped loop ends within one poll).
     ~OscInput() override;
 
-    // GUI thread, once. Copies the bindings and, when their "oscPort" is not
+    // GUI thread, once. Takes the bindings and, when their "oscPort" is not
     // 0, starts the thread, which sends what it receives into `player` (which
     // must outlive the thread). Returns whether it started; port 0 means OSC
-    // is off: no thread, no open port.
+    // is off: no thread, no open port. A stopped input is not opened again;
+    // make a new one.
     bool open(PdPlayer* player, const InputMap::Bindings& bindings);
 
-    // GUI thread. Asks the thread to stop and waits for it at most
-    // STOP_TIMEOUT_MS. Does nothing when it is not running. A stopped input
-    // is not opened again; make a new one.
-    void term();
+    // GUI thread. The bindings every message from now on is read against
+    // (the port stays the one open() opened).
+    void setBindings(const InputMap::Bindings& bindings);
+    // Any thread: the bindings in force now.
+    std::shared_ptr<const InputMap::Bindings> bindings() const;
+    PdPlayer* player() const { return mPlayer; }
 
 signals:
     // Emitted on the receiver's thread once the port is open. Connect queued.
     void listening(int port);
-    // Emitted on the receiver's thread when it cannot work (the port cannot
-    // be opened); the thread then ends and the rest of the program goes on.
-    // The text says why. Connect queued.
-    void fatalError(QString error);
-
-protected:
-    void run() override;
 
 private:
+    bool openPort() override;
+    int socketDescriptor() const override;
+    void receivePending() override;
+    void summariseIfDue() override;
+    void closePort() override;
+
+    // Written by open() before the thread starts (QThread::start orders them).
     PdPlayer* mPlayer = nullptr;
-    // Written by open() before the thread starts; only the thread reads it
-    // afterwards (QThread::start orders the two).
-    InputMap::Bindings mBindings;
-    // Written by the GUI thread, polled by the loop. Nothing else is
-    // published through it, so relaxed order is enough.
-    std::atomic<bool> mStop{false};
+    int mPort = 0;
+    // Replaced whole by setBindings(), read by the receiving thread: only
+    // through std::atomic_load/atomic_store.
+    std::shared_ptr<const InputMap::Bindings> mBindings;
+    // The receiving thread's own.
+    std::unique_ptr<OscReceiver> mReceiver;
+    void* mServer = nullptr; // liblo's lo_server, an opaque pointer
 };

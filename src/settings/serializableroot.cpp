@@ -1,6 +1,6 @@
 #include "settings/serializableroot.h"
 
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -32,7 +32,7 @@ void SerializableRoot::term()
 
 bool SerializableRoot::init(const QString& fileName)
 {
-    mPath = AppContext::configDir() + QLatin1Char('/') + fileName;
+    mPath = Paths::configDir() + QLatin1Char('/') + fileName;
     removeAbandonedTemporaryFiles();
     // Whatever is there and cannot hold the document goes aside: the object
     // then starts from its defaults, as on a first run.

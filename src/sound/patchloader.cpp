@@ -1,6 +1,6 @@
 #include "sound/patchloader.h"
 
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/serializableroot.h"
 #include "sound/pdplayer.h"
 
@@ -34,7 +34,7 @@ const QStringList& PatchLoader::shellPatches()
 
 bool PatchLoader::installShellPatches()
 {
-    const QString patchDir = AppContext::patchDir();
+    const QString patchDir = Paths::patchDir();
     // The folder is the program's own: a file or link in its place would
     // stop every start, so it is kept aside and the folder made anew.
     const QFileInfo folder(patchDir);
@@ -42,7 +42,7 @@ bool PatchLoader::installShellPatches()
         SerializableRoot::keepAside(patchDir, "entry in the place of the patch folder");
     }
     QDir().mkpath(patchDir); // a failure shows in the copies below
-    const QString shellDir = AppContext::resourceDir() + QStringLiteral("/patches/shell/");
+    const QString shellDir = Paths::resourceDir() + QStringLiteral("/patches/shell/");
     bool ok = true;
     for (const QString& name : shellPatches()) {
         ok = copyIfNewer(shellDir + name, patchDir + QLatin1Char('/') + name) && ok;
@@ -74,12 +74,12 @@ bool PatchLoader::copyIfNewer(const QString& source, const QString& target)
 
 QString PatchLoader::voiceFile()
 {
-    return AppContext::patchDir() + QStringLiteral("/arbo_voice.pd");
+    return Paths::patchDir() + QStringLiteral("/arbo_voice.pd");
 }
 
 QString PatchLoader::mainPatchFile()
 {
-    return AppContext::patchDir() + QStringLiteral("/arbo_main.pd");
+    return Paths::patchDir() + QStringLiteral("/arbo_main.pd");
 }
 
 bool PatchLoader::loadVoice(PdPlayer* player, const QString& voicePatch)

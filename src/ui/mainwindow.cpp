@@ -4,12 +4,13 @@
 #include "display/arboview.h"
 #include "display/transposewidget.h"
 #include "model/arbo.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "settings/settings.h"
-#include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "ui/diagnosticsdialog.h"
+#include "ui/macrosliders.h"
 #include "ui/optionsdialog.h"
+#include "ui/patchchooser.h"
 #include "ui/stylesheetloader.h"
 #include "ui/tweakdialog.h"
 #include "ui_mainwindow.h"
@@ -17,8 +18,6 @@
 
 #include <QComboBox>
 #include <QDebug>
-#include <QDir>
-#include <QFileDialog>
 #include <QFileInfo>
 #include <QFontMetrics>
 #include <QIcon>
@@ -32,10 +31,8 @@
 #include <QSlider>
 #include <QSvgRenderer>
 
-#include <utility>
 
 namespace {
-const QString NONE_LOADED = QStringLiteral("None loaded");
 
 constexpr int CIRCLES_PAGE = 0;
 constexpr int GRAPES_PAGE = 1;
@@ -46,7 +43,6 @@ const QString VIEW_SWITCHER_TEXT = QStringLiteral(
     "color: #c4c4ba; }</style><a href='grapes'>Grapes</a> | <a href='circles'>Flowers</a>");
 const QPoint VIEW_SWITCHER_POS(108, 124);
 
-constexpr int MACRO_COUNT = 8;
 
 const QString STEPS_CAPTION = QStringLiteral("Shifted prime steps: ");
 // Between the two frequencies of the readout.
@@ -60,24 +56,26 @@ constexpr int LOGO_HEIGHT = 64;
 QIcon themeIcon(const QString& name)
 {
     return QIcon::fromTheme(
-        name, QIcon(AppContext::resourceDir() + QStringLiteral("/icons/%1.svg").arg(name)));
+        name, QIcon(Paths::resourceDir() + QStringLiteral("/icons/%1.svg").arg(name)));
 }
 } // namespace
 
-MainWindow::MainWindow(Arbo* lattice, QWidget* parent)
-    : QMainWindow(parent), mUi(std::make_unique<Ui::MainWindow>()), mLattice(lattice),
+MainWindow::MainWindow(const InstrumentParts& parts, QWidget* parent)
+    : QMainWindow(parent), mUi(std::make_unique<Ui::MainWindow>()), mParts(parts),
+      mLattice(parts.lattice), mPlayer(parts.player), mOptions(parts.options),
       mStopAllEvent(ArboEvent::AllNotesOff, 1.0f)
 {
     mUi->setupUi(this);
+    mPatches = new PatchChooser(mUi->patchMenu, mPlayer, this);
     // First, so that it collects the messages of everything that follows.
     mDiagnosticsDialog = new DiagnosticsDialog(this);
-    setWindowTitle(QString::fromLatin1(AppContext::APP_NAME));
+    setWindowTitle(QString::fromLatin1(Paths::APP_NAME));
     setIcons();
-    mUi->transposeWidget->init(Qt::Vertical);
+    mUi->transposeWidget->init(Qt::Vertical, *mLattice, mPlayer);
 
-    Settings* settings = AppContext::settings();
-    mUi->circleLayer->init(ArboLeavesWidget::Circles, lattice);
-    mUi->grapeLayer->init(ArboLeavesWidget::Grapes, lattice);
+    Settings* settings = mOptions;
+    mUi->circleLayer->init(ArboLeavesWidget::Circles, mLattice, mPlayer, *mOptions);
+    mUi->grapeLayer->init(ArboLeavesWidget::Grapes, mLattice, mPlayer, *mOptions);
     mUi->centralStack->setCurrentIndex(settings->mCirclesView ? CIRCLES_PAGE : GRAPES_PAGE);
 
     mViewSwitcher = new QLabel(mUi->centralWidget);
@@ -101,30 +99,25 @@ MainWindow::MainWindow(Arbo* lattice, QWidget* parent)
     mUi->presetMenu->hide();
     mUi->savePresetButton->hide();
 
-    for (int n = 1; n <= MACRO_COUNT; ++n) {
-        connect(macroSlider(n), &QSlider::valueChanged, this,
-                &MainWindow::onMacroSliderValueChanged);
-    }
+    mMacros = new MacroSliders(this, mPlayer);
 
     connect(mViewSwitcher, &QLabel::linkActivated, this, &MainWindow::onSwitcherClicked);
     connect(mAbsRelSwitcher, &QLabel::linkActivated, this, &MainWindow::onAbsRelSwitcherClicked);
-    connect(lattice, &Arbo::transposeOrBaseFrequencyChanged, this, &MainWindow::onTransposeChanged);
-    PdPlayer* player = AppContext::player();
+    connect(mLattice, &Arbo::transposeOrBaseFrequencyChanged, this,
+            &MainWindow::onTransposeChanged);
+    PdPlayer* player = mPlayer;
     connect(player, &PdPlayer::volumeChanged, this, &MainWindow::onVolumeChanged,
             Qt::QueuedConnection);
     connect(player, &PdPlayer::monophonicChanged, this, &MainWindow::onMonophonicChanged,
             Qt::QueuedConnection);
-    connect(player, &PdPlayer::macroValueChanged, this, &MainWindow::onMacroValueChanged,
+    // Either way the player has summed the steps: see takeRequestedSteps().
+    connect(player, &PdPlayer::patchDecRequested, mPatches, &PatchChooser::takeRequestedSteps,
             Qt::QueuedConnection);
-    connect(player, &PdPlayer::macroNamesReceived, this, &MainWindow::onMacroNamesReceived,
-            Qt::QueuedConnection);
-    connect(player, &PdPlayer::patchDecRequested, this, &MainWindow::onPatchDecRequested,
-            Qt::QueuedConnection);
-    connect(player, &PdPlayer::patchIncRequested, this, &MainWindow::onPatchIncRequested,
+    connect(player, &PdPlayer::patchIncRequested, mPatches, &PatchChooser::takeRequestedSteps,
             Qt::QueuedConnection);
 
-    initPatchMenu();
-    loadDefaultPatch();
+    mPatches->initMenu();
+    mPatches->loadDefault(mOptions->mDefaultPatch);
     onTransposeChanged();
 
     // The tweak dialog edits the lattice's layout constants; Ctrl+T shows
@@ -149,7 +142,7 @@ void MainWindow::setIcons()
 
     // Drawn at the screen's pixel density, so the logo stays sharp on a
     // high-density screen.
-    QSvgRenderer logo(AppContext::resourceDir() + QStringLiteral("/logo.svg"));
+    QSvgRenderer logo(Paths::resourceDir() + QStringLiteral("/logo.svg"));
     if (logo.isValid()) {
         const qreal ratio = devicePixelRatioF();
         const QSize size =
@@ -162,7 +155,7 @@ void MainWindow::setIcons()
         pixmap.setDevicePixelRatio(ratio);
         mUi->logoLabel->setPixmap(pixmap);
     } else {
-        qWarning() << "Logo not found in" << AppContext::resourceDir();
+        qWarning() << "Logo not found in" << Paths::resourceDir();
     }
 }
 
@@ -191,7 +184,7 @@ void MainWindow::onSwitcherClicked(const QString& link)
 
 void MainWindow::onAbsRelSwitcherClicked(const QString& link)
 {
-    Settings* settings = AppContext::settings();
+    Settings* settings = mOptions;
     if (link == QLatin1String("absolute")) {
         settings->mAbsRelView = 1;
     } else if (link == QLatin1String("absolute2")) {
@@ -277,7 +270,7 @@ void MainWindow::toggleDiagnostics()
 
 void MainWindow::applicationUpdateCheck()
 {
-    Settings* settings = AppContext::settings();
+    Settings* settings = mOptions;
     UpdateDialog::checkAtStartup(this, settings->mUpdateCheckInterval,
                                  settings->mTSysLastUpdateCheck);
 }
@@ -303,87 +296,24 @@ OptionsDialog* MainWindow::optionsDialog() const
 
 void MainWindow::on_optionsButton_clicked()
 {
-    OptionsDialog::toggle(mOptionsDialog, this, mOptionsDialogPosition);
-}
-
-QSlider* MainWindow::macroSlider(int number) const
-{
-    return findChild<QSlider*>(QStringLiteral("macroSlider%1").arg(number));
-}
-
-QLabel* MainWindow::macroLabel(int number) const
-{
-    return findChild<QLabel*>(QStringLiteral("macroLabel%1").arg(number));
-}
-
-float MainWindow::normalised(const QSlider* slider, float value)
-{
-    return (value - float(slider->minimum())) / float(slider->maximum() - slider->minimum());
-}
-
-int MainWindow::sliderPosition(const QSlider* slider, float value)
-{
-    return qRound(value * float(slider->maximum() - slider->minimum()) + float(slider->minimum()));
+    OptionsDialog::toggle(mOptionsDialog, mParts, this, mOptionsDialogPosition);
 }
 
 void MainWindow::queue(ArboEvent::Type type, float value)
 {
     const ArboEvent event(type, value);
-    AppContext::player()->queueEventGui(&event);
-}
-
-void MainWindow::setMacro(int index, float value)
-{
-    // All sliders share the first one's range.
-    queue(static_cast<ArboEvent::Type>(ArboEvent::Macro1 + index),
-          normalised(mUi->macroSlider1, value));
-}
-
-void MainWindow::onMacroSliderValueChanged(int value)
-{
-    const QString name = sender()->objectName();
-    const int index = name.at(name.size() - 1).digitValue() - 1;
-    setMacro(index, float(value));
-}
-
-void MainWindow::onMacroValueChanged(int macro, float value)
-{
-    // The player reports macro n for its command Macro<n>, counting from 1
-    // like the slider names: "macroSlider<n>" is the slider that sent it (or
-    // the one a wand's macro n belongs to).
-    QSlider* slider = macroSlider(macro);
-    if (!slider) {
-        return;
-    }
-    const QSignalBlocker blocker(slider);
-    slider->setValue(sliderPosition(slider, value));
-}
-
-void MainWindow::onMacroNamesReceived(const QStringList& names)
-{
-    for (int n = 1; n <= MACRO_COUNT; ++n) {
-        QLabel* label = macroLabel(n);
-        const bool used = n <= names.size();
-        if (used) {
-            const QString& name = names.at(n - 1);
-            label->setText(name.left(1).toUpper() + name.mid(1).toLower());
-        } else {
-            label->setText(QStringLiteral("Unused"));
-        }
-        label->setEnabled(used);
-        macroSlider(n)->setEnabled(used);
-    }
+    mPlayer->queueEventGui(&event);
 }
 
 void MainWindow::on_volumeSlider_valueChanged(int value)
 {
-    queue(ArboEvent::MasterVolume, normalised(mUi->volumeSlider, float(value)));
+    queue(ArboEvent::MasterVolume, MacroSliders::normalised(mUi->volumeSlider, float(value)));
 }
 
 void MainWindow::onVolumeChanged(float volume)
 {
     const QSignalBlocker blocker(mUi->volumeSlider);
-    mUi->volumeSlider->setValue(sliderPosition(mUi->volumeSlider, volume));
+    mUi->volumeSlider->setValue(MacroSliders::sliderPosition(mUi->volumeSlider, volume));
 }
 
 void MainWindow::on_monoButton_clicked()
@@ -407,165 +337,29 @@ void MainWindow::onMonophonicChanged(bool monophonic)
 
 void MainWindow::on_stopAllButton_clicked()
 {
-    AppContext::player()->queueEventGui(&mStopAllEvent);
+    mPlayer->queueEventGui(&mStopAllEvent);
 }
 
 void MainWindow::on_presetDecButton_clicked() {}
 
 void MainWindow::on_presetIncButton_clicked() {}
 
-void MainWindow::initPatchMenu()
-{
-    const QString folder = AppContext::resourceDir() + QStringLiteral("/patches");
-    const QFileInfoList files = QDir(folder).entryInfoList(QDir::Files, QDir::Name);
-    if (files.isEmpty()) {
-        qCritical() << "Found no presets in patch dir" << folder;
-    }
-    for (const QFileInfo& file : files) {
-        addPatchToMenu(file.absoluteFilePath());
-    }
-}
-
-void MainWindow::addPatchToMenu(const QString& path)
-{
-    const QString absolute = QFileInfo(path).absoluteFilePath();
-    QString name = absolute.mid(absolute.lastIndexOf(QLatin1Char('/')) + 1);
-    if (name.endsWith(QLatin1String(".pd"))) {
-        name.chop(3);
-    }
-    if (mUi->patchMenu->findData(absolute, Qt::UserRole,
-                                 Qt::MatchExactly | Qt::MatchCaseSensitive) < 0) {
-        mUi->patchMenu->addItem(name, absolute);
-    }
-}
-
-void MainWindow::setNoPatchLoaded(bool noPatch)
-{
-    const int index = mUi->patchMenu->findText(NONE_LOADED);
-    if (noPatch) {
-        if (index < 0) {
-            mUi->patchMenu->addItem(NONE_LOADED, QString());
-            mUi->patchMenu->setCurrentIndex(mUi->patchMenu->count() - 1);
-        }
-    } else if (index >= 0) {
-        mUi->patchMenu->removeItem(index);
-    }
-}
-
-void MainWindow::loadDefaultPatch()
-{
-    const QString patches = AppContext::resourceDir() + QStringLiteral("/patches/");
-    const QString name = AppContext::settings()->mDefaultPatch;
-    if (!name.isEmpty() && QFile::exists(patches + name)) {
-        loadPatch(patches + name);
-        return;
-    }
-    qWarning() << "No default patch name found, use Sine.";
-    if (QFile::exists(patches + QStringLiteral("Sine.pd"))) {
-        loadPatch(patches + QStringLiteral("Sine.pd"));
-    } else {
-        qWarning() << "Sine patch not found, set None loaded.";
-        setNoPatchLoaded(true);
-    }
-}
-
-void MainWindow::loadPatch(const QString& path)
-{
-    const QString absolute = path.isEmpty() ? QString() : QFileInfo(path).absoluteFilePath();
-    qWarning() << "Loading voice patch" << absolute;
-    PdPlayer* player = AppContext::player();
-    if (!PatchLoader::loadVoice(player, absolute)) {
-        QMessageBox::critical(this, QString::fromLatin1(AppContext::APP_NAME),
-                              tr("Failed to load patch %1.").arg(absolute), QMessageBox::Ok);
-        // The last good patch plays on, and the menu shows it again.
-        if (mLastLoadedPatch >= 0 && mLastLoadedPatch < mUi->patchMenu->count()) {
-            mUi->patchMenu->setCurrentIndex(mLastLoadedPatch);
-        } else {
-            setNoPatchLoaded(true);
-        }
-        return;
-    }
-    // The player gives the new patch the volume, and the macros where it
-    // has one of the same name (its defaults otherwise); the sliders follow
-    // what it reports.
-    setNoPatchLoaded(false);
-    addPatchToMenu(absolute);
-    mLastLoadedPatch =
-        mUi->patchMenu->findData(absolute, Qt::UserRole, Qt::MatchExactly | Qt::MatchCaseSensitive);
-    mUi->patchMenu->setCurrentIndex(mLastLoadedPatch);
-}
-
-void MainWindow::stepPatch(int step)
-{
-    const int count = mUi->patchMenu->count();
-    if (count == 0) {
-        return; // nothing to step through
-    }
-    const int index = ((mUi->patchMenu->currentIndex() + step % count) % count + count) % count;
-    mUi->patchMenu->setCurrentIndex(index);
-    loadPatch(mUi->patchMenu->itemData(index).toString());
-}
-
-void MainWindow::onPatchDecRequested()
-{
-    takeRequestedPatchSteps();
-}
-
-void MainWindow::onPatchIncRequested()
-{
-    takeRequestedPatchSteps();
-}
-
-void MainWindow::takeRequestedPatchSteps()
-{
-    // Wands, OSC and MIDI can ask for hundreds of steps a second, and a patch
-    // change takes a good part of one. Carried out one by one, a burst would
-    // change patches for a minute, silent, with the window deaf to
-    // everything else. So the player adds the steps up and signals once; the
-    // window goes straight to the patch they add up to. Steps that arrive
-    // during the change are signalled again and make at most one more
-    // change, after the event loop has had its turn (a quit request is then
-    // seen between two changes, however long a flood goes on).
-    mRequestedPatchSteps += AppContext::player()->takePatchSteps();
-    const int count = mUi->patchMenu->count();
-    if (count > 0) {
-        mRequestedPatchSteps %= count; // a whole round ends where it began
-    }
-    if (mPatchChangeUnderWay || mRequestedPatchSteps == 0) {
-        return;
-    }
-    mPatchChangeUnderWay = true;
-    stepPatch(std::exchange(mRequestedPatchSteps, 0));
-    mPatchChangeUnderWay = false;
-    if (mRequestedPatchSteps != 0) {
-        // Taken while a failed load's message box was open: they have no
-        // signal of their own coming.
-        QMetaObject::invokeMethod(this, &MainWindow::takeRequestedPatchSteps, Qt::QueuedConnection);
-    }
-}
-
 void MainWindow::on_patchMenu_activated(int index)
 {
-    loadPatch(mUi->patchMenu->itemData(index).toString());
+    mPatches->load(mUi->patchMenu->itemData(index).toString());
 }
 
 void MainWindow::on_patchDecButton_clicked()
 {
-    stepPatch(-1);
+    mPatches->step(-1);
 }
 
 void MainWindow::on_patchIncButton_clicked()
 {
-    stepPatch(1);
+    mPatches->step(1);
 }
 
 void MainWindow::on_loadPatchButton_clicked()
 {
-    const QString file = QFileDialog::getOpenFileName(this, tr("Open Patch"), mLastPatchFolder,
-                                                      tr("PD Patches (*.pd)"));
-    if (file.isEmpty()) {
-        return;
-    }
-    mLastPatchFolder = QFileInfo(file).absolutePath();
-    loadPatch(file);
+    mPatches->openFile();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "model/arboevent.h"
+#include "ui/instrumentparts.h"
 
 #include <QList>
 #include <QMainWindow>
@@ -11,8 +12,12 @@
 #include <memory>
 
 class Arbo;
+class PdPlayer;
+class Settings;
 class DiagnosticsDialog;
 class OptionsDialog;
+class MacroSliders;
+class PatchChooser;
 class TweakDialog;
 class ArboView;
 class QLabel;
@@ -42,7 +47,7 @@ class MainWindow : public QMainWindow
 {
     Q_OBJECT
 public:
-    explicit MainWindow(Arbo* lattice, QWidget* parent = nullptr);
+    explicit MainWindow(const InstrumentParts& parts, QWidget* parent = nullptr);
     ~MainWindow() override;
 
     // The view of the drawing shown now.
@@ -50,17 +55,9 @@ public:
     // Whether the flowers drawing is shown (the "circlesView" option).
     bool isCirclesViewShown() const;
 
-    // Puts the voice patch at `path` into play; on failure shows why.
-    void loadPatch(const QString& path);
-    // The "defaultPatch" option's patch, else "Sine.pd", else none.
-    void loadDefaultPatch();
-    // Lists the voice patches of the resource folder in the menu.
-    void initPatchMenu();
-    void addPatchToMenu(const QString& path);
-    void setNoPatchLoaded(bool noPatch);
-    // Sends macro `index` (0..7) the slider position `value`, normalised to
-    // 0..1 by the sliders' range.
-    void setMacro(int index, float value);
+    // The patch menu and the loading of voices.
+    PatchChooser* patches() const { return mPatches; }
+    MacroSliders* macros() const { return mMacros; }
     // Where the options dialog opens next time; (0, 0) means wherever it
     // likes.
     void setOptionsDialogPosition(const QPoint& position) { mOptionsDialogPosition = position; }
@@ -90,11 +87,6 @@ public slots:
     void onTransposeChanged();
     void onVolumeChanged(float volume);
     void onMonophonicChanged(bool monophonic);
-    void onMacroValueChanged(int macro, float value);
-    void onMacroNamesReceived(const QStringList& names);
-    void onPatchDecRequested();
-    void onPatchIncRequested();
-    void onMacroSliderValueChanged(int value);
     void on_patchMenu_activated(int index);
     void on_patchDecButton_clicked();
     void on_patchIncButton_clicked();
@@ -114,34 +106,23 @@ protected:
 
 private:
     void setIcons();
-    void stepPatch(int step);
-    // The patch steps of wands, OSC and MIDI: see onPatchIncRequested().
-    void takeRequestedPatchSteps();
     void updateReadout();
-    QSlider* macroSlider(int number) const;
-    QLabel* macroLabel(int number) const;
-    // A slider's position as a number from 0 to 1, and back.
-    static float normalised(const QSlider* slider, float value);
-    static int sliderPosition(const QSlider* slider, float value);
     // Queues an event made for this one call.
-    static void queue(ArboEvent::Type type, float value);
+    void queue(ArboEvent::Type type, float value);
 
     std::unique_ptr<Ui::MainWindow> mUi;
+    InstrumentParts mParts;
     Arbo* mLattice;
+    PdPlayer* mPlayer;
+    Settings* mOptions;
     QLabel* mViewSwitcher;
     // Made and connected, but given no text: the readout mode is not offered
     // in the window.
     QLabel* mAbsRelSwitcher;
     // Made once and queued again on every press.
     const ArboEvent mStopAllEvent;
-    // The menu item of the patch last loaded successfully; -1 before any.
-    int mLastLoadedPatch = -1;
-    // Patch steps taken from the player and not yet carried out, and whether
-    // a change for them runs (a failed load's message box lets the event
-    // loop, and so more steps, in during a change).
-    int mRequestedPatchSteps = 0;
-    bool mPatchChangeUnderWay = false;
-    QString mLastPatchFolder;
+    PatchChooser* mPatches = nullptr;
+    MacroSliders* mMacros = nullptr;
     QPoint mOptionsDialogPosition;
     DiagnosticsDialog* mDiagnosticsDialog = nullptr;
     TweakDialog* mTweakDialog = nullptr;

@@ -1,7 +1,7 @@
 #include "ui/optionsdialog.h"
 
 #include "model/arboevent.h"
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 #include "ui/midioptionswidget.h"
 #include "settings/settings.h"
 #include "sound/audiooutput.h"
@@ -65,7 +65,8 @@ const NoteTable& noteTable()
 
 } // namespace
 
-OptionsDialog::OptionsDialog(QWidget* parent) : QDialog(parent), mUi(new Ui::OptionsDialog)
+OptionsDialog::OptionsDialog(const InstrumentParts& parts, QWidget* parent)
+    : QDialog(parent), mUi(new Ui::OptionsDialog), mParts(parts)
 {
     initAboutResource();
     mUi->setupUi(this);
@@ -79,18 +80,17 @@ OptionsDialog::OptionsDialog(QWidget* parent) : QDialog(parent), mUi(new Ui::Opt
     mUi->oneOneNoteBox->addItems(noteNames());
     mUi->versionLabel->setText(QStringLiteral("The current version is: ") +
                                QStringLiteral(ARBO_VERSION));
-    mUi->updateIntervalBox->setCurrentIndex(AppContext::settings()->mUpdateCheckInterval);
+    mUi->updateIntervalBox->setCurrentIndex(mParts.options->mUpdateCheckInterval);
 
     fillOptionsPage();
     fillAboutPage();
     // A fourth tab beside the three of the options: the MIDI output's
     // settings, edited live, for those who play synthesizers with the
     // lattice. Only where the program has a MIDI output.
-    if (AppContext::midiOutput() && AppContext::midiSettings()) {
-        mUi->tabWidget->insertTab(
-            mUi->tabWidget->count() - 1,
-            new MidiOptionsWidget(AppContext::midiSettings(), AppContext::midiOutput()),
-            QStringLiteral("MIDI"));
+    if (mParts.midiOutput && mParts.midiSettings) {
+        mUi->tabWidget->insertTab(mUi->tabWidget->count() - 1,
+                                  new MidiOptionsWidget(mParts.midiSettings, mParts.midiOutput),
+                                  QStringLiteral("MIDI"));
     }
 
     connect(mUi->audioDeviceBox, QOverload<int>::of(&QComboBox::activated), this,
@@ -125,8 +125,8 @@ float OptionsDialog::baseFrequencyFor(int calibration, const QString& note)
 
 void OptionsDialog::fillOptionsPage()
 {
-    const Settings* settings = AppContext::settings();
-    const AudioOutput* output = AppContext::audioOutput();
+    const Settings* settings = mParts.options;
+    const AudioOutput* output = mParts.audioOutput;
     // Filling the controls is no choice of the user's: nothing may reach the
     // player or the options from here.
     const QSignalBlocker blockDevices(mUi->audioDeviceBox);
@@ -188,7 +188,8 @@ void OptionsDialog::rePosition(QPoint position)
     rePosition();
 }
 
-void OptionsDialog::toggle(QPointer<OptionsDialog>& dialog, QWidget* parent, QPoint& position)
+void OptionsDialog::toggle(QPointer<OptionsDialog>& dialog, const InstrumentParts& parts,
+                           QWidget* parent, QPoint& position)
 {
     if (dialog && dialog->isVisible()) {
         position = dialog->pos();
@@ -196,7 +197,7 @@ void OptionsDialog::toggle(QPointer<OptionsDialog>& dialog, QWidget* parent, QPo
         return;
     }
     delete dialog.data();
-    dialog = new OptionsDialog(parent);
+    dialog = new OptionsDialog(parts, parent);
     // Without a parent the dialog itself is the connection's context.
     QObject* context = parent ? static_cast<QObject*>(parent) : dialog.data();
     connect(dialog.data(), &OptionsDialog::positionStored, context,
@@ -217,7 +218,7 @@ void OptionsDialog::closeEvent(QCloseEvent* event)
 
 void OptionsDialog::onAudioDeviceMenuActivated(int index)
 {
-    AudioOutput* output = AppContext::audioOutput();
+    AudioOutput* output = mParts.audioOutput;
     if (!output) {
         return;
     }
@@ -238,7 +239,7 @@ void OptionsDialog::onOneOneNoteChanged(int index)
     if (index < 0 || index >= noteNames().size()) {
         return;
     }
-    Settings* settings = AppContext::settings();
+    Settings* settings = mParts.options;
     settings->mBaseNote = noteNames().at(index);
     settings->mBaseFrequency =
         baseFrequencyFor(settings->mCalibrationFrequency, settings->mBaseNote);
@@ -249,7 +250,7 @@ void OptionsDialog::onOneOneNoteChanged(int index)
 
 void OptionsDialog::onCalibrationFreqEditValueChanged(int hz)
 {
-    Settings* settings = AppContext::settings();
+    Settings* settings = mParts.options;
     settings->mCalibrationFrequency = hz;
     settings->mBaseFrequency = baseFrequencyFor(hz, settings->mBaseNote);
     sendBaseFrequency(settings->mBaseFrequency);
@@ -263,19 +264,17 @@ void OptionsDialog::onOneOneFreqEditValueChanged(double value)
 
 void OptionsDialog::sendBaseFrequency(float frequency)
 {
-    if (PdPlayer* player = AppContext::player()) {
-        // The ring copies the event; it need not outlive the call.
-        const ArboEvent event(ArboEvent::BaseFrequency, frequency);
-        player->queueEventGui(&event);
-    }
+    // The ring copies the event; it need not outlive the call.
+    const ArboEvent event(ArboEvent::BaseFrequency, frequency);
+    mParts.player->queueEventGui(&event);
 }
 
 void OptionsDialog::onUpdateCheckFrequencyActivated(int index)
 {
-    AppContext::settings()->mUpdateCheckInterval = index;
+    mParts.options->mUpdateCheckInterval = index;
 }
 
 void OptionsDialog::onUpdateButtonClicked()
 {
-    UpdateDialog::checkNow(this, AppContext::settings()->mTSysLastUpdateCheck);
+    UpdateDialog::checkNow(this, mParts.options->mTSysLastUpdateCheck);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ui/instrumentparts.h"
+
 #include <QDialog>
 #include <QList>
 #include <QPoint>
@@ -20,9 +22,9 @@ class OptionsDialog;
 // button to look now) and "About", with a single Close button.
 //
 // Every control acts at once; there is no Apply or Cancel. Changes go
-// straight into the options record (AppContext::settings(); the application
-// writes the file), to the audio output (AppContext::audioOutput()) and, as
-// commands, to the player (AppContext::player(), its GUI command buffer).
+// straight into the options record (the application writes the file), to the
+// audio output and, as commands, to the player (its GUI command ring), all
+// handed in as InstrumentParts.
 // The main window owns the dialog and makes a fresh one each time it is
 // opened (toggle()); the position where it was closed is handed back through
 // positionStored.
@@ -38,7 +40,7 @@ public:
     // The frequency of A4 that the note frequencies are tuned to.
     static constexpr float REFERENCE_A4 = 440.0f;
 
-    explicit OptionsDialog(QWidget* parent = nullptr);
+    explicit OptionsDialog(const InstrumentParts& parts, QWidget* parent = nullptr);
     ~OptionsDialog() override;
 
     // The 137 names of the "1/1 Note" choice, "A 0" to "A 8" by semitone,
@@ -64,7 +66,8 @@ public:
     // `position` (left where it opens when that is (0, 0), never stored).
     // Every later close of the new dialog also updates `position`, which
     // must therefore live as long as `parent` (a member of it).
-    static void toggle(QPointer<OptionsDialog>& dialog, QWidget* parent, QPoint& position);
+    static void toggle(QPointer<OptionsDialog>& dialog, const InstrumentParts& parts,
+                       QWidget* parent, QPoint& position);
 
 signals:
     // The dialog closed at `position` (its top-left corner on the screen).
@@ -91,5 +94,6 @@ private:
     void sendBaseFrequency(float frequency);
 
     std::unique_ptr<Ui::OptionsDialog> mUi;
+    InstrumentParts mParts;
     QPoint mStoredPosition;
 };

@@ -1,6 +1,6 @@
 #include "ui/stylesheetloader.h"
 
-#include "settings/appcontext.h"
+#include "settings/paths.h"
 
 #include <QApplication>
 #include <QDebug>
@@ -8,7 +8,7 @@
 
 bool StyleSheetLoader::load()
 {
-    const QString resourceDir = AppContext::resourceDir();
+    const QString resourceDir = Paths::resourceDir();
     // Both sheets are required: the platform sheet is as essential as the main one.
     struct Sheet
     {

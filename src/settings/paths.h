@@ -1,0 +1,28 @@
+#pragma once
+
+#include <QString>
+
+// The program's name and its two folders. Plain functions of where the
+// program runs and of the user's data location: they hold no objects, so any
+// layer may ask for a folder without reaching for the application.
+//
+// Any thread once the application name is set (the application sets it
+// before anything else runs).
+namespace Paths {
+
+// The application's name; it also names the per-user configuration folder.
+extern const char* const APP_NAME;
+
+// The per-user writable data folder (log, options, lattice, tag map, runtime
+// patches). Needs the application name to be set.
+QString configDir();
+
+// The read-only folder beside the executable: style sheets, SVG symbols and
+// the "patches" tree. Nothing is ever written there.
+QString resourceDir();
+
+// The runtime patch folder inside the configuration folder, where the shell
+// patches and the chosen voice ("arbo_voice.pd") are copied for libpd.
+QString patchDir();
+
+} // namespace Paths

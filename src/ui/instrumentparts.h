@@ -1,0 +1,24 @@
+#pragma once
+
+class Arbo;
+class AudioOutput;
+class MidiOutput;
+class MidiSettings;
+class PdPlayer;
+class Settings;
+
+// What the windows act on: the application's long-lived objects, handed down
+// by the application that owns them. A window keeps the pointers and owns
+// none of the objects, all of which outlive it.
+//
+// The lattice, the player and the options are always there. The others are
+// null where a window is made without them (a test of the lattice drawing):
+// the options dialog then offers no device choice or no MIDI tab.
+struct InstrumentParts {
+    Arbo* lattice = nullptr;
+    PdPlayer* player = nullptr;
+    Settings* options = nullptr;
+    AudioOutput* audioOutput = nullptr;
+    MidiOutput* midiOutput = nullptr;
+    MidiSettings* midiSettings = nullptr;
+};
