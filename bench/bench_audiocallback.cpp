@@ -21,6 +21,7 @@
 #include "jackplayback.h"
 #include "model/arboratio.h"
 #include "settings/paths.h"
+#include "sound/pdmessagebuffer.h"
 #include "sound/denormals.h"
 #include "input/inputmap.h"
 #include "midi/midiinput.h"
@@ -373,7 +374,7 @@ void patchChange(benchmark::State& state)
     sPlayer->unloadPatch();
 }
 
-// 1023 note toggles (a full command ring: the chord's 128 notes struck and
+// 1024 note toggles (a full command ring: the chord's 128 notes struck and
 // released again and again) queued at once while the chord sounds, then
 // buffers of state.range(0) frames rendered until every toggle is carried
 // out. Counters: the worst of those buffers in per cent of its period
@@ -400,13 +401,13 @@ void commandBurst(benchmark::State& state)
         const QMetaObject::Connection counting = QObject::connect(
             sPlayer, &PdPlayer::noteToggled, sPlayer, [&toggles] { ++toggles; },
             Qt::DirectConnection);
-        for (int i = 0; i < 1023; ++i) {
+        for (int i = 0; i < PdMessageBuffer::CAPACITY; ++i) {
             const ArboNoteEvent event(paths[std::size_t(i) % paths.size()]);
             sPlayer->queueEventGui(&event);
         }
         double worstHere = 0.0;
         int buffers = 0;
-        while (toggles < 1023 && buffers < 1000) {
+        while (toggles < PdMessageBuffer::CAPACITY && buffers < 1000) {
             const double start = threadSeconds();
             sPlayer->render(out.data(), frames);
             worstHere = std::max(worstHere, threadSeconds() - start);
@@ -414,7 +415,7 @@ void commandBurst(benchmark::State& state)
             sPlayer->deliverResults();
         }
         QObject::disconnect(counting);
-        if (toggles < 1023) {
+        if (toggles < PdMessageBuffer::CAPACITY) {
             state.SkipWithError("not every toggle was carried out");
             break;
         }
@@ -547,7 +548,7 @@ int main(int argc, char** argv)
         ->Unit(benchmark::kMillisecond)
         ->UseManualTime()
         ->Iterations(1);
-    atBufferSizes(benchmark::RegisterBenchmark("command_burst/1023", commandBurst))
+    atBufferSizes(benchmark::RegisterBenchmark("command_burst/1024", commandBurst))
         ->Unit(benchmark::kMicrosecond)
         ->UseManualTime()
         ->Iterations(5);

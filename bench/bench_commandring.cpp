@@ -146,7 +146,7 @@ void BM_RingNoteEvents(benchmark::State& state)
 }
 BENCHMARK(BM_RingNoteEvents)->UseRealTime();
 
-// One drain of a full ring (1023 commands, all the ring holds) on one thread:
+// One drain of a full ring (1024 commands, all the ring holds) on one thread:
 // read one command at a time, as the player does. Only the drain is timed;
 // refilling is not.
 void BM_DrainFullRing(benchmark::State& state)
@@ -172,13 +172,13 @@ void BM_DrainFullRing(benchmark::State& state)
         }
         const auto end = std::chrono::steady_clock::now();
         state.SetIterationTime(std::chrono::duration<double>(end - start).count());
-        if (drained != 1023) {
-            state.SkipWithError("the ring did not hold 1023 commands");
+        if (drained != PdMessageBuffer::CAPACITY) {
+            state.SkipWithError("the ring did not hold 1024 commands");
             break;
         }
     }
     benchmark::DoNotOptimize(sum);
-    state.SetItemsProcessed(state.iterations() * 1023);
+    state.SetItemsProcessed(state.iterations() * PdMessageBuffer::CAPACITY);
 }
 BENCHMARK(BM_DrainFullRing)->UseManualTime()->Unit(benchmark::kMicrosecond);
 

@@ -55,7 +55,7 @@ class TestCommandRing : public QObject
     Q_OBJECT
 
 private slots:
-    // With nobody draining, the ring takes 1023 commands; the rest are lost
+    // With nobody draining, the ring takes 1024 commands; the rest are lost
     // with one warning (not one per command), and the kept ones come out
     // whole and in order once the audio thread drains, each a copy of its
     // event (the events are gone by then). The number lost is reported with
@@ -70,7 +70,7 @@ private slots:
         QVERIFY(!buffer.queueEvent(&root)); // no ring yet
         QVERIFY(buffer.init());
         const std::vector<ArboPath> paths = distinctPaths();
-        for (int i = 0; i < 1023; ++i) {
+        for (int i = 0; i < PdMessageBuffer::CAPACITY; ++i) {
             const ArboNoteEvent note(paths[i % 121]);
             QVERIFY(buffer.queueEvent(&note));
         }
@@ -82,8 +82,8 @@ private slots:
         QCOMPARE(sLog, QStringList{FULL});
 
         const std::vector<Chunk> chunks = drainAll(buffer);
-        QCOMPARE(chunks.size(), std::size_t(1023));
-        for (int i = 0; i < 1023; ++i) {
+        QCOMPARE(chunks.size(), std::size_t(PdMessageBuffer::CAPACITY));
+        for (int i = 0; i < PdMessageBuffer::CAPACITY; ++i) {
             QVERIFY(sameBytes(chunks[i], Chunk{ArboEvent::NoteToggle, paths[i % 121], 1.0f}));
         }
         QVERIFY(buffer.queueEvent(&root));

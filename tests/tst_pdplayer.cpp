@@ -5,6 +5,7 @@
 #include "audioanalysis.h"
 #include "model/arboevent.h"
 #include "model/arbonoteevent.h"
+#include "sound/pdmessagebuffer.h"
 #include "sound/midinotering.h"
 #include "offlineplayer.h"
 #include "sound/patchloader.h"
@@ -425,7 +426,7 @@ void TestPdPlayer::insaneValuesAreRefusedAndStepsSummed()
 // not kept waiting behind the flood.
 void TestPdPlayer::budgetSpreadsAFloodInOrder()
 {
-    constexpr int FLOOD = 1023; // a full ring
+    constexpr int FLOOD = PdMessageBuffer::CAPACITY; // a full ring
     for (int i = 0; i < FLOOD; ++i) {
         queue(ArboEvent(ArboEvent::MasterVolume, float(i) / FLOOD));
     }

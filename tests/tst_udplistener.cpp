@@ -14,6 +14,7 @@
 #include "input/wanddatagram.h"
 #include "settings/paths.h"
 #include "settings/settings.h"
+#include "sound/pdmessagebuffer.h"
 #include "sound/pdplayer.h"
 #include "offlineplayer.h"
 #include "testsupport.h"
@@ -253,7 +254,7 @@ private slots:
     // flood: 20,000 datagrams a second for ten seconds from the wand simulator
     // (one mapped tag among nine unknown ones) while a stand-in for the audio
     // callback drains the player's serial ring every 6 ms. Then the same ring
-    // with nothing draining it: wand events fill its 1023 places, and the
+    // with nothing draining it: wand events fill its 1024 places, and the
     // listener must not wait for room but go on while the ring drops what does
     // not fit. Throughout, the note struck first sounds undisturbed, the log
     // stays small and the listener answers. Last, a sender faster than the
@@ -266,7 +267,7 @@ private slots:
         constexpr float VSTEP = 1.0f / 8192.0f;
         // Long enough for the budget to carry a full ring out.
         const double FULL_RING_SECONDS =
-            (1023 / PdPlayer::commandBudget(OfflinePlayer::BUFFER_FRAMES) + 2) *
+            (PdMessageBuffer::CAPACITY / PdPlayer::commandBudget(OfflinePlayer::BUFFER_FRAMES) + 2) *
             OfflinePlayer::BUFFER_SECONDS;
         UdpListener listener;
         connect(&listener, &UdpListener::eventReceived, &mPlayer, &PdPlayer::queueEventSerial,
@@ -315,7 +316,7 @@ private slots:
         QVERIFY(probe(events + 1501));
         QVERIFY(logged("Command buffer full"));
         OfflinePlayer::render(mPlayer, FULL_RING_SECONDS);
-        QCOMPARE(mPlayer.voiceVolume(), before + 1023.0f * VSTEP); // the first 1023 went in
+        QCOMPARE(mPlayer.voiceVolume(), before + float(PdMessageBuffer::CAPACITY) * VSTEP); // the first 1024 went in
         QCOMPARE(toggles, 1);
 
         connect(

@@ -6,10 +6,7 @@
 #include <QDebug>
 
 #include <algorithm>
-
-extern "C" {
-#include "z_ringbuffer.h"
-}
+#include <new>
 
 PdMessageBuffer::PdMessageBuffer() = default;
 
@@ -17,9 +14,6 @@ PdMessageBuffer::~PdMessageBuffer()
 {
     if (mFullWarning.suppressed() != 0) {
         reportDrops();
-    }
-    if (mRing) {
-        rb_free(mRing);
     }
 }
 
@@ -36,7 +30,7 @@ quint32 PdMessageBuffer::takeSilentDrops()
 bool PdMessageBuffer::init()
 {
     if (!mRing) {
-        mRing = rb_create(RING_BYTES);
+        mRing.reset(new (std::nothrow) SpscQueue<Chunk, CAPACITY>);
     }
     return mRing != nullptr;
 }
@@ -60,10 +54,9 @@ bool PdMessageBuffer::writeChunk(const Chunk* chunk)
     if (!mRing || !chunk) {
         return false;
     }
-    // The ring checks for room and copies all 16 bytes, or nothing, in this
-    // one call; asking for the free space first would only add a second pair
-    // of atomic operations on the line the reader is polling.
-    if (rb_write_to_buffer(mRing, 1, reinterpret_cast<const char*>(chunk), CHUNK_BYTES) != 0) {
+    // The queue checks for room and copies the whole chunk, or nothing, in
+    // this one call.
+    if (!mRing->push(*chunk)) {
         noteDrop();
         return false;
     }
@@ -98,8 +91,7 @@ void PdMessageBuffer::reportDrops()
 bool PdMessageBuffer::peek(Chunk& chunk)
 {
     if (!mHasAhead) {
-        if (!mRing || rb_available_to_read(mRing) < CHUNK_BYTES ||
-            rb_read_from_buffer(mRing, reinterpret_cast<char*>(&mAhead), CHUNK_BYTES) != 0) {
+        if (!mRing || !mRing->pop(mAhead)) {
             return false;
         }
         mHasAhead = true;
@@ -115,5 +107,5 @@ void PdMessageBuffer::pop()
 
 int PdMessageBuffer::freeChunks() const
 {
-    return mRing ? rb_available_to_write(mRing) / CHUNK_BYTES : 0;
+    return mRing ? int(mRing->freeSlots()) : 0;
 }

@@ -2,6 +2,7 @@
 
 #include "model/arbopath.h"
 #include "settings/logthrottle.h"
+#include "sound/spscqueue.h"
 
 #include <QtGlobal>
 
@@ -9,19 +10,19 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <type_traits>
 
 class ArboEvent;
-struct ring_buffer;
 
 // Carries commands from one producing thread to the audio thread without
-// locks, through libpd's single-producer single-consumer byte ring.
+// locks, through the engine's single-producer single-consumer queue
+// (SpscQueue, the same one that carries the MIDI note tap and the results).
 //
-// Each command is flattened into a 16-byte Chunk and copied byte for byte.
-// The ring only ever holds whole chunks: a chunk is written in one call that
-// either copies all 16 bytes or none (when the ring is full, the command is
-// dropped), and the write position is published only after the bytes are in,
-// so the reader never sees part of a chunk.
+// Each command is flattened into a 16-byte Chunk and copied as it is. A
+// chunk is written in one call that copies it whole or not at all (when the
+// ring is full, the command is dropped), and the write position is published
+// only after it is in, so the reader never sees part of a chunk.
 //
 // Threads: exactly one thread writes a buffer (queueEvent, writeChunk) and
 // only the audio thread reads it (peek, pop). Neither side takes a lock or
@@ -39,9 +40,8 @@ public:
         float value = 0.0f;
     };
 
-    // libpd's ring keeps one byte empty to tell "full" from "empty", so 16383
-    // bytes are usable: 1023 chunks fit, not 1024.
-    static constexpr int RING_BYTES = 16384;
+    // How many commands the ring holds.
+    static constexpr int CAPACITY = 1024;
     static constexpr int CHUNK_BYTES = 16;
 
     // Between two "Command buffer full" warnings, drops are only counted.
@@ -99,7 +99,9 @@ private:
     void noteDrop();
     void reportDrops();
 
-    ring_buffer* mRing = nullptr;
+    // The engine's one single-producer single-consumer queue; made by init(),
+    // so that a buffer that is never used costs no 16 KB.
+    std::unique_ptr<SpscQueue<Chunk, CAPACITY>> mRing;
     // The reader's look-ahead: a chunk read from the ring by peek() and not
     // yet popped. It comes before anything still in the ring.
     Chunk mAhead;
@@ -121,4 +123,3 @@ static_assert(sizeof(PdMessageBuffer::Chunk) == PdMessageBuffer::CHUNK_BYTES,
 static_assert(offsetof(PdMessageBuffer::Chunk, type) == 0, "type at offset 0");
 static_assert(offsetof(PdMessageBuffer::Chunk, path) == 4, "path at offset 4");
 static_assert(offsetof(PdMessageBuffer::Chunk, value) == 12, "value at offset 12");
-static_assert(PdMessageBuffer::RING_BYTES % 256 == 0, "libpd's ring wants a multiple of 256");
