@@ -84,16 +84,7 @@ CardWidget::CardWidget(const ArboBall* node, CardStackWidget* stack)
 {
     mNote = getNoteForBall(node, mFrequency);
     mTreble = mNote.octave() >= 4;
-
-    mStaffPosition = getStaffLineForNote(mTreble, mNote);
-    while (mStaffPosition < HIGHEST_DRAWN) {
-        mStaffPosition += OCTAVE_SPACINGS;
-        ++mOctaveShift;
-    }
-    while (mStaffPosition > LOWEST_DRAWN) {
-        mStaffPosition -= OCTAVE_SPACINGS;
-        --mOctaveShift;
-    }
+    placeNoteHead();
 
     // One size for every card, so that a column of them lines up and each
     // staff has the same spacing.
@@ -125,22 +116,41 @@ CardWidget::CardWidget(const ArboBall* node, CardStackWidget* stack)
     mFreqLabel->setAlignment(Qt::AlignLeft | Qt::AlignVCenter);
     mOctaveShiftLabel->setAlignment(Qt::AlignCenter);
 
+    addSymbols();
+    updateCard();
+}
+
+void CardWidget::placeNoteHead()
+{
+    mStaffPosition = getStaffLineForNote(mTreble, mNote);
+    while (mStaffPosition < HIGHEST_DRAWN) {
+        mStaffPosition += OCTAVE_SPACINGS;
+        ++mOctaveShift;
+    }
+    while (mStaffPosition > LOWEST_DRAWN) {
+        mStaffPosition -= OCTAVE_SPACINGS;
+        --mOctaveShift;
+    }
+}
+
+void CardWidget::addSymbols()
+{
     const CardStackWidget::Symbol clef =
         mTreble ? CardStackWidget::TrebleClef : CardStackWidget::BassClef;
     mClefSvg = new QSvgWidget(this);
     mClefSvg->setObjectName(QStringLiteral("clefSvg"));
-    mClefSvg->load(stack->svg(clef));
+    mClefSvg->load(mStack->svg(clef));
 
     mAccidentalSvg = new QSvgWidget(this);
     mAccidentalSvg->setObjectName(QStringLiteral("accidentalSvg"));
     if (mNote.accidental() != 0) {
-        QByteArray accidental = stack->svg(accidentalSymbol(mNote.accidental()));
-        changeSvgColor(&accidental, node);
+        QByteArray accidental = mStack->svg(accidentalSymbol(mNote.accidental()));
+        changeSvgColor(&accidental, mNode);
         mAccidentalSvg->load(accidental);
     }
 
-    QByteArray head = stack->svg(CardStackWidget::NoteHead);
-    changeSvgColor(&head, node);
+    QByteArray head = mStack->svg(CardStackWidget::NoteHead);
+    changeSvgColor(&head, mNode);
     mNoteSvg = new QSvgWidget(this);
     mNoteSvg->setObjectName(QStringLiteral("noteSvg"));
     mNoteSvg->load(head);
@@ -149,7 +159,6 @@ CardWidget::CardWidget(const ArboBall* node, CardStackWidget* stack)
         // Clicks and hovers belong to the card.
         symbol->setAttribute(Qt::WA_TransparentForMouseEvents);
     }
-    updateCard();
 }
 
 QLabel* CardWidget::addLabel(const QString& objectName, const QString& text)
