@@ -150,7 +150,9 @@ void TestKeyboard::mapDefaultsAndErrors()
         "latch": true, "oscPort": 70000,
         "keys": { "F": { "value": "/3" }, "Ctrl+G": { "value": "/" }, "H": { "value": "/4" },
                   "J": { "event": 19 }, "K": { "event": 6, "min": 0.2, "max": "x" },
-                  "L": "/3", "Space": { "event": 1 } },
+                  "L": "/3", "M": { "event": 6, "min": 0, "max": 5 }, "N": { "value": "3/5" },
+                  "P": { "event": 6, "value": true }, "Q": { "event": 6, "value": 9 },
+                  "Space": { "event": 1 } },
         "midiNotes": { "60": { "value": "/5" }, "128": { "value": "/" }, "x": {} },
         "midiControllers": { "1": { "event": 11, "min": 0.5, "max": 0.7 } },
         "osc": { "/cue": { "value": "/7" }, "nocue": { "value": "/7" } }
@@ -166,6 +168,13 @@ void TestKeyboard::mapDefaultsAndErrors()
           "Ignoring.",
           "keys entry \"L\" in input_map.json is not an object with \"event\" and \"value\". "
           "Ignoring.",
+          "keys entry \"M\" in input_map.json asks for event 6 up to the value 5, which is no "
+          "volume from 0 to 4. Ignoring.",
+          "keys entry \"N\" in input_map.json has the invalid path 3/5. Ignoring.",
+          "keys entry \"P\" in input_map.json has a \"value\" that is neither a number nor a "
+          "path. Ignoring.",
+          "keys entry \"Q\" in input_map.json asks for event 6 with the value 9, which is no "
+          "volume from 0 to 4. Ignoring.",
           "midiNotes entry \"128\" in input_map.json names nothing that can be played. Ignoring.",
           "midiNotes entry \"x\" in input_map.json has no known \"event\" number. Ignoring.",
           "osc entry \"nocue\" in input_map.json names nothing that can be played. Ignoring."}) {

@@ -1,7 +1,8 @@
 // MIDI in: the parser against the standard's rules; random bytes through the
 // parser into the real player; the live path (a JACK MIDI client of this test
-// -> a private JACK server -> RtMidi -> the player on its audio callback); and
-// the whole program playing from a keyboard that it connected by itself.
+// -> a private JACK server -> RtMidi -> the player on its audio callback); the
+// ports of "midiPorts" coming and going; and the whole program playing from a
+// keyboard that it connected by itself.
 
 #include "audioanalysis.h"
 #include "model/arbonoteevent.h"
@@ -329,6 +330,42 @@ private slots:
 
         input.close();
         QCOMPARE(input.status(), QStringLiteral("MIDI input is off"));
+    }
+
+    // The ports of "midiPorts" come and go while the input is open: one that
+    // goes is let go of and connected again when it is back; a text that no
+    // port matches is said once, and again only after a port had matched it.
+    void wantedPortsComeAndGo()
+    {
+        JackFixture jack;
+        QVERIFY2(jack.start(), qPrintable(jack.error()));
+        jack.applyToThisProcess();
+        InputMap::Bindings bindings = defaultBindings();
+        bindings.midiPorts = QStringList{QStringLiteral("arbo-pads"), QStringLiteral("nowhere")};
+        const int logStart = logSince(0).size();
+        MidiInput input;
+        QVERIFY2(input.open(bindings, MidiInput::Api::Jack), qPrintable(input.status()));
+        QVERIFY(input.connectedPorts().isEmpty());
+
+        JackMidiSender pads;
+        QVERIFY(pads.open(QStringLiteral("arbo-pads")));
+        const QString port = pads.portName();
+        QTRY_COMPARE_WITH_TIMEOUT(input.connectedPorts(), QStringList{port}, 10000);
+        QTRY_VERIFY2_WITH_TIMEOUT(input.status().contains(QLatin1String("connected to ") + port),
+                                  qPrintable(input.status()), 5000);
+        pads.close();
+        QTRY_VERIFY_WITH_TIMEOUT(input.connectedPorts().isEmpty(), 10000);
+        QVERIFY(pads.open(QStringLiteral("arbo-pads")));
+        QCOMPARE(pads.portName(), port);
+        QTRY_COMPARE_WITH_TIMEOUT(input.connectedPorts(), QStringList{port}, 10000);
+        input.close();
+
+        const QStringList log = logSince(logStart);
+        auto count = [&log](const QString& text) { return log.filter(text).size(); };
+        QCOMPARE(count(QStringLiteral("connected \"%1\" (for \"arbo-pads\")").arg(port)), 2);
+        QCOMPARE(count(QStringLiteral("\"%1\" has gone").arg(port)), 1);
+        QCOMPARE(count(QStringLiteral("no port matches \"arbo-pads\"")), 2);
+        QCOMPARE(count(QStringLiteral("no port matches \"nowhere\"")), 1);
     }
 
     // The whole program: the port of "midiPorts" is connected at start-up,

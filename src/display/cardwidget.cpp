@@ -78,16 +78,7 @@ CardWidget::CardWidget(const ArboBall* node, const Settings& options, CardStackW
 {
     mNote = CardNote::noteForBall(node, options, mFrequency);
     mTreble = mNote.octave() >= 4;
-
-    mStaffPosition = getStaffLineForNote(mTreble, mNote);
-    while (mStaffPosition < HIGHEST_DRAWN) {
-        mStaffPosition += OCTAVE_SPACINGS;
-        ++mOctaveShift;
-    }
-    while (mStaffPosition > LOWEST_DRAWN) {
-        mStaffPosition -= OCTAVE_SPACINGS;
-        --mOctaveShift;
-    }
+    placeNoteHead();
 
     // One size for every card, so that a column of them lines up and each
     // staff has the same spacing.
@@ -118,22 +109,41 @@ CardWidget::CardWidget(const ArboBall* node, const Settings& options, CardStackW
     mFreqLabel->setAlignment(Qt::AlignLeft | Qt::AlignVCenter);
     mOctaveShiftLabel->setAlignment(Qt::AlignCenter);
 
+    addSymbols();
+    updateCard();
+}
+
+void CardWidget::placeNoteHead()
+{
+    mStaffPosition = getStaffLineForNote(mTreble, mNote);
+    while (mStaffPosition < HIGHEST_DRAWN) {
+        mStaffPosition += OCTAVE_SPACINGS;
+        ++mOctaveShift;
+    }
+    while (mStaffPosition > LOWEST_DRAWN) {
+        mStaffPosition -= OCTAVE_SPACINGS;
+        --mOctaveShift;
+    }
+}
+
+void CardWidget::addSymbols()
+{
     const CardStackWidget::Symbol clef =
         mTreble ? CardStackWidget::TrebleClef : CardStackWidget::BassClef;
     mClefSvg = new QSvgWidget(this);
     mClefSvg->setObjectName(QStringLiteral("clefSvg"));
-    mClefSvg->load(stack->svg(clef));
+    mClefSvg->load(mStack->svg(clef));
 
     mAccidentalSvg = new QSvgWidget(this);
     mAccidentalSvg->setObjectName(QStringLiteral("accidentalSvg"));
     if (mNote.accidental() != 0) {
-        QByteArray accidental = stack->svg(accidentalSymbol(mNote.accidental()));
-        changeSvgColor(&accidental, node, absoluteReadout());
+        QByteArray accidental = mStack->svg(accidentalSymbol(mNote.accidental()));
+        changeSvgColor(&accidental, mNode, absoluteReadout());
         mAccidentalSvg->load(accidental);
     }
 
-    QByteArray head = stack->svg(CardStackWidget::NoteHead);
-    changeSvgColor(&head, node, absoluteReadout());
+    QByteArray head = mStack->svg(CardStackWidget::NoteHead);
+    changeSvgColor(&head, mNode, absoluteReadout());
     mNoteSvg = new QSvgWidget(this);
     mNoteSvg->setObjectName(QStringLiteral("noteSvg"));
     mNoteSvg->load(head);
@@ -142,7 +152,6 @@ CardWidget::CardWidget(const ArboBall* node, const Settings& options, CardStackW
         // Clicks and hovers belong to the card.
         symbol->setAttribute(Qt::WA_TransparentForMouseEvents);
     }
-    updateCard();
 }
 
 QLabel* CardWidget::addLabel(const QString& objectName, const QString& text)

@@ -80,6 +80,12 @@ protected:
 private:
     // Whether the options ask for absolute ratios (transposition included).
     bool absoluteReadout() const;
+    // Takes the note's staff position, moved by octaves (counted in
+    // mOctaveShift) until the card can draw it.
+    void placeNoteHead();
+    // Makes the clef, the accidental (when there is one) and the note head,
+    // the latter two in the node's colour.
+    void addSymbols();
     void drawLines(QPainter& painter) const;
     QLabel* addLabel(const QString& objectName, const QString& text);
     void placeSymbol(QSvgWidget* symbol, qreal originX, qreal baselineY, bool rightAligned);

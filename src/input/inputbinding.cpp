@@ -21,6 +21,43 @@ bool toFloat(const QJsonValue& json, float* out)
     return JsonRead::exactFloat(json, out);
 }
 
+// The note at the path `text`, which must begin with "/" and have only
+// prime steps.
+InputBinding pathBinding(const QString& text, QString* error)
+{
+    const ArboPath path(text);
+    if (!text.startsWith(QLatin1Char('/')) || !path.isValid() || !path.hasValidSteps()) {
+        *error = QStringLiteral("has the invalid path %1").arg(text);
+        return {};
+    }
+    return InputBinding(path);
+}
+
+// The controller's event of `type` over the range "min" to "max" of `entry`
+// (0 to 1 by default).
+InputBinding rangedBinding(const QJsonObject& entry, ArboEvent::Type type, QString* error)
+{
+    float min = 0.0f;
+    float max = 1.0f;
+    if ((entry.contains(MIN_KEY) && !toFloat(entry.value(MIN_KEY), &min)) ||
+        (entry.contains(MAX_KEY) && !toFloat(entry.value(MAX_KEY), &max))) {
+        *error = QStringLiteral("has a \"min\" or \"max\" that is not a number");
+        return {};
+    }
+    // Every position scales to a value between the two ends, so both ends
+    // being sane makes every value sane.
+    for (const float end : {min, max}) {
+        if (const char* why = ArboEvent::refusal(type, end)) {
+            *error = QStringLiteral("asks for event %1 up to the value %2, which %3")
+                         .arg(int(type))
+                         .arg(double(end))
+                         .arg(QLatin1String(why));
+            return {};
+        }
+    }
+    return InputBinding::ranged(type, min, max);
+}
+
 } // namespace
 
 InputBinding::InputBinding(const ArboPath& path)
@@ -51,13 +88,7 @@ InputBinding InputBinding::fromJson(const QJsonValue& json, QString* error)
     const QJsonObject entry = json.toObject();
     const QJsonValue value = entry.value(VALUE_KEY);
     if (value.isString()) {
-        const ArboPath path(value.toString());
-        if (!value.toString().startsWith(QLatin1Char('/')) || !path.isValid() ||
-            !path.hasValidSteps()) {
-            *error = QStringLiteral("has the invalid path %1").arg(value.toString());
-            return {};
-        }
-        return InputBinding(path);
+        return pathBinding(value.toString(), error);
     }
     float type = 0.0f;
     if (!toFloat(entry.value(EVENT_KEY), &type) || type != std::floor(type) ||
@@ -85,25 +116,7 @@ InputBinding InputBinding::fromJson(const QJsonValue& json, QString* error)
         *error = QStringLiteral("has a \"value\" that is neither a number nor a path");
         return {};
     }
-    float min = 0.0f;
-    float max = 1.0f;
-    if ((entry.contains(MIN_KEY) && !toFloat(entry.value(MIN_KEY), &min)) ||
-        (entry.contains(MAX_KEY) && !toFloat(entry.value(MAX_KEY), &max))) {
-        *error = QStringLiteral("has a \"min\" or \"max\" that is not a number");
-        return {};
-    }
-    // Every position scales to a value between the two ends, so both ends
-    // being sane makes every value sane.
-    for (const float end : {min, max}) {
-        if (const char* why = ArboEvent::refusal(eventType, end)) {
-            *error = QStringLiteral("asks for event %1 up to the value %2, which %3")
-                         .arg(int(type))
-                         .arg(double(end))
-                         .arg(QLatin1String(why));
-            return {};
-        }
-    }
-    return ranged(eventType, min, max);
+    return rangedBinding(entry, eventType, error);
 }
 
 QJsonObject InputBinding::toJson() const

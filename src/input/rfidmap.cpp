@@ -35,6 +35,58 @@ float toEventValue(const QJsonValue& json)
     return value;
 }
 
+// The note toggle of the tag `rfid` for the path `text`; null, with a
+// warning, when the path is no path of prime steps.
+std::shared_ptr<const ArboEvent> noteEvent(const QString& rfid, const QString& text)
+{
+    const ArboPath path(text);
+    if (!path.isValid() || !path.hasValidSteps()) {
+        qWarning().noquote()
+            << QStringLiteral("RFID %1 was assigned invalid path %2. Ignoring.").arg(rfid, text);
+        return nullptr;
+    }
+    auto event = std::make_shared<const ArboNoteEvent>(path);
+    qDebug().noquote() << QStringLiteral("RFID %1 mapped to: event %2, value %3")
+                              .arg(rfid)
+                              .arg(int(event->type()))
+                              .arg(path.toString());
+    return event;
+}
+
+// The plain event of the tag `rfid` that `entry` gives, by "event" and
+// "value"; null, with a warning, when the type or the value is refused.
+std::shared_ptr<const ArboEvent> plainEvent(const QString& rfid, const QJsonObject& entry)
+{
+    const int type = toEventType(entry.value(EVENT_KEY));
+    // A note command without a path would sound the root, and the
+    // program's own commands are not a tag's to send.
+    if (const char* why = ArboEvent::bareRefusal(type)) {
+        qWarning().noquote() << QStringLiteral("RFID %1 asks for event %2, which %3. "
+                                               "Ignoring.")
+                                    .arg(rfid)
+                                    .arg(type)
+                                    .arg(QLatin1String(why));
+        return nullptr;
+    }
+    const float number = toEventValue(entry.value(VALUE_KEY));
+    if (const char* why = ArboEvent::refusal(type, number)) {
+        qWarning().noquote() << QStringLiteral(
+                                    "RFID %1 asks for event %2 with the value %3, which %4. "
+                                    "Ignoring.")
+                                    .arg(rfid)
+                                    .arg(type)
+                                    .arg(double(number))
+                                    .arg(QLatin1String(why));
+        return nullptr;
+    }
+    auto event = std::make_shared<const ArboEvent>(static_cast<ArboEvent::Type>(type), number);
+    qDebug().noquote() << QStringLiteral("RFID %1 mapped to: event %2, value %3")
+                              .arg(rfid)
+                              .arg(int(event->type()))
+                              .arg(double(event->value()));
+    return event;
+}
+
 } // namespace
 
 RfidMap::RfidMap(QObject* parent) : SerializableRoot(parent)
@@ -75,52 +127,13 @@ void RfidMap::read(const QJsonObject& json)
         const QJsonObject entry = it.value().toObject();
         const QJsonValue value = entry.value(VALUE_KEY);
         const QString text = value.toString();
-
-        std::shared_ptr<const ArboEvent> event;
-        if (value.isString() && text.startsWith(QLatin1Char('/'))) {
-            // A path makes a note toggle whatever "event" says.
-            const ArboPath path(text);
-            if (!path.isValid() || !path.hasValidSteps()) {
-                qWarning().noquote()
-                    << QStringLiteral("RFID %1 was assigned invalid path %2. Ignoring.")
-                           .arg(rfid, text);
-                continue;
-            }
-            event = std::make_shared<const ArboNoteEvent>(path);
-            qDebug().noquote() << QStringLiteral("RFID %1 mapped to: event %2, value %3")
-                                      .arg(rfid)
-                                      .arg(int(event->type()))
-                                      .arg(path.toString());
-        } else {
-            const int type = toEventType(entry.value(EVENT_KEY));
-            // A note command without a path would sound the root, and the
-            // program's own commands are not a tag's to send.
-            if (const char* why = ArboEvent::bareRefusal(type)) {
-                qWarning().noquote() << QStringLiteral("RFID %1 asks for event %2, which %3. "
-                                                       "Ignoring.")
-                                            .arg(rfid)
-                                            .arg(type)
-                                            .arg(QLatin1String(why));
-                continue;
-            }
-            const float number = toEventValue(value);
-            if (const char* why = ArboEvent::refusal(type, number)) {
-                qWarning().noquote()
-                    << QStringLiteral("RFID %1 asks for event %2 with the value %3, which %4. "
-                                      "Ignoring.")
-                           .arg(rfid)
-                           .arg(type)
-                           .arg(double(number))
-                           .arg(QLatin1String(why));
-                continue;
-            }
-            event = std::make_shared<const ArboEvent>(static_cast<ArboEvent::Type>(type), number);
-            qDebug().noquote() << QStringLiteral("RFID %1 mapped to: event %2, value %3")
-                                      .arg(rfid)
-                                      .arg(int(event->type()))
-                                      .arg(double(event->value()));
+        // A path makes a note toggle whatever "event" says.
+        const bool isPath = value.isString() && text.startsWith(QLatin1Char('/'));
+        std::shared_ptr<const ArboEvent> event =
+            isPath ? noteEvent(rfid, text) : plainEvent(rfid, entry);
+        if (event) {
+            mEvents.insert(rfid, std::move(event));
         }
-        mEvents.insert(rfid, std::move(event));
     }
 }
 

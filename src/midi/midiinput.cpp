@@ -29,6 +29,22 @@ QString describe(std::uint32_t packed)
     }
 }
 
+// The first of the `wanted` texts that the port's name or one of its aliases
+// contains, in any case; empty when none does.
+QString wantedText(const MidiPortConnector::Port& port, const QStringList& wanted)
+{
+    for (const QString& text : wanted) {
+        bool matches = port.name.contains(text, Qt::CaseInsensitive);
+        for (const QString& alias : port.aliases) {
+            matches = matches || alias.contains(text, Qt::CaseInsensitive);
+        }
+        if (matches) {
+            return text;
+        }
+    }
+    return QString();
+}
+
 } // namespace
 
 MidiInput::MidiInput(QObject* parent) : QObject(parent)
@@ -62,21 +78,40 @@ bool MidiInput::open(const InputMap::Bindings& bindings, Api api)
 
 bool MidiInput::start(bool again)
 {
+    bool jack = false;
+    std::unique_ptr<RtMidiIn> in = openPort(again, jack);
+    if (!in) {
+        return false;
+    }
+    mIn = std::move(in);
+    mReceived.store(0);
+    mQueued.store(0);
+    mSystemLost = false;
+    mIgnoredPending = 0;
+    mIgnoredLogged.invalidate();
+
+    openConnector(jack);
+    connectWantedPorts();
+    updateStatus();
+    qInfo().noquote() << (again ? "MIDI input is back:" : "MIDI input:") << mStatus;
+    mTimer.start();
+    return true;
+}
+
+std::unique_ptr<RtMidiIn> MidiInput::openPort(bool again, bool& jack)
+{
     // Once a JACK server has gone, only JACK again: the audio comes back on
     // the server of the same name, and the connections are JACK's.
     std::string error;
-    bool jack = false;
     std::unique_ptr<RtMidiIn> in = RtMidiErrorSink::openFirst<RtMidiIn>(
         again || mApi != Api::Alsa, !again && mApi != Api::Jack, MidiOutput::PORT_NAME, mErrors,
         error, jack);
     if (!in) {
         if (!again) {
-            const QString text = tr("No MIDI system (%1): MIDI input is off")
-                                     .arg(QString::fromStdString(error).trimmed());
-            qWarning().noquote() << text;
-            setStatus(text);
+            warn(tr("No MIDI system (%1): MIDI input is off")
+                     .arg(QString::fromStdString(error).trimmed()));
         }
-        return false;
+        return nullptr;
     }
     mSystem = jack ? QStringLiteral("JACK") : QStringLiteral("ALSA");
     // RtMidi leaves SysEx, clock and active sensing out before the bytes
@@ -90,22 +125,17 @@ bool MidiInput::start(bool again)
     std::string openError;
     if (mErrors.take(openError)) {
         if (!again) {
-            const QString text =
-                tr("Could not open the MIDI input port \"%1\" (%2, %3): MIDI input is off")
-                    .arg(QLatin1String(MidiOutput::PORT_NAME), mSystem,
-                         QString::fromStdString(openError).trimmed());
-            qWarning().noquote() << text;
-            setStatus(text);
+            warn(tr("Could not open the MIDI input port \"%1\" (%2, %3): MIDI input is off")
+                     .arg(QLatin1String(MidiOutput::PORT_NAME), mSystem,
+                          QString::fromStdString(openError).trimmed()));
         }
-        return false;
+        return nullptr;
     }
-    mIn = std::move(in);
-    mReceived.store(0);
-    mQueued.store(0);
-    mSystemLost = false;
-    mIgnoredPending = 0;
-    mIgnoredLogged.invalidate();
+    return in;
+}
 
+void MidiInput::openConnector(bool jack)
+{
     // A client of its own makes the connections and, on JACK, watches the
     // server. Without one the port still works for whoever connects to it.
     QString connectorError;
@@ -121,11 +151,6 @@ bool MidiInput::start(bool again)
         qWarning().noquote()
             << tr("MIDI input: cannot connect the ports of \"midiPorts\" (%1)").arg(connectorError);
     }
-    connectWantedPorts();
-    updateStatus();
-    qInfo().noquote() << (again ? "MIDI input is back:" : "MIDI input:") << mStatus;
-    mTimer.start();
-    return true;
 }
 
 void MidiInput::abandonLostSystem()
@@ -261,10 +286,7 @@ void MidiInput::checkInput()
     if (mConnector->systemGone()) {
         abandonLostSystem();
         mSystemLost = true;
-        const QString text =
-            tr("The %1 server has gone: MIDI input is off until it is back").arg(mSystem);
-        qWarning().noquote() << text;
-        setStatus(text);
+        warn(tr("The %1 server has gone: MIDI input is off until it is back").arg(mSystem));
         return;
     }
     const QStringList before = mConnected;
@@ -282,24 +304,11 @@ void MidiInput::connectWantedPorts()
     QStringList present;
     QSet<QString> matchedTexts;
     for (const MidiPortConnector::Port& port : mConnector->sources()) {
-        if (port.own) {
-            continue;
-        }
-        QString text;
-        for (const QString& wanted : mWanted) {
-            bool matches = port.name.contains(wanted, Qt::CaseInsensitive);
-            for (const QString& alias : port.aliases) {
-                matches = matches || alias.contains(wanted, Qt::CaseInsensitive);
-            }
-            if (matches) {
-                text = wanted;
-                matchedTexts.insert(wanted);
-                break;
-            }
-        }
+        const QString text = port.own ? QString() : wantedText(port, mWanted);
         if (text.isEmpty()) {
             continue;
         }
+        matchedTexts.insert(text);
         present << port.name;
         // Tried once per appearance: a connection the user takes away by
         // hand stays away until the port comes again.
@@ -317,6 +326,12 @@ void MidiInput::connectWantedPorts()
                 << tr("MIDI input: could not connect \"%1\": %2").arg(port.name, error);
         }
     }
+    forgetGonePorts(present);
+    reportUnmatchedTexts(matchedTexts);
+}
+
+void MidiInput::forgetGonePorts(const QStringList& present)
+{
     // Ports that went away are connected again when they come back.
     for (int i = mConnected.size() - 1; i >= 0; --i) {
         if (!present.contains(mConnected[i])) {
@@ -327,6 +342,10 @@ void MidiInput::connectWantedPorts()
     for (auto it = mFailed.begin(); it != mFailed.end();) {
         it = present.contains(*it) ? std::next(it) : mFailed.erase(it);
     }
+}
+
+void MidiInput::reportUnmatchedTexts(const QSet<QString>& matchedTexts)
+{
     for (const QString& wanted : mWanted) {
         if (!matchedTexts.contains(wanted) && !mWaitingReported.contains(wanted)) {
             mWaitingReported.insert(wanted);
@@ -371,4 +390,10 @@ void MidiInput::setStatus(const QString& status)
 {
     mStatus = status;
     emit statusChanged(mStatus);
+}
+
+void MidiInput::warn(const QString& text)
+{
+    qWarning().noquote() << text;
+    setStatus(text);
 }

@@ -115,6 +115,12 @@ private:
     // Opens RtMidi's port and the connections on the system mApi chooses;
     // `again`: on JACK, after the server had gone, saying nothing on failure.
     bool start(bool again);
+    // RtMidi's virtual port, with the callback set; `jack` tells the system.
+    // Null on failure, with a warning unless `again`.
+    std::unique_ptr<RtMidiIn> openPort(bool again, bool& jack);
+    // The client that connects the "midiPorts" ports to our own and finds
+    // that port's name.
+    void openConnector(bool jack);
     // Lets go of what belonged to a JACK server that has gone, without
     // touching it.
     void abandonLostSystem();
@@ -123,9 +129,16 @@ private:
     void queue(const ArboEvent* event);
     void ignore(const MidiInParser::Message& message);
     void connectWantedPorts();
+    // Lets go of the connected and refused ports that are no longer
+    // `present`, so that they are tried again when they come back.
+    void forgetGonePorts(const QStringList& present);
+    // Says once for each text of "midiPorts" that no port matches yet.
+    void reportUnmatchedTexts(const QSet<QString>& matchedTexts);
     void reportCounts();
     void updateStatus();
     void setStatus(const QString& status);
+    // Logs `text` as a warning and shows it as the status.
+    void warn(const QString& text);
 
     // The input thread's own (see feed()).
     PdPlayer* mPlayer = nullptr;

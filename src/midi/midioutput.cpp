@@ -28,6 +28,20 @@ constexpr int IDLE_WAIT_MS = 100;
 // starts from silence.
 constexpr std::int64_t SETUP_REFRESH_NS = 2000000000;
 
+// The index of the port named `name` among `out`'s ports (the last one, should
+// two share the name), or -1.
+int portIndex(RtMidiOut& out, const QString& name)
+{
+    int index = -1;
+    const unsigned count = out.getPortCount();
+    for (unsigned i = 0; i < count; ++i) {
+        if (QString::fromStdString(out.getPortName(i)) == name) {
+            index = int(i);
+        }
+    }
+    return index;
+}
+
 } // namespace
 
 MidiOutput::MidiOutput(QObject* parent) : QObject(parent)
@@ -82,47 +96,49 @@ bool MidiOutput::open(const MidiSettings& settings, Api api)
         api != Api::Alsa, api != Api::Jack, PORT_NAME, mErrors, error, jack);
     const Api used = jack ? Api::Jack : Api::Alsa;
     if (!out) {
-        const QString text = tr("No MIDI system (%1): MIDI output is off")
-                                 .arg(QString::fromStdString(error).trimmed());
-        qWarning().noquote() << text;
-        setStatus(text);
+        warn(tr("No MIDI system (%1): MIDI output is off")
+                 .arg(QString::fromStdString(error).trimmed()));
         return false;
     }
-    const QString system = used == Api::Jack ? QStringLiteral("JACK") : QStringLiteral("ALSA");
     QString where;
-    if (settings.mPort.isEmpty()) {
-        out->openVirtualPort(PORT_NAME);
+    if (!openPort(*out, settings.mPort, used, where)) {
+        return false;
+    }
+    start(std::move(out), settings, used);
+    setStatus(tr("%1 on the %2").arg(settings.mMethod, where));
+    qInfo().noquote() << "MIDI output:" << mStatus;
+    return true;
+}
+
+bool MidiOutput::openPort(RtMidiOut& out, const QString& port, Api used, QString& where)
+{
+    const QString system = used == Api::Jack ? QStringLiteral("JACK") : QStringLiteral("ALSA");
+    if (port.isEmpty()) {
+        out.openVirtualPort(PORT_NAME);
         where = tr("virtual port \"%1\" (%2)").arg(QLatin1String(PORT_NAME), system);
     } else {
-        int index = -1;
-        const unsigned count = out->getPortCount();
-        for (unsigned i = 0; i < count; ++i) {
-            if (QString::fromStdString(out->getPortName(i)) == settings.mPort) {
-                index = int(i);
-            }
-        }
+        const int index = portIndex(out, port);
         if (index < 0) {
-            const QString text =
-                tr("MIDI port \"%1\" not found: MIDI output is off").arg(settings.mPort);
-            qWarning().noquote() << text;
-            setStatus(text);
+            warn(tr("MIDI port \"%1\" not found: MIDI output is off").arg(port));
             return false;
         }
-        out->openPort(unsigned(index), PORT_NAME);
-        where = tr("port \"%1\" (%2)").arg(settings.mPort, system);
+        out.openPort(unsigned(index), PORT_NAME);
+        where = tr("port \"%1\" (%2)").arg(port, system);
     }
     std::string openError;
     // RtMidi counts only a connection to another port as "open"; a virtual
     // port is judged by its errors alone.
     const bool failed = mErrors.take(openError);
-    if (failed || (!settings.mPort.isEmpty() && !out->isPortOpen())) {
-        const QString text = tr("Could not open the MIDI %1 (%2): MIDI output is off")
-                                 .arg(where, QString::fromStdString(openError).trimmed());
-        qWarning().noquote() << text;
-        setStatus(text);
+    if (failed || (!port.isEmpty() && !out.isPortOpen())) {
+        warn(tr("Could not open the MIDI %1 (%2): MIDI output is off")
+                 .arg(where, QString::fromStdString(openError).trimmed()));
         return false;
     }
+    return true;
+}
 
+void MidiOutput::start(std::unique_ptr<RtMidiOut> out, const MidiSettings& settings, Api used)
+{
     if (settings.mMethod == MidiSettings::METHOD_MTS) {
         mEncoder = std::make_unique<MtsEncoder>();
     } else {
@@ -151,9 +167,6 @@ bool MidiOutput::open(const MidiSettings& settings, Api api)
         mPlayer->setBuiltInSound(settings.mBuiltInSound);
     }
     mPortCheck.start();
-    setStatus(tr("%1 on the %2").arg(settings.mMethod, where));
-    qInfo().noquote() << "MIDI output:" << mStatus;
-    return true;
 }
 
 void MidiOutput::close()
@@ -209,6 +222,12 @@ void MidiOutput::setStatus(const QString& status)
     emit statusChanged(mStatus);
 }
 
+void MidiOutput::warn(const QString& text)
+{
+    qWarning().noquote() << text;
+    setStatus(text);
+}
+
 void MidiOutput::onCheckPort()
 {
     if (!mOut) {
@@ -229,16 +248,11 @@ void MidiOutput::onCheckPort()
     const bool present = names.contains(mPort);
     if (!present && !mPortLost) {
         mPortLost = true;
-        const QString text = tr("MIDI port \"%1\" has gone: notes are not heard").arg(mPort);
-        qWarning().noquote() << text;
-        setStatus(text);
+        warn(tr("MIDI port \"%1\" has gone: notes are not heard").arg(mPort));
     } else if (present && mPortLost) {
         // The port is back, but our connection to it went with it.
         mPortLost = false;
-        const QString text =
-            tr("MIDI port \"%1\" is back: choose it again to reconnect").arg(mPort);
-        qWarning().noquote() << text;
-        setStatus(text);
+        warn(tr("MIDI port \"%1\" is back: choose it again to reconnect").arg(mPort));
     }
 }
 

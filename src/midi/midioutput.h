@@ -93,7 +93,16 @@ private:
     void waitForLastWords();
     static constexpr int LAST_WORDS_TIMEOUT_MS = 250;
 
+    // Opens on `out` the virtual port, or, when `port` names one, the
+    // connection to that port; `where` says which, for the status. On failure
+    // the output stays off, with a warning.
+    bool openPort(RtMidiOut& out, const QString& port, Api used, QString& where);
+    // Takes `out` over with the encoder the settings choose, and starts the
+    // MIDI thread and the port check.
+    void start(std::unique_ptr<RtMidiOut> out, const MidiSettings& settings, Api used);
     void setStatus(const QString& status);
+    // Logs `text` as a warning and shows it as the status.
+    void warn(const QString& text);
     void run();
     void send(const std::vector<std::vector<std::uint8_t>>& messages);
 

@@ -51,7 +51,8 @@ public:
     void read(const QJsonObject& json) override;
     void write(QJsonObject& json) const override;
     // The thirteen colours and the default tree: 19 trunk nodes of steps of 2
-    // and 3, each with the 18 leaves of the primes 5 to 31, and the links.
+    // and 3, each with the 18 leaves of the primes 5 to 31, and the links
+    // (see ArboDefaults).
     void initWithDefaults() override;
 
     // +-2, +-3, +-5, ..., +-31.

@@ -60,6 +60,40 @@ float stepRatio(int prime)
     return static_cast<float>(ratio.numerator()) / static_cast<float>(ratio.denominator());
 }
 
+// `semitone`, moved by a whole semitone when needed to bring its cents into
+// the window (-49.5, 50.5]; those cents go to `cents`. The window is not
+// (-50, 50]: a pitch exactly half-way keeps the lower spelling (+50 cents),
+// and the half cent of slack keeps the single-precision noise of a walk from
+// re-spelling a note that sits right on the border.
+float centredSemitone(float semitone, float& cents)
+{
+    float s = semitone;
+    cents = (s - std::trunc(s)) * 100.0f;
+    if (cents > 50.5f) {
+        s += 1.0f;
+        cents -= 100.0f;
+    } else if (cents <= -49.5f) {
+        s -= 1.0f;
+        cents += 100.0f;
+    }
+    return s;
+}
+
+// The octave of the semitone pitch `s` (C0 = 0). Truncation toward zero,
+// shifted by 11 below zero, is the floor for whole pitches: semitone -1 is B
+// of octave -1.
+int octaveOf(float s)
+{
+    return static_cast<int>(s >= 0.0f ? std::trunc(s / 12.0f) : std::trunc((s - 11.0f) / 12.0f));
+}
+
+// The pitch class (0 = C ... 11 = B) of the semitone pitch `s`, truncated.
+int pitchClassOf(float s)
+{
+    const int pitchClass = static_cast<int>(std::trunc(s)) % 12;
+    return pitchClass < 0 ? pitchClass + 12 : pitchClass;
+}
+
 bool isAsciiDigit(QChar c)
 {
     return c.unicode() >= '0' && c.unicode() <= '9';
@@ -157,29 +191,11 @@ void Note::storeFromSemitone(float semitone, const QString& baseNote)
         return;
     }
 
-    float s = semitone;
-    mCents = (s - std::trunc(s)) * 100.0f;
-    // The window is (-49.5, 50.5], not (-50, 50]: a pitch exactly half-way
-    // keeps the lower spelling (+50 cents), and the half cent of slack keeps
-    // the single-precision noise of a walk from re-spelling a note that sits
-    // right on the border.
-    if (mCents > 50.5f) {
-        s += 1.0f;
-        mCents -= 100.0f;
-    } else if (mCents <= -49.5f) {
-        s -= 1.0f;
-        mCents += 100.0f;
-    }
-
-    // Truncation toward zero, shifted by 11 below zero, is the floor for whole
-    // pitches: semitone -1 is B of octave -1.
-    mOctave = static_cast<int>(s >= 0.0f ? std::trunc(s / 12.0f) : std::trunc((s - 11.0f) / 12.0f));
-    int pitchClass = static_cast<int>(std::trunc(s)) % 12;
-    if (pitchClass < 0) {
-        pitchClass += 12;
-    }
-    mNote = MOST_COMMON_SPELLING[pitchClass].note;
-    mAccidental = MOST_COMMON_SPELLING[pitchClass].accidental;
+    const float s = centredSemitone(semitone, mCents);
+    mOctave = octaveOf(s);
+    const Spelling& spelling = MOST_COMMON_SPELLING[pitchClassOf(s)];
+    mNote = spelling.note;
+    mAccidental = spelling.accidental;
 
     if (!baseNote.isEmpty()) {
         // The lattice's own base note is spelled as the user named it ("Ab 4"

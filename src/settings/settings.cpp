@@ -87,6 +87,22 @@ QString pairText(int first, int second)
     return QStringLiteral("%1,%2").arg(first).arg(second);
 }
 
+// A float option in the warnings, with every digit it has.
+QString numberText(float value)
+{
+    return QString::number(double(value), 'g', 9);
+}
+
+// Says that the option `key` had the unusable `value` and now has `instead`,
+// and adds it to the `replaced` keys.
+void replaceValue(QStringList& replaced, const QString& key, const QString& value,
+                  const QString& instead)
+{
+    qWarning().noquote() << QStringLiteral("Option %1 has the unusable value %2; using %3 instead.")
+                                .arg(key, value, instead);
+    replaced << key;
+}
+
 } // namespace
 
 Settings::Settings(QObject* parent) : SerializableRoot(parent) {}
@@ -147,32 +163,33 @@ void Settings::write(QJsonObject& json) const
 
 QStringList Settings::replaceUnusableValues(const QList<QRect>& screens)
 {
-    const Settings defaults;
     QStringList replaced;
-    auto replace = [&replaced](const QString& key, const QString& value, const QString& instead) {
-        qWarning().noquote() << QStringLiteral("Option %1 has the unusable value %2; using %3 "
-                                               "instead.")
-                                    .arg(key, value, instead);
-        replaced << key;
-    };
-    auto number = [](double value) { return QString::number(value, 'g', 9); };
+    replaceUnusableSoundValues(replaced);
+    if (!screens.isEmpty()) {
+        replaceUnusableWindowGeometry(screens, replaced);
+    }
+    return replaced;
+}
 
+void Settings::replaceUnusableSoundValues(QStringList& replaced)
+{
+    const Settings defaults;
     // Comparisons written so that NaN fails them.
     if (!(std::isfinite(mBaseFrequency) && mBaseFrequency >= FREQUENCY_MIN &&
           mBaseFrequency <= FREQUENCY_MAX)) {
-        replace(BASE_FREQUENCY, number(double(mBaseFrequency)),
-                number(double(defaults.mBaseFrequency)));
+        replaceValue(replaced, BASE_FREQUENCY, numberText(mBaseFrequency),
+                     numberText(defaults.mBaseFrequency));
         mBaseFrequency = defaults.mBaseFrequency;
     }
     if (!(std::isfinite(mMasterVolume) && mMasterVolume >= VOLUME_MIN &&
           mMasterVolume <= VOLUME_MAX)) {
-        replace(MASTER_VOLUME, number(double(mMasterVolume)),
-                number(double(defaults.mMasterVolume)));
+        replaceValue(replaced, MASTER_VOLUME, numberText(mMasterVolume),
+                     numberText(defaults.mMasterVolume));
         mMasterVolume = defaults.mMasterVolume;
     }
     if (mFramesPerBuffer < FRAMES_MIN || mFramesPerBuffer > FRAMES_MAX) {
-        replace(FRAMES_PER_BUFFER, QString::number(mFramesPerBuffer),
-                QString::number(defaults.mFramesPerBuffer));
+        replaceValue(replaced, FRAMES_PER_BUFFER, QString::number(mFramesPerBuffer),
+                     QString::number(defaults.mFramesPerBuffer));
         mFramesPerBuffer = defaults.mFramesPerBuffer;
     }
     // A voice patch is a file of the resource folder's "patches", named
@@ -180,13 +197,13 @@ QStringList Settings::replaceUnusableValues(const QList<QRect>& screens)
     // An empty name is left to the window, which falls back to "Sine.pd".
     if (mDefaultPatch.contains(QLatin1Char('/')) || mDefaultPatch.contains(QLatin1Char('\\')) ||
         mDefaultPatch == QLatin1String(".") || mDefaultPatch == QLatin1String("..")) {
-        replace(DEFAULT_PATCH, mDefaultPatch, defaults.mDefaultPatch);
+        replaceValue(replaced, DEFAULT_PATCH, mDefaultPatch, defaults.mDefaultPatch);
         mDefaultPatch = defaults.mDefaultPatch;
     }
+}
 
-    if (screens.isEmpty()) {
-        return replaced;
-    }
+void Settings::replaceUnusableWindowGeometry(const QList<QRect>& screens, QStringList& replaced)
+{
     const QSize unset(-1, -1);
     if (mWindowSize != unset) {
         bool fits = false;
@@ -196,8 +213,8 @@ QStringList Settings::replaceUnusableValues(const QList<QRect>& screens)
                             mWindowSize.height() <= screen.height());
         }
         if (!fits) {
-            replace(WINDOW_SIZE, pairText(mWindowSize.width(), mWindowSize.height()),
-                    pairText(unset.width(), unset.height()));
+            replaceValue(replaced, WINDOW_SIZE, pairText(mWindowSize.width(), mWindowSize.height()),
+                         pairText(unset.width(), unset.height()));
             mWindowSize = unset;
         }
     }
@@ -210,12 +227,11 @@ QStringList Settings::replaceUnusableValues(const QList<QRect>& screens)
             onScreen = onScreen || screen.intersects(corner);
         }
         if (!onScreen) {
-            replace(WINDOW_POS, pairText(mWindowPos.x(), mWindowPos.y()),
-                    pairText(unset.width(), unset.height()));
+            replaceValue(replaced, WINDOW_POS, pairText(mWindowPos.x(), mWindowPos.y()),
+                         pairText(unset.width(), unset.height()));
             mWindowPos = QPoint(-1, -1);
         }
     }
-    return replaced;
 }
 
 void Settings::onAudioDeviceChanged(int device)

@@ -81,4 +81,11 @@ public slots:
     void onBaseNoteChanged(QString note);
     void onMasterVolumeChanged(float volume);
     void onMonophonicChanged(bool monophonic);
+
+private:
+    // The two halves of replaceUnusableValues(): the values the sound
+    // depends on, and the window's size and position; each adds the keys it
+    // replaced to `replaced`.
+    void replaceUnusableSoundValues(QStringList& replaced);
+    void replaceUnusableWindowGeometry(const QList<QRect>& screens, QStringList& replaced);
 };

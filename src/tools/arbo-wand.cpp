@@ -131,15 +131,22 @@ private:
     unsigned long long mFailed = 0;
 };
 
-} // namespace
-
-int main(int argc, char** argv)
+// What the command line asks for.
+struct Request
 {
-    QCoreApplication app(argc, argv);
-    QCoreApplication::setApplicationName(QStringLiteral("arbo-wand"));
-    QCoreApplication::setApplicationVersion(QStringLiteral(ARBO_VERSION));
+    QString hostName;
+    int port = DEFAULT_PORT;
+    int wand = DEFAULT_WAND;
+    long long repeat = 1;
+    double rate = DEFAULT_RATE;
+    bool quiet = false;
+    QStringList tags;
+};
 
-    QCommandLineParser parser;
+// Tells `parser` the description, the options and the arguments, for the
+// help text and for parsing.
+void describe(QCommandLineParser& parser)
+{
     parser.setApplicationDescription(QStringLiteral(
         "Plays the part of a wand: sends the UDP datagram a wand sends when it reads an\n"
         "RFID tag, to the instrument at HOST and PORT.\n"
@@ -184,76 +191,117 @@ int main(int argc, char** argv)
     parser.addPositionalArgument(QStringLiteral("tag"),
                                  QStringLiteral("RFID tags to send, or - for standard input."),
                                  QStringLiteral("tag..."));
-    parser.process(app);
+}
 
+// Takes the processed command line into `request`. False, after saying why,
+// when a value is out of its range or no tag is given.
+bool readRequest(const QCommandLineParser& parser, Request& request)
+{
     bool ok = false;
-    const int port = parser.value(portOption).toInt(&ok);
-    if (!ok || port < 1 || port > 65535) {
+    request.port = parser.value(QStringLiteral("port")).toInt(&ok);
+    if (!ok || request.port < 1 || request.port > 65535) {
         fail(QStringLiteral("the port is a number from 1 to 65535"));
-        return 2;
+        return false;
     }
-    const int wand = parser.value(wandOption).toInt(&ok);
-    if (!ok || wand < 0 || wand > 255) {
+    request.wand = parser.value(QStringLiteral("wand")).toInt(&ok);
+    if (!ok || request.wand < 0 || request.wand > 255) {
         fail(QStringLiteral("the wand number is a number from 0 to 255"));
-        return 2;
+        return false;
     }
-    const long long repeat = parser.value(repeatOption).toLongLong(&ok);
-    if (!ok || repeat < 0) {
+    request.repeat = parser.value(QStringLiteral("repeat")).toLongLong(&ok);
+    if (!ok || request.repeat < 0) {
         fail(QStringLiteral("--repeat takes a whole number, 0 or more"));
-        return 2;
+        return false;
     }
-    const double rate = parser.value(rateOption).toDouble(&ok);
-    if (!ok || !(rate > 0.0) || rate > MAX_RATE) {
+    request.rate = parser.value(QStringLiteral("rate")).toDouble(&ok);
+    if (!ok || !(request.rate > 0.0) || request.rate > MAX_RATE) {
         fail(QStringLiteral("--rate takes a number of datagrams per second, above 0 and at most %1")
                  .arg(MAX_RATE, 0, 'f', 0));
-        return 2;
+        return false;
     }
-    const bool quiet = parser.isSet(quietOption);
-
-    const QStringList tags = parser.positionalArguments();
-    if (tags.isEmpty()) {
+    request.quiet = parser.isSet(QStringLiteral("quiet"));
+    request.hostName = parser.value(QStringLiteral("host"));
+    request.tags = parser.positionalArguments();
+    if (request.tags.isEmpty()) {
         fail(QStringLiteral("no tag given (see --help)"));
+        return false;
+    }
+    return true;
+}
+
+// The datagrams of `tags`, in order. False, after saying why, at the first tag
+// that cannot travel.
+bool makeDatagrams(const QStringList& tags, int wand, QList<QByteArray>& datagrams)
+{
+    for (const QString& tag : tags) {
+        QByteArray bytes;
+        if (!tagBytes(tag, bytes)) {
+            return false;
+        }
+        datagrams.append(WandDatagram(std::uint8_t(wand), bytes).toBytes());
+    }
+    return true;
+}
+
+// Sends the tags read from standard input, each as soon as its line arrives,
+// until the input ends. A tag that cannot travel is said and skipped.
+void sendFromStdin(Sender& sender, int wand)
+{
+    std::string line;
+    while (std::getline(std::cin, line)) {
+        const QString tag = QString::fromLocal8Bit(line.c_str()).trimmed();
+        if (tag.isEmpty() || tag.startsWith(QLatin1Char('#'))) {
+            continue;
+        }
+        QByteArray bytes;
+        if (tagBytes(tag, bytes)) {
+            sender.sendNow(WandDatagram(std::uint8_t(wand), bytes).toBytes());
+        }
+    }
+}
+
+// Sends the whole list `repeat` times; 0 repeats until interrupted.
+void sendRepeatedly(Sender& sender, const QList<QByteArray>& datagrams, long long repeat)
+{
+    for (long long round = 0; repeat == 0 || round < repeat; ++round) {
+        for (const QByteArray& datagram : datagrams) {
+            sender.send(datagram);
+        }
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("arbo-wand"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(ARBO_VERSION));
+
+    QCommandLineParser parser;
+    describe(parser);
+    parser.process(app);
+    Request request;
+    if (!readRequest(parser, request)) {
         return 2;
     }
-    const bool fromStdin = tags == QStringList{QStringLiteral("-")};
+    const bool fromStdin = request.tags == QStringList{QStringLiteral("-")};
     QList<QByteArray> datagrams;
-    if (!fromStdin) {
-        for (const QString& tag : tags) {
-            QByteArray bytes;
-            if (!tagBytes(tag, bytes)) {
-                return 2;
-            }
-            datagrams.append(WandDatagram(std::uint8_t(wand), bytes).toBytes());
-        }
+    if (!fromStdin && !makeDatagrams(request.tags, request.wand, datagrams)) {
+        return 2;
     }
-
-    const QString hostName = parser.value(hostOption);
-    const QHostAddress host = resolve(hostName);
+    const QHostAddress host = resolve(request.hostName);
     if (host.isNull()) {
-        fail(QStringLiteral("cannot find the host \"%1\"").arg(hostName));
+        fail(QStringLiteral("cannot find the host \"%1\"").arg(request.hostName));
         return 2;
     }
 
-    Sender sender(host, quint16(port), rate);
+    Sender sender(host, quint16(request.port), request.rate);
     if (fromStdin) {
-        std::string line;
-        while (std::getline(std::cin, line)) {
-            const QString tag = QString::fromLocal8Bit(line.c_str()).trimmed();
-            if (tag.isEmpty() || tag.startsWith(QLatin1Char('#'))) {
-                continue;
-            }
-            QByteArray bytes;
-            if (tagBytes(tag, bytes)) {
-                sender.sendNow(WandDatagram(std::uint8_t(wand), bytes).toBytes());
-            }
-        }
+        sendFromStdin(sender, request.wand);
     } else {
-        for (long long round = 0; repeat == 0 || round < repeat; ++round) {
-            for (const QByteArray& datagram : datagrams) {
-                sender.send(datagram);
-            }
-        }
+        sendRepeatedly(sender, datagrams, request.repeat);
     }
-    sender.report(quiet);
+    sender.report(request.quiet);
     return sender.ok() ? 0 : 1;
 }
