@@ -24,8 +24,7 @@
 namespace {
 
 constexpr int SAMPLE_RATE = 44100;
-// The ring keeps one byte free, so a full ring holds one chunk less than 1024.
-constexpr int FULL_RING = PdMessageBuffer::RING_BYTES / PdMessageBuffer::CHUNK_BYTES - 1;
+constexpr int FULL_RING = PdMessageBuffer::CAPACITY;
 constexpr double BUFFER_SECONDS = 256.0 / SAMPLE_RATE;
 
 PdPlayer* player()

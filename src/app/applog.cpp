@@ -102,7 +102,8 @@ void AppLog::messageHandler(QtMsgType type, const QMessageLogContext& context,
         // A message without a source file is dropped altogether once any word
         // was given on the command line, log file included. Deliberate: the
         // words ask for a diagnostic session, not for the everyday log.
-        if (!context.file || (!std::strchr(context.file, '/') && !std::strchr(context.file, '\\'))) {
+        if (!context.file ||
+            (!std::strchr(context.file, '/') && !std::strchr(context.file, '\\'))) {
             return;
         }
         if (log->isAskedFor(context)) {

@@ -52,9 +52,11 @@ bool ConfigFolder::lock()
     mInstanceLock.reset();
     // No log file yet, on purpose: this goes to standard error, and the
     // running instance's files stay untouched.
-    const QString text = QCoreApplication::translate("ConfigFolder", "%1 is already running (process %2).\n\nThis copy will now shut down.")
-                             .arg(QCoreApplication::applicationName())
-                             .arg(pid);
+    const QString text =
+        QCoreApplication::translate(
+            "ConfigFolder", "%1 is already running (process %2).\n\nThis copy will now shut down.")
+            .arg(QCoreApplication::applicationName())
+            .arg(pid);
     qCritical().noquote() << text;
     QMessageBox::critical(nullptr, QCoreApplication::applicationName(), text, QMessageBox::Ok);
     return false;
@@ -76,8 +78,10 @@ bool ConfigFolder::reportUnwritable(const QStringList& folders)
         return true;
     }
     const QString text =
-        QCoreApplication::translate("ConfigFolder", "This folder cannot be written:\n%1\n\nNo options or lattice changes can be saved, and "
-           "voice patches cannot be loaded, until it can.")
+        QCoreApplication::translate(
+            "ConfigFolder",
+            "This folder cannot be written:\n%1\n\nNo options or lattice changes can be saved, and "
+            "voice patches cannot be loaded, until it can.")
             .arg(problems.join(QLatin1Char('\n')));
     qCritical().noquote() << text;
     QMessageBox::critical(nullptr, QCoreApplication::applicationName(), text, QMessageBox::Ok);

@@ -39,7 +39,8 @@ bool UdpListener::openPort()
     // IPv6); the bind mode is the platform's default.
     if (mPort < 1 || mPort > 65535 || !mSocket->bind(QHostAddress::Any, quint16(mPort))) {
         const QString text =
-            QStringLiteral("Can't open UDP socket on port %1. UDP thread shutting down.").arg(mPort);
+            QStringLiteral("Can't open UDP socket on port %1. UDP thread shutting down.")
+                .arg(mPort);
         qCritical().noquote() << text;
         emit fatalError(text);
         mSocket.reset();
@@ -88,8 +89,8 @@ void UdpListener::handle(const char* bytes)
     if (const ArboEvent* event = mMap->lookup(datagram.tagText())) {
         emit eventReceived(event);
     } else {
-        mUnknownTag.warn(
-            QStringLiteral("RFID %1 not found in mapping table. Ignoring.").arg(datagram.tagForLog()));
+        mUnknownTag.warn(QStringLiteral("RFID %1 not found in mapping table. Ignoring.")
+                             .arg(datagram.tagForLog()));
     }
 }
 

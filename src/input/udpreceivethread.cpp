@@ -55,8 +55,8 @@ void UdpReceiveThread::run()
             ::getsockopt(wake.fd, SOL_SOCKET, SO_ERROR, &error, &size);
         }
         if (ready > 0 && (wake.revents & POLLNVAL)) {
-            const QString text =
-                QStringLiteral("%1 socket failed. %1 thread shutting down.").arg(QLatin1String(mName));
+            const QString text = QStringLiteral("%1 socket failed. %1 thread shutting down.")
+                                     .arg(QLatin1String(mName));
             qCritical().noquote() << text;
             emit fatalError(text);
             break;

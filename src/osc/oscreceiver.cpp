@@ -95,10 +95,10 @@ void OscReceiver::loadTags()
 
 void OscReceiver::malformed(const char* message, const char* where)
 {
-    mMalformed.warn(QStringLiteral("Discarding a malformed OSC packet (%1%2)")
-                        .arg(QString::fromLatin1(message),
-                             where ? QStringLiteral(" at ") + quoted(QString::fromUtf8(where))
-                                   : QString()));
+    mMalformed.warn(
+        QStringLiteral("Discarding a malformed OSC packet (%1%2)")
+            .arg(QString::fromLatin1(message),
+                 where ? QStringLiteral(" at ") + quoted(QString::fromUtf8(where)) : QString()));
 }
 
 void OscReceiver::summariseIfDue()
@@ -250,4 +250,3 @@ void OscReceiver::mapped(const Message& m, const InputMap::Bindings& bindings)
     constexpr double LIMIT = std::numeric_limits<float>::max();
     play(binding->control(float(std::clamp(position, -LIMIT, LIMIT)), bindings.latch, mScratch));
 }
-

@@ -14,7 +14,8 @@ class Settings;
 // The lattice, the player and the options are always there. The others are
 // null where a window is made without them (a test of the lattice drawing):
 // the options dialog then offers no device choice or no MIDI tab.
-struct InstrumentParts {
+struct InstrumentParts
+{
     Arbo* lattice = nullptr;
     PdPlayer* player = nullptr;
     Settings* options = nullptr;
