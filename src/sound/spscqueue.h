@@ -11,7 +11,10 @@
 // The records live in the object itself (no allocation, ever). Each side owns
 // one index; a record is copied in before the write index is published
 // (release) and read before the read index is, so neither side ever sees a
-// record half written.
+// record half written. Each side also keeps its last look at the other's
+// index and reads the shared one again only when that look says full or
+// empty: a busy pair of threads then does not pull the other side's cache
+// line over for every record.
 //
 // Threads: exactly one thread calls push() and freeSlots(), exactly one other
 // calls pop() and empty(). Neither blocks, allocates or locks.
@@ -29,8 +32,11 @@ public:
     bool push(const T& record) noexcept
     {
         const std::size_t write = mWrite.load(std::memory_order_relaxed);
-        if (write - mRead.load(std::memory_order_acquire) >= Capacity) {
-            return false;
+        if (write - mReadSeen >= Capacity) {
+            mReadSeen = mRead.load(std::memory_order_acquire);
+            if (write - mReadSeen >= Capacity) {
+                return false;
+            }
         }
         mRecords[write & (Capacity - 1)] = record;
         mWrite.store(write + 1, std::memory_order_release);
@@ -48,8 +54,11 @@ public:
     bool pop(T& record) noexcept
     {
         const std::size_t read = mRead.load(std::memory_order_relaxed);
-        if (read == mWrite.load(std::memory_order_acquire)) {
-            return false;
+        if (read == mWriteSeen) {
+            mWriteSeen = mWrite.load(std::memory_order_acquire);
+            if (read == mWriteSeen) {
+                return false;
+            }
         }
         record = mRecords[read & (Capacity - 1)];
         mRead.store(read + 1, std::memory_order_release);
@@ -63,8 +72,11 @@ public:
     }
 
 private:
-    // On lines of their own: each is written by one side only.
+    // On lines of their own, each with its side's last look at the other
+    // index: each line is written by one side only.
     alignas(64) std::atomic<std::size_t> mWrite{0};
+    std::size_t mReadSeen = 0; // producer's
     alignas(64) std::atomic<std::size_t> mRead{0};
+    std::size_t mWriteSeen = 0; // consumer's
     alignas(64) std::array<T, Capacity> mRecords{};
 };
