@@ -350,25 +350,12 @@ void TuningArboApplication::syncToSettings()
 
 void TuningArboApplication::loadAnyVoice()
 {
-    const QString folder = Paths::resourceDir() + QStringLiteral("/patches");
-    const QFileInfoList voices = QDir(folder).entryInfoList(QDir::Files, QDir::Name);
-    for (const QFileInfo& voice : voices) {
-        // Tried quietly first, so that a broken file costs a log line rather
-        // than a message box; the window then loads the one that works and
-        // shows it in its menu.
-        if (PatchLoader::loadVoice(&mPlayer, voice.absoluteFilePath())) {
-            qWarning().noquote() << QStringLiteral("Playing voice patch %1 instead of the default.")
-                                        .arg(voice.absoluteFilePath());
-            mMainWindow->patches()->load(voice.absoluteFilePath());
-            return;
-        }
-    }
-    if (mConfigFolder.unwritableReported()) {
+    if (mMainWindow->patches()->loadAny() || mConfigFolder.unwritableReported()) {
         return; // the folder message already said why no voice loads
     }
     const QString text = tr("No voice patch could be loaded from %1, so the instrument is silent."
                             "\n\nReinstalling the program restores its voice patches.")
-                             .arg(folder);
+                             .arg(Paths::resourceDir() + QStringLiteral("/patches"));
     qCritical().noquote() << text;
     QMessageBox::critical(mMainWindow, applicationName(), text, QMessageBox::Ok);
 }

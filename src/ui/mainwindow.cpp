@@ -78,16 +78,7 @@ MainWindow::MainWindow(const InstrumentParts& parts, QWidget* parent)
     mUi->grapeLayer->init(ArboLeavesWidget::Grapes, mLattice, mPlayer, *mOptions);
     mUi->centralStack->setCurrentIndex(settings->mCirclesView ? CIRCLES_PAGE : GRAPES_PAGE);
 
-    mViewSwitcher = new QLabel(mUi->centralWidget);
-    mViewSwitcher->setObjectName(QStringLiteral("viewSwitcher"));
-    mViewSwitcher->setTextFormat(Qt::RichText);
-    mViewSwitcher->setTextInteractionFlags(Qt::LinksAccessibleByMouse);
-    mViewSwitcher->setText(VIEW_SWITCHER_TEXT);
-    mViewSwitcher->move(VIEW_SWITCHER_POS);
-    mViewSwitcher->adjustSize();
-    mViewSwitcher->raise();
-    mAbsRelSwitcher = new QLabel(mUi->centralWidget);
-    mAbsRelSwitcher->setObjectName(QStringLiteral("absRelSwitcher"));
+    addSwitchers();
 
     // Every start shows relative readouts; the stored mode is deliberately
     // not restored.
@@ -133,6 +124,20 @@ MainWindow::MainWindow(const InstrumentParts& parts, QWidget* parent)
 }
 
 MainWindow::~MainWindow() = default;
+
+void MainWindow::addSwitchers()
+{
+    mViewSwitcher = new QLabel(mUi->centralWidget);
+    mViewSwitcher->setObjectName(QStringLiteral("viewSwitcher"));
+    mViewSwitcher->setTextFormat(Qt::RichText);
+    mViewSwitcher->setTextInteractionFlags(Qt::LinksAccessibleByMouse);
+    mViewSwitcher->setText(VIEW_SWITCHER_TEXT);
+    mViewSwitcher->move(VIEW_SWITCHER_POS);
+    mViewSwitcher->adjustSize();
+    mViewSwitcher->raise();
+    mAbsRelSwitcher = new QLabel(mUi->centralWidget);
+    mAbsRelSwitcher->setObjectName(QStringLiteral("absRelSwitcher"));
+}
 
 void MainWindow::setIcons()
 {

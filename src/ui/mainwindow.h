@@ -106,6 +106,9 @@ protected:
 
 private:
     void setIcons();
+    // The link labels over the drawing: the flowers/grapes switch and the
+    // readout mode's (made but given no text).
+    void addSwitchers();
     void updateReadout();
     // Queues an event made for this one call.
     void queue(ArboEvent::Type type, float value);

@@ -141,6 +141,20 @@ void PatchChooser::takeRequestedSteps()
     }
 }
 
+bool PatchChooser::loadAny()
+{
+    const QString folder = Paths::resourceDir() + QStringLiteral("/patches");
+    for (const QFileInfo& voice : QDir(folder).entryInfoList(QDir::Files, QDir::Name)) {
+        if (PatchLoader::loadVoice(mPlayer, voice.absoluteFilePath())) {
+            qWarning().noquote() << QStringLiteral("Playing voice patch %1 instead of the default.")
+                                        .arg(voice.absoluteFilePath());
+            load(voice.absoluteFilePath());
+            return true;
+        }
+    }
+    return false;
+}
+
 void PatchChooser::openFile()
 {
     const QString file = QFileDialog::getOpenFileName(mWindow, tr("Open Patch"), mLastFolder,

@@ -35,6 +35,10 @@ public:
     // Moves `step` entries through the menu, round its ends, and loads the
     // patch there.
     void step(int step);
+    // Tries every voice of the resource folder in name order, each quietly
+    // first (a broken file costs a log line rather than a message box), and
+    // loads the first that works; false when none does.
+    bool loadAny();
     // Asks the user for a patch file and loads it.
     void openFile();
 
