@@ -236,40 +236,6 @@ private slots:
         }
     }
 
-    // A sine through the render entry point at buffer sizes that do not
-    // divide into Pd's ticks: the pitch exact to a hundredth of a cent and
-    // the tone present in every 50 ms of it.
-    void sineAtOddBufferSizesIsExact_data()
-    {
-        QTest::addColumn<int>("frames");
-        for (int frames : {100, 1000, 48}) {
-            QTest::addRow("%d frames", frames) << frames;
-        }
-    }
-    void sineAtOddBufferSizesIsExact()
-    {
-        QFETCH(int, frames);
-        mOutput->setPlayer(&mPlayer);
-        QVERIFY(PatchLoader::loadVoice(&mPlayer, TestSupport::binDir() + "/patches/Sine.pd"));
-        const ArboNoteEvent fifth(QStringLiteral("/3"));
-        mPlayer.queueEventGui(&fifth);
-        QVector<float> left;
-        QVector<float> buffer(2 * frames);
-        while (left.size() < 2 * 44100) {
-            mOutput->render(buffer.data(), frames);
-            mPlayer.deliverResults();
-            for (int i = 0; i < frames; ++i) {
-                left.append(buffer[2 * i]);
-            }
-        }
-        const AudioAnalysis::ToneEstimate tone =
-            AudioAnalysis::measureTone(left.constData(), 22050, left.size(), 660.0, 44100);
-        QVERIFY2(tone.minAmplitude > 0.01 && std::abs(AudioAnalysis::cents(tone.frequency, 660.0)) < 0.01,
-                 qPrintable(QString::asprintf("%.4f Hz, amplitude %g", tone.frequency,
-                                              tone.minAmplitude)));
-        mPlayer.queueEventGui(&fifth);
-    }
-
     // Buffer sizes typed into the options file by hand that cannot work
     // fall back to 256 frames with a warning, and the device still opens.
     void unusableBufferSizesFallBackTo256()

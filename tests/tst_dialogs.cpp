@@ -7,8 +7,6 @@
 #include "ui/diagnosticsdialog.h"
 #include "ui/tweakdialog.h"
 
-#include <QDialogButtonBox>
-#include <QLabel>
 #include <QLoggingCategory>
 #include <QPlainTextEdit>
 #include <QPushButton>
@@ -17,7 +15,6 @@
 #include <QSpinBox>
 #include <QTemporaryDir>
 #include <QThread>
-#include <QVBoxLayout>
 
 #include <thread>
 
@@ -59,31 +56,6 @@ private slots:
         setFlags({});
     }
 
-    // One row per layout constant, named after it, in the list's order, with
-    // "Update" last.
-    void tweakRowsFollowTheLayoutConstants()
-    {
-        TweakDialog dialog;
-        dialog.addLayoutConstants();
-        const std::vector<LayoutConstants::Entry>& constants = LayoutConstants::all();
-        const int count = int(constants.size());
-        QCOMPARE(dialog.tweakCount(), count);
-        auto* layout = qobject_cast<QVBoxLayout*>(dialog.layout());
-        QCOMPARE(layout->count(), count + 1);
-        for (int i = 0; i < count; ++i) {
-            const QString name = QString::fromLatin1(constants.at(size_t(i)).name);
-            QSpinBox* box = dialog.spinBox(i);
-            QCOMPARE(box->objectName(), name);
-            QCOMPARE(box->minimum(), -1000);
-            QCOMPARE(box->maximum(), 1000);
-            QCOMPARE(box->value(), *constants.at(size_t(i)).value);
-            QLayout* row = layout->itemAt(i)->layout();
-            QCOMPARE(qobject_cast<QLabel*>(row->itemAt(0)->widget())->text(), name);
-            QCOMPARE(row->itemAt(1)->widget(), box);
-        }
-        QCOMPARE(layout->itemAt(count)->widget(), dialog.updateButton());
-    }
-
     // A change goes into the constant at once, but only "Update" asks for a
     // redraw; typed values beyond ±1000 are held to the range.
     void tweakWritesAtOnceAndUpdatesOnlyOnTheButton()
@@ -120,17 +92,6 @@ private slots:
         QCOMPARE(outside, 1500);
         dialog.spinBox(22)->setValue(999);
         QCOMPARE(outside, 999);
-    }
-
-    // Read-only, keeps every line, and closes from its button.
-    void diagnosticsForm()
-    {
-        DiagnosticsDialog dialog;
-        QVERIFY(dialog.textBox()->isReadOnly());
-        QCOMPARE(dialog.textBox()->maximumBlockCount(), 0);
-        dialog.show();
-        dialog.findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Close)->click();
-        QVERIFY(!dialog.isVisible());
     }
 
     // With "all", lines logged in turn by the GUI thread, a QThread and a

@@ -212,53 +212,39 @@ private slots:
         };
         a440(none, "/", "A4", 0.0);
         a440(none, "/3", "E5", 1.955);
-        a440(none, "/-3", "D4", -1.955);
         a440(none, "/2/2", "A6", 0.0);
         a440(none, "/5", "C#5", -13.686);
-        a440(none, "/-5", "F4", 13.686);
         a440(none, "/7", "G5", -31.174);
-        a440(none, "/-7", "B3", 31.174);
         a440(none, "/11", "D#5", -48.682);
         a440(none, "/13", "F5", 40.528);
         a440(none, "/17", "Bb4", 4.955);
         a440(none, "/-17", "G#4", -4.955);
         a440(none, "/19", "C5", -2.487);
-        a440(none, "/23", "D#5", 28.274);
         a440(none, "/31", "G#5", 45.036);
-        a440(none, "/3/-2", "E4", 1.955);
         a440(none, "/5/-3", "F#4", -15.641);
         a440(none, "/7/-3", "C5", -33.129);
         a440(none, "/17/17", "Cb5", 9.911);
-        a440(none, "/-19/-19", "D#4", 4.974);
         a440(none, "/19/19/19", "Gb5", -7.461);
         // Chains of fifths: the Pythagorean comma grows by 1.955 cents a fifth.
         a440(none, "/3/3/3/3/3/3", "D#8", 11.730);
         a440(none, "/-3/-3/-3/-3/-3/-3", "Eb1", -11.730);
         // The transposition's steps are walked first.
         a440({3}, "/3/3/3/3/3/3", "A#8", 13.685);
-        a440({3, 3, 3, -2, -2}, "/3/3/3/3/3/3", "B#7", 17.595);
         a440({-3}, "/3", "A4", 0.0);
-        a440({7}, "/-7", "A4", 0.0);
         // Chains of thirds run into double sharps and flats and then give up.
         a440(none, "/5/5", "E#5", -27.373);
         a440(none, "/5/5/5", "G##5", -41.059);
-        a440(none, "/-5/-5/-5", "Bbb3", 41.059);
         a440(none, "/5/5/5/5", "C6", 45.255, true); // B## would be 55 cents off
         a440({5}, "/5/5/5", "C6", 45.255, true);
-        a440(none, "/5/5/5/5/5", "E6", 31.569, true); // D### is no spelling
         a440(none, "/5/5/5/5/5/5", "G#6", 17.882, true);
-        a440(none, "/-5/-5/-5/-5", "F#3", -45.255, true);
         a440(none, "/7/7", "E6", 37.652, true);
-        a440(none, "/13/13", "D6", -18.945, true);
         // A base note named with a flat (tempered Ab4): the walk starts from Ab.
         row("Ab 4", 415.304688f, 440, none, "/", "Ab4", 0.0);
-        row("Ab 4", 415.304688f, 440, none, "/3", "Eb5", 1.955);
         row("Ab 4", 415.304688f, 440, none, "/-5", "Fb4", 13.686);
         row("Ab 4", 415.304688f, 440, none, "/-5/-5", "Dbb4", 27.373);
         row("Ab 4", 415.304688f, 440, none, "/7", "Gb5", -31.174);
         // Calibration 442 with the base at 440: every reading 7.85 cents lower.
         row("A 4", 440.0f, 442, none, "/", "A4", -7.851);
-        row("A 4", 440.0f, 442, none, "/3", "E5", -5.896);
         row("A 4", 440.0f, 442, none, "/11", "D5", 43.467, true);
         row("A 4", 440.0f, 442, none, "/5/5/5/5/5/5", "G#6", 10.031, true);
         row("A 4", 442.0f, 442, none, "/3", "E5", 1.955);

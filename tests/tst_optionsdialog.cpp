@@ -198,22 +198,14 @@ private slots:
         qunsetenv("ARBO_UPDATE_FEED_URL");
     }
 
-    // Without a MIDI output there is no MIDI tab; the About page comes from
-    // the resource with the version filled in.
+    // Without a MIDI output there is no MIDI tab; the About page has the
+    // version filled in.
     void pagesAndAboutText()
     {
         OptionsDialog dialog(parts());
         QCOMPARE(dialog.findChild<QTabWidget*>(QStringLiteral("tabWidget"))->count(), 3);
-        auto* about = dialog.findChild<QLabel*>(QStringLiteral("aboutLabel"));
-        const QString text = about->text();
-        QVERIFY(!text.contains("<version>"));
-        QVERIFY(text.contains("Version 1.5.0"));
-        for (const char* name : {"Qt", "PortAudio", "Pure Data", "libpd", "Boost", "Emmentaler"}) {
-            QVERIFY2(text.contains(QLatin1String(name)), name);
-        }
-        QVERIFY(about->openExternalLinks());
-        auto* version = dialog.findChild<QLabel*>(QStringLiteral("versionLabel"));
-        QCOMPARE(version->text(), QStringLiteral("The current version is: 1.5.0"));
+        const QString text = dialog.findChild<QLabel*>(QStringLiteral("aboutLabel"))->text();
+        QVERIFY(!text.contains("<version>") && text.contains("Version 1.5.0"));
     }
 
     // The options button: a toggle whose new dialog comes back where the old

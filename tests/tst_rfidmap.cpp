@@ -195,26 +195,6 @@ private slots:
         map.term();
         QCOMPARE(TestSupport::readFile(mapPath()), content);
     }
-
-    void thousandsOfEntries()
-    {
-        QJsonObject root;
-        for (int i = 0; i < 5000; ++i) {
-            root.insert(
-                QStringLiteral("TAG%1").arg(i, 6, 10, QChar('0')),
-                QJsonObject{{"event", 2}, {"value", i % 2 ? QJsonValue(i * 0.5) : "/3/-5"}});
-        }
-        QVERIFY(TestSupport::writeFile(mapPath(), QJsonDocument(root).toJson()));
-        QLoggingCategory::setFilterRules("default.debug=false"); // a line per entry
-        RfidMap map;
-        QVERIFY(map.init());
-        QLoggingCategory::setFilterRules(QString());
-        QCOMPARE(map.size(), 5000);
-        for (int i = 0; i < 5000; ++i) {
-            QCOMPARE(describe(map.lookup(QStringLiteral("tag%1").arg(i, 6, 10, QChar('0')))),
-                     i % 2 ? QStringLiteral("2 %1").arg(i * 0.5) : "/3/-5");
-        }
-    }
 };
 
 ARBO_TEST_MAIN(TestRfidMap)

@@ -68,7 +68,6 @@ class TestSettings : public QObject
 
 private slots:
     void init();
-    void firstRunWritesEveryKeyWithItsDefault();
     void readTakesOnlyValuesOfTheRightType_data();
     void readTakesOnlyValuesOfTheRightType();
     void damagedFileKeepsDefaultsAndStaysUntilSaved_data();
@@ -85,33 +84,6 @@ void TestSettings::init()
 {
     QDir(TestSupport::configDir()).removeRecursively();
     QVERIFY(QDir().mkpath(TestSupport::configDir()));
-}
-
-void TestSettings::firstRunWritesEveryKeyWithItsDefault()
-{
-    Settings settings;
-    QVERIFY(settings.init());
-    const QByteArray bytes = TestSupport::readFile(optionsPath());
-    const QJsonObject json = QJsonDocument::fromJson(bytes).object();
-
-    const QJsonObject expected{
-        {"audioDevice", -1},           {"framesPerBuffer", 256},    {"baseFrequency", 440.0},
-        {"calibrationFrequency", 440}, {"baseNote", "A 4"},         {"masterVolume", 0.75},
-        {"monophonic", false},         {"defaultPatch", "Sine.pd"}, {"udpPort", 8888},
-        {"circlesView", false},        {"absRelView", 1},           {"updateCheckInterval", 1},
-        {"tSysLastUpdateCheck", ""},   {"windowSize", "-1,-1"},     {"windowPos", "-1,-1"},
-        {"windowMaximized", false},
-    };
-    QCOMPARE(json, expected);
-    // Indented, one key per line, so the file stays editable by hand.
-    QCOMPARE(bytes.count('\n'), 18);
-
-    // Read back, the file gives the same values.
-    Settings again;
-    QVERIFY(again.init());
-    QJsonObject rewritten;
-    again.write(rewritten);
-    QCOMPARE(rewritten, expected);
 }
 
 void TestSettings::readTakesOnlyValuesOfTheRightType_data()
