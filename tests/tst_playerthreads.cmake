@@ -9,6 +9,8 @@ set_tests_properties(tst_playerthreads PROPERTIES RESOURCE_LOCK jack)
 # the test's own is generated here, so no symbol is defined twice.
 set(ARBO_PLAYER_TSAN_SOURCES
     "${CMAKE_SOURCE_DIR}/src/sound/pdplayer.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/commanddispatcher.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/playercontrols.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/voicepool.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/patchchanger.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/patchmixer.cpp"

@@ -1,6 +1,5 @@
 #include "sound/pdplayer.h"
 
-#include "model/arbo.h"
 #include "model/arboevent.h"
 #include "settings/debuglog.h"
 #include "sound/denormals.h"
@@ -40,21 +39,10 @@ PdPlayer::~PdPlayer()
 
 bool PdPlayer::init()
 {
-    if (!mGuiBuffer.init()) {
-        qCritical() << "failed to allocate gui command buffer";
+    if (const char* failure = mCommands.init()) {
+        qCritical() << failure;
         return false;
     }
-    if (!mSerialBuffer.init()) {
-        qCritical() << "failed to allocate serial command buffer";
-        return false;
-    }
-    if (!mMidiBuffer.init() || !mOscBuffer.init()) {
-        qCritical() << "failed to allocate MIDI and OSC command buffers";
-        return false;
-    }
-    // The MIDI input may call in from the MIDI server's real-time thread,
-    // which must not log; its drops are counted and reported from here.
-    mMidiBuffer.setLogDrops(false);
     qWarning() << "calling libpd init";
     // Pd reads the numbers in patch files and messages with the C library,
     // which follows LC_NUMERIC; Qt has set the locale from the environment, so
@@ -92,22 +80,27 @@ void PdPlayer::term()
 
 void PdPlayer::queueEventGui(const ArboEvent* event)
 {
-    mGuiBuffer.queueEvent(event);
+    mCommands.queue(CommandDispatcher::FromWindow, event);
 }
 
 void PdPlayer::queueEventSerial(const ArboEvent* event)
 {
-    mSerialBuffer.queueEvent(event);
+    mCommands.queue(CommandDispatcher::FromWands, event);
 }
 
 void PdPlayer::queueEventMidi(const ArboEvent* event)
 {
-    mMidiBuffer.queueEvent(event);
+    mCommands.queue(CommandDispatcher::FromMidi, event);
 }
 
 void PdPlayer::queueEventOsc(const ArboEvent* event)
 {
-    mOscBuffer.queueEvent(event);
+    mCommands.queue(CommandDispatcher::FromOsc, event);
+}
+
+void PdPlayer::processEvents(int budget)
+{
+    mCommands.process(budget);
 }
 
 void PdPlayer::render(float* output, int frames) noexcept
@@ -158,297 +151,6 @@ void PdPlayer::render(float* output, int frames) noexcept
     if (mMuted.load(std::memory_order_relaxed)) {
         std::fill(output, output + samples, 0.0f);
     }
-}
-
-void PdPlayer::processEvents(int budget)
-{
-    // A budget per buffer: a flood costs latency, never an overrun. Each
-    // ring first gets a share, in the order wands, MIDI, OSC, window, so that
-    // no source can keep the others waiting; what is left goes round again.
-    // What is not carried out stays in its ring, in order, for the next
-    // buffer.
-    PdMessageBuffer* const rings[SOURCE_COUNT] = {&mSerialBuffer, &mMidiBuffer, &mOscBuffer,
-                                                  &mGuiBuffer};
-    const int share = std::max(1, budget / SOURCE_COUNT);
-    for (int source = 0; source < SOURCE_COUNT && budget > 0; ++source) {
-        budget -= processBuffer(*rings[source], Source(source), std::min(share, budget));
-    }
-    for (int source = 0; source < SOURCE_COUNT && budget > 0; ++source) {
-        budget -= processBuffer(*rings[source], Source(source), budget);
-    }
-}
-
-int PdPlayer::processBuffer(PdMessageBuffer& buffer, Source source, int budget)
-{
-    int done = 0;
-    PdMessageBuffer::Chunk chunk;
-    while (done < budget && buffer.peek(chunk)) {
-        // A command is carried out only with room for all it may report;
-        // otherwise it waits, first in its ring, for the GUI thread to catch
-        // up, and the commands behind it wait with it.
-        if (mResults.freeSlots() < std::size_t(resultsOf(chunk.type))) {
-            break;
-        }
-        buffer.pop();
-        carryOut(chunk, source);
-        ++done;
-    }
-    return done;
-}
-
-int PdPlayer::resultsOf(int type)
-{
-    switch (type) {
-    case ArboEvent::AllNotesOff:
-        return VOICE_COUNT + 1; // a note-off for every voice
-    case ArboEvent::NoteToggle:
-    case ArboEvent::NoteStart:
-        return 4; // a stolen voice's end and stop, a mono voice's end, the note
-    case ArboEvent::PatchStep:
-        return 0;
-    default:
-        return 1;
-    }
-}
-
-bool PdPlayer::acceptValue(int type, float value, float current, Source source)
-{
-    // The sources refuse such values where they read them; this catches
-    // whatever reached a ring anyway, so that neither the sound nor the
-    // saved options ever see it.
-    bool accepted = ArboEvent::refusal(type, value) == nullptr;
-    if (accepted && (type == ArboEvent::VoiceVolumeStep || type == ArboEvent::MasterVolumeStep)) {
-        // A step may take a volume past 1 (the patch takes that), but not
-        // out of the range a volume may have at all.
-        const int absolute =
-            type == ArboEvent::VoiceVolumeStep ? ArboEvent::VoiceVolume : ArboEvent::MasterVolume;
-        accepted = ArboEvent::refusal(absolute, current + value) == nullptr;
-    }
-    if (!accepted) {
-        RefusedValues& refused = mRefusedValues[source];
-        refused.lastType.store(type, std::memory_order_relaxed);
-        refused.lastValue.store(value, std::memory_order_relaxed);
-        refused.count.fetch_add(1, std::memory_order_relaxed);
-    }
-    return accepted;
-}
-
-void PdPlayer::carryOut(const PdMessageBuffer::Chunk& chunk, Source source)
-{
-    const float value = chunk.value;
-    switch (chunk.type) {
-    case ArboEvent::VoiceVolumeStep:
-    case ArboEvent::VoiceVolume:
-    case ArboEvent::MasterVolumeStep:
-    case ArboEvent::MasterVolume:
-    case ArboEvent::BaseFrequency:
-    case ArboEvent::Macro1:
-    case ArboEvent::Macro2:
-    case ArboEvent::Macro3:
-    case ArboEvent::Macro4:
-    case ArboEvent::Macro5:
-    case ArboEvent::Macro6:
-    case ArboEvent::Macro7:
-    case ArboEvent::Macro8: {
-        const bool voice = chunk.type == ArboEvent::VoiceVolumeStep;
-        if (!acceptValue(chunk.type, value, voice ? voiceVolume() : volume(), source)) {
-            return;
-        }
-        break;
-    }
-    default:
-        break;
-    }
-    switch (chunk.type) {
-    case ArboEvent::NoteToggle:
-        toggleNote(chunk.path);
-        break;
-    case ArboEvent::NoteStart:
-        startNote(chunk.path);
-        break;
-    case ArboEvent::NoteEnd:
-        endNote(chunk.path);
-        break;
-    case ArboEvent::AllNotesOff:
-        mVoices.allNotesOff();
-        break;
-    case ArboEvent::Transpose: {
-        // Rounded to the nearest step, halves upward. Anything that is not a
-        // prime step of the table (4, 1000, NaN from a hand-written tag map)
-        // is refused here: its ratio would be 0 or a division by zero.
-        const float rounded = std::floor(value + 0.5f);
-        if (!(std::fabs(rounded) <= 31.0f) ||
-            (rounded != 0.0f && !Arbo::isValidPrime(static_cast<signed char>(rounded)))) {
-            mLastRefusedTransposition.store(value, std::memory_order_relaxed);
-            mRefusedTranspositions.fetch_add(1, std::memory_order_relaxed);
-            break;
-        }
-        transpose(static_cast<signed char>(rounded));
-        break;
-    }
-    case ArboEvent::VoiceVolumeStep:
-        setVoiceVolume(voiceVolume() + value);
-        break;
-    case ArboEvent::VoiceVolume:
-        setVoiceVolume(value);
-        break;
-    case ArboEvent::MasterVolumeStep:
-        setVolume(volume() + value);
-        break;
-    case ArboEvent::MasterVolume:
-        setVolume(value);
-        break;
-    case ArboEvent::Monophonic:
-        setMonophonic(value > 0.5f);
-        break;
-    case ArboEvent::PatchStep:
-        // Summed up for the GUI thread; one signal for a whole run of steps
-        // (see takePatchSteps()).
-        mPatchSteps.fetch_add(value > 0.0f ? 1 : -1, std::memory_order_relaxed);
-        break;
-    case ArboEvent::BaseFrequency:
-        setBaseFrequency(value);
-        break;
-    case ArboEvent::PrimeToggle:
-        // Truncated; an index outside the flags is no prime and is ignored.
-        if (value >= 0.0f && value < float(PRIME_FLAG_COUNT)) {
-            togglePrimeEnabled(int(value));
-        }
-        break;
-    case ArboEvent::Macro1:
-    case ArboEvent::Macro2:
-    case ArboEvent::Macro3:
-    case ArboEvent::Macro4:
-    case ArboEvent::Macro5:
-    case ArboEvent::Macro6:
-    case ArboEvent::Macro7:
-    case ArboEvent::Macro8:
-        setMacroValue(chunk.type - ArboEvent::Macro1 + 1, value);
-        break;
-    default:
-        break; // codes outside the vocabulary are ignored
-    }
-}
-
-void PdPlayer::setVolume(float volume)
-{
-    mMixer.setVolume(volume);
-    mResults.report(PlayerResult::Volume, 0, volume);
-}
-
-void PdPlayer::setVoiceVolume(float volume)
-{
-    // Takes effect from the next note-on; nothing goes to the patch now.
-    mVoices.setVoiceVolume(volume);
-    mResults.report(PlayerResult::VoiceVolume, 0, volume);
-}
-
-void PdPlayer::setMonophonic(bool monophonic)
-{
-    // Voices already sounding are left to ring.
-    mVoices.setMonophonic(monophonic);
-    mResults.report(PlayerResult::Monophonic, 0, 0.0f, monophonic);
-}
-
-void PdPlayer::setBaseFrequency(float frequency)
-{
-    // Sounding voices keep their frequency; new notes use the new base.
-    mVoices.setBaseFrequency(frequency);
-    mResults.report(PlayerResult::BaseFrequency, 0, frequency);
-}
-
-void PdPlayer::togglePrimeEnabled(int prime)
-{
-    if (prime < 0 || prime >= PRIME_FLAG_COUNT) {
-        return;
-    }
-    mPrimeEnabled[prime] = !mPrimeEnabled[prime];
-    mResults.report(PlayerResult::PrimeEnabled, prime, 0.0f, mPrimeEnabled[prime]);
-}
-
-bool PdPlayer::primeEnabled(int prime) const
-{
-    return prime >= 0 && prime < PRIME_FLAG_COUNT && mPrimeEnabled[prime];
-}
-
-void PdPlayer::setMacroValue(int macro, float value)
-{
-    // Macros are for the whole patch: voice -1 goes out as voice number 0.
-    mMixer.sendVoiceMessage(PatchMixer::Macro1 + macro - 1, value, -1);
-    if (macro >= 1 && macro <= MACRO_COUNT) {
-        mChanger.rememberMacro(macro - 1, value); // for the next patch change
-    }
-    mResults.report(PlayerResult::MacroValue, macro, value);
-}
-
-void PdPlayer::transpose(signed char step)
-{
-    if (step == 0) {
-        mTransposition = ArboRatio(1, 1);
-    } else {
-        if (!Arbo::isValidPrime(step)) {
-            return;
-        }
-        // The transposition is refused rather than wrapped when it would no
-        // longer fit in 64 bits: a wrong ratio would be a wrong pitch.
-        if (!mTransposition.multiplyIfExact(ArboRatio::pathRatio(ArboPath(step)))) {
-            mLastRefusedTransposition.store(float(step), std::memory_order_relaxed);
-            mRefusedTranspositions.fetch_add(1, std::memory_order_relaxed);
-            return;
-        }
-    }
-    mResults.report(PlayerResult::Transposed, int(step), 0.0f, false, &mTransposition);
-}
-
-// ---------------------------------------------------------------------------
-// Notes
-
-bool PdPlayer::resolveNote(const ArboPath& path, ArboRatio& ratio)
-{
-    // A path comes through the ring as raw bytes; one that is not made of
-    // prime steps of the table has no pitch and is ignored like the invalid one.
-    if (!path.isValid() || !path.hasValidSteps()) {
-        return false;
-    }
-    // The root has no last step: it consults flag 0, which only PrimeToggle 0
-    // changes, so the 1/1 is never blocked by a prime.
-    const int length = path.length();
-    const int prime = length > 0 ? std::abs(int(path.toCharArray()[length - 1])) : 0;
-    if (!primeEnabled(prime)) {
-        return false;
-    }
-    ratio = mTransposition;
-    if (!ratio.multiplyIfExact(ArboRatio::pathRatio(path))) {
-        quint64 bytes = 0;
-        std::memcpy(&bytes, &path, sizeof(bytes));
-        mLastRefusedNote.store(bytes, std::memory_order_relaxed);
-        mRefusedNotes.fetch_add(1, std::memory_order_relaxed);
-        return false;
-    }
-    return true;
-}
-
-void PdPlayer::toggleNote(const ArboPath& path)
-{
-    ArboRatio ratio;
-    if (!resolveNote(path, ratio)) {
-        return;
-    }
-    mVoices.toggle(ratio);
-}
-
-void PdPlayer::startNote(const ArboPath& path)
-{
-    ArboRatio ratio;
-    if (!resolveNote(path, ratio)) {
-        return;
-    }
-    mVoices.start(ratio, path);
-}
-
-void PdPlayer::endNote(const ArboPath& path)
-{
-    mVoices.end(path);
 }
 
 // ---------------------------------------------------------------------------
@@ -514,7 +216,7 @@ void PdPlayer::signalPatchSteps()
 {
     // Patch steps are summed on the audio thread; one signal stands for all
     // of them until the window takes them (takePatchSteps()).
-    const int steps = mPatchSteps.load(std::memory_order_relaxed);
+    const int steps = mCommands.patchSteps();
     if (steps != 0 && !mPatchStepSignalled) {
         mPatchStepSignalled = true;
         if (steps > 0) {
@@ -529,35 +231,25 @@ int PdPlayer::takePatchSteps()
 {
     // A step added after this is signalled anew, one added before is in the sum.
     mPatchStepSignalled = false;
-    return mPatchSteps.exchange(0, std::memory_order_acq_rel);
-}
-
-quint32 PdPlayer::refusedValues() const
-{
-    quint32 count = 0;
-    for (const RefusedValues& refused : mRefusedValues) {
-        count += refused.count.load(std::memory_order_relaxed);
-    }
-    return count;
+    return mCommands.takePatchSteps();
 }
 
 void PdPlayer::reportRefusedCommands()
 {
-    static const char* const SOURCE_NAMES[SOURCE_COUNT] = {"the wands", "MIDI", "OSC",
-                                                           "the window"};
-    for (int source = 0; source < SOURCE_COUNT; ++source) {
-        RefusedValues& refused = mRefusedValues[source];
-        if (const quint32 count = refused.count.exchange(0)) {
-            const int type = refused.lastType.load();
-            const float value = refused.lastValue.load();
-            const char* why = ArboEvent::refusal(type, value);
+    static const char* const SOURCE_NAMES[CommandDispatcher::SOURCE_COUNT] = {
+        "the wands", "MIDI", "OSC", "the window"};
+    for (int source = 0; source < CommandDispatcher::SOURCE_COUNT; ++source) {
+        const CommandDispatcher::RefusedValue refused =
+            mCommands.takeRefusedValues(CommandDispatcher::Source(source));
+        if (refused.count != 0) {
+            const char* why = ArboEvent::refusal(refused.type, refused.value);
             qWarning().noquote()
                 << QStringLiteral("Ignored %1 command(s) from %2 with a value out of range "
                                   "(last: event %3 with the value %4, which %5)")
-                       .arg(count)
+                       .arg(refused.count)
                        .arg(QLatin1String(SOURCE_NAMES[source]))
-                       .arg(type)
-                       .arg(double(value))
+                       .arg(refused.type)
+                       .arg(double(refused.value))
                        .arg(QLatin1String(why ? why : "would take the volume out of 0 to 4"));
         }
     }
@@ -575,24 +267,23 @@ void PdPlayer::reportRefusedCommands()
         qWarning().noquote()
             << QStringLiteral("%1 voice-stop report(s) for the diagnostics were dropped").arg(count);
     }
-    if (const quint32 count = mMidiBuffer.takeSilentDrops()) {
+    if (const quint32 count = mCommands.takeMidiDrops()) {
         qWarning().noquote()
             << QStringLiteral("Dropped %1 MIDI command(s): the command buffer was full").arg(count);
     }
-    if (const quint32 count = mRefusedTranspositions.exchange(0)) {
+    float lastTransposition = 0.0f;
+    if (const quint32 count = mControls.takeRefusedTranspositions(lastTransposition)) {
         qWarning().noquote() << QStringLiteral("Ignored %1 transposition(s) that are no prime "
                                                "step or would leave the exact ratios (last: %2)")
                                     .arg(count)
-                                    .arg(double(mLastRefusedTransposition.load()));
+                                    .arg(double(lastTransposition));
     }
-    if (const quint32 count = mRefusedNotes.exchange(0)) {
-        ArboPath path;
-        const quint64 bytes = mLastRefusedNote.load();
-        std::memcpy(static_cast<void*>(&path), &bytes, sizeof(bytes));
+    ArboPath lastNote;
+    if (const quint32 count = mControls.takeRefusedNotes(lastNote)) {
         qWarning().noquote()
             << QStringLiteral("Ignored %1 note(s) beyond the exact ratios (last: %2)")
                    .arg(count)
-                   .arg(path.toString());
+                   .arg(lastNote.toString());
     }
 }
 

@@ -1,9 +1,10 @@
 #pragma once
 
 #include "model/arboratio.h"
+#include "sound/commanddispatcher.h"
 #include "sound/patchchanger.h"
 #include "sound/patchmixer.h"
-#include "sound/pdmessagebuffer.h"
+#include "sound/playercontrols.h"
 #include "sound/playerresult.h"
 #include "sound/playerresultqueue.h"
 #include "sound/spscqueue.h"
@@ -41,10 +42,11 @@ struct _atom;
 // through a fixed queue that the GUI thread turns into the signals below
 // (deliverResults()): they are emitted on the GUI thread.
 //
-// The player keeps the commands and the settings they change, and owns the
-// parts that make the sound: the voices and the note table (VoicePool), the
-// patch change (PatchChanger), the instances that sound and every message to
-// them (PatchMixer), and the results on their way to the GUI thread
+// The player is the face of the parts it owns: the command buffers and the
+// carrying out of commands (CommandDispatcher), the settings they change
+// (PlayerControls), the voices and the note table (VoicePool), the patch
+// change (PatchChanger), the instances that sound and every message to them
+// (PatchMixer), and the results on their way to the GUI thread
 // (PlayerResultQueue).
 //
 // The patch contract: voice and macro messages go to the receiver "arbo-in"
@@ -61,7 +63,7 @@ public:
     using NoteOn = VoicePool::NoteOn;
 
     static constexpr int VOICE_COUNT = VoicePool::VOICE_COUNT;
-    static constexpr int PRIME_FLAG_COUNT = 32;
+    static constexpr int PRIME_FLAG_COUNT = PlayerControls::PRIME_FLAG_COUNT;
 
     explicit PdPlayer(QObject* parent = nullptr);
     ~PdPlayer() override;
@@ -166,23 +168,23 @@ public:
 
     // The same effects as the commands, without a buffer: the commands are
     // carried out through them. Audio thread (or while no audio thread runs).
-    void setVolume(float volume);
-    void setVoiceVolume(float volume);
-    void setMonophonic(bool monophonic);
-    void setBaseFrequency(float frequency);
-    void togglePrimeEnabled(int prime);
-    void setMacroValue(int macro, float value);
-    void transpose(signed char step);
+    void setVolume(float volume) { mControls.setVolume(volume); }
+    void setVoiceVolume(float volume) { mControls.setVoiceVolume(volume); }
+    void setMonophonic(bool monophonic) { mControls.setMonophonic(monophonic); }
+    void setBaseFrequency(float frequency) { mControls.setBaseFrequency(frequency); }
+    void togglePrimeEnabled(int prime) { mControls.togglePrimeEnabled(prime); }
+    void setMacroValue(int macro, float value) { mControls.setMacroValue(macro, value); }
+    void transpose(signed char step) { mControls.transpose(step); }
 
     // Read-only views for tests and diagnostics; audio thread, or any thread
     // while no audio thread runs.
     const StaticArray<NoteOn, VOICE_COUNT>& voices() const { return mVoices.voices(); }
-    const ArboRatio& transposition() const { return mTransposition; }
+    const ArboRatio& transposition() const { return mControls.transposition(); }
     float volume() const { return mMixer.volume(); }
     float voiceVolume() const { return mVoices.voiceVolume(); }
     float baseFrequency() const { return mVoices.baseFrequency(); }
     bool monophonic() const { return mVoices.monophonic(); }
-    bool primeEnabled(int prime) const;
+    bool primeEnabled(int prime) const { return mControls.primeEnabled(prime); }
     // Notes in the note table (sounding or releasing). Any thread: published
     // by the audio thread after every change.
     int soundingNoteCount() const { return mVoices.soundingNoteCount(); }
@@ -201,12 +203,12 @@ public:
     // Commands that the audio thread refused since the last report: a
     // transposition that is no prime step or would leave the exact ratios,
     // a note beyond the exact ratios. Any thread.
-    quint32 refusedTranspositions() const { return mRefusedTranspositions.load(); }
-    quint32 refusedNotes() const { return mRefusedNotes.load(); }
+    quint32 refusedTranspositions() const { return mControls.refusedTranspositions(); }
+    quint32 refusedNotes() const { return mControls.refusedNotes(); }
     // Commands refused since the last report for a value out of its range
     // (ArboEvent::refusal, or a volume step that would leave the range),
     // over all sources. Any thread.
-    quint32 refusedValues() const;
+    quint32 refusedValues() const { return mCommands.refusedValues(); }
 
     // GUI thread: the patch steps asked for by commands since the last call,
     // added up (+1 for each step to the next patch, -1 for each step back),
@@ -251,33 +253,6 @@ public slots:
     void queueEventOsc(const ArboEvent* event);
 
 private:
-    // Where a command came from, for the report of refused values: one per
-    // command buffer.
-    enum Source
-    {
-        FromWands,
-        FromMidi,
-        FromOsc,
-        FromWindow,
-        SOURCE_COUNT
-    };
-
-    // Carries out at most `budget` commands of `buffer`; how many it did.
-    int processBuffer(PdMessageBuffer& buffer, Source source, int budget);
-    // How many results a command of `type` may report at most.
-    static int resultsOf(int type);
-    void carryOut(const PdMessageBuffer::Chunk& chunk, Source source);
-    // Whether `value` is sane for the command `type` (and, for a volume step,
-    // whether the volume stays in range); counts a refusal for `source`.
-    bool acceptValue(int type, float value, float current, Source source);
-    // The sounding ratio of `path` (transposition included); false when the
-    // path has no pitch, its prime is switched off or the ratio would leave
-    // 64 bits (counted as refused).
-    bool resolveNote(const ArboPath& path, ArboRatio& ratio);
-    void toggleNote(const ArboPath& path);
-    void startNote(const ArboPath& path);
-    void endNote(const ArboPath& path);
-
     // GUI thread: hands `instance` (null: no patch) over to the audio
     // thread, or, without one, carries the change out at once.
     void handOver(PdInstance* instance);
@@ -298,32 +273,13 @@ private:
     PatchMixer mMixer;
     VoicePool mVoices{mMixer, mResults};
     PatchChanger mChanger{mMixer, mVoices, mResults};
-
-    PdMessageBuffer mGuiBuffer;
-    PdMessageBuffer mSerialBuffer;
-    PdMessageBuffer mMidiBuffer;
-    PdMessageBuffer mOscBuffer;
-    ArboRatio mTransposition{1, 1};
-    StaticArray<bool, PRIME_FLAG_COUNT> mPrimeEnabled{PRIME_FLAG_COUNT, true};
+    PlayerControls mControls{mMixer, mVoices, mChanger, mResults};
+    CommandDispatcher mCommands{mControls, mVoices, mResults};
 
     std::atomic<bool> mPatchOpen{false};
-    // Counted on the audio thread, reported by the GUI thread: the audio
-    // thread never logs because of what the input says.
-    std::atomic<quint32> mRefusedTranspositions{0};
-    std::atomic<float> mLastRefusedTransposition{0.0f};
-    std::atomic<quint32> mRefusedNotes{0};
-    std::atomic<quint64> mLastRefusedNote{0}; // the path's eight bytes
-    struct RefusedValues
-    {
-        std::atomic<quint32> count{0};
-        std::atomic<int> lastType{0};
-        std::atomic<float> lastValue{0.0f};
-    };
-    RefusedValues mRefusedValues[SOURCE_COUNT];
-    // The patch steps not yet taken by the GUI thread, and whether a signal
-    // for them is on its way (see takePatchSteps()).
-    std::atomic<int> mPatchSteps{0};
-    bool mPatchStepSignalled = false; // GUI thread
+    // Whether a signal for the patch steps not yet taken is on its way (see
+    // takePatchSteps()). GUI thread.
+    bool mPatchStepSignalled = false;
 
     // Results, from the audio thread to the GUI thread.
     static constexpr int DELIVERY_INTERVAL_MS = 5;
