@@ -102,24 +102,24 @@ public:
     static int noteStartBudget(int frames) { return std::max(4, frames / 8); }
 
     // Audio thread: carries out at most `budget` commands of the four
-    // command buffers, in order within each (see the source for how they
-    // share), and leaves the rest for the next call. Never blocks, allocates,
-    // locks, logs or emits: results go to a fixed queue that the GUI thread
-    // turns into signals (deliverResults()). It first makes libpd's instance
-    // the calling thread's own (libpd keeps its current instance per thread),
-    // so that the caller may go on to compute audio with libpd.
+    // command buffers, in order within each (see CommandDispatcher for how
+    // they share), and leaves the rest for the next call. Never blocks,
+    // allocates, locks, logs or emits: results go to a fixed queue that the
+    // GUI thread turns into signals (deliverResults()). Each message to a
+    // patch makes its instance the calling thread's current one (libpd keeps
+    // it per thread), as every call of a PdInstance does.
     void processEvents(int budget = commandBudget(256));
 
     // The one place where sound is made, shared by the stream callback, the
     // tests and the benchmarks. Carries out the queued commands (within the
     // budget; none in the few buffers in which a patch change starts the
-    // held notes in its patch), then fills `frames` stereo frames (any number) with the
-    // patch's output, or with silence while muted or with no patch open. Pd
-    // computes whole ticks of 64 frames; the part of a tick that does not
-    // fit is kept for the next call, so that every buffer size plays without
-    // gaps. A buffer with a sample that is not a finite number (a patch gone
-    // wrong) is silenced, the patch's DSP is switched off and on again to
-    // clear its state, and the GUI thread says so once.
+    // held notes in its patch), then fills `frames` stereo frames (any
+    // number) with the patch's output, or with silence while muted or with
+    // no patch open. Pd computes whole ticks of 64 frames; the part of a tick
+    // that does not fit is kept for the next call, so that every buffer size
+    // plays without gaps. A buffer with a sample that is not a finite number
+    // (a patch gone wrong) is silenced, the patch's DSP is switched off and
+    // on again to clear its state, and the GUI thread says so once.
     //
     // Audio thread (or any one thread while no audio thread runs). What libpd
     // itself may still do in here: take its own per-instance lock (never
