@@ -15,6 +15,8 @@ set(ARBO_PLAYER_TSAN_SOURCES
     "${CMAKE_SOURCE_DIR}/src/sound/patchchanger.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/patchmixer.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/paaudiooutput.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/boundedcall.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/devicerecovery.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/portaudiolibrary.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/pdmessagebuffer.cpp"
     "${CMAKE_SOURCE_DIR}/src/model/arboevent.cpp"

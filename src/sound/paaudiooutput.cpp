@@ -2,21 +2,16 @@
 
 #include "settings/settings.h"
 
-#include "model/arboevent.h"
+#include "sound/boundedcall.h"
 #include "sound/pdplayer.h"
 #include "sound/portaudiolibrary.h"
 
-
 #include <QDebug>
+#include <QElapsedTimer>
 #include <QThread>
 
-#include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <functional>
-#include <mutex>
-#include <thread>
 
 // What a stream's callback is given: the output and the token the stream was
 // started with. Lives as long as the stream, or for good when the stream is
@@ -32,73 +27,36 @@ namespace {
 // The render owner while the GUI thread holds it; never a stream's token.
 constexpr std::uint32_t GUI_OWNER = 0xffffffffu;
 
-// Calls of callWithin() whose thread has not returned yet.
-std::atomic<int> sUnfinishedCalls{0};
-
-// Runs `call` on a thread of its own and waits at most `timeoutMs` for it.
-// True, with its result in `result`, when it came back in time. False when it
-// did not: the thread is left to finish whenever it can, and shares nothing
-// with the caller but the state below, which it keeps alive itself.
-bool callWithin(int timeoutMs, const std::function<PaError()>& call, PaError* result)
-{
-    struct State
-    {
-        std::mutex mutex;
-        std::condition_variable finished;
-        bool done = false;
-        PaError result = paNoError;
-    };
-    auto state = std::make_shared<State>();
-    sUnfinishedCalls.fetch_add(1);
-    std::thread([state, call] {
-        const PaError outcome = call();
-        sUnfinishedCalls.fetch_sub(1);
-        std::lock_guard<std::mutex> lock(state->mutex);
-        state->result = outcome;
-        state->done = true;
-        state->finished.notify_all();
-    }).detach();
-    std::unique_lock<std::mutex> lock(state->mutex);
-    if (!state->finished.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                  [&] { return state->done; })) {
-        return false;
-    }
-    *result = state->result;
-    return true;
-}
-
 } // namespace
 
 int PaAudioOutput::unfinishedCalls()
 {
-    return sUnfinishedCalls.load();
+    return BoundedCall::unfinished();
 }
 
 PaAudioOutput::PaAudioOutput(QObject* parent)
     : AudioOutput(parent), mLibrary(PortAudioLibrary::linked())
 {
-    mWatchdog.setInterval(WATCHDOG_INTERVAL_MS);
-    connect(&mWatchdog, &QTimer::timeout, this, &PaAudioOutput::checkStream);
-    mRetryTimer.setInterval(REOPEN_INTERVAL_MS);
-    connect(&mRetryTimer, &QTimer::timeout, this, &PaAudioOutput::retryLostDevice);
+    connect(&mRecovery, &DeviceRecovery::deviceLost, this, &AudioOutput::deviceLost);
+    connect(&mRecovery, &DeviceRecovery::deviceRestored, this, &AudioOutput::deviceRestored);
 }
 
 PaAudioOutput::~PaAudioOutput()
 {
     // Only after a start-up that stopped half-way; term() has done this
     // otherwise. Quietly: the log handler may already be gone.
-    mWatchdog.stop();
-    mRetryTimer.stop();
+    mRecovery.stopWatching();
+    mRecovery.stopRetrying();
     if (mStream && !mLibrary->isAbandoned()) {
         PaError ignored = paNoError;
         const auto library = mLibrary;
         PaStream* stream = mStream;
-        if (!callWithin(STOP_TIMEOUT_MS,
-                        [library, stream] {
-                            library->StopStream(stream);
-                            return library->CloseStream(stream);
-                        },
-                        &ignored)) {
+        if (!BoundedCall::run(STOP_TIMEOUT_MS,
+                              [library, stream] {
+                                  library->StopStream(stream);
+                                  return library->CloseStream(stream);
+                              },
+                              &ignored)) {
             PortAudioLibrary::abandon(mLibrary);
         }
         mStream = nullptr;
@@ -107,7 +65,8 @@ PaAudioOutput::~PaAudioOutput()
     if (mInitialised && !mLibrary->isAbandoned()) {
         PaError ignored = paNoError;
         const auto library = mLibrary;
-        if (!callWithin(STOP_TIMEOUT_MS, [library] { return library->Terminate(); }, &ignored)) {
+        if (!BoundedCall::run(STOP_TIMEOUT_MS, [library] { return library->Terminate(); },
+                              &ignored)) {
             PortAudioLibrary::abandon(mLibrary);
         }
     }
@@ -158,7 +117,7 @@ bool PaAudioOutput::init(int framesPerBuffer, int deviceIndex, PdPlayer* player)
 void PaAudioOutput::term()
 {
     qWarning() << "PaAudioOutput::term...";
-    mRetryTimer.stop();
+    mRecovery.stopRetrying();
     closeDevice();
     if (mInitialised) {
         qWarning() << "Calling Pa_Terminate...";
@@ -174,7 +133,7 @@ void PaAudioOutput::terminateLibrary()
     }
     PaError error = paNoError;
     const auto library = mLibrary;
-    if (!callWithin(STOP_TIMEOUT_MS, [library] { return library->Terminate(); }, &error)) {
+    if (!BoundedCall::run(STOP_TIMEOUT_MS, [library] { return library->Terminate(); }, &error)) {
         qCritical() << "Pa_Terminate did not return within" << STOP_TIMEOUT_MS
                     << "ms; the audio library is left behind";
         PortAudioLibrary::abandon(mLibrary);
@@ -185,6 +144,27 @@ void PaAudioOutput::terminateLibrary()
                                     .arg(error)
                                     .arg(QString::fromLocal8Bit(mLibrary->GetErrorText(error)));
     }
+}
+
+bool PaAudioOutput::startLibraryAfresh(QString* copyError)
+{
+    // PortAudio learns of devices and servers only when it starts, so each
+    // attempt starts it afresh; a library left behind is replaced by a copy.
+    if (mInitialised) {
+        terminateLibrary();
+    }
+    if (mLibrary->isAbandoned()) {
+        std::shared_ptr<PortAudioLibrary> fresh = PortAudioLibrary::freshCopy(copyError);
+        if (!fresh) {
+            return false;
+        }
+        mLibrary = fresh;
+    }
+    if (mLibrary->Initialize() != paNoError) {
+        return false;
+    }
+    mInitialised = true;
+    return true;
 }
 
 QString PaAudioOutput::deviceEntry(const QString& hostApiName, const QString& deviceName)
@@ -367,18 +347,14 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
     }
     qWarning() << "PaStream started";
     mPlayer->setAudioThreadRunning(true);
-    const QStringList list = devices();
-    mLostDeviceName = list.value(listIndex);
-    mSeenCallbacks = mCallbackCount.load();
-    mSinceProgress.start();
-    mWatchdog.start();
+    mRecovery.watch(devices().value(listIndex));
     setSelectedDevice(listIndex);
     return true;
 }
 
 bool PaAudioOutput::closeDevice()
 {
-    mWatchdog.stop();
+    mRecovery.stopWatching();
     if (!mStream) {
         return true;
     }
@@ -393,7 +369,7 @@ bool PaAudioOutput::closeDevice()
         // Stopping and closing a stream whose server went away may never
         // return (see PortAudioLibrary): both are bounded, and a stream that
         // does not let go is left behind with its library.
-        const bool stopped = callWithin(
+        const bool stopped = BoundedCall::run(
             STOP_TIMEOUT_MS, [library, stream] { return library->StopStream(stream); }, &error);
         if (stopped && error != paNoError) {
             logPaError("Pa_StopStream", error); // and close it all the same
@@ -401,7 +377,7 @@ bool PaAudioOutput::closeDevice()
         bool closedInTime = false;
         if (stopped) {
             qWarning() << "Closing stream...";
-            closedInTime = callWithin(
+            closedInTime = BoundedCall::run(
                 STOP_TIMEOUT_MS, [library, stream] { return library->CloseStream(stream); },
                 &error);
         }
@@ -469,102 +445,21 @@ void PaAudioOutput::unmute()
 
 bool PaAudioOutput::isStreamRunning()
 {
-    if (!mStream || mLost) {
+    if (!mStream || mRecovery.isLost()) {
         return false;
     }
     checkStream(); // a stream that died is noticed here, not only by the watchdog
-    return mStream && !mLost;
+    return mStream && !mRecovery.isLost();
 }
 
 void PaAudioOutput::checkStream()
 {
-    if (!mStream || mLost || mLibrary->isAbandoned()) {
-        return;
-    }
-    if (mStreamFinished.load()) {
-        loseStream(QStringLiteral("the audio stream stopped"));
-        return;
-    }
-    if (mLibrary->IsStreamActive(mStream) != 1) {
-        loseStream(QStringLiteral("the audio system stopped the stream"));
-        return;
-    }
-    const std::uint64_t callbacks = mCallbackCount.load(std::memory_order_relaxed);
-    // A callback that is still rendering (opening a large patch takes a
-    // while) is slow, not gone: only a stream whose callbacks stopped coming
-    // is lost.
-    if (callbacks != mSeenCallbacks || mRenderOwner.load(std::memory_order_relaxed) != 0) {
-        mSeenCallbacks = callbacks;
-        mSinceProgress.start();
-    } else if (mSinceProgress.elapsed() > STALL_TIMEOUT_MS) {
-        loseStream(QStringLiteral("no audio for %1 s").arg(STALL_TIMEOUT_MS / 1000.0));
-    }
-}
-
-void PaAudioOutput::loseStream(const QString& reason)
-{
-    mLost = true;
-    mRetryFailureLogged = false;
-    qWarning().noquote()
-        << QStringLiteral("Audio device lost: %1. Trying to open it again.").arg(reason);
-    closeDevice(); // bounded, and keeps every later callback of it away from the player
-    emit deviceLost(
-        QStringLiteral("Audio device lost (%1). Reconnecting as soon as it is back...")
-            .arg(reason));
-    mRetryTimer.start();
+    mRecovery.check();
 }
 
 bool PaAudioOutput::retryLostDevice()
 {
-    if (!mLost) {
-        mRetryTimer.stop();
-        return true;
-    }
-    // PortAudio learns of devices and servers only when it starts, so each
-    // attempt starts it afresh; a library left behind is replaced by a copy.
-    if (mInitialised) {
-        terminateLibrary();
-    }
-    if (mLibrary->isAbandoned()) {
-        QString error;
-        std::shared_ptr<PortAudioLibrary> fresh = PortAudioLibrary::freshCopy(&error);
-        if (!fresh) {
-            if (!mRetryFailureLogged) {
-                qCritical().noquote() << "Cannot load the audio library again:" << error;
-                mRetryFailureLogged = true;
-            }
-            return false;
-        }
-        mLibrary = fresh;
-    }
-    if (mLibrary->Initialize() != paNoError) {
-        return false;
-    }
-    mInitialised = true;
-    // Quietly until there is something to open: the attempts repeat every
-    // second, and selectDevice() logs its failures as errors.
-    const int wanted = devices().indexOf(mLostDeviceName);
-    if (wanted < 0 && (mDeviceMap.isEmpty() || mLibrary->GetDefaultOutputDevice() == paNoDevice)) {
-        terminateLibrary();
-        return false;
-    }
-    // No callback runs now, so the player is this thread's to tidy up: what
-    // was queued meanwhile is carried out, then every note is let go, so
-    // that the device comes back silent and the lattice shows no note
-    // playing that nobody hears.
-    mPlayer->processEvents();
-    const ArboEvent allOff(ArboEvent::AllNotesOff, 1.0f);
-    mPlayer->queueEventGui(&allOff);
-    mPlayer->processEvents();
-    if (!selectDevice(wanted)) {
-        return false;
-    }
-    mLost = false;
-    mRetryTimer.stop();
-    const QString device = devices().value(selectedDevice());
-    qWarning().noquote() << "Audio device opened again:" << device;
-    emit deviceRestored(QStringLiteral("Audio device back: %1").arg(device));
-    return true;
+    return mRecovery.retry();
 }
 
 void PaAudioOutput::onStreamFinished(void* userData)

@@ -2,11 +2,10 @@
 
 #include "sound/audiooutput.h"
 #include "sound/callbackstats.h"
+#include "sound/devicerecovery.h"
 
-#include <QElapsedTimer>
 #include <QHash>
 #include <QString>
-#include <QTimer>
 
 #include <portaudio.h>
 
@@ -29,14 +28,11 @@ class PortAudioLibrary;
 // timing statistics; the player pointer, the stream and the sample rate
 // change only while no stream runs.
 //
-// A stage machine loses its device now and then (a USB interface pulled, a
-// sound server restarted). A watchdog on the GUI thread notices a stream that
-// stopped on its own or whose callbacks no longer come, says so once
-// (deviceLost), and tries to open the device again every second until it
-// can (deviceRestored). Stopping and closing a stream, and ending PortAudio,
-// are bounded in time: a host API that never returns from them is left
-// behind for good (see PortAudioLibrary), so that neither a shutdown nor a
-// device change can hang.
+// A device lost under a running stream is noticed and opened again by the
+// output's part DeviceRecovery. Stopping and closing a stream, and ending
+// PortAudio, are bounded in time (BoundedCall): a host API that never
+// returns from them is left behind for good (see PortAudioLibrary), so that
+// neither a shutdown nor a device change can hang.
 class PaAudioOutput : public AudioOutput
 {
     Q_OBJECT
@@ -90,7 +86,7 @@ public:
     // so that the player never waits for a callback that cannot come.
     bool isStreamRunning() override;
     // Whether the device was lost and is being retried.
-    bool isDeviceLost() const { return mLost; }
+    bool isDeviceLost() const { return mRecovery.isLost(); }
 
     // The device list entry for a host API and device name.
     static QString deviceEntry(const QString& hostApiName, const QString& deviceName);
@@ -128,20 +124,23 @@ public slots:
     bool retryLostDevice();
 
 private:
+    // The recovery works on the stream and the library as the output does.
+    friend class DeviceRecovery;
     struct StreamContext;
 
     int onStreamCallback(std::uint32_t token, float* output, unsigned long frames,
                          PaStreamCallbackFlags statusFlags) noexcept;
     static void onStreamFinished(void* userData);
-    // Declares the stream lost: logs it, keeps every later callback of it
-    // away from the player, lets it go and starts the retries.
-    void loseStream(const QString& reason);
     // Makes sure no callback of an old stream is inside render() and none
     // will enter it again.
     void retireCallbacks();
     // Ends PortAudio within STOP_TIMEOUT_MS, leaving the library behind if
     // it does not come back.
     void terminateLibrary();
+    // Starts PortAudio again, in a fresh copy of the library when the one in
+    // use was left behind. False when it does not start; when the copy
+    // cannot be made, with the reason in `copyError`.
+    bool startLibraryAfresh(QString* copyError);
     // Logs "<call> returned err: <n> <text>" at critical level.
     void logPaError(const char* call, PaError error) const;
 
@@ -173,15 +172,6 @@ private:
     // Set by PortAudio's stream-finished report.
     std::atomic<bool> mStreamFinished{false};
 
-    // Audio thread (or while no stream runs): the rest of the last Pd tick
-    // that did not fit into the previous buffer.
-
     // GUI thread: the watchdog and the retries.
-    QTimer mWatchdog;
-    QTimer mRetryTimer;
-    QElapsedTimer mSinceProgress;
-    std::uint64_t mSeenCallbacks = 0;
-    bool mLost = false;
-    bool mRetryFailureLogged = false;
-    QString mLostDeviceName;
+    DeviceRecovery mRecovery{*this};
 };
