@@ -17,6 +17,8 @@ set(ARBO_PLAYER_TSAN_SOURCES
     "${CMAKE_SOURCE_DIR}/src/sound/paaudiooutput.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/boundedcall.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/devicerecovery.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/padevicelist.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/paoutputstream.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/portaudiolibrary.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/pdmessagebuffer.cpp"
     "${CMAKE_SOURCE_DIR}/src/model/arboevent.cpp"

@@ -25,14 +25,14 @@ void DeviceRecovery::watch(const QString& deviceName)
 
 void DeviceRecovery::check()
 {
-    if (!mOutput.mStream || mLost || mOutput.mLibrary->isAbandoned()) {
+    if (!mOutput.mStream.isOpen() || mLost || mOutput.mLibrary->isAbandoned()) {
         return;
     }
     if (mOutput.mStreamFinished.load()) {
         lose(QStringLiteral("the audio stream stopped"));
         return;
     }
-    if (mOutput.mLibrary->IsStreamActive(mOutput.mStream) != 1) {
+    if (!mOutput.mStream.isActive(*mOutput.mLibrary)) {
         lose(QStringLiteral("the audio system stopped the stream"));
         return;
     }
@@ -95,7 +95,7 @@ bool DeviceRecovery::retry()
 
 bool DeviceRecovery::canOpen(int wanted) const
 {
-    return wanted >= 0 || (!mOutput.mDeviceMap.isEmpty() &&
+    return wanted >= 0 || (!mOutput.mDeviceList.isEmpty() &&
                            mOutput.mLibrary->GetDefaultOutputDevice() != paNoDevice);
 }
 

@@ -1,7 +1,6 @@
 #include "sound/paaudiooutput.h"
 
 #include "settings/settings.h"
-
 #include "sound/boundedcall.h"
 #include "sound/pdplayer.h"
 #include "sound/portaudiolibrary.h"
@@ -47,19 +46,8 @@ PaAudioOutput::~PaAudioOutput()
     // otherwise. Quietly: the log handler may already be gone.
     mRecovery.stopWatching();
     mRecovery.stopRetrying();
-    if (mStream && !mLibrary->isAbandoned()) {
-        PaError ignored = paNoError;
-        const auto library = mLibrary;
-        PaStream* stream = mStream;
-        if (!BoundedCall::run(STOP_TIMEOUT_MS,
-                              [library, stream] {
-                                  library->StopStream(stream);
-                                  return library->CloseStream(stream);
-                              },
-                              &ignored)) {
-            PortAudioLibrary::abandon(mLibrary);
-        }
-        mStream = nullptr;
+    if (mStream.isOpen() && !mLibrary->isAbandoned()) {
+        mStream.stopAndCloseQuietly(mLibrary, STOP_TIMEOUT_MS);
     }
     retireCallbacks();
     if (mInitialised && !mLibrary->isAbandoned()) {
@@ -169,36 +157,21 @@ bool PaAudioOutput::startLibraryAfresh(QString* copyError)
 
 QString PaAudioOutput::deviceEntry(const QString& hostApiName, const QString& deviceName)
 {
-    QString host = hostApiName;
-    if (host.toLower() == QLatin1String("windows directsound")) {
-        host = QStringLiteral("DS");
-    }
-    return host + QStringLiteral(": ") + deviceName;
+    return PaDeviceList::entry(hostApiName, deviceName);
 }
 
 QStringList PaAudioOutput::devices() const
 {
-    QStringList list;
-    mDeviceMap.clear();
+    mDeviceList.clear();
     if (!mInitialised) {
-        return list;
+        return QStringList();
     }
     const int count = mLibrary->GetDeviceCount();
     if (count < 0) {
         logPaError("Pa_GetDeviceCount", count);
-        return list;
+        return QStringList();
     }
-    for (int i = 0; i < count; ++i) {
-        const PaDeviceInfo* info = mLibrary->GetDeviceInfo(i);
-        if (!info || info->maxOutputChannels < 1) {
-            continue; // input-only devices are not listed: list and PortAudio indices differ
-        }
-        const PaHostApiInfo* hostApi = mLibrary->GetHostApiInfo(info->hostApi);
-        const QString host = hostApi ? QString::fromLocal8Bit(hostApi->name) : QString();
-        mDeviceMap.insert(list.size(), i);
-        list.append(deviceEntry(host, QString::fromLocal8Bit(info->name)));
-    }
-    return list;
+    return mDeviceList.rebuild(*mLibrary, count);
 }
 
 void PaAudioOutput::logDevices() const
@@ -212,23 +185,7 @@ void PaAudioOutput::logDevices() const
         logPaError("Pa_GetDeviceCount", count);
         return;
     }
-    for (int i = 0; i < count; ++i) {
-        const PaDeviceInfo* info = mLibrary->GetDeviceInfo(i);
-        if (!info) {
-            continue;
-        }
-        const PaHostApiInfo* hostApi = mLibrary->GetHostApiInfo(info->hostApi);
-        qDebug() << "Index:" << i;
-        qDebug() << "Name:" << QString::fromLocal8Bit(info->name);
-        qDebug() << "Host API:" << (hostApi ? QString::fromLocal8Bit(hostApi->name) : QString());
-        qDebug() << "Max inputs:" << info->maxInputChannels;
-        qDebug() << "Max outputs:" << info->maxOutputChannels;
-        qDebug() << "Default low input latency:" << info->defaultLowInputLatency;
-        qDebug() << "Default high input latency:" << info->defaultHighInputLatency;
-        qDebug() << "Default low output latency:" << info->defaultLowOutputLatency;
-        qDebug() << "Default high output latency:" << info->defaultHighOutputLatency;
-        qDebug() << "Default sample rate:" << info->defaultSampleRate;
-    }
+    PaDeviceList::log(*mLibrary, count);
 }
 
 bool PaAudioOutput::selectDevice(int deviceIndex)
@@ -237,162 +194,62 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
         qCritical() << "PaAudioOutput::selectDevice called before a successful init";
         return false;
     }
-
-    // 1. The PortAudio device: the listed one, else the system's default.
     int listIndex = deviceIndex;
-    PaDeviceIndex paIndex = paNoDevice;
-    const auto mapped = mDeviceMap.constFind(deviceIndex);
-    if (deviceIndex != -1 && mapped != mDeviceMap.constEnd()) {
-        paIndex = mapped.value();
-    } else {
-        paIndex = mLibrary->GetDefaultOutputDevice();
-        if (paIndex == paNoDevice) {
-            qCritical() << "No default output device returned from Pa_GetDefaultOutputDevice";
-            return false;
-        }
-        // Reported as the default's place in the list; when the default is
-        // not listed, the index asked for stays.
-        for (auto it = mDeviceMap.constBegin(); it != mDeviceMap.constEnd(); ++it) {
-            if (it.value() == paIndex) {
-                listIndex = it.key();
-                break;
-            }
-        }
-    }
-
-    // 2.
-    const int count = mLibrary->GetDeviceCount();
-    if (paIndex < 0 || paIndex >= count) {
-        qCritical().noquote() << QStringLiteral("Device index %1 passed to "
-                                                "PaAudioOutput::selectDevice did not translate "
-                                                "to valid paIndex %2. Device count: %3.")
-                                     .arg(listIndex)
-                                     .arg(paIndex)
-                                     .arg(count);
+    const PaDeviceIndex paIndex = mDeviceList.choose(*mLibrary, listIndex);
+    if (paIndex == paNoDevice) {
         return false;
     }
-
-    // 3. A failed selection from here on leaves no stream running.
+    // A failed selection from here on leaves no stream running.
     if (!closeDevice()) {
         return false;
     }
-
-    // 4. Stereo, 32-bit float, interleaved; the latency halfway between the
-    // device's low and high defaults.
-    const PaDeviceInfo* info = mLibrary->GetDeviceInfo(paIndex);
-    PaStreamParameters output;
-    std::memset(&output, 0, sizeof(output));
-    output.device = paIndex;
-    output.channelCount = CHANNELS;
-    output.sampleFormat = paFloat32;
-    output.suggestedLatency = (info->defaultLowOutputLatency + info->defaultHighOutputLatency) / 2;
-    output.hostApiSpecificStreamInfo = nullptr;
-    double sampleRate = SAMPLE_RATE;
-
-    // 5.
-    const PaError supported = mLibrary->IsFormatSupported(nullptr, &output, sampleRate);
-    if (supported == paInvalidSampleRate) {
-        qWarning() << "Got invalid sample rate for 44100";
-        sampleRate = info->defaultSampleRate;
-    } else if (supported != paFormatIsSupported) {
-        qCritical().noquote()
-            << "Output format not supported"
-            << QStringLiteral("Pa_IsFormatSupported returned err: %1 %2")
-                   .arg(supported)
-                   .arg(QString::fromLocal8Bit(mLibrary->GetErrorText(supported)));
+    if (!mStream.chooseFormat(*mLibrary, paIndex)) {
         setSelectedDevice(-1);
         return false;
     }
-
-    // 6.
-    qWarning() << "Selecting device" << listIndex << "with latency:" << output.suggestedLatency
+    const double sampleRate = mStream.chosenSampleRate();
+    qWarning() << "Selecting device" << listIndex << "with latency:" << mStream.suggestedLatency()
                << "frames per buffer:" << mFramesPerBuffer << "sample rate:" << sampleRate
                << "channel count:" << CHANNELS;
-
-    // 7. No stream runs now, so libpd may be set up from this thread.
+    // No stream runs now, so libpd may be set up from this thread.
     mPlayer->initAudio(CHANNELS, int(sampleRate));
-
-    // 8.
-    mSampleRate = sampleRate;
-    mOutputLatency = 0.0;
-    mStats.reset(); // no callback runs between the close above and the start below
-    mStreamFinished.store(false);
-    mContext = new StreamContext{this, mStreamToken.load()};
-    PaError error = mLibrary->OpenStream(&mStream, nullptr, &output, sampleRate,
-                                         static_cast<unsigned long>(mFramesPerBuffer), paNoFlag,
-                                         &PaAudioOutput::portAudioCallback, mContext);
-    if (error != paNoError) {
-        logPaError("Pa_OpenStream", error);
-        mStream = nullptr;
-        delete mContext;
-        mContext = nullptr;
+    if (!openStream() || !mStream.start(*mLibrary)) {
+        // A stream that does not start stays open until the next closeDevice().
         setSelectedDevice(-1);
         return false;
     }
-    mLibrary->SetStreamFinishedCallback(mStream, &PaAudioOutput::onStreamFinished);
-    if (const PaStreamInfo* streamInfo = mLibrary->GetStreamInfo(mStream)) {
-        mOutputLatency = streamInfo->outputLatency;
-        mSampleRate = streamInfo->sampleRate;
-        qWarning() << "PaStream opened with output latency" << streamInfo->outputLatency
-                   << "and sample rate" << streamInfo->sampleRate;
-    }
-
-    // 9.
-    error = mLibrary->StartStream(mStream);
-    if (error != paNoError) {
-        // The stream stays open until the next closeDevice().
-        logPaError("Pa_StartStream", error);
-        setSelectedDevice(-1);
-        return false;
-    }
-    qWarning() << "PaStream started";
     mPlayer->setAudioThreadRunning(true);
     mRecovery.watch(devices().value(listIndex));
     setSelectedDevice(listIndex);
     return true;
 }
 
+bool PaAudioOutput::openStream()
+{
+    mStats.reset(); // no callback runs between the close before and the start after
+    mStreamFinished.store(false);
+    mContext = new StreamContext{this, mStreamToken.load()};
+    if (!mStream.open(*mLibrary, static_cast<unsigned long>(mFramesPerBuffer),
+                      &PaAudioOutput::portAudioCallback, &PaAudioOutput::onStreamFinished,
+                      mContext)) {
+        delete mContext;
+        mContext = nullptr;
+        return false;
+    }
+    return true;
+}
+
 bool PaAudioOutput::closeDevice()
 {
     mRecovery.stopWatching();
-    if (!mStream) {
+    if (!mStream.isOpen()) {
         return true;
     }
     bool closed = true;
     if (mLibrary->isAbandoned()) {
-        mStream = nullptr; // nothing may be called in a library left behind
+        mStream.forget(); // nothing may be called in a library left behind
     } else {
-        qWarning() << "Stopping stream...";
-        const auto library = mLibrary;
-        PaStream* stream = mStream;
-        PaError error = paNoError;
-        // Stopping and closing a stream whose server went away may never
-        // return (see PortAudioLibrary): both are bounded, and a stream that
-        // does not let go is left behind with its library.
-        const bool stopped = BoundedCall::run(
-            STOP_TIMEOUT_MS, [library, stream] { return library->StopStream(stream); }, &error);
-        if (stopped && error != paNoError) {
-            logPaError("Pa_StopStream", error); // and close it all the same
-        }
-        bool closedInTime = false;
-        if (stopped) {
-            qWarning() << "Closing stream...";
-            closedInTime = BoundedCall::run(
-                STOP_TIMEOUT_MS, [library, stream] { return library->CloseStream(stream); },
-                &error);
-        }
-        mStream = nullptr; // forgotten in any case
-        if (!closedInTime) {
-            qCritical() << "The audio stream did not stop within" << STOP_TIMEOUT_MS
-                        << "ms; it is left behind";
-            PortAudioLibrary::abandon(mLibrary);
-        } else if (error != paNoError) {
-            logPaError("Pa_CloseStream", error);
-            // Any other error still counts as closed, deliberately: the
-            // stream is unusable either way, and refusing to go on would
-            // leave the user with no way to pick another device.
-            closed = error != paUnanticipatedHostError;
-        }
+        closed = mStream.stopAndClose(mLibrary, STOP_TIMEOUT_MS);
     }
     retireCallbacks();
     // No callback renders any more: patch changes are carried out at once.
@@ -445,11 +302,11 @@ void PaAudioOutput::unmute()
 
 bool PaAudioOutput::isStreamRunning()
 {
-    if (!mStream || mRecovery.isLost()) {
+    if (!mStream.isOpen() || mRecovery.isLost()) {
         return false;
     }
     checkStream(); // a stream that died is noticed here, not only by the watchdog
-    return mStream && !mRecovery.isLost();
+    return mStream.isOpen() && !mRecovery.isLost();
 }
 
 void PaAudioOutput::checkStream()
@@ -514,7 +371,7 @@ int PaAudioOutput::onStreamCallback(std::uint32_t token, float* output, unsigned
     mRenderOwner.store(0, std::memory_order_release);
 
     const auto end = std::chrono::steady_clock::now();
-    const double rate = mSampleRate > 0.0 ? mSampleRate : SAMPLE_RATE;
+    const double rate = mStream.sampleRate() > 0.0 ? mStream.sampleRate() : SAMPLE_RATE;
     const auto periodNs = std::int64_t(double(frames) * 1e9 / rate);
     mStats.record(std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count(),
                   periodNs, (statusFlags & paOutputUnderflow) != 0);

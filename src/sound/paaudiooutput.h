@@ -3,8 +3,9 @@
 #include "sound/audiooutput.h"
 #include "sound/callbackstats.h"
 #include "sound/devicerecovery.h"
+#include "sound/padevicelist.h"
+#include "sound/paoutputstream.h"
 
-#include <QHash>
 #include <QString>
 
 #include <portaudio.h>
@@ -28,17 +29,18 @@ class PortAudioLibrary;
 // timing statistics; the player pointer, the stream and the sample rate
 // change only while no stream runs.
 //
-// A device lost under a running stream is noticed and opened again by the
-// output's part DeviceRecovery. Stopping and closing a stream, and ending
-// PortAudio, are bounded in time (BoundedCall): a host API that never
-// returns from them is left behind for good (see PortAudioLibrary), so that
-// neither a shutdown nor a device change can hang.
+// Its parts: the device list (PaDeviceList), the stream on the device chosen
+// (PaOutputStream) and the recovery of a device lost under a running stream
+// (DeviceRecovery). Stopping and closing a stream, and ending PortAudio, are
+// bounded in time (BoundedCall): a host API that never returns from them is
+// left behind for good (see PortAudioLibrary), so that neither a shutdown
+// nor a device change can hang.
 class PaAudioOutput : public AudioOutput
 {
     Q_OBJECT
 public:
-    static constexpr int CHANNELS = 2;
-    static constexpr double SAMPLE_RATE = 44100.0;
+    static constexpr int CHANNELS = PaOutputStream::CHANNELS;
+    static constexpr double SAMPLE_RATE = PaOutputStream::SAMPLE_RATE;
     // Pd computes in blocks of this many frames.
     static constexpr int PD_BLOCK_FRAMES = 64;
     // Frames per buffer outside the options' range (Settings::FRAMES_MIN to
@@ -99,8 +101,8 @@ public:
 
     // Of the stream that was opened last: its sample rate and the output
     // latency PortAudio reports for it (seconds). 0 before any stream.
-    double streamSampleRate() const { return mSampleRate; }
-    double streamOutputLatency() const { return mOutputLatency; }
+    double streamSampleRate() const { return mStream.sampleRate(); }
+    double streamOutputLatency() const { return mStream.outputLatency(); }
 
     // Timing of the callbacks since the stream was opened (or since a reset
     // was requested): durations, overruns of the buffer period, xruns.
@@ -131,6 +133,8 @@ private:
     int onStreamCallback(std::uint32_t token, float* output, unsigned long frames,
                          PaStreamCallbackFlags statusFlags) noexcept;
     static void onStreamFinished(void* userData);
+    // Opens a stream in the chosen format whose callbacks have a new context.
+    bool openStream();
     // Makes sure no callback of an old stream is inside render() and none
     // will enter it again.
     void retireCallbacks();
@@ -145,18 +149,14 @@ private:
     void logPaError(const char* call, PaError error) const;
 
     std::shared_ptr<PortAudioLibrary> mLibrary;
-    PaStream* mStream = nullptr;
+    PaOutputStream mStream;
     // The context handed to the running stream's callback. A stream left
     // behind keeps its context for good, as its callback may still come.
     StreamContext* mContext = nullptr;
     bool mInitialised = false;
-    // devices() is const but rebuilds the map, as the list and the map must
+    // devices() is const but rebuilds the list, as the list and the map must
     // always agree.
-    mutable QHash<int, int> mDeviceMap;
-    // A plain flag in spirit: written by the GUI thread, read by the callback;
-    // relaxed, because a change only has to arrive within a buffer or so.
-    double mSampleRate = 0.0;
-    double mOutputLatency = 0.0;
+    mutable PaDeviceList mDeviceList;
     CallbackStats mStats;
 
     // The token of the stream whose callbacks may render; a callback with
