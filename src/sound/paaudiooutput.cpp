@@ -343,14 +343,11 @@ int PaAudioOutput::onStreamCallback(std::uint32_t token, float* output, unsigned
     // What may still happen on this thread, and only inside libpd: libpd
     // takes its instance's own lock around each call (never contended: only
     // this thread uses the instance), and some Pd objects allocate in some
-    // of their message methods. One exception of this program's own remains
-    // until patch changes are prepared off this thread: opening and closing
-    // a patch (a patch change, with the output muted) reads the patch file,
-    // allocates and takes the patch mutex, which the waiting GUI thread holds
-    // only for a moment. Apart from those, nothing here blocks, locks,
-    // allocates, logs, emits or touches a file or socket: the player reports
-    // through a fixed queue, and the render owner below is one
-    // compare-and-swap that never waits.
+    // of their message methods. Patches are opened and closed on the GUI
+    // thread, in instances this thread does not use at the time. Apart from
+    // that, nothing here blocks, locks, allocates, logs, emits or touches a
+    // file or socket: the player reports through a fixed queue, and the
+    // render owner below is one compare-and-swap that never waits.
     const auto start = std::chrono::steady_clock::now();
     const std::size_t bytes = std::size_t(frames) * CHANNELS * sizeof(float);
     std::uint32_t nobody = 0;
