@@ -2,14 +2,23 @@
 set_tests_properties(tst_playerthreads PROPERTIES RESOURCE_LOCK jack)
 
 # The same test built again with ThreadSanitizer. Compiled with the sanitizer:
-# the test, the player, the audio output with its callback, the command
-# buffers, the events and libpd's ring. Everything else (the model, Qt, libpd,
+# the test, the player with its parts, the audio output with its callback, the
+# command buffers, the events and libpd's ring. Everything else (the model, Qt, libpd,
 # PortAudio, JACK) comes uninstrumented from the ordinary libraries. The
 # player's and output's moc code also comes from the ordinary library: only
 # the test's own is generated here, so no symbol is defined twice.
 set(ARBO_PLAYER_TSAN_SOURCES
     "${CMAKE_SOURCE_DIR}/src/sound/pdplayer.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/commanddispatcher.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/playercontrols.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/voicepool.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/patchchanger.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/patchmixer.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/paaudiooutput.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/boundedcall.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/devicerecovery.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/padevicelist.cpp"
+    "${CMAKE_SOURCE_DIR}/src/sound/paoutputstream.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/portaudiolibrary.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/pdmessagebuffer.cpp"
     "${CMAKE_SOURCE_DIR}/src/model/arboevent.cpp"

@@ -1,22 +1,16 @@
 #include "sound/paaudiooutput.h"
 
 #include "settings/settings.h"
-
-#include "model/arboevent.h"
+#include "sound/boundedcall.h"
 #include "sound/pdplayer.h"
 #include "sound/portaudiolibrary.h"
 
-
 #include <QDebug>
+#include <QElapsedTimer>
 #include <QThread>
 
-#include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <functional>
-#include <mutex>
-#include <thread>
 
 // What a stream's callback is given: the output and the token the stream was
 // started with. Lives as long as the stream, or for good when the stream is
@@ -32,82 +26,35 @@ namespace {
 // The render owner while the GUI thread holds it; never a stream's token.
 constexpr std::uint32_t GUI_OWNER = 0xffffffffu;
 
-// Calls of callWithin() whose thread has not returned yet.
-std::atomic<int> sUnfinishedCalls{0};
-
-// Runs `call` on a thread of its own and waits at most `timeoutMs` for it.
-// True, with its result in `result`, when it came back in time. False when it
-// did not: the thread is left to finish whenever it can, and shares nothing
-// with the caller but the state below, which it keeps alive itself.
-bool callWithin(int timeoutMs, const std::function<PaError()>& call, PaError* result)
-{
-    struct State
-    {
-        std::mutex mutex;
-        std::condition_variable finished;
-        bool done = false;
-        PaError result = paNoError;
-    };
-    auto state = std::make_shared<State>();
-    sUnfinishedCalls.fetch_add(1);
-    std::thread([state, call] {
-        const PaError outcome = call();
-        sUnfinishedCalls.fetch_sub(1);
-        std::lock_guard<std::mutex> lock(state->mutex);
-        state->result = outcome;
-        state->done = true;
-        state->finished.notify_all();
-    }).detach();
-    std::unique_lock<std::mutex> lock(state->mutex);
-    if (!state->finished.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                  [&] { return state->done; })) {
-        return false;
-    }
-    *result = state->result;
-    return true;
-}
-
 } // namespace
 
 int PaAudioOutput::unfinishedCalls()
 {
-    return sUnfinishedCalls.load();
+    return BoundedCall::unfinished();
 }
 
 PaAudioOutput::PaAudioOutput(QObject* parent)
     : AudioOutput(parent), mLibrary(PortAudioLibrary::linked())
 {
-    mWatchdog.setInterval(WATCHDOG_INTERVAL_MS);
-    connect(&mWatchdog, &QTimer::timeout, this, &PaAudioOutput::checkStream);
-    mRetryTimer.setInterval(REOPEN_INTERVAL_MS);
-    connect(&mRetryTimer, &QTimer::timeout, this, &PaAudioOutput::retryLostDevice);
+    connect(&mRecovery, &DeviceRecovery::deviceLost, this, &AudioOutput::deviceLost);
+    connect(&mRecovery, &DeviceRecovery::deviceRestored, this, &AudioOutput::deviceRestored);
 }
 
 PaAudioOutput::~PaAudioOutput()
 {
     // Only after a start-up that stopped half-way; term() has done this
     // otherwise. Quietly: the log handler may already be gone.
-    mWatchdog.stop();
-    mRetryTimer.stop();
-    if (mStream && !mLibrary->isAbandoned()) {
-        PaError ignored = paNoError;
-        const auto library = mLibrary;
-        PaStream* stream = mStream;
-        if (!callWithin(STOP_TIMEOUT_MS,
-                        [library, stream] {
-                            library->StopStream(stream);
-                            return library->CloseStream(stream);
-                        },
-                        &ignored)) {
-            PortAudioLibrary::abandon(mLibrary);
-        }
-        mStream = nullptr;
+    mRecovery.stopWatching();
+    mRecovery.stopRetrying();
+    if (mStream.isOpen() && !mLibrary->isAbandoned()) {
+        mStream.stopAndCloseQuietly(mLibrary, STOP_TIMEOUT_MS);
     }
     retireCallbacks();
     if (mInitialised && !mLibrary->isAbandoned()) {
         PaError ignored = paNoError;
         const auto library = mLibrary;
-        if (!callWithin(STOP_TIMEOUT_MS, [library] { return library->Terminate(); }, &ignored)) {
+        if (!BoundedCall::run(STOP_TIMEOUT_MS, [library] { return library->Terminate(); },
+                              &ignored)) {
             PortAudioLibrary::abandon(mLibrary);
         }
     }
@@ -158,7 +105,7 @@ bool PaAudioOutput::init(int framesPerBuffer, int deviceIndex, PdPlayer* player)
 void PaAudioOutput::term()
 {
     qWarning() << "PaAudioOutput::term...";
-    mRetryTimer.stop();
+    mRecovery.stopRetrying();
     closeDevice();
     if (mInitialised) {
         qWarning() << "Calling Pa_Terminate...";
@@ -174,7 +121,7 @@ void PaAudioOutput::terminateLibrary()
     }
     PaError error = paNoError;
     const auto library = mLibrary;
-    if (!callWithin(STOP_TIMEOUT_MS, [library] { return library->Terminate(); }, &error)) {
+    if (!BoundedCall::run(STOP_TIMEOUT_MS, [library] { return library->Terminate(); }, &error)) {
         qCritical() << "Pa_Terminate did not return within" << STOP_TIMEOUT_MS
                     << "ms; the audio library is left behind";
         PortAudioLibrary::abandon(mLibrary);
@@ -187,38 +134,44 @@ void PaAudioOutput::terminateLibrary()
     }
 }
 
+bool PaAudioOutput::startLibraryAfresh(QString* copyError)
+{
+    // PortAudio learns of devices and servers only when it starts, so each
+    // attempt starts it afresh; a library left behind is replaced by a copy.
+    if (mInitialised) {
+        terminateLibrary();
+    }
+    if (mLibrary->isAbandoned()) {
+        std::shared_ptr<PortAudioLibrary> fresh = PortAudioLibrary::freshCopy(copyError);
+        if (!fresh) {
+            return false;
+        }
+        mLibrary = fresh;
+    }
+    if (mLibrary->Initialize() != paNoError) {
+        return false;
+    }
+    mInitialised = true;
+    return true;
+}
+
 QString PaAudioOutput::deviceEntry(const QString& hostApiName, const QString& deviceName)
 {
-    QString host = hostApiName;
-    if (host.toLower() == QLatin1String("windows directsound")) {
-        host = QStringLiteral("DS");
-    }
-    return host + QStringLiteral(": ") + deviceName;
+    return PaDeviceList::entry(hostApiName, deviceName);
 }
 
 QStringList PaAudioOutput::devices() const
 {
-    QStringList list;
-    mDeviceMap.clear();
+    mDeviceList.clear();
     if (!mInitialised) {
-        return list;
+        return QStringList();
     }
     const int count = mLibrary->GetDeviceCount();
     if (count < 0) {
         logPaError("Pa_GetDeviceCount", count);
-        return list;
+        return QStringList();
     }
-    for (int i = 0; i < count; ++i) {
-        const PaDeviceInfo* info = mLibrary->GetDeviceInfo(i);
-        if (!info || info->maxOutputChannels < 1) {
-            continue; // input-only devices are not listed: list and PortAudio indices differ
-        }
-        const PaHostApiInfo* hostApi = mLibrary->GetHostApiInfo(info->hostApi);
-        const QString host = hostApi ? QString::fromLocal8Bit(hostApi->name) : QString();
-        mDeviceMap.insert(list.size(), i);
-        list.append(deviceEntry(host, QString::fromLocal8Bit(info->name)));
-    }
-    return list;
+    return mDeviceList.rebuild(*mLibrary, count);
 }
 
 void PaAudioOutput::logDevices() const
@@ -232,23 +185,7 @@ void PaAudioOutput::logDevices() const
         logPaError("Pa_GetDeviceCount", count);
         return;
     }
-    for (int i = 0; i < count; ++i) {
-        const PaDeviceInfo* info = mLibrary->GetDeviceInfo(i);
-        if (!info) {
-            continue;
-        }
-        const PaHostApiInfo* hostApi = mLibrary->GetHostApiInfo(info->hostApi);
-        qDebug() << "Index:" << i;
-        qDebug() << "Name:" << QString::fromLocal8Bit(info->name);
-        qDebug() << "Host API:" << (hostApi ? QString::fromLocal8Bit(hostApi->name) : QString());
-        qDebug() << "Max inputs:" << info->maxInputChannels;
-        qDebug() << "Max outputs:" << info->maxOutputChannels;
-        qDebug() << "Default low input latency:" << info->defaultLowInputLatency;
-        qDebug() << "Default high input latency:" << info->defaultHighInputLatency;
-        qDebug() << "Default low output latency:" << info->defaultLowOutputLatency;
-        qDebug() << "Default high output latency:" << info->defaultHighOutputLatency;
-        qDebug() << "Default sample rate:" << info->defaultSampleRate;
-    }
+    PaDeviceList::log(*mLibrary, count);
 }
 
 bool PaAudioOutput::selectDevice(int deviceIndex)
@@ -257,166 +194,62 @@ bool PaAudioOutput::selectDevice(int deviceIndex)
         qCritical() << "PaAudioOutput::selectDevice called before a successful init";
         return false;
     }
-
-    // 1. The PortAudio device: the listed one, else the system's default.
     int listIndex = deviceIndex;
-    PaDeviceIndex paIndex = paNoDevice;
-    const auto mapped = mDeviceMap.constFind(deviceIndex);
-    if (deviceIndex != -1 && mapped != mDeviceMap.constEnd()) {
-        paIndex = mapped.value();
-    } else {
-        paIndex = mLibrary->GetDefaultOutputDevice();
-        if (paIndex == paNoDevice) {
-            qCritical() << "No default output device returned from Pa_GetDefaultOutputDevice";
-            return false;
-        }
-        // Reported as the default's place in the list; when the default is
-        // not listed, the index asked for stays.
-        for (auto it = mDeviceMap.constBegin(); it != mDeviceMap.constEnd(); ++it) {
-            if (it.value() == paIndex) {
-                listIndex = it.key();
-                break;
-            }
-        }
-    }
-
-    // 2.
-    const int count = mLibrary->GetDeviceCount();
-    if (paIndex < 0 || paIndex >= count) {
-        qCritical().noquote() << QStringLiteral("Device index %1 passed to "
-                                                "PaAudioOutput::selectDevice did not translate "
-                                                "to valid paIndex %2. Device count: %3.")
-                                     .arg(listIndex)
-                                     .arg(paIndex)
-                                     .arg(count);
+    const PaDeviceIndex paIndex = mDeviceList.choose(*mLibrary, listIndex);
+    if (paIndex == paNoDevice) {
         return false;
     }
-
-    // 3. A failed selection from here on leaves no stream running.
+    // A failed selection from here on leaves no stream running.
     if (!closeDevice()) {
         return false;
     }
-
-    // 4. Stereo, 32-bit float, interleaved; the latency halfway between the
-    // device's low and high defaults.
-    const PaDeviceInfo* info = mLibrary->GetDeviceInfo(paIndex);
-    PaStreamParameters output;
-    std::memset(&output, 0, sizeof(output));
-    output.device = paIndex;
-    output.channelCount = CHANNELS;
-    output.sampleFormat = paFloat32;
-    output.suggestedLatency = (info->defaultLowOutputLatency + info->defaultHighOutputLatency) / 2;
-    output.hostApiSpecificStreamInfo = nullptr;
-    double sampleRate = SAMPLE_RATE;
-
-    // 5.
-    const PaError supported = mLibrary->IsFormatSupported(nullptr, &output, sampleRate);
-    if (supported == paInvalidSampleRate) {
-        qWarning() << "Got invalid sample rate for 44100";
-        sampleRate = info->defaultSampleRate;
-    } else if (supported != paFormatIsSupported) {
-        qCritical().noquote()
-            << "Output format not supported"
-            << QStringLiteral("Pa_IsFormatSupported returned err: %1 %2")
-                   .arg(supported)
-                   .arg(QString::fromLocal8Bit(mLibrary->GetErrorText(supported)));
+    if (!mStream.chooseFormat(*mLibrary, paIndex)) {
         setSelectedDevice(-1);
         return false;
     }
-
-    // 6.
-    qWarning() << "Selecting device" << listIndex << "with latency:" << output.suggestedLatency
+    const double sampleRate = mStream.chosenSampleRate();
+    qWarning() << "Selecting device" << listIndex << "with latency:" << mStream.suggestedLatency()
                << "frames per buffer:" << mFramesPerBuffer << "sample rate:" << sampleRate
                << "channel count:" << CHANNELS;
-
-    // 7. No stream runs now, so libpd may be set up from this thread.
+    // No stream runs now, so libpd may be set up from this thread.
     mPlayer->initAudio(CHANNELS, int(sampleRate));
+    if (!openStream() || !mStream.start(*mLibrary)) {
+        // A stream that does not start stays open until the next closeDevice().
+        setSelectedDevice(-1);
+        return false;
+    }
+    mPlayer->setAudioThreadRunning(true);
+    mRecovery.watch(devices().value(listIndex));
+    setSelectedDevice(listIndex);
+    return true;
+}
 
-    // 8.
-    mSampleRate = sampleRate;
-    mOutputLatency = 0.0;
-    mStats.reset(); // no callback runs between the close above and the start below
+bool PaAudioOutput::openStream()
+{
+    mStats.reset(); // no callback runs between the close before and the start after
     mStreamFinished.store(false);
     mContext = new StreamContext{this, mStreamToken.load()};
-    PaError error = mLibrary->OpenStream(&mStream, nullptr, &output, sampleRate,
-                                         static_cast<unsigned long>(mFramesPerBuffer), paNoFlag,
-                                         &PaAudioOutput::portAudioCallback, mContext);
-    if (error != paNoError) {
-        logPaError("Pa_OpenStream", error);
-        mStream = nullptr;
+    if (!mStream.open(*mLibrary, static_cast<unsigned long>(mFramesPerBuffer),
+                      &PaAudioOutput::portAudioCallback, &PaAudioOutput::onStreamFinished,
+                      mContext)) {
         delete mContext;
         mContext = nullptr;
-        setSelectedDevice(-1);
         return false;
     }
-    mLibrary->SetStreamFinishedCallback(mStream, &PaAudioOutput::onStreamFinished);
-    if (const PaStreamInfo* streamInfo = mLibrary->GetStreamInfo(mStream)) {
-        mOutputLatency = streamInfo->outputLatency;
-        mSampleRate = streamInfo->sampleRate;
-        qWarning() << "PaStream opened with output latency" << streamInfo->outputLatency
-                   << "and sample rate" << streamInfo->sampleRate;
-    }
-
-    // 9.
-    error = mLibrary->StartStream(mStream);
-    if (error != paNoError) {
-        // The stream stays open until the next closeDevice().
-        logPaError("Pa_StartStream", error);
-        setSelectedDevice(-1);
-        return false;
-    }
-    qWarning() << "PaStream started";
-    mPlayer->setAudioThreadRunning(true);
-    const QStringList list = devices();
-    mLostDeviceName = list.value(listIndex);
-    mSeenCallbacks = mCallbackCount.load();
-    mSinceProgress.start();
-    mWatchdog.start();
-    setSelectedDevice(listIndex);
     return true;
 }
 
 bool PaAudioOutput::closeDevice()
 {
-    mWatchdog.stop();
-    if (!mStream) {
+    mRecovery.stopWatching();
+    if (!mStream.isOpen()) {
         return true;
     }
     bool closed = true;
     if (mLibrary->isAbandoned()) {
-        mStream = nullptr; // nothing may be called in a library left behind
+        mStream.forget(); // nothing may be called in a library left behind
     } else {
-        qWarning() << "Stopping stream...";
-        const auto library = mLibrary;
-        PaStream* stream = mStream;
-        PaError error = paNoError;
-        // Stopping and closing a stream whose server went away may never
-        // return (see PortAudioLibrary): both are bounded, and a stream that
-        // does not let go is left behind with its library.
-        const bool stopped = callWithin(
-            STOP_TIMEOUT_MS, [library, stream] { return library->StopStream(stream); }, &error);
-        if (stopped && error != paNoError) {
-            logPaError("Pa_StopStream", error); // and close it all the same
-        }
-        bool closedInTime = false;
-        if (stopped) {
-            qWarning() << "Closing stream...";
-            closedInTime = callWithin(
-                STOP_TIMEOUT_MS, [library, stream] { return library->CloseStream(stream); },
-                &error);
-        }
-        mStream = nullptr; // forgotten in any case
-        if (!closedInTime) {
-            qCritical() << "The audio stream did not stop within" << STOP_TIMEOUT_MS
-                        << "ms; it is left behind";
-            PortAudioLibrary::abandon(mLibrary);
-        } else if (error != paNoError) {
-            logPaError("Pa_CloseStream", error);
-            // Any other error still counts as closed, deliberately: the
-            // stream is unusable either way, and refusing to go on would
-            // leave the user with no way to pick another device.
-            closed = error != paUnanticipatedHostError;
-        }
+        closed = mStream.stopAndClose(mLibrary, STOP_TIMEOUT_MS);
     }
     retireCallbacks();
     // No callback renders any more: patch changes are carried out at once.
@@ -469,102 +302,21 @@ void PaAudioOutput::unmute()
 
 bool PaAudioOutput::isStreamRunning()
 {
-    if (!mStream || mLost) {
+    if (!mStream.isOpen() || mRecovery.isLost()) {
         return false;
     }
     checkStream(); // a stream that died is noticed here, not only by the watchdog
-    return mStream && !mLost;
+    return mStream.isOpen() && !mRecovery.isLost();
 }
 
 void PaAudioOutput::checkStream()
 {
-    if (!mStream || mLost || mLibrary->isAbandoned()) {
-        return;
-    }
-    if (mStreamFinished.load()) {
-        loseStream(QStringLiteral("the audio stream stopped"));
-        return;
-    }
-    if (mLibrary->IsStreamActive(mStream) != 1) {
-        loseStream(QStringLiteral("the audio system stopped the stream"));
-        return;
-    }
-    const std::uint64_t callbacks = mCallbackCount.load(std::memory_order_relaxed);
-    // A callback that is still rendering (opening a large patch takes a
-    // while) is slow, not gone: only a stream whose callbacks stopped coming
-    // is lost.
-    if (callbacks != mSeenCallbacks || mRenderOwner.load(std::memory_order_relaxed) != 0) {
-        mSeenCallbacks = callbacks;
-        mSinceProgress.start();
-    } else if (mSinceProgress.elapsed() > STALL_TIMEOUT_MS) {
-        loseStream(QStringLiteral("no audio for %1 s").arg(STALL_TIMEOUT_MS / 1000.0));
-    }
-}
-
-void PaAudioOutput::loseStream(const QString& reason)
-{
-    mLost = true;
-    mRetryFailureLogged = false;
-    qWarning().noquote()
-        << QStringLiteral("Audio device lost: %1. Trying to open it again.").arg(reason);
-    closeDevice(); // bounded, and keeps every later callback of it away from the player
-    emit deviceLost(
-        QStringLiteral("Audio device lost (%1). Reconnecting as soon as it is back...")
-            .arg(reason));
-    mRetryTimer.start();
+    mRecovery.check();
 }
 
 bool PaAudioOutput::retryLostDevice()
 {
-    if (!mLost) {
-        mRetryTimer.stop();
-        return true;
-    }
-    // PortAudio learns of devices and servers only when it starts, so each
-    // attempt starts it afresh; a library left behind is replaced by a copy.
-    if (mInitialised) {
-        terminateLibrary();
-    }
-    if (mLibrary->isAbandoned()) {
-        QString error;
-        std::shared_ptr<PortAudioLibrary> fresh = PortAudioLibrary::freshCopy(&error);
-        if (!fresh) {
-            if (!mRetryFailureLogged) {
-                qCritical().noquote() << "Cannot load the audio library again:" << error;
-                mRetryFailureLogged = true;
-            }
-            return false;
-        }
-        mLibrary = fresh;
-    }
-    if (mLibrary->Initialize() != paNoError) {
-        return false;
-    }
-    mInitialised = true;
-    // Quietly until there is something to open: the attempts repeat every
-    // second, and selectDevice() logs its failures as errors.
-    const int wanted = devices().indexOf(mLostDeviceName);
-    if (wanted < 0 && (mDeviceMap.isEmpty() || mLibrary->GetDefaultOutputDevice() == paNoDevice)) {
-        terminateLibrary();
-        return false;
-    }
-    // No callback runs now, so the player is this thread's to tidy up: what
-    // was queued meanwhile is carried out, then every note is let go, so
-    // that the device comes back silent and the lattice shows no note
-    // playing that nobody hears.
-    mPlayer->processEvents();
-    const ArboEvent allOff(ArboEvent::AllNotesOff, 1.0f);
-    mPlayer->queueEventGui(&allOff);
-    mPlayer->processEvents();
-    if (!selectDevice(wanted)) {
-        return false;
-    }
-    mLost = false;
-    mRetryTimer.stop();
-    const QString device = devices().value(selectedDevice());
-    qWarning().noquote() << "Audio device opened again:" << device;
-    emit deviceRestored(QStringLiteral("Audio device back: %1").arg(device));
-    return true;
+    return mRecovery.retry();
 }
 
 void PaAudioOutput::onStreamFinished(void* userData)
@@ -591,14 +343,11 @@ int PaAudioOutput::onStreamCallback(std::uint32_t token, float* output, unsigned
     // What may still happen on this thread, and only inside libpd: libpd
     // takes its instance's own lock around each call (never contended: only
     // this thread uses the instance), and some Pd objects allocate in some
-    // of their message methods. One exception of this program's own remains
-    // until patch changes are prepared off this thread: opening and closing
-    // a patch (a patch change, with the output muted) reads the patch file,
-    // allocates and takes the patch mutex, which the waiting GUI thread holds
-    // only for a moment. Apart from those, nothing here blocks, locks,
-    // allocates, logs, emits or touches a file or socket: the player reports
-    // through a fixed queue, and the render owner below is one
-    // compare-and-swap that never waits.
+    // of their message methods. Patches are opened and closed on the GUI
+    // thread, in instances this thread does not use at the time. Apart from
+    // that, nothing here blocks, locks, allocates, logs, emits or touches a
+    // file or socket: the player reports through a fixed queue, and the
+    // render owner below is one compare-and-swap that never waits.
     const auto start = std::chrono::steady_clock::now();
     const std::size_t bytes = std::size_t(frames) * CHANNELS * sizeof(float);
     std::uint32_t nobody = 0;
@@ -619,7 +368,7 @@ int PaAudioOutput::onStreamCallback(std::uint32_t token, float* output, unsigned
     mRenderOwner.store(0, std::memory_order_release);
 
     const auto end = std::chrono::steady_clock::now();
-    const double rate = mSampleRate > 0.0 ? mSampleRate : SAMPLE_RATE;
+    const double rate = mStream.sampleRate() > 0.0 ? mStream.sampleRate() : SAMPLE_RATE;
     const auto periodNs = std::int64_t(double(frames) * 1e9 / rate);
     mStats.record(std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count(),
                   periodNs, (statusFlags & paOutputUnderflow) != 0);

@@ -2,11 +2,11 @@
 
 #include "sound/audiooutput.h"
 #include "sound/callbackstats.h"
+#include "sound/devicerecovery.h"
+#include "sound/padevicelist.h"
+#include "sound/paoutputstream.h"
 
-#include <QElapsedTimer>
-#include <QHash>
 #include <QString>
-#include <QTimer>
 
 #include <portaudio.h>
 
@@ -29,20 +29,18 @@ class PortAudioLibrary;
 // timing statistics; the player pointer, the stream and the sample rate
 // change only while no stream runs.
 //
-// A stage machine loses its device now and then (a USB interface pulled, a
-// sound server restarted). A watchdog on the GUI thread notices a stream that
-// stopped on its own or whose callbacks no longer come, says so once
-// (deviceLost), and tries to open the device again every second until it
-// can (deviceRestored). Stopping and closing a stream, and ending PortAudio,
-// are bounded in time: a host API that never returns from them is left
-// behind for good (see PortAudioLibrary), so that neither a shutdown nor a
-// device change can hang.
+// Its parts: the device list (PaDeviceList), the stream on the device chosen
+// (PaOutputStream) and the recovery of a device lost under a running stream
+// (DeviceRecovery). Stopping and closing a stream, and ending PortAudio, are
+// bounded in time (BoundedCall): a host API that never returns from them is
+// left behind for good (see PortAudioLibrary), so that neither a shutdown
+// nor a device change can hang.
 class PaAudioOutput : public AudioOutput
 {
     Q_OBJECT
 public:
-    static constexpr int CHANNELS = 2;
-    static constexpr double SAMPLE_RATE = 44100.0;
+    static constexpr int CHANNELS = PaOutputStream::CHANNELS;
+    static constexpr double SAMPLE_RATE = PaOutputStream::SAMPLE_RATE;
     // Pd computes in blocks of this many frames.
     static constexpr int PD_BLOCK_FRAMES = 64;
     // Frames per buffer outside the options' range (Settings::FRAMES_MIN to
@@ -90,7 +88,7 @@ public:
     // so that the player never waits for a callback that cannot come.
     bool isStreamRunning() override;
     // Whether the device was lost and is being retried.
-    bool isDeviceLost() const { return mLost; }
+    bool isDeviceLost() const { return mRecovery.isLost(); }
 
     // The device list entry for a host API and device name.
     static QString deviceEntry(const QString& hostApiName, const QString& deviceName);
@@ -103,8 +101,8 @@ public:
 
     // Of the stream that was opened last: its sample rate and the output
     // latency PortAudio reports for it (seconds). 0 before any stream.
-    double streamSampleRate() const { return mSampleRate; }
-    double streamOutputLatency() const { return mOutputLatency; }
+    double streamSampleRate() const { return mStream.sampleRate(); }
+    double streamOutputLatency() const { return mStream.outputLatency(); }
 
     // Timing of the callbacks since the stream was opened (or since a reset
     // was requested): durations, overruns of the buffer period, xruns.
@@ -128,36 +126,37 @@ public slots:
     bool retryLostDevice();
 
 private:
+    // The recovery works on the stream and the library as the output does.
+    friend class DeviceRecovery;
     struct StreamContext;
 
     int onStreamCallback(std::uint32_t token, float* output, unsigned long frames,
                          PaStreamCallbackFlags statusFlags) noexcept;
     static void onStreamFinished(void* userData);
-    // Declares the stream lost: logs it, keeps every later callback of it
-    // away from the player, lets it go and starts the retries.
-    void loseStream(const QString& reason);
+    // Opens a stream in the chosen format whose callbacks have a new context.
+    bool openStream();
     // Makes sure no callback of an old stream is inside render() and none
     // will enter it again.
     void retireCallbacks();
     // Ends PortAudio within STOP_TIMEOUT_MS, leaving the library behind if
     // it does not come back.
     void terminateLibrary();
+    // Starts PortAudio again, in a fresh copy of the library when the one in
+    // use was left behind. False when it does not start; when the copy
+    // cannot be made, with the reason in `copyError`.
+    bool startLibraryAfresh(QString* copyError);
     // Logs "<call> returned err: <n> <text>" at critical level.
     void logPaError(const char* call, PaError error) const;
 
     std::shared_ptr<PortAudioLibrary> mLibrary;
-    PaStream* mStream = nullptr;
+    PaOutputStream mStream;
     // The context handed to the running stream's callback. A stream left
     // behind keeps its context for good, as its callback may still come.
     StreamContext* mContext = nullptr;
     bool mInitialised = false;
-    // devices() is const but rebuilds the map, as the list and the map must
+    // devices() is const but rebuilds the list, as the list and the map must
     // always agree.
-    mutable QHash<int, int> mDeviceMap;
-    // A plain flag in spirit: written by the GUI thread, read by the callback;
-    // relaxed, because a change only has to arrive within a buffer or so.
-    double mSampleRate = 0.0;
-    double mOutputLatency = 0.0;
+    mutable PaDeviceList mDeviceList;
     CallbackStats mStats;
 
     // The token of the stream whose callbacks may render; a callback with
@@ -173,15 +172,6 @@ private:
     // Set by PortAudio's stream-finished report.
     std::atomic<bool> mStreamFinished{false};
 
-    // Audio thread (or while no stream runs): the rest of the last Pd tick
-    // that did not fit into the previous buffer.
-
     // GUI thread: the watchdog and the retries.
-    QTimer mWatchdog;
-    QTimer mRetryTimer;
-    QElapsedTimer mSinceProgress;
-    std::uint64_t mSeenCallbacks = 0;
-    bool mLost = false;
-    bool mRetryFailureLogged = false;
-    QString mLostDeviceName;
+    DeviceRecovery mRecovery{*this};
 };

@@ -1,10 +1,15 @@
 #pragma once
 
 #include "model/arboratio.h"
-#include "sound/pdmessagebuffer.h"
+#include "sound/commanddispatcher.h"
+#include "sound/patchchanger.h"
+#include "sound/patchmixer.h"
+#include "sound/playercontrols.h"
 #include "sound/playerresult.h"
+#include "sound/playerresultqueue.h"
 #include "sound/spscqueue.h"
 #include "sound/staticarray.h"
+#include "sound/voicepool.h"
 
 #include <QList>
 #include <QObject>
@@ -12,82 +17,53 @@
 #include <QTimer>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <memory>
 
 class ArboEvent;
 class MidiNoteRing;
 class PdInstance;
 class QFileInfo;
 struct _atom;
-struct _pdinstance;
 
 // The sound engine: the open patch in a Pure Data instance (libpd; another
-// instance of a small pool takes over at a patch change), 128 voices, the transposition, volumes, base frequency, monophonic switch
-// and the per-prime enable flags.
+// instance of a small pool takes over at a patch change), 128 voices, the
+// transposition, volumes, base frequency, monophonic switch and the per-prime
+// enable flags.
 //
 // Every change that can affect sound arrives as a command (an ArboEvent)
 // queued into the lock-free command buffer of the thread that sends it, one
 // per producing thread: queueEventGui from the GUI thread, queueEventSerial
 // from the UDP listener thread, queueEventMidi and queueEventOsc from the
 // MIDI and OSC input threads. The audio callback drains them at the start
-// of each buffer (processEvents) and carries the commands out, so every libpd call on a running patch is made from that one
-// thread. Results come back through a fixed queue that the GUI thread turns
-// into the signals below (deliverResults()): they are emitted on the GUI
-// thread.
+// of each buffer (processEvents) and carries the commands out, so every libpd
+// call on a running patch is made from that one thread. Results come back
+// through a fixed queue that the GUI thread turns into the signals below
+// (deliverResults()): they are emitted on the GUI thread.
+//
+// The player is the face of the parts it owns: the command buffers and the
+// carrying out of commands (CommandDispatcher), the settings they change
+// (PlayerControls), the voices and the note table (VoicePool), the patch
+// change (PatchChanger), the instances that sound and every message to them
+// (PatchMixer), and the results on their way to the GUI thread
+// (PlayerResultQueue).
 //
 // The patch contract: voice and macro messages go to the receiver "arbo-in"
-// as lists (value, PdVoiceMessageType, voice number 1..128, 0 for the whole
-// patch), the master volume to "master-vol", "dsp 1"/"dsp 0" to "pd", and a
-// bang to "query-macros" after opening. The patch reports "voice-stop" with
-// the 1-based voice number when a released voice has fallen silent, and
+// as lists (value, PatchMixer::VoiceMessage, voice number 1..128, 0 for the
+// whole patch), the master volume to "master-vol", "dsp 1"/"dsp 0" to "pd",
+// and a bang to "query-macros" after opening. The patch reports "voice-stop"
+// with the 1-based voice number when a released voice has fallen silent, and
 // answers the query on "output-voice-info" with the macro names text.
 class PdPlayer : public QObject
 {
     Q_OBJECT
 public:
-    enum PdVoiceMessageType
-    {
-        Gate = 1,      // 1.0 at note-on, 0.0 at note-off
-        Frequency = 2, // Hz
-        Volume = 3,    // the voice volume
-        Macro1 = 4,    // Macro1..Macro8: the macro value, for the whole patch
-        Macro2,
-        Macro3,
-        Macro4,
-        Macro5,
-        Macro6,
-        Macro7,
-        Macro8,
-    };
-
     // One voice of the pool.
-    struct NoteOn
-    {
-        ArboRatio ratio;         // the sounding ratio, transposition included
-        std::int32_t voice = -1; // the voice's own index, 0..127
-        std::int32_t seqId = 0;  // note-on sequence number; 0 means free
-        bool released = false;   // gate off sent, waiting for "voice-stop"
-        bool held = false;       // begun by a NoteStart of heldPath
-        ArboPath heldPath;
-        // In the note table: the voice that `ratio` is found on, from its
-        // note-on until it stops (or the ratio is struck again elsewhere).
-        bool inMap = false;
-        // What the patch was told at the note-on (for a new patch to start
-        // the note the same way), and whether it was told at all.
-        float frequency = 0.0f;
-        float volume = 0.0f;
-        bool started = false;
-        // Releasing in a patch that is being replaced: only that patch
-        // reports it stopped, and it is freed when that patch goes.
-        bool oldOnly = false;
-    };
+    using NoteOn = VoicePool::NoteOn;
 
-    static constexpr int VOICE_COUNT = 128;
-    static constexpr int PRIME_FLAG_COUNT = 32;
+    static constexpr int VOICE_COUNT = VoicePool::VOICE_COUNT;
+    static constexpr int PRIME_FLAG_COUNT = PlayerControls::PRIME_FLAG_COUNT;
 
     explicit PdPlayer(QObject* parent = nullptr);
     ~PdPlayer() override;
@@ -126,24 +102,24 @@ public:
     static int noteStartBudget(int frames) { return std::max(4, frames / 8); }
 
     // Audio thread: carries out at most `budget` commands of the four
-    // command buffers, in order within each (see the source for how they
-    // share), and leaves the rest for the next call. Never blocks, allocates,
-    // locks, logs or emits: results go to a fixed queue that the GUI thread
-    // turns into signals (deliverResults()). It first makes libpd's instance
-    // the calling thread's own (libpd keeps its current instance per thread),
-    // so that the caller may go on to compute audio with libpd.
+    // command buffers, in order within each (see CommandDispatcher for how
+    // they share), and leaves the rest for the next call. Never blocks,
+    // allocates, locks, logs or emits: results go to a fixed queue that the
+    // GUI thread turns into signals (deliverResults()). Each message to a
+    // patch makes its instance the calling thread's current one (libpd keeps
+    // it per thread), as every call of a PdInstance does.
     void processEvents(int budget = commandBudget(256));
 
     // The one place where sound is made, shared by the stream callback, the
     // tests and the benchmarks. Carries out the queued commands (within the
     // budget; none in the few buffers in which a patch change starts the
-    // held notes in its patch), then fills `frames` stereo frames (any number) with the
-    // patch's output, or with silence while muted or with no patch open. Pd
-    // computes whole ticks of 64 frames; the part of a tick that does not
-    // fit is kept for the next call, so that every buffer size plays without
-    // gaps. A buffer with a sample that is not a finite number (a patch gone
-    // wrong) is silenced, the patch's DSP is switched off and on again to
-    // clear its state, and the GUI thread says so once.
+    // held notes in its patch), then fills `frames` stereo frames (any
+    // number) with the patch's output, or with silence while muted or with
+    // no patch open. Pd computes whole ticks of 64 frames; the part of a tick
+    // that does not fit is kept for the next call, so that every buffer size
+    // plays without gaps. A buffer with a sample that is not a finite number
+    // (a patch gone wrong) is silenced, the patch's DSP is switched off and
+    // on again to clear its state, and the GUI thread says so once.
     //
     // Audio thread (or any one thread while no audio thread runs). What libpd
     // itself may still do in here: take its own per-instance lock (never
@@ -165,10 +141,10 @@ public:
     // to reportRefusedCommands(). Any thread.
     quint32 silencedBuffers() const { return mSilencedBuffers.load(); }
 
-    static constexpr int CHANNELS = 2;
-    static constexpr int MACRO_COUNT = 8;
+    static constexpr int CHANNELS = PatchMixer::CHANNELS;
+    static constexpr int MACRO_COUNT = PatchMixer::MACRO_COUNT;
     // How long a patch change crossfades from the old patch to the new one.
-    static constexpr double CROSSFADE_SECONDS = 0.04;
+    static constexpr double CROSSFADE_SECONDS = PatchMixer::CROSSFADE_SECONDS;
 
     // GUI thread: turns the results the audio thread queued into the
     // signals below (noteToggled, transposed, ...), in order, and signals a
@@ -188,51 +164,51 @@ public:
     bool isPatchOpen() const { return mPatchOpen.load(std::memory_order_acquire); }
 
     // Any thread: numerator / denominator × the base frequency.
-    float ratioToFrequency(const ArboRatio& ratio) const;
+    float ratioToFrequency(const ArboRatio& ratio) const { return mVoices.frequencyOf(ratio); }
 
-    // The same effects as the commands, without a buffer. Audio thread (or
-    // while no audio thread runs); nothing in the program calls them.
-    void setVolume(float volume);
-    void setVoiceVolume(float volume);
-    void setMonophonic(bool monophonic);
-    void setBaseFrequency(float frequency);
-    void togglePrimeEnabled(int prime);
-    void setMacroValue(int macro, float value);
-    void transpose(signed char step);
+    // The same effects as the commands, without a buffer: the commands are
+    // carried out through them. Audio thread (or while no audio thread runs).
+    void setVolume(float volume) { mControls.setVolume(volume); }
+    void setVoiceVolume(float volume) { mControls.setVoiceVolume(volume); }
+    void setMonophonic(bool monophonic) { mControls.setMonophonic(monophonic); }
+    void setBaseFrequency(float frequency) { mControls.setBaseFrequency(frequency); }
+    void togglePrimeEnabled(int prime) { mControls.togglePrimeEnabled(prime); }
+    void setMacroValue(int macro, float value) { mControls.setMacroValue(macro, value); }
+    void transpose(signed char step) { mControls.transpose(step); }
 
     // Read-only views for tests and diagnostics; audio thread, or any thread
     // while no audio thread runs.
-    const StaticArray<NoteOn, VOICE_COUNT>& voices() const { return mVoices; }
-    const ArboRatio& transposition() const { return mTransposition; }
-    float volume() const { return mVolume; }
-    float voiceVolume() const { return mVoiceVolume; }
-    float baseFrequency() const { return mBaseFrequency; }
-    bool monophonic() const { return mMonophonic; }
-    bool primeEnabled(int prime) const;
+    const StaticArray<NoteOn, VOICE_COUNT>& voices() const { return mVoices.voices(); }
+    const ArboRatio& transposition() const { return mControls.transposition(); }
+    float volume() const { return mMixer.volume(); }
+    float voiceVolume() const { return mVoices.voiceVolume(); }
+    float baseFrequency() const { return mVoices.baseFrequency(); }
+    bool monophonic() const { return mVoices.monophonic(); }
+    bool primeEnabled(int prime) const { return mControls.primeEnabled(prime); }
     // Notes in the note table (sounding or releasing). Any thread: published
     // by the audio thread after every change.
-    int soundingNoteCount() const { return mSoundingNotes.load(std::memory_order_relaxed); }
+    int soundingNoteCount() const { return mVoices.soundingNoteCount(); }
 
     // The MIDI output's tap: while set, every note the player starts (within
     // the playable range) or ends, and every "stop all", is also written into
     // `tap` on the audio thread, with the note's exact frequency. Null: no
     // tap. GUI thread; the ring must outlive its use (set null first).
-    void setNoteTap(MidiNoteRing* tap) { mNoteTap.store(tap, std::memory_order_release); }
+    void setNoteTap(MidiNoteRing* tap) { mVoices.setNoteTap(tap); }
     // Whether note-ons reach the patch. Off while the MIDI output plays the
     // notes on another instrument alone. Any thread; takes effect from the
     // next note-on.
-    void setBuiltInSound(bool on) { mBuiltInSound.store(on, std::memory_order_relaxed); }
-    bool builtInSound() const { return mBuiltInSound.load(std::memory_order_relaxed); }
+    void setBuiltInSound(bool on) { mVoices.setBuiltInSound(on); }
+    bool builtInSound() const { return mVoices.builtInSound(); }
 
     // Commands that the audio thread refused since the last report: a
     // transposition that is no prime step or would leave the exact ratios,
     // a note beyond the exact ratios. Any thread.
-    quint32 refusedTranspositions() const { return mRefusedTranspositions.load(); }
-    quint32 refusedNotes() const { return mRefusedNotes.load(); }
+    quint32 refusedTranspositions() const { return mControls.refusedTranspositions(); }
+    quint32 refusedNotes() const { return mControls.refusedNotes(); }
     // Commands refused since the last report for a value out of its range
     // (ArboEvent::refusal, or a volume step that would leave the range),
     // over all sources. Any thread.
-    quint32 refusedValues() const;
+    quint32 refusedValues() const { return mCommands.refusedValues(); }
 
     // GUI thread: the patch steps asked for by commands since the last call,
     // added up (+1 for each step to the next patch, -1 for each step back),
@@ -277,48 +253,13 @@ public slots:
     void queueEventOsc(const ArboEvent* event);
 
 private:
-    // Where a command came from, for the report of refused values: one per
-    // command buffer.
-    enum Source
-    {
-        FromWands,
-        FromMidi,
-        FromOsc,
-        FromWindow,
-        SOURCE_COUNT
-    };
-
-    // Carries out at most `budget` commands of `buffer`; how many it did.
-    int processBuffer(PdMessageBuffer& buffer, Source source, int budget);
-    // How many results a command of `type` may report at most.
-    static int resultsOf(int type);
-    void carryOut(const PdMessageBuffer::Chunk& chunk, Source source);
-    // Whether `value` is sane for the command `type` (and, for a volume step,
-    // whether the volume stays in range); counts a refusal for `source`.
-    bool acceptValue(int type, float value, float current, Source source);
-    // The sounding ratio of `path` (transposition included); false when the
-    // path has no pitch, its prime is switched off or the ratio would leave
-    // 64 bits (counted as refused).
-    bool resolveNote(const ArboPath& path, ArboRatio& ratio);
-    void toggleNote(const ArboPath& path);
-    void startNote(const ArboPath& path);
-    void endNote(const ArboPath& path);
-    // The voice the note table holds `ratio` on, or null.
-    NoteOn* findNote(const ArboRatio& ratio);
-    // Returns the voice taken.
-    int noteOn(const ArboRatio& ratio);
-    void noteOff(const ArboRatio& ratio);
-    void allNotesOff();
-    void onVoiceStopped(int voice);
-    // Audio thread: a voice-stop from the instance `from`.
-    void onVoiceStopReported(const _pdinstance* from, int voice);
-    void updateSoundingCount();
-    // Audio thread: queues a result for deliverResults().
-    void report(int kind, int number, float value = 0.0f, bool flag = false,
-                const ArboRatio* ratio = nullptr, int extra = 0);
-
-    bool sendPdVoiceMessage(int type, float value, int voice);
-    bool sendPdVolumeMessage(float value);
+    // GUI thread: hands `instance` (null: no patch) over to the audio
+    // thread, or, without one, carries the change out at once.
+    void handOver(PdInstance* instance);
+    // GUI thread: the signal for one result, and the one for a run of patch
+    // steps (see takePatchSteps()).
+    void emitResult(const PlayerResult& result);
+    void signalPatchSteps();
 
     static void pdPrintHook(const char* text);
     static void pdListHook(const char* recv, int argc, _atom* argv);
@@ -326,103 +267,22 @@ private:
     // The player that libpd's plain-function hooks reach.
     static PdPlayer* sThis;
 
-    PdMessageBuffer mGuiBuffer;
-    PdMessageBuffer mSerialBuffer;
-    PdMessageBuffer mMidiBuffer;
-    PdMessageBuffer mOscBuffer;
-    ArboRatio mTransposition{1, 1};
-    float mVolume = 0.8f;
-    float mVoiceVolume = 1.0f;
-    float mBaseFrequency = 440.0f;
-    bool mMonophonic = false;
-    StaticArray<bool, PRIME_FLAG_COUNT> mPrimeEnabled{PRIME_FLAG_COUNT, true};
-    int mMonoVoice = -1;
-    StaticArray<NoteOn, VOICE_COUNT> mVoices;
-    std::int32_t mSequence = 0;
-    // The macro names of the patch last opened (GUI thread).
-    QStringList mMacroNames;
+    // The parts, each with the thread contract in its header. Declared in the
+    // order they need each other.
+    PlayerResultQueue mResults;
+    PatchMixer mMixer;
+    VoicePool mVoices{mMixer, mResults};
+    PatchChanger mChanger{mMixer, mVoices, mResults};
+    PlayerControls mControls{mMixer, mVoices, mChanger, mResults};
+    CommandDispatcher mCommands{mControls, mVoices, mResults};
 
-    // A patch change, from the GUI thread to the audio thread and back: the
-    // instance to play from now on (null: none), and, once the crossfade is
-    // over, the one that played before, for the GUI thread to close.
-    struct Swap
-    {
-        PdInstance* incoming = nullptr;
-        PdInstance* retired = nullptr;
-        // For each macro of the new patch: the macro of the old one whose
-        // value it takes, or -1 for its default (macroDefault, -1: none).
-        int macroSource[MACRO_COUNT] = {-1, -1, -1, -1, -1, -1, -1, -1};
-        float macroDefault[MACRO_COUNT] = {-1, -1, -1, -1, -1, -1, -1, -1};
-    };
-    // GUI thread.
-    void handOver(Swap* swap);
-    void collectRetired();
-    void release(PdInstance* instance);
-    int poolIndex(const PdInstance* instance) const;
-    PdInstance* spareInstance();
-    // Audio thread. Takes up a change handed over and sets its patch's
-    // macros and starts the held notes in it, `noteLimit` notes' worth per
-    // call; true while there is more to do (the commands wait meanwhile).
-    // Then beginCrossfade().
-    bool takeSwap(int noteLimit);
-    void beginCrossfade();
-    void finishSwap();
-    void renderPiece(float* output, int frames) noexcept;
-
-    static constexpr int POOL_SIZE = 3;
-    static constexpr int SPARE_WAIT_MS = 2000;
-    static constexpr int FADE_BUFFER_FRAMES = 1024;
-    // Made by init(), freed by the destructor; owned by the GUI thread, which
-    // lends them to the audio thread through Swap records. mInUse has a last
-    // slot for "no instance".
-    std::array<std::unique_ptr<PdInstance>, POOL_SIZE> mPool;
-    std::array<bool, POOL_SIZE + 1> mInUse{};
-    std::atomic<Swap*> mIncoming{nullptr};
-    SpscQueue<Swap*, 16> mRetired;
-    // Audio thread: the instance playing, and the one fading out.
-    PdInstance* mCurrent = nullptr;
-    PdInstance* mOld = nullptr;
-    Swap* mActiveSwap = nullptr;
-    // Starting the held notes of mActiveSwap's patch, from voice
-    // mPrepareCursor on, before the crossfade.
-    bool mPreparing = false;
-    int mPrepareCursor = 0;
-    float mNextMacroValues[MACRO_COUNT] = {};
-    int mFadeFrame = 0;
-    int mFadeFrames = 1764;
-    float mFadeBuffer[FADE_BUFFER_FRAMES * CHANNELS] = {};
-    // The last value of each macro (negative: not known), for the next patch.
-    float mMacroValues[MACRO_COUNT] = {-1, -1, -1, -1, -1, -1, -1, -1};
-
-    // Audio thread: hands a note to the MIDI tap, if one is set. Never blocks.
-    void tapNote(int type, int voice, double frequency = 0.0);
-
-    std::atomic<MidiNoteRing*> mNoteTap{nullptr};
-    std::atomic<bool> mBuiltInSound{true};
-    std::atomic<int> mSoundingNotes{0};
     std::atomic<bool> mPatchOpen{false};
-    // Counted on the audio thread, reported by the GUI thread: the audio
-    // thread never logs because of what the input says.
-    std::atomic<quint32> mRefusedTranspositions{0};
-    std::atomic<float> mLastRefusedTransposition{0.0f};
-    std::atomic<quint32> mRefusedNotes{0};
-    std::atomic<quint64> mLastRefusedNote{0}; // the path's eight bytes
-    struct RefusedValues
-    {
-        std::atomic<quint32> count{0};
-        std::atomic<int> lastType{0};
-        std::atomic<float> lastValue{0.0f};
-    };
-    RefusedValues mRefusedValues[SOURCE_COUNT];
-    // The patch steps not yet taken by the GUI thread, and whether a signal
-    // for them is on its way (see takePatchSteps()).
-    std::atomic<int> mPatchSteps{0};
-    bool mPatchStepSignalled = false; // GUI thread
+    // Whether a signal for the patch steps not yet taken is on its way (see
+    // takePatchSteps()). GUI thread.
+    bool mPatchStepSignalled = false;
 
     // Results, from the audio thread to the GUI thread.
     static constexpr int DELIVERY_INTERVAL_MS = 5;
-    SpscQueue<PlayerResult, 8192> mResults;
-    std::int64_t mBufferStartNs = 0; // audio thread
     std::chrono::steady_clock::time_point mDeliveredBufferStart; // GUI thread
     // What Pd prints on the audio thread, for the GUI thread to log.
     struct PrintLine
@@ -430,8 +290,6 @@ private:
         char text[120];
     };
     SpscQueue<PrintLine, 32> mPrintLines;
-    std::atomic<quint32> mLostResults{0};
-    std::atomic<quint32> mFailedMessages{0};
     QTimer mDeliveryTimer;
     std::atomic<bool> mMuted{false};
     std::atomic<bool> mAudioThreadRunning{false};
