@@ -25,7 +25,7 @@ class PortAudioLibrary;
 // The callback runs on PortAudio's audio thread; it never blocks, locks,
 // allocates or logs (the exceptions are named at the top of
 // onStreamCallback). The GUI thread and the callback share only atomics: the
-// muted flag, the stream token and render owner, the finished flag and the
+// stream token and render owner, the finished flag and the
 // timing statistics; the player pointer, the stream and the sample rate
 // change only while no stream runs.
 //
