@@ -1,86 +1,97 @@
 #!/bin/sh
-# Fetches Pure Data's source from Debian (the puredata source package ships
-# upstream libpd) into the git-ignored folder .deps/ and builds the static
-# libpd there. Nothing of Pure Data is ever committed to this repository.
+# Fetches one pinned version of Pure Data's source from Debian (the puredata
+# source package ships upstream libpd) into the git-ignored folder .deps/ and
+# builds the static libpd there with every core. Nothing of Pure Data is ever
+# committed to this repository.
 #
-# Runs once: when .deps/puredata/libpd/libpd.a exists it returns at once.
+# The machine's apt configuration is left alone: apt reads a sources list, a
+# package index and a cache of its own under .deps/apt/. The source package's
+# description file is checked against the checksum below, and apt checks the
+# tarballs against it.
+#
+# Runs once: when .deps/puredata holds the pinned version with libpd.a built,
+# it returns at once.
 set -eu
+
+PD_VERSION="0.53.1+ds-2+deb12u1"
+PD_DSC_SHA256="e9cb4d52165310ece1375a99137bed3d7a8ea1894ccc0fab1c105e05d481ae19"
+PD_ARCHIVE="http://deb.debian.org/debian"
+PD_SUITE="bookworm"
+PD_KEYRING="/usr/share/keyrings/debian-archive-keyring.gpg"
 
 top=$(cd "$(dirname "$0")/.." && pwd)
 deps="$top/.deps"
-lib="$deps/puredata/libpd/libpd.a"
+tree="$deps/puredata"
+lib="$tree/libpd/libpd.a"
 
-[ -f "$lib" ] && exit 0
-
-if [ "$(id -u)" -eq 0 ]; then SUDO=""; else SUDO="sudo"; fi
-
-# apt-get source needs a deb-src entry. Mirror the machine's own Debian entry
-# (same archive, same suite, same key) rather than guessing a mirror.
-ensure_deb_src() {
-    codename=$(. /etc/os-release && echo "${VERSION_CODENAME:-}")
-    [ -n "$codename" ] || { echo "Cannot tell the Debian suite of this machine" >&2; exit 1; }
-    if apt-get source --print-uris -q puredata >/dev/null 2>&1 \
-        && [ -n "$(apt-get source --print-uris -q puredata 2>/dev/null | grep "\.dsc")" ]; then
-        return 0
-    fi
-    uri=""; keyring=""
-    for f in /etc/apt/sources.list.d/*.sources; do
-        [ -f "$f" ] || continue
-        # deb822 stanzas: take the first "deb" stanza that serves our suite.
-        found=$(awk -v suite="$codename" '
-            BEGIN { RS=""; FS="\n" }
-            {
-                types=""; uris=""; suites=""; signed="";
-                for (i = 1; i <= NF; i++) {
-                    if ($i ~ /^Types:/)     { types=$i;  sub(/^Types:[ \t]*/, "", types) }
-                    if ($i ~ /^URIs:/)      { uris=$i;   sub(/^URIs:[ \t]*/, "", uris) }
-                    if ($i ~ /^Suites:/)    { suites=$i; sub(/^Suites:[ \t]*/, "", suites) }
-                    if ($i ~ /^Signed-By:/) { signed=$i; sub(/^Signed-By:[ \t]*/, "", signed) }
-                }
-                n = split(types, t, /[ \t]+/); isdeb = 0
-                for (k = 1; k <= n; k++) if (t[k] == "deb") isdeb = 1
-                n = split(suites, s, /[ \t]+/); hassuite = 0
-                for (k = 1; k <= n; k++) if (s[k] == suite) hassuite = 1
-                if (isdeb && hassuite) { split(uris, u, /[ \t]+/); print u[1] "|" signed; exit }
-            }' "$f")
-        if [ -n "$found" ]; then
-            uri=${found%%|*}; keyring=${found#*|}
-            break
-        fi
-    done
-    if [ -z "$uri" ] && [ -f /etc/apt/sources.list ]; then
-        # One-line format: deb [options] URI suite components...
-        line=$(grep -E "^deb[[:space:]]" /etc/apt/sources.list | grep -E "[[:space:]]$codename[[:space:]]" | head -n 1 || true)
-        if [ -n "$line" ]; then
-            uri=$(echo "$line" | sed -E 's/^deb[[:space:]]+(\[[^]]*\][[:space:]]+)?//' | awk '{print $1}')
-            keyring=$(echo "$line" | sed -nE 's/.*signed-by=([^] ]+).*/\1/p')
-        fi
-    fi
-    [ -n "$uri" ] || { echo "Found no Debian '$codename' entry in the apt sources" >&2; exit 1; }
-    echo "Adding deb-src entry for $uri $codename"
-    {
-        echo "Types: deb-src"
-        echo "URIs: $uri"
-        echo "Suites: $codename"
-        echo "Components: main"
-        [ -n "$keyring" ] && echo "Signed-By: $keyring"
-    } | $SUDO tee /etc/apt/sources.list.d/merrow-tuning-arbo-src.sources >/dev/null
-    $SUDO apt-get update -q
+tree_version() {
+    sed -n '1s/^puredata (\([^)]*\)).*/\1/p' "$tree/debian/changelog" 2>/dev/null || true
 }
 
-ensure_deb_src
-
-mkdir -p "$deps"
-cd "$deps"
-if [ ! -d puredata ]; then
-    rm -rf fetch && mkdir fetch && cd fetch
-    apt-get source -q puredata
-    src=$(find . -maxdepth 1 -type d -name 'puredata-*' | head -n 1)
-    [ -n "$src" ] || { echo "apt-get source puredata produced no source tree" >&2; exit 1; }
-    mv "$src" ../puredata
-    cd .. && rm -rf fetch
+if [ -f "$lib" ] && [ "$(tree_version)" = "$PD_VERSION" ]; then
+    exit 0
 fi
 
+# An earlier version of this script added a deb-src entry to the machine's own
+# apt sources; it is not needed any more.
+old_entry=/etc/apt/sources.list.d/merrow-tuning-arbo-src.sources
+if [ -f "$old_entry" ]; then
+    if [ "$(id -u)" -eq 0 ]; then SUDO=""; else SUDO="sudo"; fi
+    echo "Removing $old_entry, which an earlier build of libpd added"
+    $SUDO rm -f "$old_entry"
+fi
+
+[ -f "$PD_KEYRING" ] || {
+    echo "build-libpd.sh: $PD_KEYRING is missing: install the Debian package debian-archive-keyring" >&2
+    exit 1
+}
+
+apt_dir="$deps/apt"
+rm -rf "$apt_dir"
+mkdir -p "$apt_dir/sources" "$apt_dir/lists/partial" "$apt_dir/cache/archives/partial"
+cat >"$apt_dir/sources/puredata.sources" <<SOURCES
+Types: deb-src
+URIs: $PD_ARCHIVE
+Suites: $PD_SUITE
+Components: main
+Signed-By: $PD_KEYRING
+SOURCES
+private_apt() {
+    apt-get -q \
+        -o Dir::Etc::SourceList=/dev/null \
+        -o Dir::Etc::SourceParts="$apt_dir/sources" \
+        -o Dir::State::Lists="$apt_dir/lists" \
+        -o Dir::Cache="$apt_dir/cache" \
+        -o APT::Sandbox::User="$(id -un)" \
+        "$@"
+}
+
+cannot_have() {
+    echo "build-libpd.sh: Pure Data $PD_VERSION cannot be had from $PD_ARCHIVE $PD_SUITE: $1" >&2
+    echo "  (the pinned version may have left the archive; pin the version it serves now," >&2
+    echo "   with its .dsc checksum, at the top of scripts/build-libpd.sh)" >&2
+    exit 1
+}
+
+echo "Fetching Pure Data $PD_VERSION from $PD_ARCHIVE $PD_SUITE"
+private_apt update >"$apt_dir/update.log" 2>&1 || { cat "$apt_dir/update.log" >&2; cannot_have "apt could not read the index"; }
+uris=$(private_apt source --print-uris "puredata=$PD_VERSION" 2>"$apt_dir/source.log") ||
+    { cat "$apt_dir/source.log" >&2; cannot_have "the archive does not list it"; }
+echo "$uris" | grep -q "SHA256:$PD_DSC_SHA256" ||
+    cannot_have "its .dsc does not have the pinned checksum $PD_DSC_SHA256"
+
+rm -rf "$deps/fetch" "$tree"
+mkdir -p "$deps/fetch"
+(cd "$deps/fetch" && private_apt source "puredata=$PD_VERSION" >"$apt_dir/fetch.log" 2>&1) ||
+    { cat "$apt_dir/fetch.log" >&2; cannot_have "the download or its checksums failed"; }
+dsc=$(find "$deps/fetch" -maxdepth 1 -name 'puredata_*.dsc' | head -n 1)
+[ -n "$dsc" ] && echo "$PD_DSC_SHA256  $dsc" | sha256sum -c --quiet - ||
+    cannot_have "the downloaded .dsc does not have the pinned checksum"
+src=$(find "$deps/fetch" -maxdepth 1 -type d -name 'puredata-*' | head -n 1)
+[ -n "$src" ] || cannot_have "apt-get source produced no source tree"
+mv "$src" "$tree"
+rm -rf "$deps/fetch" "$apt_dir"
+
 # libpd's own makefile, static library only, with every core.
-make -C puredata/libpd -j"$(nproc)" libpd.a
+make -C "$tree/libpd" -j"$(nproc)" libpd.a
 echo "libpd built: $lib"

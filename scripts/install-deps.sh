@@ -1,18 +1,44 @@
 #!/bin/sh
-# Installs the Debian packages the instrument needs to build, run and test,
-# but only those that are missing, so a second run costs one dpkg query.
+# Installs the Debian packages the instrument needs, but only those that are
+# missing, so a second run costs one dpkg query.
+#
+#   scripts/install-deps.sh build        what building and running need (make run)
+#   scripts/install-deps.sh test         that, and the tools of the tests (make test)
+#   scripts/install-deps.sh --list SET   prints the packages of one set and nothing else
+#                                        (build, test: the test tools alone)
 set -eu
 
-PACKAGES="
-qtbase5-dev libqt5svg5-dev portaudio19-dev libboost-dev librtmidi-dev liblo-dev libasound2-dev
+# Building and running: compilers, the libraries the program links, the font
+# its music symbols are drawn from and the tools that draw them and its icons.
+BUILD="
+qtbase5-dev libqt5svg5-dev portaudio19-dev libboost-dev librtmidi-dev liblo-dev
+libasound2-dev libjack-jackd2-dev
 cmake g++ make pkg-config dpkg-dev
-libbenchmark-dev
-xvfb xauth jackd2 jack-capture sox libjack-jackd2-dev
-imagemagick xdotool
-lilypond-fonts python3-fonttools
-openssl
-locales
+lilypond-fonts python3-fonttools librsvg2-bin
 "
+
+# Testing: benchmarks, a virtual display and sound card, audio analysis, the
+# validators of the package and its desktop files, and a decimal-comma locale.
+TEST="
+libbenchmark-dev
+xvfb xauth xdotool imagemagick
+jackd2 jack-capture sox
+openssl locales
+lintian desktop-file-utils appstream man-db
+"
+
+case "${1:-}" in
+    --list)
+        case "${2:-}" in
+            build) echo $BUILD ;;
+            test) echo $TEST ;;
+            *) echo "usage: $0 --list build|test" >&2; exit 2 ;;
+        esac
+        exit 0 ;;
+    build) PACKAGES=$BUILD ;;
+    test) PACKAGES="$BUILD $TEST" ;;
+    *) echo "usage: $0 build|test" >&2; exit 2 ;;
+esac
 
 missing=""
 for p in $PACKAGES; do
@@ -32,7 +58,7 @@ fi
 
 # The tests play the engine under a decimal-comma locale, where a C library
 # that follows the environment would read 0.5 as 0.
-if ! locale -a 2>/dev/null | grep -qi '^de_DE\.utf-\?8$'; then
+if [ "$1" = test ] && ! locale -a 2>/dev/null | grep -qi '^de_DE\.utf-\?8$'; then
     echo "Generating the de_DE.UTF-8 locale for the tests"
     $SUDO localedef -i de_DE -f UTF-8 de_DE.UTF-8
 fi
