@@ -7,8 +7,9 @@ file(GLOB_RECURSE ARBO_RESOURCE_FILES CONFIGURE_DEPENDS
     RELATIVE "${CMAKE_SOURCE_DIR}/resources"
     "${CMAKE_SOURCE_DIR}/resources/*")
 foreach(res IN LISTS ARBO_RESOURCE_FILES)
-    # Qt resources compiled into the binary stay out of the folder.
-    if(res MATCHES "\\.qrc$")
+    # Qt resources compiled into the binary stay out of the folder, and so do
+    # the desktop's files (menu entry, metadata), which only an install places.
+    if(res MATCHES "\\.qrc$" OR res MATCHES "^desktop/")
         continue()
     endif()
     configure_file("${CMAKE_SOURCE_DIR}/resources/${res}"

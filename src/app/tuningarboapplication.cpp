@@ -13,6 +13,7 @@
 #include <QDebug>
 #include <QDir>
 #include <QFileInfo>
+#include <QIcon>
 #include <QLocale>
 #include <QMessageBox>
 #include <QScreen>
@@ -27,6 +28,11 @@ TuningArboApplication::TuningArboApplication(int& argc, char** argv) : QApplicat
     setApplicationName(QString::fromLatin1(Paths::APP_NAME));
     // The updater compares the published version with this one.
     setApplicationVersion(QStringLiteral(ARBO_VERSION));
+    // The desktop matches the window to the menu entry by this name, and the
+    // task bar shows the instrument's own icon, also when run from a build.
+    setDesktopFileName(QString::fromLatin1(Paths::DESKTOP_ID));
+    setWindowIcon(QIcon(Paths::resourceDir() + QStringLiteral("/icons/%1.svg")
+                                                    .arg(QString::fromLatin1(Paths::DESKTOP_ID))));
 
     const QStringList arguments = QCoreApplication::arguments();
     for (int i = 1; i < arguments.size(); ++i) {
