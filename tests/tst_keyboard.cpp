@@ -141,29 +141,25 @@ private slots:
         "osc": { "/cue": { "value": "/7" }, "nocue": { "value": "/7" } }
     })";
         QVERIFY(TestSupport::writeFile(file, faulty));
-        for (const char* warning :
-             {"\"oscPort\" in input_map.json is no port number; OSC is off.",
-              "keys entry \"Ctrl+G\" in input_map.json names nothing that can be played. Ignoring.",
-              "keys entry \"H\" in input_map.json has the invalid path /4. Ignoring.",
-              "keys entry \"J\" in input_map.json asks for event 19, which is the program's own. "
-              "Ignoring.",
-              "keys entry \"K\" in input_map.json has a \"min\" or \"max\" that is not a number. "
-              "Ignoring.",
-              "keys entry \"L\" in input_map.json is not an object with \"event\" and \"value\". "
-              "Ignoring.",
-              "keys entry \"M\" in input_map.json asks for event 6 up to the value 5, which is no "
-              "volume from 0 to 4. Ignoring.",
-              "keys entry \"N\" in input_map.json has the invalid path 3/5. Ignoring.",
-              "keys entry \"P\" in input_map.json has a \"value\" that is neither a number nor a "
-              "path. Ignoring.",
-              "keys entry \"Q\" in input_map.json asks for event 6 with the value 9, which is no "
-              "volume from 0 to 4. Ignoring.",
-              "midiNotes entry \"128\" in input_map.json names nothing that can be played. "
-              "Ignoring.",
-              "midiNotes entry \"x\" in input_map.json has no known \"event\" number. Ignoring.",
-              "osc entry \"nocue\" in input_map.json names nothing that can be played. "
-              "Ignoring."}) {
-            QTest::ignoreMessage(QtWarningMsg, warning);
+        QTest::ignoreMessage(QtWarningMsg,
+                             "\"oscPort\" in input_map.json is no port number; OSC is off.");
+        // Section, entry, what is wrong with it.
+        const QList<std::tuple<QString, QString, QString>> mistakes = {
+            {"keys", "Ctrl+G", "names nothing that can be played"},
+            {"keys", "H", "has the invalid path /4"},
+            {"keys", "J", "asks for event 19, which is the program's own"},
+            {"keys", "K", "has a \"min\" or \"max\" that is not a number"},
+            {"keys", "L", "is not an object with \"event\" and \"value\""},
+            {"keys", "M", "asks for event 6 up to the value 5, which is no volume from 0 to 4"},
+            {"keys", "N", "has the invalid path 3/5"},
+            {"keys", "P", "has a \"value\" that is neither a number nor a path"},
+            {"keys", "Q", "asks for event 6 with the value 9, which is no volume from 0 to 4"},
+            {"midiNotes", "128", "names nothing that can be played"},
+            {"midiNotes", "x", "has no known \"event\" number"},
+            {"osc", "nocue", "names nothing that can be played"}};
+        for (const auto& [section, entry, wrong] : mistakes) {
+            const QString warning = "%1 entry \"%2\" in input_map.json %3. Ignoring.";
+            QTest::ignoreMessage(QtWarningMsg, qPrintable(warning.arg(section, entry, wrong)));
         }
         InputMap faultyMap;
         QVERIFY(faultyMap.init());
