@@ -1,9 +1,12 @@
 // The process-wide message handler: what reaches the log file, what reaches
-// the diagnostics, and that messages from several threads stay whole.
+// the diagnostics and their dialog, and that messages from several threads
+// stay whole and in order.
 
 #include "app/tuningarboapplication.h"
 #include "testsupport.h"
+#include "ui/diagnosticsdialog.h"
 
+#include <QPlainTextEdit>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
@@ -11,17 +14,12 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 namespace {
 
 const QString STAMP = QStringLiteral("\\[\\d\\d:\\d\\d:\\d\\d\\.\\d\\d\\d\\] ");
-
-// A message that carries no source location, as from a build without them.
-void warnWithoutSource(const char* text)
-{
-    QMessageLogger(nullptr, 0, nullptr).warning("%s", text);
-}
 
 } // namespace
 
@@ -31,15 +29,6 @@ class TestLogging : public QObject
 
 public:
     explicit TestLogging(TuningArboApplication* app) : mApp(app) {}
-
-private slots:
-    void initTestCase();
-    void init();
-    void fileGetsEverythingButDebugAndCriticalStandsInABlock();
-    void diagnosticsFilterByCommandLineWords();
-    void messagesFromManyThreadsStayWhole();
-    void fatalMessageStandsInABlock();
-    void commandLineWordsLoseOneDashAndCase();
 
 private:
     // As if the words had been given on the command line: the handler then
@@ -56,135 +45,175 @@ private:
     QTemporaryDir mDir;
     QString mLogPath;
     int mLogStart = 0;
-};
 
-void TestLogging::initTestCase()
-{
-    mLogPath = mDir.path() + "/log.txt";
-    QVERIFY(mApp->mLog.open(mLogPath));
-    const QString banner = logText();
-    QVERIFY(QRegularExpression("^\\n-{78}\\nStarting app at \\d\\d/\\d\\d/\\d\\d "
-                               "\\d\\d:\\d\\d:\\d\\d\\.\\d{1,3}\\n$")
-                .match(banner)
-                .hasMatch());
-}
+private slots:
+    void initTestCase()
+    {
+        mLogPath = mDir.path() + "/log.txt";
+        QVERIFY(mApp->mLog.open(mLogPath));
+        QVERIFY(QRegularExpression("^\\n-{78}\\nStarting app at \\d\\d/\\d\\d/\\d\\d "
+                                   "\\d\\d:\\d\\d:\\d\\d\\.\\d{1,3}\\n$")
+                    .match(logText())
+                    .hasMatch());
+    }
 
-void TestLogging::init()
-{
-    setFlags({});
-    mLogStart = logText().size();
-}
+    void init()
+    {
+        setFlags({});
+        mLogStart = logText().size();
+    }
 
-void TestLogging::fileGetsEverythingButDebugAndCriticalStandsInABlock()
-{
-    QStringList diagnostics;
-    QObject receiver; // the connection ends with the test
-    connect(mApp, &TuningArboApplication::diagnosticMessage, &receiver,
-            [&](const QString& m) { diagnostics << m; });
+    // The file gets everything but debug, a critical message stands in a
+    // block of its own; without command-line words nothing reaches the
+    // diagnostics. With "all", every file's messages do, debug included
+    // (stamp and text two blanks apart), but a message without a source
+    // file is then dropped completely. A word picks a file by its base
+    // name, lower-cased, extension cut; the words filter only the
+    // diagnostics, never the file.
+    void fileAndDiagnostics()
+    {
+        QStringList diagnostics;
+        QObject receiver; // the connection ends with the test
+        connect(mApp, &TuningArboApplication::diagnosticMessage, &receiver,
+                [&](const QString& m) { diagnostics << m; });
+        qDebug() << "a debug line";
+        qInfo() << "an info line";
+        qWarning() << "a warning line";
+        qCritical() << "a critical line";
+        const QRegularExpression expected("^" + STAMP + "an info line\\n" + STAMP +
+                                          "a warning line\\n\\nCRITICAL:\\n" + STAMP +
+                                          "a critical line\\n\\n$");
+        QVERIFY2(expected.match(newLogText()).hasMatch(), qPrintable(newLogText()));
+        QVERIFY(diagnostics.isEmpty());
 
-    qDebug() << "a debug line";
-    qInfo() << "an info line";
-    qWarning() << "a warning line";
-    qCritical() << "a critical line";
+        setFlags({"all"});
+        qDebug("%s", "debug for diagnostics");
+        QCOMPARE(diagnostics.size(), 1);
+        QVERIFY(QRegularExpression("^" + STAMP + " debug for diagnostics\\n$")
+                    .match(diagnostics.at(0))
+                    .hasMatch());
+        QMessageLogger(nullptr, 0, nullptr).warning("no source file");
+        QCOMPARE(diagnostics.size(), 1);
+        QVERIFY(!newLogText().contains("no source file"));
 
-    const QRegularExpression expected("^" + STAMP + "an info line\\n" + STAMP +
-                                      "a warning line\\n\\nCRITICAL:\\n" + STAMP +
-                                      "a critical line\\n\\n$");
-    QVERIFY2(expected.match(newLogText()).hasMatch(), qPrintable(newLogText()));
-    // Without command-line words nothing reaches the diagnostics.
-    QVERIFY(diagnostics.isEmpty());
-}
+        setFlags({"tst_logging"});
+        qWarning("%s", "picked by name");
+        setFlags({"pdplayer"});
+        qWarning("%s", "another file's word");
+        QCOMPARE(diagnostics.size(), 2);
+        QVERIFY(diagnostics.at(1).endsWith(" picked by name\n"));
+        QVERIFY(newLogText().contains("picked by name"));
+        QVERIFY(newLogText().contains("another file's word"));
+    }
 
-void TestLogging::diagnosticsFilterByCommandLineWords()
-{
-    QStringList diagnostics;
-    QObject receiver; // the connection ends with the test
-    connect(mApp, &TuningArboApplication::diagnosticMessage, &receiver,
-            [&](const QString& m) { diagnostics << m; });
-
-    // "all": every file, debug included; the stamp and the text are
-    // separated by two blanks.
-    setFlags({"all"});
-    qDebug("%s", "debug for diagnostics");
-    QCOMPARE(diagnostics.size(), 1);
-    QVERIFY(QRegularExpression("^" + STAMP + " debug for diagnostics\\n$")
-                .match(diagnostics.at(0))
-                .hasMatch());
-
-    // A message without a source file is dropped completely once any word
-    // was given: not in the diagnostics, not in the file.
-    warnWithoutSource("no source file");
-    QCOMPARE(diagnostics.size(), 1);
-    QVERIFY(!newLogText().contains("no source file"));
-
-    // A word picks the file by its base name, lower-cased, extension cut.
-    setFlags({"tst_logging"});
-    qWarning("%s", "picked by name");
-    setFlags({"pdplayer"});
-    qWarning("%s", "another file's word");
-    QCOMPARE(diagnostics.size(), 2);
-    QVERIFY(diagnostics.at(1).endsWith(" picked by name\n"));
-    // Both warnings still reach the file: the words filter only the diagnostics.
-    QVERIFY(newLogText().contains("picked by name"));
-    QVERIFY(newLogText().contains("another file's word"));
-}
-
-void TestLogging::messagesFromManyThreadsStayWhole()
-{
-    setFlags({"all"});
-    std::atomic<int> diagnostics{0};
-    QObject receiver;
-    connect(
-        mApp, &TuningArboApplication::diagnosticMessage, &receiver, [&] { ++diagnostics; },
-        Qt::DirectConnection);
-
-    const int threads = 4;
-    const int perThread = 500;
-    std::vector<QThread*> workers;
-    for (int t = 0; t < threads; ++t) {
-        workers.push_back(QThread::create([t] {
-            for (int i = 0; i < perThread; ++i) {
-                qWarning("thread %d message %d with some length to it", t, i);
+    // With "all", lines logged in turn by the GUI thread, a QThread (as the
+    // wand listener runs on) and a plain thread (as the sound library's audio
+    // callback runs on) arrive in the dialog in the order they were logged,
+    // each a paragraph of its own, whether the dialog is shown or not;
+    // nothing logged before the dialog existed. A line of the GUI thread does
+    // not overtake the other threads' lines that are still on their way.
+    void linesFromEveryThreadArriveInOrder()
+    {
+        setFlags({"all"});
+        qDebug("before the dialog");
+        DiagnosticsDialog dialog;
+        connect(mApp, &TuningArboApplication::diagnosticMessage, &dialog,
+                &DiagnosticsDialog::onMessage, Qt::QueuedConnection);
+        QStringList expected;
+        for (int round = 0; round < 3; ++round) {
+            const QString gui = QStringLiteral("gui %1").arg(round);
+            const QString listener = QStringLiteral("listener %1").arg(round);
+            const QString audio = QStringLiteral("audio %1").arg(round);
+            qDebug().noquote() << gui;
+            QThread* thread = QThread::create([listener] { qDebug().noquote() << listener; });
+            thread->start();
+            thread->wait();
+            delete thread;
+            std::thread([audio] { qDebug().noquote() << audio; }).join();
+            expected << gui << listener << audio;
+            if (round == 1) {
+                dialog.show();
             }
-        }));
-        workers.back()->start();
-    }
-    for (QThread* worker : workers) {
-        QVERIFY(worker->wait(30000));
-        delete worker;
+        }
+        qWarning("last from the gui");
+        expected << "last from the gui";
+
+        QTRY_COMPARE(dialog.textBox()->blockCount(), expected.size());
+        const QStringList lines = dialog.textBox()->toPlainText().split('\n');
+        QCOMPARE(lines.size(), expected.size());
+        for (int i = 0; i < lines.size(); ++i) {
+            QVERIFY2(QRegularExpression("^" + STAMP + " " +
+                                        QRegularExpression::escape(expected.at(i)) + "$")
+                         .match(lines.at(i))
+                         .hasMatch(),
+                     qPrintable(lines.at(i)));
+        }
     }
 
-    const QStringList lines = newLogText().split('\n', Qt::SkipEmptyParts);
-    QCOMPARE(lines.size(), threads * perThread);
-    const QRegularExpression whole("^" + STAMP + "thread \\d message \\d+ with some length to it$");
-    for (const QString& line : lines) {
-        QVERIFY2(whole.match(line).hasMatch(), qPrintable(line));
+    // Many messages from four threads at once: every line in the file whole,
+    // every one in the diagnostics and kept by their dialog.
+    void messagesFromManyThreadsStayWhole()
+    {
+        setFlags({"all"});
+        std::atomic<int> diagnostics{0};
+        QObject receiver;
+        connect(
+            mApp, &TuningArboApplication::diagnosticMessage, &receiver, [&] { ++diagnostics; },
+            Qt::DirectConnection);
+        DiagnosticsDialog dialog;
+        connect(mApp, &TuningArboApplication::diagnosticMessage, &dialog,
+                &DiagnosticsDialog::onMessage, Qt::QueuedConnection);
+
+        const int threads = 4;
+        const int perThread = 500;
+        std::vector<QThread*> workers;
+        for (int t = 0; t < threads; ++t) {
+            workers.push_back(QThread::create([t] {
+                for (int i = 0; i < perThread; ++i) {
+                    qWarning("thread %d message %d with some length to it", t, i);
+                }
+            }));
+            workers.back()->start();
+        }
+        for (QThread* worker : workers) {
+            QVERIFY(worker->wait(30000));
+            delete worker;
+        }
+
+        const QStringList lines = newLogText().split('\n', Qt::SkipEmptyParts);
+        QCOMPARE(lines.size(), threads * perThread);
+        const QRegularExpression whole("^" + STAMP +
+                                       "thread \\d message \\d+ with some length to it$");
+        for (const QString& line : lines) {
+            QVERIFY2(whole.match(line).hasMatch(), qPrintable(line));
+        }
+        QCOMPARE(diagnostics.load(), threads * perThread);
+        QTRY_COMPARE(dialog.textBox()->blockCount(), threads * perThread);
     }
-    QCOMPARE(diagnostics.load(), threads * perThread);
-}
 
-void TestLogging::fatalMessageStandsInABlock()
-{
-    QProcess child;
-    child.start(QCoreApplication::applicationFilePath(),
-                {"--fatal-child", mDir.path() + "/fatal.txt"});
-    QVERIFY(child.waitForFinished(30000));
-    QVERIFY(child.exitStatus() == QProcess::CrashExit || child.exitCode() != 0);
-    const QString text = QString::fromUtf8(TestSupport::readFile(mDir.path() + "/fatal.txt"));
-    QVERIFY2(
-        QRegularExpression("\\n\\nFATAL:\\n" + STAMP + "the end\\n\\n$").match(text).hasMatch(),
-        qPrintable(text));
-}
+    void fatalMessageStandsInABlock()
+    {
+        QProcess child;
+        child.start(QCoreApplication::applicationFilePath(),
+                    {"--fatal-child", mDir.path() + "/fatal.txt"});
+        QVERIFY(child.waitForFinished(30000));
+        QVERIFY(child.exitStatus() == QProcess::CrashExit || child.exitCode() != 0);
+        const QString text = QString::fromUtf8(TestSupport::readFile(mDir.path() + "/fatal.txt"));
+        QVERIFY2(
+            QRegularExpression("\\n\\nFATAL:\\n" + STAMP + "the end\\n\\n$").match(text).hasMatch(),
+            qPrintable(text));
+    }
 
-void TestLogging::commandLineWordsLoseOneDashAndCase()
-{
-    QProcess child;
-    child.start(QCoreApplication::applicationFilePath(),
-                {"--flags-child", "-All", "--all", "PdPlayer", "-"});
-    QVERIFY(child.waitForFinished(30000));
-    QCOMPARE(QString::fromUtf8(child.readAllStandardOutput()).trimmed(),
-             QStringLiteral("|-all|all|pdplayer"));
-}
+    void commandLineWordsLoseOneDashAndCase()
+    {
+        QProcess child;
+        child.start(QCoreApplication::applicationFilePath(),
+                    {"--flags-child", "-All", "--all", "PdPlayer", "-"});
+        QVERIFY(child.waitForFinished(30000));
+        QCOMPARE(QString::fromUtf8(child.readAllStandardOutput()).trimmed(),
+                 QStringLiteral("|-all|all|pdplayer"));
+    }
+};
 
 int main(int argc, char** argv)
 {

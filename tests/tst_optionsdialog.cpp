@@ -4,11 +4,11 @@
 // tests' own that can be made to fail.
 
 #include "jackfixture.h"
+#include "offlineplayer.h"
 #include "settings/paths.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
 #include "sound/pdplayer.h"
-#include "offlineplayer.h"
 #include "testsupport.h"
 #include "ui/optionsdialog.h"
 
@@ -37,23 +37,11 @@ class TestOptionsDialog : public QObject
     // ALSA takes its configuration path apart at blanks: none in this one.
     QTemporaryDir mAlsaDir{QDir::tempPath() + QStringLiteral("/arbo-alsa-XXXXXX")};
 
-    QComboBox* noteBox(OptionsDialog& dialog)
-    {
-        return dialog.findChild<QComboBox*>(QStringLiteral("oneOneNoteBox"));
-    }
-    QSpinBox* calibration(OptionsDialog& dialog)
-    {
-        return dialog.findChild<QSpinBox*>(QStringLiteral("calibrationFreqEdit"));
-    }
-    // What the dialog acts on: this test's options and player, and the output
-    // of a test that has one.
+    // What the dialog acts on: no lattice, this test's player and options,
+    // and the output of a test that has one.
     InstrumentParts parts(AudioOutput* output = nullptr)
     {
-        InstrumentParts parts;
-        parts.player = &mPlayer;
-        parts.options = &mSettings;
-        parts.audioOutput = output;
-        return parts;
+        return {nullptr, &mPlayer, &mSettings, output};
     }
     // What the audio thread would do next: carry out the queued commands.
     void drainPlayer() { OfflinePlayer::runBuffer(mPlayer); }
@@ -79,16 +67,12 @@ private slots:
         const QStringList& names = OptionsDialog::noteNames();
         const QList<float>& hz = OptionsDialog::noteFrequencies();
         QCOMPARE(names.size(), 137);
-        QCOMPARE(hz.size(), 137);
+        QCOMPARE(hz.size(), names.size());
         QCOMPARE(names.mid(0, 6), (QStringList{"A 0", "A# 0", "Bb 0", "B 0", "C 1", "C# 1"}));
         QCOMPARE(names.mid(names.size() - 4), (QStringList{"G 8", "G# 8", "Ab 8", "A 8"}));
-        const int c4 = names.indexOf("C 4");
-        QCOMPARE(names.mid(c4, 18),
-                 (QStringList{"C 4", "C# 4", "Db 4", "D 4", "D# 4", "Eb 4", "E 4", "F 4", "F# 4",
-                              "Gb 4", "G 4", "G# 4", "Ab 4", "A 4", "A# 4", "Bb 4", "B 4", "C 5"}));
+        QCOMPARE(names.mid(names.indexOf("E 4"), 4), (QStringList{"E 4", "F 4", "F# 4", "Gb 4"}));
         QCOMPARE(hz.at(names.indexOf("A 0")), 27.5f);
         QCOMPARE(hz.at(names.indexOf("A 4")), 440.0f);
-        QCOMPARE(hz.at(names.indexOf("A 8")), 7040.0f);
         // Sharp and flat of one key sound alike; otherwise every name is a
         // semitone above the one before.
         int pitches = 1;
@@ -114,13 +98,15 @@ private slots:
         dialog.updateAll();
         drainPlayer();
         QCOMPARE(changed.count(), 0);
-        QCOMPARE(noteBox(dialog)->currentText(), QStringLiteral("A 4"));
-        QCOMPARE(calibration(dialog)->value(), 440);
+        QComboBox* note = dialog.findChild<QComboBox*>(QStringLiteral("oneOneNoteBox"));
+        QSpinBox* calibration = dialog.findChild<QSpinBox*>(QStringLiteral("calibrationFreqEdit"));
+        QCOMPARE(note->currentText(), QStringLiteral("A 4"));
+        QCOMPARE(calibration->value(), 440);
 
-        noteBox(dialog)->setCurrentIndex(noteBox(dialog)->findText("A# 2"));
+        note->setCurrentIndex(note->findText("A# 2"));
         drainPlayer();
         const float sharp = mPlayer.baseFrequency();
-        noteBox(dialog)->setCurrentIndex(noteBox(dialog)->findText("Bb 2"));
+        note->setCurrentIndex(note->findText("Bb 2"));
         drainPlayer();
         QCOMPARE(changed.count(), 2);
         QCOMPARE(mPlayer.baseFrequency(), sharp);
@@ -129,8 +115,8 @@ private slots:
         QCOMPARE(mSettings.mBaseFrequency, sharp);
 
         // Calibration 432 with "A 4": exactly 432 Hz reaches the player.
-        noteBox(dialog)->setCurrentIndex(noteBox(dialog)->findText("A 4"));
-        calibration(dialog)->setValue(432);
+        note->setCurrentIndex(note->findText("A 4"));
+        calibration->setValue(432);
         drainPlayer();
         QCOMPARE(mPlayer.baseFrequency(), 432.0f);
         QCOMPARE(changed.last().at(0).toFloat(), 432.0f);
@@ -142,27 +128,22 @@ private slots:
         drainPlayer();
         QCOMPARE(mPlayer.baseFrequency(), 300.5f);
         QCOMPARE(mSettings.mBaseFrequency, 432.0f);
-    }
 
-    // The calibration stays within 349 and 499 Hz, and the options follow it.
-    void calibrationStopsAt349And499()
-    {
-        mSettings.mCalibrationFrequency = 350;
-        OptionsDialog dialog(parts());
+        // The calibration stays within 349 and 499 Hz, and the options follow it.
+        calibration->setValue(350);
         dialog.show();
-        QSpinBox* box = calibration(dialog);
-        box->setFocus();
+        calibration->setFocus();
         for (int i = 0; i < 3; ++i) {
-            QTest::keyClick(box, Qt::Key_Down);
+            QTest::keyClick(calibration, Qt::Key_Down);
         }
-        QCOMPARE(box->value(), 349);
+        QCOMPARE(calibration->value(), 349);
         QCOMPARE(mSettings.mCalibrationFrequency, 349);
-        box->setValue(1000);
+        calibration->setValue(1000);
         QCOMPARE(mSettings.mCalibrationFrequency, 499);
     }
 
     // The update tab: the interval is stored; "Search for updates now ..."
-    // without a feed says so and records the time of the check.
+    // without a feed says so and records the time of the check. The pages.
     void updateTabStoresIntervalAndCheckTime()
     {
         qputenv("ARBO_UPDATE_FEED_URL", "");
@@ -171,10 +152,12 @@ private slots:
         OptionsDialog dialog(parts());
         auto* interval = dialog.findChild<QComboBox*>(QStringLiteral("updateIntervalBox"));
         QVERIFY(interval);
-        QCOMPARE(interval->count(), 5);
-        QCOMPARE(interval->itemText(0), QStringLiteral("always"));
-        QCOMPARE(interval->itemText(4), QStringLiteral("never"));
         QCOMPARE(interval->currentIndex(), 2);
+        // Without a MIDI output there is no MIDI tab; the About page has the
+        // version filled in.
+        QCOMPARE(dialog.findChild<QTabWidget*>(QStringLiteral("tabWidget"))->count(), 3);
+        const QString about = dialog.findChild<QLabel*>(QStringLiteral("aboutLabel"))->text();
+        QVERIFY(!about.contains("<version>") && about.contains("Version 1.5.0"));
         dialog.show();
         dialog.selectTab(1);
         interval->setFocus();
@@ -183,7 +166,6 @@ private slots:
 
         auto* button = dialog.findChild<QPushButton*>(QStringLiteral("updateCheckButton"));
         QVERIFY(button);
-        QCOMPARE(button->text(), QStringLiteral("Search for updates now ..."));
         const QDateTime before = QDateTime::currentDateTime().addSecs(-1);
         button->click();
         // The update checker's boxes are not modal: look among the windows.
@@ -196,16 +178,6 @@ private slots:
         QVERIFY2(recorded.isValid() && recorded >= before,
                  qPrintable(mSettings.mTSysLastUpdateCheck));
         qunsetenv("ARBO_UPDATE_FEED_URL");
-    }
-
-    // Without a MIDI output there is no MIDI tab; the About page has the
-    // version filled in.
-    void pagesAndAboutText()
-    {
-        OptionsDialog dialog(parts());
-        QCOMPARE(dialog.findChild<QTabWidget*>(QStringLiteral("tabWidget"))->count(), 3);
-        const QString text = dialog.findChild<QLabel*>(QStringLiteral("aboutLabel"))->text();
-        QVERIFY(!text.contains("<version>") && text.contains("Version 1.5.0"));
     }
 
     // The options button: a toggle whose new dialog comes back where the old

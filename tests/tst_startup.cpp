@@ -9,17 +9,15 @@
 #include "jackfixture.h"
 #include "testsupport.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
 #include <QElapsedTimer>
 #include <QFileInfo>
-#include <QMessageBox>
 #include <QProcess>
 #include <QTemporaryDir>
-#include <QTimer>
 
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <sys/stat.h>
@@ -67,13 +65,16 @@ struct RunResult
     int exitCode = -1;
     QStringList messageBoxes;
     QString errors;
+    // Whether the run ended with `code` after showing `boxes`.
+    bool is(int code, const QStringList& boxes = {}) const
+    {
+        return exitCode == code && messageBoxes == boxes;
+    }
     // For a failing check: how the run ended and what it said last.
     QString report() const
     {
         return QString("exit code %1, message boxes: %2\nstandard error (end):\n%3")
-            .arg(exitCode)
-            .arg(messageBoxes.join(" | "))
-            .arg(errors.right(3000));
+            .arg(QString::number(exitCode), messageBoxes.join(" | "), errors.right(3000));
     }
 };
 
@@ -86,99 +87,36 @@ public:
     explicit ResourceCopy(const QStringList& omit = {})
     {
         const QString from = TestSupport::binDir();
-        copyTree(from + "/patches", mDir.path() + "/patches");
-        for (const QString& name : {QStringLiteral("style.qss"), QStringLiteral("style_mac.qss")}) {
-            if (!omit.contains(name)) {
-                QFile::copy(from + "/" + name, mDir.path() + "/" + name);
-            }
-        }
+        QProcess::execute("cp", {"-R", from + "/patches", from + "/style.qss",
+                                 from + "/style_mac.qss", mDir.path()});
         for (const QString& name : omit) {
-            QFile::remove(mDir.path() + "/" + name);
+            QFile::remove(mDir.filePath(name));
         }
-        mExecutable =
-            mDir.path() + "/" + QFileInfo(QCoreApplication::applicationFilePath()).fileName();
-        QFile::copy(QCoreApplication::applicationFilePath(), mExecutable);
+        QFile::copy(QCoreApplication::applicationFilePath(), executable());
     }
     QString path() const { return mDir.path(); }
-    QString executable() const { return mExecutable; }
+    QString executable() const { return mDir.filePath("tst_startup"); }
 
 private:
-    static void copyTree(const QString& from, const QString& to)
-    {
-        QDir().mkpath(to);
-        const QFileInfoList entries =
-            QDir(from).entryInfoList(QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot);
-        for (const QFileInfo& entry : entries) {
-            if (entry.isDir()) {
-                copyTree(entry.filePath(), to + "/" + entry.fileName());
-            } else {
-                QFile::copy(entry.filePath(), to + "/" + entry.fileName());
-            }
-        }
-    }
     QTemporaryDir mDir;
-    QString mExecutable;
 };
 
-RunResult runStartupChild(const QString& executable, const QString& dataHome,
-                          const QProcessEnvironment& audio, const QStringList& args = {},
-                          const QString& afterInit = QString())
+// Every file below `folder` but the log, each with a hash of its content,
+// to tell whether anything was written there.
+QStringList filesBelow(const QString& folder)
 {
-    QProcess process;
-    QProcessEnvironment env = audio;
-    if (!afterInit.isEmpty()) {
-        env.insert(AFTER_INIT, afterInit);
-    }
-    env.insert("XDG_DATA_HOME", dataHome);
-    env.insert("QT_QPA_PLATFORM", "offscreen");
-    process.setProcessEnvironment(env);
-    process.start(executable, QStringList{CHILD_FLAG} + args);
-    RunResult result;
-    if (!process.waitForFinished(60000)) {
-        process.kill();
-        process.waitForFinished();
-        return result;
-    }
-    result.exitCode = process.exitCode();
-    result.messageBoxes =
-        TestSupport::messageBoxesIn(QString::fromUtf8(process.readAllStandardOutput()));
-    result.errors = QString::fromUtf8(process.readAllStandardError());
-    return result;
-}
-
-// Every file below `folder` but the log, with its content, to tell whether
-// anything was written there.
-QMap<QString, QByteArray> filesBelow(const QString& folder)
-{
-    QMap<QString, QByteArray> files;
+    QStringList files;
     QDirIterator it(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QString path = it.next();
         if (!path.endsWith("/log.txt")) {
-            files.insert(path, TestSupport::readFile(path));
+            const QByteArray content = TestSupport::readFile(path);
+            files << path + " " +
+                         QCryptographicHash::hash(content, QCryptographicHash::Md5).toHex();
         }
     }
+    files.sort();
     return files;
-}
-
-// The paths whose content differs between two snapshots of filesBelow().
-QString changedFiles(const QMap<QString, QByteArray>& before,
-                     const QMap<QString, QByteArray>& after)
-{
-    QStringList changed;
-    QSet<QString> paths(before.keyBegin(), before.keyEnd());
-    paths.unite(QSet<QString>(after.keyBegin(), after.keyEnd()));
-    for (const QString& path : paths) {
-        if (before.value(path, "<none>") != after.value(path, "<none>")) {
-            changed << path;
-        }
-    }
-    return "changed: " + changed.join(", ");
-}
-
-QStringList matching(const QString& folder, const QString& pattern)
-{
-    return QDir(folder).entryList({pattern}, QDir::Files | QDir::Hidden, QDir::Name);
 }
 
 ino_t inodeOf(const QString& path)
@@ -187,557 +125,409 @@ ino_t inodeOf(const QString& path)
     return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? info.st_ino : 0;
 }
 
+// SIGTERM, a clean shutdown that saves: whether the program then ended
+// normally with exit code 0.
+bool terminate(QProcess& process)
+{
+    process.terminate();
+    return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit &&
+           process.exitCode() == 0;
+}
+
 } // namespace
 
 class TestStartup : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void fatalFailuresStopWithTheirMessage_data();
-    void fatalFailuresStopWithTheirMessage();
-    void damagedOptionsAreReportedOnceAndStartupGoesOn();
-    void sigtermDuringTheStartupBoxEndsTheProgram();
-    void entriesInTheWayAreKeptAsideAndStartupGoesOn();
-    void binaryStartsCopiesShellPatchesAndShutsDownOnSigterm();
-    void outdatedRuntimePatchIsReplaced();
-    void secondInstanceSaysSoAndWritesNothing();
-    void damagedLatticeIsKeptAsideAndTheNextStartWorks_data();
-    void damagedLatticeIsKeptAsideAndTheNextStartWorks();
-    void failedSavesAtShutdownKeepTheFilesAndSaySo_data();
-    void failedSavesAtShutdownKeepTheFilesAndSaySo();
-    void readOnlyConfigFolderIsNamed();
-    void unusableOptionsAreReplaced();
-    void missingSineFallsBackToAnotherVoice_data();
-    void missingSineFallsBackToAnotherVoice();
+    JackFixture mJack;
+    std::unique_ptr<QTemporaryDir> mTemporaryHome;
+    QString mHome; // the data folder of the runs
+    std::unique_ptr<ResourceCopy> mResources;
 
-private:
-    // Starts the real binary on `home` and waits until its start-up is done.
-    bool startBinary(QProcess& process, const QString& home);
-    // The real binary's environment: the private server, `home` as its data
-    // folder, no screen.
-    // The start-up of the child made of `resources` on the private server.
-    RunResult startChild(const ResourceCopy& resources, const QString& home,
-                       const QString& afterInit = QString()) const
+    QString config() const { return mHome + "/Merrow Tuning Arbo"; }
+    QString log() const { return QString::fromUtf8(TestSupport::readFile(config() + "/log.txt")); }
+    QJsonObject document(const QString& name) const
     {
-        return runStartupChild(resources.executable(), home, mJack.environment(), {}, afterInit);
+        return QJsonDocument::fromJson(TestSupport::readFile(config() + "/" + name)).object();
     }
-    QProcessEnvironment programEnvironment(const QString& home) const
+    // The environment of a run: the private server (or `audio`), the home
+    // folder as its data folder, no screen.
+    QProcessEnvironment environment(QProcessEnvironment audio = {}) const
     {
-        QProcessEnvironment env = mJack.environment();
-        env.insert("XDG_DATA_HOME", home);
+        QProcessEnvironment env = audio.isEmpty() ? mJack.environment() : audio;
+        env.insert("XDG_DATA_HOME", mHome);
         env.insert("QT_QPA_PLATFORM", "offscreen");
         return env;
     }
 
-    JackFixture mJack;
-};
-
-void TestStartup::initTestCase()
-{
-    QVERIFY2(JackFixture::missingTools().isEmpty(), qPrintable(JackFixture::missingTools()));
-    QVERIFY2(mJack.start(), qPrintable(mJack.error()));
-}
-
-void TestStartup::fatalFailuresStopWithTheirMessage_data()
-{
-    QTest::addColumn<QStringList>("omit");
-    QTest::addColumn<bool>("configBelowFile");
-    QTest::addColumn<QString>("message");
-    QTest::addColumn<QString>("logged");
-    QTest::addColumn<bool>("noAudioDevice");
-
-    QTest::newRow("config folder below a regular file")
-        << QStringList() << true
-        << "Creation of config directory failed.\n\nThe program will now shut down."
-        << "Could not create config directory %s." << false;
-    QTest::newRow("no style.qss")
-        << QStringList{"style.qss"} << false
-        << "Initialisation of style sheet failed.\n\nThe program will now shut down."
-        << "Failed to find style sheet file" << false;
-    QTest::newRow("no style_mac.qss alone")
-        << QStringList{"style_mac.qss"} << false
-        << "Initialisation of style sheet failed.\n\nThe program will now shut down."
-        << "Failed to find platform-specific style sheet file" << false;
-    QTest::newRow("no usable audio device")
-        << QStringList() << false
-        << "Initialisation of audio device failed. This means no audio playback will be "
-           "possible.\n\nThe program will now shut down."
-        << "No default output device returned from Pa_GetDefaultOutputDevice" << true;
-}
-
-void TestStartup::fatalFailuresStopWithTheirMessage()
-{
-    QFETCH(QStringList, omit);
-    QFETCH(bool, configBelowFile);
-    QFETCH(QString, message);
-    QFETCH(QString, logged);
-    QFETCH(bool, noAudioDevice);
-
-    ResourceCopy resources(omit);
-    QTemporaryDir home;
-    QString dataHome = home.path() + "/share";
-    if (configBelowFile) {
-        QVERIFY(TestSupport::writeFile(home.path() + "/plain-file", "not a folder"));
-        dataHome = home.path() + "/plain-file/share";
-    }
-
-    const RunResult result =
-        runStartupChild(resources.executable(), dataHome,
-                        noAudioDevice ? JackFixture::noDeviceEnvironment() : mJack.environment());
-    if (noAudioDevice && result.exitCode == 0) {
-        // The environment hides ALSA's and JACK's devices; a device of
-        // another kind (OSS) cannot be hidden from PortAudio this way.
-        QSKIP("This machine has an audio device outside ALSA and JACK");
-    }
-    QCOMPARE(result.exitCode, 1);
-    QCOMPARE(result.messageBoxes, QStringList{message});
-
-    // Before the log file exists the critical line goes to standard error;
-    // after, into the log file.
-    const QString log =
-        QString::fromUtf8(TestSupport::readFile(dataHome + "/Merrow Tuning Arbo/log.txt"));
-    QVERIFY2((result.errors + log).contains(logged), qPrintable(result.errors + log));
-}
-
-void TestStartup::damagedOptionsAreReportedOnceAndStartupGoesOn()
-{
-    ResourceCopy resources;
-    QTemporaryDir home;
-    const QString config = home.path() + "/Merrow Tuning Arbo";
-    QVERIFY(TestSupport::writeFile(config + "/options.json", "{ \"udpPort\": 9"));
-
-    const RunResult result = startChild(resources, home.path());
-    QCOMPARE(result.messageBoxes,
-             QStringList{"Failed to read saved options. All options will be reset to defaults."});
-    QCOMPARE(result.exitCode, 0);
-    // Shutdown rewrote the damaged file with the values in use (what becomes
-    // of the damaged one is the settings test's).
-    QVERIFY(TestSupport::readFile(config + "/options.json").contains("\"udpPort\": 8888"));
-}
-
-// A SIGTERM while the options' message box waits for a click: nobody is at
-// the window, so the box closes, start-up ends, and the program saves and
-// leaves at once instead of playing on with nobody to stop it.
-void TestStartup::sigtermDuringTheStartupBoxEndsTheProgram()
-{
-    QTemporaryDir home;
-    const QString config = home.path() + "/Merrow Tuning Arbo";
-    QVERIFY(TestSupport::writeFile(config + "/options.json", ""));
-    QProcess process;
-    process.setProcessEnvironment(programEnvironment(home.path()));
-    process.start(TestSupport::mainBinary(), QStringList());
-    QVERIFY(process.waitForStarted());
-    // Logged right before the box opens.
-    QTRY_VERIFY_WITH_TIMEOUT(
-        TestSupport::readFile(config + "/log.txt").contains("Failed to read saved options"), 30000);
-    QElapsedTimer timer;
-    timer.start();
-    process.terminate();
-    QVERIFY(process.waitForFinished(30000));
-    const qint64 took = timer.elapsed();
-    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(process.exitCode(), 0);
-    QVERIFY2(took < 2000, qPrintable(QString("%1 ms").arg(took)));
-    // Saved as at any clean exit: the options whole, the lattice written.
-    const QJsonObject options =
-        QJsonDocument::fromJson(TestSupport::readFile(config + "/options.json")).object();
-    QCOMPARE(options.size(), 16);
-    QVERIFY(QFileInfo(config + "/arbo_v15.json").isFile());
-}
-
-// Folders where the documents belong and a file where the runtime patch
-// folder belongs, as a slip in a file manager leaves them: each is kept
-// aside under a name of its own and the program starts as on a first run.
-void TestStartup::entriesInTheWayAreKeptAsideAndStartupGoesOn()
-{
-    ResourceCopy resources;
-    QTemporaryDir home;
-    const QString config = home.path() + "/Merrow Tuning Arbo";
-    const QStringList documents = {"arbo_v15.json", "options.json", "input_map.json",
-                                   "rfid_map.json"};
-    for (const QString& name : documents) {
-        QVERIFY(TestSupport::writeFile(config + "/" + name + "/inside.txt", "mine"));
-    }
-    QVERIFY(TestSupport::writeFile(config + "/patch", "not a folder"));
-
-    const RunResult result = startChild(resources, home.path());
-    QVERIFY2(result.exitCode == 0, qPrintable(result.report()));
-    QCOMPARE(result.messageBoxes, QStringList());
-    for (const QString& name : documents + QStringList{"patch"}) {
-        const QFileInfoList aside =
-            QDir(config).entryInfoList({name + ".damaged-*"}, QDir::AllEntries | QDir::Hidden);
-        QCOMPARE(aside.size(), 1);
-        QCOMPARE(aside.first().isDir(), name != "patch");
-    }
-    // Written anew, but for the tag map, which only its user writes.
-    for (const char* name : {"arbo_v15.json", "options.json", "input_map.json"}) {
-        QVERIFY2(QFileInfo(config + "/" + name).isFile(), qPrintable(name));
-    }
-    QVERIFY(!QFileInfo::exists(config + "/rfid_map.json"));
-    QVERIFY(QFileInfo(config + "/patch/arbo_main.pd").isFile());
-}
-
-void TestStartup::binaryStartsCopiesShellPatchesAndShutsDownOnSigterm()
-{
-    QTemporaryDir home;
-    const QString config = home.path() + "/Merrow Tuning Arbo";
-
-    auto runOnce = [&](const QStringList& args) {
+    // The start-up of the child made of the resource copy.
+    RunResult startChild(const QString& afterInit = QString(),
+                         const QProcessEnvironment& audio = {}) const
+    {
         QProcess process;
-        process.setProcessEnvironment(programEnvironment(home.path()));
-        const int started = TestSupport::readFile(config + "/log.txt").count("PaStream started");
-        process.start(TestSupport::mainBinary(), args);
-        QVERIFY(process.waitForStarted());
-        // This run's stream has started: its signal handlers are in place.
-        QTRY_VERIFY_WITH_TIMEOUT(
-            TestSupport::readFile(config + "/log.txt").count("PaStream started") > started, 30000);
-        process.terminate(); // SIGTERM: a clean shutdown that saves
-        QVERIFY(process.waitForFinished(30000));
-        QCOMPARE(process.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(process.exitCode(), 0);
-    };
-
-    // A buffer size of the user's own reaches the device and is kept.
-    QVERIFY(TestSupport::writeFile(config + "/options.json", "{ \"framesPerBuffer\": 128 }"));
-    runOnce({});
-    for (const QString& name : SHELL_PATCHES) {
-        QCOMPARE(TestSupport::readFile(config + "/patch/" + name),
-                 TestSupport::readFile(TestSupport::binDir() + "/patches/shell/" + name));
-    }
-    QString log = QString::fromUtf8(TestSupport::readFile(config + "/log.txt"));
-    QVERIFY(log.contains("\n" + QString(78, '-') + "\nStarting app at "));
-    QVERIFY(log.contains("frames per buffer: 128"));
-    QVERIFY(log.contains("Calling Pa_Terminate..."));
-    const QStringList critical = log.split('\n').filter(QStringLiteral("CRITICAL"));
-    QVERIFY2(critical.isEmpty(), qPrintable(critical.join('\n')));
-    // Debug messages never reach the file.
-    QVERIFY(!log.contains("Config dir:"));
-
-    // Options written at shutdown hold all sixteen keys.
-    const QJsonObject options =
-        QJsonDocument::fromJson(TestSupport::readFile(config + "/options.json")).object();
-    QCOMPARE(options.size(), 16);
-    QCOMPARE(options.value("framesPerBuffer").toInt(), 128);
-
-    // A second run finds the runtime copies current and copies nothing.
-    QHash<QString, ino_t> inodes;
-    for (const QString& name : SHELL_PATCHES) {
-        inodes[name] = inodeOf(config + "/patch/" + name);
-    }
-    runOnce({"-All"});
-    for (const QString& name : SHELL_PATCHES) {
-        QCOMPARE(inodeOf(config + "/patch/" + name), inodes[name]);
-    }
-    // The log grows across runs: two banners.
-    log = QString::fromUtf8(TestSupport::readFile(config + "/log.txt"));
-    QCOMPARE(log.count("Starting app at "), 2);
-}
-
-void TestStartup::outdatedRuntimePatchIsReplaced()
-{
-    QTemporaryDir home;
-    const QString config = home.path() + "/Merrow Tuning Arbo";
-    // The runtime copy is made first, so it is older than the resource copy
-    // made after it, as after an update of the program.
-    QVERIFY(TestSupport::writeFile(config + "/patch/arbo_main.pd", "#N canvas 0 0 10 10 12;\n"));
-    QTest::qWait(20);
-    ResourceCopy resources;
-
-    const RunResult result = startChild(resources, home.path());
-    QCOMPARE(result.exitCode, 0);
-    QCOMPARE(TestSupport::readFile(config + "/patch/arbo_main.pd"),
-             TestSupport::readFile(resources.path() + "/patches/shell/arbo_main.pd"));
-}
-
-bool TestStartup::startBinary(QProcess& process, const QString& home)
-{
-    const QString log = home + "/Merrow Tuning Arbo/log.txt";
-    // Start-up writes the input map (saved whole, through a temporary file)
-    // last, after the voice is opened.
-    const char* const marker = "Opening PD patch";
-    const QString inputMap = home + "/Merrow Tuning Arbo/input_map.json";
-    const int started = TestSupport::readFile(log).count(marker);
-    process.setProcessEnvironment(programEnvironment(home));
-    process.start(TestSupport::mainBinary(), QStringList());
-    if (!process.waitForStarted()) {
-        return false;
-    }
-    QElapsedTimer timer;
-    timer.start();
-    while (TestSupport::readFile(log).count(marker) <= started || !QFile::exists(inputMap)) {
-        if (timer.elapsed() > 30000 || process.state() != QProcess::Running) {
-            return false;
+        QProcessEnvironment env = environment(audio);
+        env.insert(AFTER_INIT, afterInit);
+        process.setProcessEnvironment(env);
+        process.start(mResources->executable(), {CHILD_FLAG});
+        if (!process.waitForFinished(60000)) {
+            process.kill();
+            process.waitForFinished();
         }
-        QTest::qWait(20);
+        RunResult result;
+        result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        result.messageBoxes =
+            TestSupport::messageBoxesIn(QString::fromUtf8(process.readAllStandardOutput()));
+        result.errors = QString::fromUtf8(process.readAllStandardError());
+        return result;
     }
-    return true;
-}
 
-void TestStartup::secondInstanceSaysSoAndWritesNothing()
-{
-    QTemporaryDir home;
-    const QString config = home.path() + "/Merrow Tuning Arbo";
-    QProcess first;
-    QVERIFY(startBinary(first, home.path()));
-    const QMap<QString, QByteArray> before = filesBelow(config);
-    const int banners = TestSupport::readFile(config + "/log.txt").count("Starting app at ");
+    // Starts the real binary and waits until its log shows `marker` once
+    // more. The voice is opened last at start-up, after every file is written.
+    bool launch(QProcess& process, const QString& marker = "Opening PD patch",
+                const QStringList& args = {})
+    {
+        const int before = log().count(marker);
+        process.setProcessEnvironment(environment());
+        process.start(TestSupport::mainBinary(), args);
+        return process.waitForStarted() &&
+               QTest::qWaitFor(
+                   [&] {
+                       return log().count(marker) > before || process.state() != QProcess::Running;
+                   },
+                   30000) &&
+               process.state() == QProcess::Running;
+    }
 
-    // The second start, while the first plays.
-    ResourceCopy resources;
-    const RunResult second = startChild(resources, home.path());
-    QVERIFY2(second.exitCode == 1, qPrintable(second.report()));
-    const QString text = QString("Merrow Tuning Arbo is already running (process %1).\n\nThis "
-                                 "copy will now shut down.")
-                             .arg(first.processId());
-    QCOMPARE(second.messageBoxes, QStringList{text});
-    QVERIFY2(second.errors.contains("is already running"), qPrintable(second.errors));
-    QVERIFY2(filesBelow(config) == before, qPrintable(changedFiles(before, filesBelow(config))));
-    QCOMPARE(TestSupport::readFile(config + "/log.txt").count("Starting app at "), banners);
+private slots:
+    void initTestCase()
+    {
+        QVERIFY2(JackFixture::missingTools().isEmpty(), qPrintable(JackFixture::missingTools()));
+        QVERIFY2(mJack.start(), qPrintable(mJack.error()));
+    }
 
-    // The first goes on and shuts down as usual.
-    QCOMPARE(first.state(), QProcess::Running);
-    first.terminate();
-    QVERIFY(first.waitForFinished(30000));
-    QCOMPARE(first.exitCode(), 0);
+    void init()
+    {
+        mTemporaryHome = std::make_unique<QTemporaryDir>();
+        mHome = mTemporaryHome->path();
+        mResources = std::make_unique<ResourceCopy>();
+    }
 
-    // A run that crashed leaves its lock behind; the next start takes it over.
-    QProcess crashed;
-    QVERIFY(startBinary(crashed, home.path()));
-    QVERIFY(QFile::exists(config + "/arbo.lock"));
-    ::kill(pid_t(crashed.processId()), SIGKILL);
-    QVERIFY(crashed.waitForFinished(30000));
-    QVERIFY(QFile::exists(config + "/arbo.lock"));
-    const RunResult after = startChild(resources, home.path());
-    QCOMPARE(after.messageBoxes, QStringList());
-    QVERIFY2(after.exitCode == 0, qPrintable(after.report()));
-}
+    // What start-up says and does: a failure that ends it (its message says
+    // the program shuts down; exit code 1), or one it reports and goes on,
+    // each with its message box and its lines in the log (or, before the log
+    // file exists, on standard error); then the runtime copies in place and
+    // values of the options saved at shutdown.
+    void startupOutcomes_data()
+    {
+        QTest::addColumn<QStringList>("omit");
+        QTest::addColumn<QString>("file");    // "name=content", written before the resources
+        QTest::addColumn<QString>("message"); // empty: none
+        QTest::addColumn<QStringList>("logged");
+        QTest::addColumn<QString>("copied"); // "runtime file=resource file": the same
+        QTest::addColumn<QString>("saved");  // values of the options saved at shutdown
+        const auto row = [](const char* name, const QStringList& omit, const QString& file,
+                            const QString& message, const QStringList& logged,
+                            const QString& copied = {}, const QString& saved = {}) {
+            QTest::newRow(name) << omit << file << message << logged << copied << saved;
+        };
+        const QString end = "\n\nThe program will now shut down.";
+        row("config folder below a regular file", {}, {},
+            "Creation of config directory failed." + end,
+            {"Could not create config directory %s."});
+        row("no style.qss", {"style.qss"}, {}, "Initialisation of style sheet failed." + end,
+            {"Failed to find style sheet file"});
+        row("no style_mac.qss alone", {"style_mac.qss"}, {},
+            "Initialisation of style sheet failed." + end,
+            {"Failed to find platform-specific style sheet file"});
+        row("no usable audio device", {}, {},
+            "Initialisation of audio device failed. This means no audio playback will be "
+            "possible." +
+                end,
+            {"No default output device returned from Pa_GetDefaultOutputDevice"});
+        // Reported once; shutdown saves the values in use.
+        row("damaged options", {}, "options.json={ \"udpPort\": 9",
+            "Failed to read saved options. All options will be reset to defaults.",
+            {"Failed to read saved options."}, {}, R"({"udpPort": 8888})");
+        // A runtime copy older than the program's, as after an update.
+        row("outdated runtime patch", {}, "patch/arbo_main.pd=#N canvas 0 0 10 10 12;\n", {}, {},
+            "patch/arbo_main.pd=patches/shell/arbo_main.pd");
+        // Without Sine another voice plays; without any the instrument is
+        // silent and says so.
+        row("no Sine.pd", {"patches/Sine.pd"}, {}, {},
+            {"Sine patch not found, set None loaded.",
+             "Playing voice patch %1/patches/Organ.pd instead of the default."},
+            "patch/arbo_voice.pd=patches/Organ.pd");
+        row("no voice at all",
+            {"patches/Sine.pd", "patches/Organ.pd", "patches/Pluck.pd", "patches/Vocal.pd"}, {},
+            "No voice patch could be loaded from %1/patches, so the instrument is silent.\n\n"
+            "Reinstalling the program restores its voice patches.",
+            {"Sine patch not found, set None loaded."});
+        // Device 57 is not there (an interface not plugged in): the program
+        // plays on the default device, which the options then name. The
+        // voice is the default one, not the file outside the patch folder.
+        const QString unusable = "Option %1 has the unusable value %2; using %3 instead.";
+        row("unusable options", {}, R"(options.json={
+            "audioDevice": 57, "baseFrequency": 0, "masterVolume": 1e30, "framesPerBuffer": 7,
+            "windowSize": "100000,100000", "windowPos": "100000,100000",
+            "defaultPatch": "../../../../../../../../etc/passwd", "udpPort": 9100 })",
+            {},
+            {unusable.arg("baseFrequency", "0", "440"),
+             unusable.arg("masterVolume", "1.00000002e+30", "0.75"),
+             unusable.arg("framesPerBuffer", "7", "256"),
+             unusable.arg("windowSize", "100000,100000", "-1,-1"),
+             unusable.arg("windowPos", "100000,100000", "-1,-1"),
+             unusable.arg("defaultPatch", "../../../../../../../../etc/passwd", "Sine.pd")},
+            "patch/arbo_voice.pd=patches/Sine.pd",
+            R"({"baseFrequency": 440, "masterVolume": 0.75, "framesPerBuffer": 256,
+                "defaultPatch": "Sine.pd", "audioDevice": 0, "udpPort": 9100})");
+    }
+    void startupOutcomes()
+    {
+        QFETCH(QStringList, omit);
+        QFETCH(QString, file);
+        QFETCH(QString, message);
+        QFETCH(QStringList, logged);
+        QFETCH(QString, copied);
+        QFETCH(QString, saved);
+        const QString tag = QTest::currentDataTag();
+        if (tag.startsWith("config folder")) {
+            QVERIFY(TestSupport::writeFile(mHome + "/plain-file", "not a folder"));
+            mHome = mHome + "/plain-file/share";
+        }
+        if (!file.isEmpty()) {
+            const QString name = file.section('=', 0, 0);
+            QVERIFY(TestSupport::writeFile(config() + "/" + name, file.section('=', 1).toUtf8()));
+            QTest::qWait(20); // older than the resources copied next
+        }
+        mResources = std::make_unique<ResourceCopy>(omit);
+        const QString resources = mResources->path();
+        const bool noDevice = tag == "no usable audio device";
+        const RunResult result =
+            startChild({}, noDevice ? JackFixture::noDeviceEnvironment() : QProcessEnvironment());
+        if (noDevice && result.exitCode == 0) {
+            // The environment hides ALSA's and JACK's devices; a device of
+            // another kind (OSS) cannot be hidden from PortAudio this way.
+            QSKIP("This machine has an audio device outside ALSA and JACK");
+        }
+        QStringList boxes = message.isEmpty() ? QStringList() : QStringList{message};
+        QVERIFY2(result.is(message.endsWith("shut down.") ? 1 : 0,
+                           boxes.replaceInStrings("%1", resources)),
+                 qPrintable(result.report()));
+        for (const QString& line : logged.replaceInStrings("%1", resources)) {
+            QVERIFY2((result.errors + log()).contains(line), qPrintable(line + "\n---\n" + log()));
+        }
+        if (!copied.isEmpty()) {
+            QCOMPARE(TestSupport::readFile(config() + "/" + copied.section('=', 0, 0)),
+                     TestSupport::readFile(resources + "/" + copied.section('=', 1)));
+        }
+        const QJsonObject values = QJsonDocument::fromJson(saved.toUtf8()).object();
+        for (auto it = values.begin(); it != values.end(); ++it) {
+            QVERIFY2(document("options.json").value(it.key()) == it.value(), qPrintable(it.key()));
+        }
+    }
 
-void TestStartup::damagedLatticeIsKeptAsideAndTheNextStartWorks_data()
-{
-    QTest::addColumn<QByteArray>("damaged");
-    QTest::newRow("emptied") << QByteArray();
-    QTest::newRow("cut short") << QByteArray("{\n    \"colors\": [\n        {\n");
-}
+    // Folders where the documents belong and a file where the runtime patch
+    // folder belongs, as a slip in a file manager leaves them: each is kept
+    // aside under a name of its own and the program starts as on a first run.
+    void entriesInTheWayAreKeptAsideAndStartupGoesOn()
+    {
+        const QStringList documents = {"arbo_v15.json", "options.json", "input_map.json",
+                                       "rfid_map.json"};
+        for (const QString& name : documents) {
+            QVERIFY(TestSupport::writeFile(config() + "/" + name + "/inside.txt", "mine"));
+        }
+        QVERIFY(TestSupport::writeFile(config() + "/patch", "not a folder"));
 
-void TestStartup::damagedLatticeIsKeptAsideAndTheNextStartWorks()
-{
-    QFETCH(QByteArray, damaged);
-    ResourceCopy resources;
-    QTemporaryDir home;
-    const QString config = home.path() + "/Merrow Tuning Arbo";
-    QVERIFY(TestSupport::writeFile(config + "/arbo_v15.json", damaged));
+        const RunResult result = startChild();
+        QVERIFY2(result.is(0), qPrintable(result.report()));
+        for (const QString& name : documents + QStringList{"patch"}) {
+            const QFileInfoList aside = QDir(config()).entryInfoList(
+                {name + ".damaged-*"}, QDir::AllEntries | QDir::Hidden);
+            QCOMPARE(aside.size(), 1);
+            QCOMPARE(aside.first().isDir(), name != "patch");
+            // Made anew, but for the tag map, which only its user writes.
+            const QString anew = config() + "/" + name + (name == "patch" ? "/arbo_main.pd" : "");
+            QCOMPARE(QFileInfo(anew).isFile(), name != "rfid_map.json");
+        }
+    }
 
-    const RunResult failed = startChild(resources, home.path());
-    QVERIFY2(failed.exitCode == 1, qPrintable(failed.report()));
-    QCOMPARE(failed.messageBoxes,
-             QStringList{"Arbo initialisation failed.\n\nThe program will now shut down."});
-    const QStringList kept = matching(config, "arbo_v15.json.damaged-*");
-    QCOMPARE(kept.size(), 1);
-    QCOMPARE(TestSupport::readFile(config + "/" + kept.first()), damaged);
-    QVERIFY(!QFile::exists(config + "/arbo_v15.json"));
-    const QString log = QString::fromUtf8(TestSupport::readFile(config + "/log.txt"));
-    QVERIFY2(log.contains(
-                 QString("Kept damaged file %1/arbo_v15.json as %1/%2.").arg(config, kept.first())),
-             qPrintable(log));
+    // The real binary, twice. The first run copies the shell patches; a
+    // buffer size of the user's own reaches the device and is kept; SIGTERM
+    // shuts down cleanly. The second finds the copies current. SIGTERM comes
+    // while the options' message box waits for a click: nobody is at the
+    // window, so the box closes, start-up ends, and the program saves and
+    // leaves at once instead of playing on with nobody to stop it.
+    void binaryRunsAndShutsDownOnSigterm()
+    {
+        QVERIFY(TestSupport::writeFile(config() + "/options.json", "{ \"framesPerBuffer\": 128 }"));
+        QProcess process;
+        QVERIFY(launch(process));
+        QVERIFY(terminate(process));
+        for (const QString& name : SHELL_PATCHES) {
+            QCOMPARE(TestSupport::readFile(config() + "/patch/" + name),
+                     TestSupport::readFile(TestSupport::binDir() + "/patches/shell/" + name));
+        }
+        QVERIFY(log().contains("frames per buffer: 128"));
+        QVERIFY(log().contains("Calling Pa_Terminate..."));
+        const QStringList critical = log().split('\n').filter(QStringLiteral("CRITICAL"));
+        QVERIFY2(critical.isEmpty(), qPrintable(critical.join('\n')));
+        // Options written at shutdown hold all sixteen keys.
+        QCOMPARE(document("options.json").size(), 16);
+        QCOMPARE(document("options.json").value("framesPerBuffer").toInt(), 128);
 
-    // The next start builds the default lattice and leaves the kept file be.
-    const RunResult next = startChild(resources, home.path());
-    QCOMPARE(next.messageBoxes, QStringList());
-    QVERIFY2(next.exitCode == 0, qPrintable(next.report()));
-    const QJsonObject lattice =
-        QJsonDocument::fromJson(TestSupport::readFile(config + "/arbo_v15.json")).object();
-    QCOMPARE(lattice.value("colors").toArray().size(), 13);
-    QVERIFY(lattice.value("root").toObject().contains("children"));
-    QCOMPARE(TestSupport::readFile(config + "/" + kept.first()), damaged);
-}
+        QHash<QString, ino_t> inodes;
+        for (const QString& name : SHELL_PATCHES) {
+            inodes[name] = inodeOf(config() + "/patch/" + name);
+        }
+        QVERIFY(TestSupport::writeFile(config() + "/options.json", ""));
+        QVERIFY(QFile::remove(config() + "/arbo_v15.json"));
+        // Logged right before the box opens.
+        QVERIFY(launch(process, "Failed to read saved options", {"-All"}));
+        QElapsedTimer timer;
+        timer.start();
+        QVERIFY(terminate(process));
+        QVERIFY2(timer.elapsed() < 2000, qPrintable(QString("%1 ms").arg(timer.elapsed())));
+        for (const QString& name : SHELL_PATCHES) {
+            QCOMPARE(inodeOf(config() + "/patch/" + name), inodes[name]);
+        }
+        // Saved as at any clean exit: the options whole, the lattice written.
+        QCOMPARE(document("options.json").size(), 16);
+        QVERIFY(QFileInfo(config() + "/arbo_v15.json").isFile());
+        // The log grows across runs: two banners.
+        QCOMPARE(log().count("Starting app at "), 2);
+    }
 
-void TestStartup::failedSavesAtShutdownKeepTheFilesAndSaySo_data()
-{
-    QTest::addColumn<bool>("tmpfs");
-    QTest::addColumn<QString>("reason");
-    QTest::newRow("disk full during the session") << true << "No space left on device";
-    QTest::newRow("file size limit") << false << "File too large";
-}
+    void secondInstanceSaysSoAndWritesNothing()
+    {
+        QProcess first;
+        QVERIFY(launch(first));
+        const QStringList before = filesBelow(config());
+        const int banners = log().count("Starting app at ");
 
-void TestStartup::failedSavesAtShutdownKeepTheFilesAndSaySo()
-{
-    QFETCH(bool, tmpfs);
-    QFETCH(QString, reason);
+        // The second start, while the first plays.
+        const RunResult second = startChild();
+        const QString text = QString("Merrow Tuning Arbo is already running (process %1).\n\nThis "
+                                     "copy will now shut down.")
+                                 .arg(first.processId());
+        QVERIFY2(second.is(1, {text}), qPrintable(second.report()));
+        QVERIFY2(second.errors.contains("is already running"), qPrintable(second.errors));
+        QCOMPARE(filesBelow(config()), before);
+        QCOMPARE(log().count("Starting app at "), banners);
+        // The first goes on and shuts down as usual.
+        QCOMPARE(first.state(), QProcess::Running);
+        QVERIFY(terminate(first));
 
-    TmpfsMount disk;
-    QTemporaryDir plainHome;
-    QString home = plainHome.path();
-    if (tmpfs) {
-        if (!TmpfsMount::canMount()) {
+        // A run that crashed leaves its lock behind; the next start takes it over.
+        QProcess crashed;
+        QVERIFY(launch(crashed));
+        ::kill(pid_t(crashed.processId()), SIGKILL);
+        QVERIFY(crashed.waitForFinished(30000));
+        QVERIFY(QFile::exists(config() + "/arbo.lock"));
+        const RunResult after = startChild();
+        QVERIFY2(after.is(0), qPrintable(after.report()));
+    }
+
+    // An emptied or cut-short lattice file.
+    void damagedLatticeIsKeptAsideAndTheNextStartWorks()
+    {
+        for (const QByteArray& damaged :
+             {QByteArray(), QByteArray("{\n    \"colors\": [\n        {\n")}) {
+            init();
+            QVERIFY(TestSupport::writeFile(config() + "/arbo_v15.json", damaged));
+
+            const RunResult failed = startChild();
+            QVERIFY2(
+                failed.is(1, {"Arbo initialisation failed.\n\nThe program will now shut down."}),
+                qPrintable(failed.report()));
+            const QStringList kept =
+                QDir(config()).entryList({"arbo_v15.json.damaged-*"}, QDir::Files);
+            QCOMPARE(kept.size(), 1);
+            QCOMPARE(TestSupport::readFile(config() + "/" + kept.first()), damaged);
+            QVERIFY(!QFile::exists(config() + "/arbo_v15.json"));
+            QVERIFY2(log().contains(QString("Kept damaged file %1/arbo_v15.json as %1/%2.")
+                                        .arg(config(), kept.first())),
+                     qPrintable(log()));
+
+            // The next start builds the default lattice and leaves the kept file be.
+            const RunResult next = startChild();
+            QVERIFY2(next.is(0), qPrintable(next.report()));
+            QCOMPARE(document("arbo_v15.json").value("colors").toArray().size(), 13);
+            QVERIFY(document("arbo_v15.json").value("root").toObject().contains("children"));
+            QCOMPARE(TestSupport::readFile(config() + "/" + kept.first()), damaged);
+        }
+    }
+
+    // Saves that fail at shutdown (a disk filled during the session, a file
+    // size limit) keep the files as they were and say so. A configuration
+    // folder that cannot be written is named at start-up, and the voice that
+    // cannot be copied in follows with its own message; nothing more is said
+    // at shutdown, and the log goes to standard error. Nothing below the
+    // folder changes, and with room again the next run starts as usual.
+    void unwritableFilesKeepTheirContentAndSaySo_data()
+    {
+        QTest::addColumn<QString>("trouble");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("disk full during the session") << "fill"
+                                                      << "No space left on device";
+        QTest::newRow("file size limit") << "limit"
+                                         << "File too large";
+        QTest::newRow("read-only folder") << "read-only" << QString();
+    }
+    void unwritableFilesKeepTheirContentAndSaySo()
+    {
+        QFETCH(QString, trouble);
+        QFETCH(QString, reason);
+        // Root writes through any permission: as root the file system itself
+        // is made read-only.
+        TmpfsMount disk;
+        const bool mounted = trouble != "limit" && TmpfsMount::canMount();
+        if (trouble == "fill" && !mounted) {
             QSKIP("Mounting a tmpfs needs root; the file size limit row fails the same saves");
         }
-        QVERIFY2(disk.mount(2 * 1024 * 1024), qPrintable(disk.error()));
-        home = disk.path();
-    }
-    const QString config = home + "/Merrow Tuning Arbo";
-    ResourceCopy resources;
-
-    // A first run writes the files; a user's lattice is small.
-    const RunResult firstRun = startChild(resources, home);
-    QVERIFY2(firstRun.exitCode == 0, qPrintable(firstRun.report()));
-    const QByteArray options = TestSupport::readFile(config + "/options.json");
-    const QByteArray lattice = TestSupport::readFile(config + "/arbo_v15.json");
-    QVERIFY(!options.isEmpty() && !lattice.isEmpty());
-
-    const RunResult result = startChild(resources, home, tmpfs ? "fill:" + home : "limit");
-    QVERIFY2(result.exitCode == 0, qPrintable(result.report()));
-    const QString text = QString("Your changes could not be saved; the files keep their previous "
-                                 "content.\n\n%1/arbo_v15.json: %2\n%1/options.json: %2")
-                             .arg(config, reason);
-    QCOMPARE(result.messageBoxes, QStringList{text});
-    QCOMPARE(TestSupport::readFile(config + "/options.json"), options);
-    QCOMPARE(TestSupport::readFile(config + "/arbo_v15.json"), lattice);
-    QCOMPARE(matching(config, "*.saving-*"), QStringList());
-    // (The log has no room for the reason either; the settings test checks
-    // the logged line.)
-
-    // With room again, the next run starts as usual.
-    disk.makeRoom();
-    const RunResult next = startChild(resources, home);
-    QCOMPARE(next.messageBoxes, QStringList());
-    QVERIFY2(next.exitCode == 0, qPrintable(next.report()));
-}
-
-void TestStartup::readOnlyConfigFolderIsNamed()
-{
-    // Root writes through any permission, so as root the file system itself
-    // is made read-only.
-    TmpfsMount disk;
-    QTemporaryDir plainHome;
-    QString home = plainHome.path();
-    if (TmpfsMount::canMount()) {
-        QVERIFY2(disk.mount(2 * 1024 * 1024), qPrintable(disk.error()));
-        home = disk.path();
-    }
-    const QString config = home + "/Merrow Tuning Arbo";
-    ResourceCopy resources;
-    const RunResult firstRun = startChild(resources, home);
-    QVERIFY2(firstRun.exitCode == 0, qPrintable(firstRun.report()));
-    const QMap<QString, QByteArray> before = filesBelow(config);
-
-    if (TmpfsMount::canMount()) {
-        QVERIFY2(disk.setReadOnly(true), qPrintable(disk.error()));
-    } else {
-        for (const QString& folder : {config, config + "/patch"}) {
-            QVERIFY(QFile::setPermissions(folder, QFile::ReadOwner | QFile::ExeOwner));
+        if (mounted) {
+            QVERIFY2(disk.mount(2 * 1024 * 1024), qPrintable(disk.error()));
+            mHome = disk.path();
         }
-        for (const QString& file : before.keys()) {
-            QVERIFY(QFile::setPermissions(file, QFile::ReadOwner));
-        }
-    }
-    auto writable = qScopeGuard([&] {
-        if (TmpfsMount::canMount()) {
-            disk.setReadOnly(false);
+        // A first run writes the files; a user's lattice is small.
+        const RunResult firstRun = startChild();
+        QVERIFY2(firstRun.is(0), qPrintable(firstRun.report()));
+        const QStringList before = filesBelow(config());
+        const auto setWritable = [&](bool writable) {
+            return mounted ? disk.setReadOnly(!writable)
+                           : QProcess::execute("chmod",
+                                               {"-R", writable ? "u+w" : "a-w", config()}) == 0;
+        };
+        QVERIFY(setWritable(trouble != "read-only"));
+        auto writable = qScopeGuard([&] { setWritable(true); });
+
+        const RunResult result = startChild(trouble == "fill" ? "fill:" + mHome : trouble);
+        if (trouble == "read-only") {
+            QVERIFY2(result.exitCode == 0 && result.messageBoxes.size() == 2,
+                     qPrintable(result.report()));
+            const QString named = result.messageBoxes.at(0);
+            QVERIFY2(named.startsWith("This folder cannot be written:\n" + config() + " ("),
+                     qPrintable(named));
+            QVERIFY2(named.contains(config() + "/patch ("), qPrintable(named));
+            QVERIFY(result.messageBoxes.at(1).startsWith("Failed to load patch "));
+            QVERIFY2(result.errors.contains("Couldn't open log file"), qPrintable(result.errors));
         } else {
-            QFile::setPermissions(config, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-            QFile::setPermissions(config + "/patch",
-                                  QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+            // (The log has no room for the reason either; the settings test
+            // checks the logged line.)
+            const QString text = QString("Your changes could not be saved; the files keep their "
+                                         "previous content.\n\n%1/arbo_v15.json: %2\n"
+                                         "%1/options.json: %2")
+                                     .arg(config(), reason);
+            QVERIFY2(result.is(0, {text}), qPrintable(result.report()));
         }
-    });
+        QCOMPARE(filesBelow(config()), before);
 
-    const RunResult result = startChild(resources, home);
-    QVERIFY2(result.exitCode == 0, qPrintable(result.report()));
-    // First the folder is named; the voice that cannot be copied in follows
-    // with its own message, and nothing more is said at shutdown.
-    QCOMPARE(result.messageBoxes.size(), 2);
-    QVERIFY2(
-        result.messageBoxes.at(0).startsWith("This folder cannot be written:\n" + config + " ("),
-        qPrintable(result.messageBoxes.at(0)));
-    QVERIFY2(result.messageBoxes.at(0).contains(config + "/patch ("),
-             qPrintable(result.messageBoxes.at(0)));
-    QVERIFY(result.messageBoxes.at(1).startsWith("Failed to load patch "));
-    QVERIFY2(result.errors.contains("Couldn't open log file"), qPrintable(result.errors));
-    QVERIFY2(filesBelow(config) == before, qPrintable(changedFiles(before, filesBelow(config))));
-}
-
-void TestStartup::unusableOptionsAreReplaced()
-{
-    ResourceCopy resources;
-    QTemporaryDir home;
-    const QString config = home.path() + "/Merrow Tuning Arbo";
-    // Device 57 is not there (an interface not plugged in): the program plays
-    // on the default device, which the options then name.
-    QVERIFY(TestSupport::writeFile(config + "/options.json", R"({
-        "audioDevice": 57, "baseFrequency": 0, "masterVolume": 1e30, "framesPerBuffer": 7,
-        "windowSize": "100000,100000", "windowPos": "100000,100000",
-        "defaultPatch": "../../../../../../../../etc/passwd", "udpPort": 9100 })"));
-
-    const RunResult result = startChild(resources, home.path());
-    QCOMPARE(result.messageBoxes, QStringList());
-    QVERIFY2(result.exitCode == 0, qPrintable(result.report()));
-
-    const QString log = QString::fromUtf8(TestSupport::readFile(config + "/log.txt"));
-    for (const QString& line :
-         {QString("Option baseFrequency has the unusable value 0; using 440 instead."),
-          QString("Option masterVolume has the unusable value 1.00000002e+30; using 0.75 "
-                  "instead."),
-          QString("Option framesPerBuffer has the unusable value 7; using 256 instead."),
-          QString("Option windowSize has the unusable value 100000,100000; using -1,-1 "
-                  "instead."),
-          QString("Option windowPos has the unusable value 100000,100000; using -1,-1 "
-                  "instead."),
-          QString("Option defaultPatch has the unusable value ../../../../../../../../etc/passwd; "
-                  "using Sine.pd instead.")}) {
-        QVERIFY2(log.contains(line), qPrintable(line + "\n---\n" + log));
+        disk.makeRoom();
+        QVERIFY(setWritable(true));
+        const RunResult next = startChild();
+        QVERIFY2(next.is(0), qPrintable(next.report()));
     }
-    // The voice is the default one, not the file outside the patch folder.
-    QCOMPARE(TestSupport::readFile(config + "/patch/arbo_voice.pd"),
-             TestSupport::readFile(resources.path() + "/patches/Sine.pd"));
-
-    const QJsonObject options =
-        QJsonDocument::fromJson(TestSupport::readFile(config + "/options.json")).object();
-    QCOMPARE(options.value("baseFrequency").toDouble(), 440.0);
-    QCOMPARE(options.value("masterVolume").toDouble(), 0.75);
-    QCOMPARE(options.value("framesPerBuffer").toInt(), 256);
-    QCOMPARE(options.value("defaultPatch").toString(), QString("Sine.pd"));
-    QCOMPARE(options.value("audioDevice").toInt(), 0);
-    QCOMPARE(options.value("udpPort").toInt(), 9100); // usable values stay
-}
-
-void TestStartup::missingSineFallsBackToAnotherVoice_data()
-{
-    QTest::addColumn<QStringList>("omit");
-    QTest::addColumn<QString>("playing"); // the voice in play, or empty for none
-    QTest::newRow("no Sine.pd") << QStringList{"patches/Sine.pd"} << "Organ.pd";
-    QTest::newRow("no voice at all") << QStringList{"patches/Sine.pd", "patches/Organ.pd",
-                                                    "patches/Pluck.pd", "patches/Vocal.pd"}
-                                     << "";
-}
-
-void TestStartup::missingSineFallsBackToAnotherVoice()
-{
-    QFETCH(QStringList, omit);
-    QFETCH(QString, playing);
-    ResourceCopy resources(omit);
-    QTemporaryDir home;
-    const QString config = home.path() + "/Merrow Tuning Arbo";
-
-    const RunResult result = startChild(resources, home.path());
-    QVERIFY2(result.exitCode == 0, qPrintable(result.report()));
-    const QString log = QString::fromUtf8(TestSupport::readFile(config + "/log.txt"));
-    QVERIFY(log.contains("Sine patch not found, set None loaded."));
-    if (playing.isEmpty()) {
-        QCOMPARE(result.messageBoxes,
-                 QStringList{QString("No voice patch could be loaded from %1/patches, so the "
-                                     "instrument is silent.\n\nReinstalling the program "
-                                     "restores its voice patches.")
-                                 .arg(resources.path())});
-        return;
-    }
-    QCOMPARE(result.messageBoxes, QStringList());
-    QCOMPARE(TestSupport::readFile(config + "/patch/arbo_voice.pd"),
-             TestSupport::readFile(resources.path() + "/patches/" + playing));
-    QVERIFY2(log.contains(QString("Playing voice patch %1/patches/%2 instead of the default.")
-                              .arg(resources.path(), playing)),
-             qPrintable(log));
-}
+};
 
 int main(int argc, char** argv)
 {

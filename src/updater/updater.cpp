@@ -208,13 +208,7 @@ void Updater::onReply(QNetworkReply* reply)
         return;
     }
 
-    const QByteArray body = reply->readAll();
-    if (mCustomAppcast) {
-        emit appcastDownloaded(mUrl, body);
-        emit checkingFinished(mUrl);
-        return;
-    }
-    parseFeed(body);
+    parseFeed(reply->readAll());
 }
 
 void Updater::parseFeed(const QByteArray& body)

@@ -63,7 +63,6 @@ public:
     QString moduleVersion() const { return mModuleVersion; }
     QString platformKey() const { return mPlatformKey; }
     QString userAgentString() const { return mUserAgentString; }
-    bool customAppcast() const { return mCustomAppcast; }
     bool notifyOnUpdate() const { return mNotifyOnUpdate; }
     bool notifyOnFinish() const { return mNotifyOnFinish; }
     bool updateAvailable() const { return mUpdateAvailable; }
@@ -77,7 +76,6 @@ public:
     void setModuleVersion(const QString& version) { mModuleVersion = version; }
     void setPlatformKey(const QString& key) { mPlatformKey = key; }
     void setUserAgentString(const QString& agent);
-    void setUseCustomAppcast(bool custom) { mCustomAppcast = custom; }
     void setNotifyOnUpdate(bool notify) { mNotifyOnUpdate = notify; }
     void setNotifyOnFinish(bool notify) { mNotifyOnFinish = notify; }
     void setDownloaderEnabled(bool enabled) { mDownloaderEnabled = enabled; }
@@ -91,7 +89,6 @@ public slots:
 
 signals:
     void checkingFinished(const QString& url);
-    void appcastDownloaded(const QString& url, const QByteArray& data);
     void downloadFinished(const QString& url, const QString& filePath);
     void networkError(const QString& message, bool failed);
     void removeUpdateDialog();
@@ -118,7 +115,6 @@ private:
     QString mModuleVersion;
     QString mPlatformKey;
     QString mUserAgentString;
-    bool mCustomAppcast = false;
     bool mNotifyOnUpdate = true;
     bool mNotifyOnFinish = false;
     bool mUpdateAvailable = false;

@@ -37,10 +37,6 @@ Updater* UpdaterRegistry::getUpdater(const QString& url)
         // reporting under the address it was asked for.
         connect(updater, &Updater::checkingFinished, this,
                 [this, url] { emit checkingFinished(url); });
-        connect(updater, &Updater::appcastDownloaded, this,
-                [this, url](const QString&, const QByteArray& data) {
-                    emit appcastDownloaded(url, data);
-                });
         connect(
             updater, &Updater::downloadFinished, this,
             [this, url](const QString&, const QString& path) { emit downloadFinished(url, path); });
@@ -104,10 +100,6 @@ bool UpdaterRegistry::getMandatoryUpdate(const QString& url)
 {
     return getUpdater(url)->mandatoryUpdate();
 }
-bool UpdaterRegistry::getUseCustomAppcast(const QString& url)
-{
-    return getUpdater(url)->customAppcast();
-}
 bool UpdaterRegistry::getUseCustomInstallProcedures(const QString& url)
 {
     return getUpdater(url)->useCustomInstallProcedures();
@@ -140,10 +132,6 @@ void UpdaterRegistry::setDownloaderEnabled(const QString& url, bool enabled)
 void UpdaterRegistry::setMandatoryUpdate(const QString& url, bool mandatory)
 {
     getUpdater(url)->setMandatoryUpdate(mandatory);
-}
-void UpdaterRegistry::setUseCustomAppcast(const QString& url, bool custom)
-{
-    getUpdater(url)->setUseCustomAppcast(custom);
 }
 void UpdaterRegistry::setUseCustomInstallProcedures(const QString& url, bool custom)
 {

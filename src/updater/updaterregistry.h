@@ -34,7 +34,6 @@ public:
     bool getNotifyOnFinish(const QString& url);
     bool getDownloaderEnabled(const QString& url);
     bool getMandatoryUpdate(const QString& url);
-    bool getUseCustomAppcast(const QString& url);
     bool getUseCustomInstallProcedures(const QString& url);
 
     void setModuleName(const QString& url, const QString& name);
@@ -44,7 +43,6 @@ public:
     void setNotifyOnFinish(const QString& url, bool notify);
     void setDownloaderEnabled(const QString& url, bool enabled);
     void setMandatoryUpdate(const QString& url, bool mandatory);
-    void setUseCustomAppcast(const QString& url, bool custom);
     void setUseCustomInstallProcedures(const QString& url, bool custom);
     void setUserAgentString(const QString& url, const QString& agent);
     void setDownloadDir(const QString& url, const QString& dir);
@@ -54,7 +52,6 @@ public:
 signals:
     // The signals of every Updater, with the feed URL they concern.
     void checkingFinished(const QString& url);
-    void appcastDownloaded(const QString& url, const QByteArray& data);
     void downloadFinished(const QString& url, const QString& filePath);
 
 private:
