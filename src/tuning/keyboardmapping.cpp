@@ -88,14 +88,22 @@ bool readFrequency(TuningFileLines& lines, KeyboardMapping& mapping, QString& er
 bool readHeader(TuningFileLines& lines, KeyboardMapping& mapping, QString& error)
 {
     using M = KeyboardMapping;
+    int line = 0;
     if (!readField(lines, QStringLiteral("the size of the pattern"), M::MAX_SIZE, mapping.size,
                    error) ||
         !readField(lines, QStringLiteral("the first key to retune"), HIGHEST_KEY, mapping.firstKey,
                    error) ||
         !readField(lines, QStringLiteral("the last key to retune"), HIGHEST_KEY, mapping.lastKey,
-                   error) ||
+                   error, &line) ||
         !readField(lines, QStringLiteral("the middle key"), HIGHEST_KEY, mapping.middleKey,
                    error)) {
+        return false;
+    }
+    if (mapping.lastKey < mapping.firstKey) {
+        error = lines.error(line, QStringLiteral("expected a last key to retune not below the "
+                                                 "first (%1 < %2)")
+                                      .arg(mapping.lastKey)
+                                      .arg(mapping.firstKey));
         return false;
     }
     if (!readField(lines, QStringLiteral("the reference key"), HIGHEST_KEY, mapping.referenceKey,
@@ -141,13 +149,6 @@ bool KeyboardMapping::parse(const QByteArray& bytes, const QString& fileName,
     KeyboardMapping result;
     result.fileName = fileName;
     if (!readHeader(lines, result, error)) {
-        return false;
-    }
-    if (result.lastKey < result.firstKey) {
-        error = QStringLiteral("%1: expected a last key to retune not below the first (%2 < %3)")
-                    .arg(fileName)
-                    .arg(result.lastKey)
-                    .arg(result.firstKey);
         return false;
     }
     if (!readEntries(lines, result, error)) {

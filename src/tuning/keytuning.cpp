@@ -127,17 +127,17 @@ bool KeyTuning::ratioOfKey(int key, const QVector<ScalePlacement::Place>& places
     return true;
 }
 
-bool KeyTuning::pathOfKey(int key, const ScalePlacement& placement,
-                          const QVector<ScalePlacement::Place>& places, ArboPath& path) const
+bool KeyTuning::pathOfKey(int key, const QVector<ScalePlacement::Place>& places,
+                          ArboPath& path) const
 {
     Rational ratio;
     if (!ratioOfKey(key, places, ratio)) {
         return false;
     }
-    const ScalePlacement::Place place = placement.placeRatio(ratio);
+    const ScalePlacement::Place place = ScalePlacement().placeRatio(ratio);
     if (!place.placed) {
         return false;
     }
-    path = place.path;
+    path = place.playPath;
     return true;
 }

@@ -53,9 +53,9 @@ public:
     // False when the key is unmapped, a degree it needs is not placed, or the
     // product leaves 64 bits. `places` are one per pitch (placeScale()).
     bool ratioOfKey(int key, const QVector<ScalePlacement::Place>& places, Rational& ratio) const;
-    // ratioOfKey() placed on the lattice by `placement`.
-    bool pathOfKey(int key, const ScalePlacement& placement,
-                   const QVector<ScalePlacement::Place>& places, ArboPath& path) const;
+    // The path that sounds ratioOfKey(), octave and all as far as six steps
+    // allow: what the engine plays for the key.
+    bool pathOfKey(int key, const QVector<ScalePlacement::Place>& places, ArboPath& path) const;
 
     int scaleSize() const { return mCents.size() - 1; }
     const KeyboardMapping& mapping() const { return mMapping; }

@@ -187,7 +187,6 @@ void ScalePlacement::preferNode(Place& place) const
         }
     }
     place.path = *it;
-    place.ratio = ArboRatio::pathRatio(place.path).ratio();
 }
 
 ScalePlacement::Place ScalePlacement::fromExponents(const int (&exponents)[ODD],
@@ -212,6 +211,7 @@ ScalePlacement::Place ScalePlacement::fromExponents(const int (&exponents)[ODD],
     Place place;
     place.placed = true;
     place.path = path;
+    place.playPath = path;
     place.ratio = ArboRatio::pathRatio(path).ratio();
     preferNode(place);
     return place;

@@ -29,7 +29,8 @@ class Arbo;
 // the lowest, as the lattice grows its trunk and leaves. After
 // preferNodesOf(), a degree that a node of that lattice sounds (the same
 // ratio, or else the same pitch class with the fewest steps) is placed at
-// that node, so a window can mark its ball.
+// that node, so a window can mark its ball; playPath still sounds the
+// degree's own octave.
 //
 // Any thread, one thread per object; the table that cents lines are matched
 // against is built once, on first use, and then shared read-only.
@@ -45,8 +46,12 @@ public:
     struct Place
     {
         bool placed = false;
+        // Where the degree lies on the lattice: the node preferred (see
+        // preferNodesOf()), otherwise playPath.
         ArboPath path;
-        // The path's ratio; the degree's own ratio when its octave fitted.
+        // The path that sounds `ratio`, octave and all.
+        ArboPath playPath;
+        // The ratio the degree sounds: its own when its octave fitted.
         Rational ratio{0};
         // Why the degree was not placed.
         QString reason;
