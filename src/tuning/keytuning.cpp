@@ -98,8 +98,10 @@ double KeyTuning::frequencyOfKey(int key) const
     if (!degreeOfKey(key, degree, periods) || !centsOfKey(key, cents)) {
         return 0.0;
     }
-    return double(static_cast<long double>(mMapping.referenceFrequency) *
-                  std::exp2(cents / 1200.0L));
+    const double frequency =
+        double(static_cast<long double>(mMapping.referenceFrequency) * std::exp2(cents / 1200.0L));
+    // A hostile mapping can ask for degrees millions of octaves away.
+    return std::isfinite(frequency) ? frequency : 0.0;
 }
 
 bool KeyTuning::ratioOfKey(int key, const QVector<ScalePlacement::Place>& places,

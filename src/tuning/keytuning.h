@@ -42,7 +42,8 @@ public:
     // pitch of that number) and `periods` how many periods above (negative:
     // below). False for a key outside the retuned range or unmapped.
     bool degreeOfKey(int key, int& degree, int& periods) const;
-    // The frequency of `key` in Hz; 0 when degreeOfKey() is false.
+    // The frequency of `key` in Hz; 0 when degreeOfKey() is false or the
+    // frequency lies beyond any number.
     double frequencyOfKey(int key) const;
     // 1200 · log2 of the key's frequency over the reference frequency (any
     // mapped key, in range or not); false when unmapped.
