@@ -104,12 +104,10 @@ double KeyTuning::frequencyOfKey(int key) const
     return std::isfinite(frequency) ? frequency : 0.0;
 }
 
-bool KeyTuning::ratioOfKey(int key, const QVector<ScalePlacement::Place>& places,
-                           Rational& ratio) const
+bool KeyTuning::ratioOfDegree(int degree, int periods, const QVector<ScalePlacement::Place>& places,
+                              Rational& ratio)
 {
-    int degree = 0;
-    int periods = 0;
-    if (places.size() != scaleSize() || !degreeOfKey(key, degree, periods)) {
+    if (places.isEmpty() || degree < 0 || degree >= places.size()) {
         return false;
     }
     const ScalePlacement::Place& period = places.last();
@@ -129,11 +127,11 @@ bool KeyTuning::ratioOfKey(int key, const QVector<ScalePlacement::Place>& places
     return true;
 }
 
-bool KeyTuning::pathOfKey(int key, const QVector<ScalePlacement::Place>& places,
-                          ArboPath& path) const
+bool KeyTuning::pathOfDegree(int degree, int periods, const QVector<ScalePlacement::Place>& places,
+                             ArboPath& path)
 {
     Rational ratio;
-    if (!ratioOfKey(key, places, ratio)) {
+    if (!ratioOfDegree(degree, periods, places, ratio)) {
         return false;
     }
     const ScalePlacement::Place place = ScalePlacement().placeRatio(ratio);
@@ -142,4 +140,22 @@ bool KeyTuning::pathOfKey(int key, const QVector<ScalePlacement::Place>& places,
     }
     path = place.playPath;
     return true;
+}
+
+bool KeyTuning::ratioOfKey(int key, const QVector<ScalePlacement::Place>& places,
+                           Rational& ratio) const
+{
+    int degree = 0;
+    int periods = 0;
+    return places.size() == scaleSize() && degreeOfKey(key, degree, periods) &&
+           ratioOfDegree(degree, periods, places, ratio);
+}
+
+bool KeyTuning::pathOfKey(int key, const QVector<ScalePlacement::Place>& places,
+                          ArboPath& path) const
+{
+    int degree = 0;
+    int periods = 0;
+    return places.size() == scaleSize() && degreeOfKey(key, degree, periods) &&
+           pathOfDegree(degree, periods, places, path);
 }

@@ -49,13 +49,26 @@ public:
     // mapped key, in range or not); false when unmapped.
     bool centsOfKey(int key, long double& cents) const;
 
+    // The exact ratio of scale degree `degree` (0 the 1/1, up to the number
+    // of pitches - 1) `periods` periods up (down when negative) on the
+    // lattice: the degree's placed ratio times the period's placed ratio for
+    // each period. False when a degree it needs is not placed or the product
+    // leaves 64 bits. `places` are one per pitch (placeScale()). For playing
+    // by degree without a mapping (computer keys numbered by degree).
+    static bool ratioOfDegree(int degree, int periods, const QVector<ScalePlacement::Place>& places,
+                              Rational& ratio);
+    // The path that sounds ratioOfDegree(), octave and all as far as six
+    // steps allow: what the engine is to play.
+    static bool pathOfDegree(int degree, int periods, const QVector<ScalePlacement::Place>& places,
+                             ArboPath& path);
+
     // The exact ratio `key` sounds above the 1/1 on the lattice: its
     // degree's placed ratio times the period's placed ratio for each period.
     // False when the key is unmapped, a degree it needs is not placed, or the
     // product leaves 64 bits. `places` are one per pitch (placeScale()).
     bool ratioOfKey(int key, const QVector<ScalePlacement::Place>& places, Rational& ratio) const;
-    // The path that sounds ratioOfKey(), octave and all as far as six steps
-    // allow: what the engine plays for the key.
+    // pathOfDegree() of the key's degree and periods: what the engine is to
+    // play for the key.
     bool pathOfKey(int key, const QVector<ScalePlacement::Place>& places, ArboPath& path) const;
 
     int scaleSize() const { return mCents.size() - 1; }
