@@ -44,6 +44,21 @@ bool SerializableRoot::init(const QString& fileName)
     return load();
 }
 
+bool SerializableRoot::initReadOnly(const QString& fileName)
+{
+    mPath = Paths::configDir() + QLatin1Char('/') + fileName;
+    mSaveOnTerm = false;
+    if (isUnreadableEntry(mPath)) {
+        qCritical().noquote() << QStringLiteral("Couldn't read %1: not a readable file").arg(mPath);
+        return false;
+    }
+    if (!QFile::exists(mPath)) {
+        initWithDefaults();
+        return true;
+    }
+    return load();
+}
+
 void SerializableRoot::initWithDefaults() {}
 
 bool SerializableRoot::save() const
@@ -161,8 +176,7 @@ QString SerializableRoot::keepAside(const QString& path, const char* what)
     // with everything in it).
     if (::rename(QFile::encodeName(path).constData(), QFile::encodeName(aside).constData()) != 0) {
         qWarning().noquote() << QStringLiteral("Couldn't keep %1 %2 as %3: %4")
-                                    .arg(QLatin1String(what), path, aside,
-                                         qt_error_string(errno));
+                                    .arg(QLatin1String(what), path, aside, qt_error_string(errno));
         return QString();
     }
     qWarning().noquote()

@@ -29,6 +29,12 @@ public:
     virtual bool init(const QString& fileName);
     // The document's default content, given before a first save.
     virtual void initWithDefaults();
+    // Like init(), for a program that only looks (arbo-tuning may run while
+    // the instrument has the folder): loads `fileName` from the configuration
+    // folder, or gives the defaults when it is not there, and changes nothing
+    // on disk: no save, no file set aside, no temporary file removed, and
+    // term() no longer saves. False when the file cannot be read or parsed.
+    bool initReadOnly(const QString& fileName);
 
     bool save() const;
     bool load();

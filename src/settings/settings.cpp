@@ -105,11 +105,13 @@ void replaceValue(QStringList& replaced, const QString& key, const QString& valu
 
 } // namespace
 
+const QString Settings::FILE_NAME = QStringLiteral("options.json");
+
 Settings::Settings(QObject* parent) : SerializableRoot(parent) {}
 
 bool Settings::init()
 {
-    return SerializableRoot::init(QStringLiteral("options.json"));
+    return SerializableRoot::init(FILE_NAME);
 }
 
 void Settings::read(const QJsonObject& json)

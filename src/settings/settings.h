@@ -19,6 +19,8 @@ class Settings : public SerializableRoot
 {
     Q_OBJECT
 public:
+    static const QString FILE_NAME; // "options.json"
+
     explicit Settings(QObject* parent = nullptr);
 
     // Loads "options.json" from the configuration folder, or writes the
