@@ -119,17 +119,6 @@ int smallestLargePrime(const BigInt& a, const BigInt& b)
     return 0;
 }
 
-Rational pitchClass(Rational ratio)
-{
-    while (ratio >= Rational(2)) {
-        ratio /= 2;
-    }
-    while (ratio < Rational(1)) {
-        ratio *= 2;
-    }
-    return ratio;
-}
-
 QPair<quint64, quint64> keyOf(const Rational& ratio)
 {
     return qMakePair(quint64(ratio.numerator()), quint64(ratio.denominator()));
@@ -173,7 +162,7 @@ void ScalePlacement::preferNodesOf(const Arbo& lattice)
             }
         };
         keep(mNodesByRatio, keyOf(ratio));
-        keep(mNodesByPitchClass, keyOf(pitchClass(ratio)));
+        keep(mNodesByPitchClass, keyOf(ScalePlacement::pitchClass(ratio)));
     }
 }
 
@@ -181,7 +170,7 @@ void ScalePlacement::preferNode(Place& place) const
 {
     auto it = mNodesByRatio.constFind(keyOf(place.ratio));
     if (it == mNodesByRatio.constEnd()) {
-        it = mNodesByPitchClass.constFind(keyOf(pitchClass(place.ratio)));
+        it = mNodesByPitchClass.constFind(keyOf(ScalePlacement::pitchClass(place.ratio)));
         if (it == mNodesByPitchClass.constEnd()) {
             return;
         }
@@ -296,4 +285,15 @@ QVector<ScalePlacement::Place> ScalePlacement::placeScale(const ScalaScale& scal
         places.append(place(pitch));
     }
     return places;
+}
+
+ScalePlacement::Rational ScalePlacement::pitchClass(Rational ratio)
+{
+    while (ratio >= Rational(2)) {
+        ratio /= 2;
+    }
+    while (ratio < Rational(1)) {
+        ratio *= 2;
+    }
+    return ratio;
 }

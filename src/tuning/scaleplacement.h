@@ -43,6 +43,10 @@ public:
     static constexpr double DEFAULT_TOLERANCE = 1.0;
     static constexpr double MAX_TOLERANCE = 600.0;
 
+    // `ratio` moved by octaves into [1, 2): the pitch class that a scale
+    // degree and an exported degree stand for. `ratio` must be positive.
+    static Rational pitchClass(Rational ratio);
+
     struct Place
     {
         bool placed = false;

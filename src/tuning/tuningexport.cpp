@@ -4,6 +4,7 @@
 #include "model/arboball.h"
 #include "model/arboratio.h"
 #include "settings/settings.h"
+#include "tuning/scaleplacement.h"
 
 #include <QRegularExpression>
 #include <QSaveFile>
@@ -14,17 +15,6 @@
 namespace {
 
 using Rational = TuningExport::Rational;
-
-Rational pitchClass(Rational ratio)
-{
-    while (ratio >= Rational(2)) {
-        ratio /= 2;
-    }
-    while (ratio < Rational(1)) {
-        ratio *= 2;
-    }
-    return ratio;
-}
 
 // Whether `path` names its pitch class better than `other`: fewer steps,
 // then the first in text order.
@@ -145,7 +135,7 @@ TuningExport::TuningExport(const QList<ArboPath>& paths, const Reference& refere
         if (!path.isValid() || ratio.numerator() == 0) {
             continue;
         }
-        const auto inserted = classes.emplace(pitchClass(ratio), path);
+        const auto inserted = classes.emplace(ScalePlacement::pitchClass(ratio), path);
         if (!inserted.second && namesBetter(path, inserted.first->second)) {
             inserted.first->second = path;
         }
