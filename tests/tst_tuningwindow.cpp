@@ -2,7 +2,8 @@
 // lattice and the real player, rendered on the test thread: a 7-limit scale
 // imported through the "Tuning" menu marks its balls and plays its degrees in
 // exact tuning from MIDI notes (through the real MIDI input, fed as its input
-// thread feeds it) and from the computer keys; "Clear scale" gives the map's
+// thread feeds it) and from the computer keys, and a scale's lines that have
+// no place are listed with the reason; "Clear scale" gives the map's
 // own bindings back; the sounding chord exported through the dialog imports
 // back to its ratios; bad files change nothing and say what arbo-tuning says.
 
@@ -292,6 +293,14 @@ private slots:
         key(Qt::Key_Space);
         QVERIFY(sounding().isEmpty());
         key(Qt::Key_F, QEvent::KeyRelease);
+
+        // Lines the lattice has no place for: the box lists them and why.
+        const QString partial = mTemp.filePath("partial.scl");
+        QVERIFY(TestSupport::writeFile(partial, "partly\n 3\n 11/8\n 37/32 beyond\n 2/1\n"));
+        const QString listed = importThroughDialog(partial);
+        QVERIFY2(listed.startsWith("Placed 2 of 3 degrees of partial.scl") &&
+                     listed.contains("\n2 (37/32 beyond): needs the prime 37, above 31\n"),
+                 qPrintable(listed));
     }
 
     void clearScaleGivesTheOwnBindingsBack()
