@@ -59,7 +59,6 @@ bool MidiInput::open(const InputMap::Bindings& bindings, Api api)
 
 void MidiInput::setBindings(const InputMap::Bindings& bindings)
 {
-    // The GUI thread's own ring: the input thread writes the MIDI ring alone.
     mTables.set(bindings, [this](const ArboEvent* release) {
         if (release && mPlayer) {
             mPlayer->queueEventGui(release);

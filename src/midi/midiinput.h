@@ -72,7 +72,10 @@ public:
     bool open(const InputMap::Bindings& bindings, Api api = Api::Auto);
     // The notes' and controllers' bindings from now on, while the port stays
     // open (its connections and "midiPorts" stay as open() made them). A
-    // note held down through the old bindings ends at once. GUI thread.
+    // note held down through the old bindings ends at once, through the GUI
+    // thread's command ring (the input thread's is its own); only a press
+    // that a flood of MIDI still holds back in that ring could come after
+    // its release, and sound on until "Stop all". GUI thread.
     void setBindings(const InputMap::Bindings& bindings);
     // Disconnects and closes the port; once it returns, nothing is queued
     // into the player any more.
