@@ -4,13 +4,15 @@ set_tests_properties(tst_commandring PROPERTIES PROCESSORS 2)
 
 # The same test built again with ThreadSanitizer. Compiled with the sanitizer:
 # the test itself, the command buffer, the events it flattens and libpd's ring
-# (from its C source, so that the ring's own loads and stores are checked too).
+# (from its C source, so that the ring's own loads and stores are checked too),
+# and the MIDI input's tables.
 # Everything else the test links (paths, Qt) is not part of the threaded path
 # and comes uninstrumented from the ordinary libraries; the linker takes from
 # them only what these sources do not define.
 add_executable(tst_commandring_tsan
     "${CMAKE_CURRENT_SOURCE_DIR}/tst_commandring.cpp"
     "${CMAKE_SOURCE_DIR}/src/sound/pdmessagebuffer.cpp"
+    "${CMAKE_SOURCE_DIR}/src/midi/midiinputtables.cpp"
     "${CMAKE_SOURCE_DIR}/src/model/arboevent.cpp"
     "${CMAKE_SOURCE_DIR}/src/model/arbonoteevent.cpp"
     "${LIBPD_RINGBUFFER_SOURCE}")

@@ -1,3 +1,4 @@
+#include "midi/midiinputtables.h"
 #include "model/arbonoteevent.h"
 #include "sound/pdmessagebuffer.h"
 #include "testsupport.h"
@@ -7,8 +8,9 @@
 #include <thread>
 #include <vector>
 
-// The lock-free command ring between a producing thread and the audio thread.
-// This source is also built with ThreadSanitizer (tst_commandring.cmake).
+// The lock-free command ring between a producing thread and the audio thread,
+// and the MIDI input's bindings replaced under its input thread. This source
+// is also built with ThreadSanitizer (tst_commandring.cmake).
 
 using Chunk = PdMessageBuffer::Chunk;
 
@@ -156,6 +158,67 @@ private slots:
         QCOMPARE(arrived + drops, TOTAL); // neither lost nor doubled
         QCOMPARE(dropsWithRoom, 0L);
         QVERIFY2(drops > 0, "the ring never ran full: the test did not exercise drops");
+    }
+
+    // The MIDI input's bindings, replaced by this thread (as an imported
+    // scale does) while another reads them as the MIDI input thread does,
+    // each table binding every note to a path of its own: every read finds
+    // one whole table, and a note held through a table that was replaced is
+    // released with that table's path.
+    void midiTablesReplacedUnderTheReader()
+    {
+        const ArboPath paths[3] = {ArboPath(QStringLiteral("/3")), ArboPath(QStringLiteral("/5")),
+                                   ArboPath(QStringLiteral("/7"))};
+        InputMap::Bindings bindings[3];
+        for (int i = 0; i < 3; ++i) {
+            bindings[i].midiNotes.fill(InputBinding(paths[i]));
+        }
+        MidiInputTables tables;
+        tables.set(bindings[0], [](const ArboEvent*) {});
+        std::atomic<bool> done{false};
+        std::atomic<long> reads{0};
+        long torn = 0;
+        std::thread reader([&] {
+            for (int note = 0; !done; note = (note + 37) % 128) {
+                const MidiInputTables::Table& table = tables.enter();
+                for (const InputBinding& binding : table.notes) {
+                    torn += binding.path() == table.notes[size_t(note)].path() ? 0 : 1;
+                }
+                if (note % 3 != 0) {
+                    tables.pressed(note);
+                } else {
+                    tables.released(note);
+                }
+                tables.leave();
+                ++reads;
+            }
+        });
+        // Replaced as fast as this thread can, until the reader has read
+        // often meanwhile, whatever else the machine does.
+        while (reads == 0) {
+            std::this_thread::yield();
+        }
+        const long start = reads;
+        long releases = 0;
+        long wrong = 0;
+        int round = 0;
+        const auto replace = [&] {
+            ++round;
+            const ArboPath& old = paths[(round - 1) % 3];
+            tables.set(bindings[round % 3], [&](const ArboEvent* release) {
+                ++releases;
+                wrong += static_cast<const ArboNoteEvent*>(release)->path() == old ? 0 : 1;
+            });
+        };
+        while (round < 2000 || reads < start + 2000) {
+            replace();
+        }
+        replace(); // the notes held through the last table too
+        done = true;
+        reader.join();
+        QCOMPARE(torn, 0L);
+        QCOMPARE(wrong, 0L);
+        QVERIFY(releases > 0);
     }
 
     // Only for the ThreadSanitizer build's canary test: a deliberate data

@@ -261,7 +261,6 @@ void TuningArboApplication::startInputs()
     // Owned by the window: the keys play while it has focus.
     auto* keyboard = new KeyboardInput(&mPlayer, mMainWindow, mMainWindow);
     keyboard->setObjectName(QStringLiteral("keyboardInput"));
-    keyboard->setBindings(mInputMap.bindings());
 
     // OSC, when the map names a port. A port that cannot be opened costs only
     // the OSC input: the input logs why, the status line shows it, and no box
@@ -280,6 +279,8 @@ void TuningArboApplication::startInputs()
     // warning.
     mMidiInput.attach(&mPlayer);
     mMidiInput.open(mInputMap.bindings());
+    // The keys and MIDI notes play the map's bindings, or an imported scale's.
+    mMainWindow->attachInputs(mInputMap.bindings(), keyboard, &mMidiInput);
 }
 
 void TuningArboApplication::term()

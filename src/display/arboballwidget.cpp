@@ -24,6 +24,9 @@ namespace {
 // longer the 1/1 that sounds, and grey says so.
 const QColor TRANSPOSED_ROOT_GREY(158, 158, 158);
 const QColor IDLE_OUTLINE(0, 0, 0, 128);
+// The ring of a marked ball: a colour no prime has, bright on the dark
+// background and on the white glow alike.
+const QColor MARK_COLOR(255, 196, 0);
 
 // Hovering a main ball of this exact size raises its card only after a short
 // wait, so that sweeping the mouse across the lattice does not reshuffle the
@@ -46,7 +49,7 @@ ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diam
       // Made as children first: addToGroup keeps an item's scene position, and
       // a leaf's parents are already placed when it is built.
       mDisc(new QGraphicsEllipseItem(-diameter / 2.0, -diameter / 2.0, diameter, diameter, this)),
-      mGlow(nullptr), mNoteEvent(node->path()), mDiameter(diameter)
+      mGlow(nullptr), mMark(nullptr), mNoteEvent(node->path()), mDiameter(diameter)
 {
     setHandlesChildEvents(false);
     if (parentItem()) {
@@ -60,7 +63,7 @@ ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diam
     mDisc->setZValue(20);
 
     const double glowSize = BALL_GLOW_SIZE_FACTOR / 100.0 * diameter;
-    mGlow = new QGraphicsEllipseItem(-glowSize / 2, -glowSize / 2, glowSize, glowSize, this);
+    mGlow = addPart(glowSize, 10);
     mGlow->setPen(Qt::NoPen);
     QRadialGradient gradient(QPointF(0.0, 0.0), glowSize / 2);
     gradient.setColorAt(0.0, QColor(255, 255, 255, GLOW_ALPHA_START));
@@ -68,10 +71,12 @@ ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diam
     mGlow->setBrush(QBrush(gradient));
     // The glow never changes: rendered once per zoom, not per frame.
     mGlow->setCacheMode(QGraphicsItem::DeviceCoordinateCache);
-    mGlow->setAcceptedMouseButtons(Qt::NoButton);
     mGlow->setVisible(false);
-    addToGroup(mGlow);
-    mGlow->setZValue(10);
+
+    // Above the glow, below the disc; wider than the playing outline.
+    mMark = addPart(MARK_SIZE_FACTOR / 100.0 * diameter, 15);
+    mMark->setPen(QPen(MARK_COLOR, std::max(1.0, diameter / 12.0)));
+    mMark->setVisible(node->isMarked());
 
     updateBall();
     setFlag(QGraphicsItem::ItemClipsToShape);
@@ -80,6 +85,8 @@ ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diam
             Qt::DirectConnection);
     connect(node, &ArboBall::enabledChanged, this, &ArboBallWidget::onEnabledChanged,
             Qt::DirectConnection);
+    connect(node, &ArboBall::markedChanged, this, &ArboBallWidget::onMarkedChanged,
+            Qt::DirectConnection);
 
     // Events of the disc and the glow pass through sceneEventFilter. The
     // ball's own hover leave arrives as hoverLeaveEvent: installing the ball
@@ -87,6 +94,15 @@ ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diam
     // then walks its whole filter table for every item it removes, and
     // rebuilding the lattice would take about a hundred milliseconds.
     setFiltersChildEvents(true);
+}
+
+QGraphicsEllipseItem* ArboBallWidget::addPart(double size, qreal z)
+{
+    auto* part = new QGraphicsEllipseItem(-size / 2, -size / 2, size, size, this);
+    part->setAcceptedMouseButtons(Qt::NoButton);
+    addToGroup(part);
+    part->setZValue(z);
+    return part;
 }
 
 QRectF ArboBallWidget::boundingRect() const
@@ -203,6 +219,11 @@ void ArboBallWidget::onEnabledChanged(bool enabled)
             cards->hideCardForBall(this);
         }
     }
+}
+
+void ArboBallWidget::onMarkedChanged(bool marked)
+{
+    mMark->setVisible(marked);
 }
 
 void ArboBallWidget::mousePressEvent(QGraphicsSceneMouseEvent* event)

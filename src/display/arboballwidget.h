@@ -15,7 +15,10 @@ class Settings;
 class QGraphicsEllipseItem;
 
 // One node of the lattice on screen: a coloured disc with an outline and,
-// while its note sounds, a white glow behind it.
+// while its note sounds, a white glow behind it. A marked node (a degree of
+// the imported scale) has a thin gold ring around the disc as well: outside
+// the disc and its playing outline, so the fill, the outline and the glow
+// still show whether the note sounds.
 //
 // The ball draws the node; it never changes it. A left click queues the
 // node's note toggle on the player (the same command a wand sends); the ball
@@ -50,12 +53,14 @@ public:
     // The disc and the glow, for the display's tests and hover diagnosis.
     const QGraphicsEllipseItem* disc() const { return mDisc; }
     const QGraphicsEllipseItem* glow() const { return mGlow; }
+    const QGraphicsEllipseItem* mark() const { return mMark; }
 
     QRectF boundingRect() const override;
 
 public slots:
     void onPlayingChanged();
     void onEnabledChanged(bool enabled);
+    void onMarkedChanged(bool marked);
 
 protected:
     void mousePressEvent(QGraphicsSceneMouseEvent* event) override;
@@ -66,6 +71,9 @@ protected:
     void hoverLeaveEvent(QGraphicsSceneHoverEvent* event) override;
 
 private:
+    // A part drawn around the ball's centre, `size` across, at depth `z`
+    // (the disc is at 20).
+    QGraphicsEllipseItem* addPart(double size, qreal z);
     void raiseCard();
     void onHoverLeft();
 
@@ -73,6 +81,7 @@ private:
     ArboWidget* mOwner;
     QGraphicsEllipseItem* mDisc;
     QGraphicsEllipseItem* mGlow;
+    QGraphicsEllipseItem* mMark;
     QList<ArboStrutWidget*> mStruts;
     const ArboNoteEvent mNoteEvent;
     const int mDiameter;

@@ -36,6 +36,7 @@
     X(OUTLINE_BRIGHTEN_FACTOR, 145) /* lighter() of a playing ball's outline */                    \
     X(BALL_GLOW_SIZE_FACTOR, 200)   /* glow diameter as a share of the ball's */                   \
     X(GLOW_ALPHA_START, 180)        /* glow alpha at its centre */                                 \
+    X(MARK_SIZE_FACTOR, 150)        /* ring of a marked ball, as a share of the ball's diameter */ \
     X(PRIME_DISABLED_DIM_FACTOR, 300)
 
 #define ARBO_DECLARE_LAYOUT_CONSTANT(name, initial) extern int name;

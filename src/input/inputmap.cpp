@@ -5,6 +5,7 @@
 #include <QJsonObject>
 #include <QKeySequence>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
@@ -40,6 +41,10 @@ const char* const DEFAULT_KEYS[][2] = {
     {"Q", "/13"},         {"N", "/-2"},       {"M", "/-2/3"},     {",", "/-2/3/3"},
     {".", "/-2/-3"},
 };
+
+// The letter rows from the bottom, each from the left: the order in which
+// defaultNoteKeys() lists the keys above.
+const char* const ROWS_FROM_THE_BOTTOM = "ZXCVBNM,./ASDFGHJKL;'QWERTYUIOP[]";
 
 // The digits move the whole lattice: odd digits down, even digits up, by a
 // fifth, a third, a seventh and an octave; 0 returns home. 9 stays the main
@@ -133,6 +138,19 @@ bool InputMap::init()
 QString InputMap::keyName(int key)
 {
     return QKeySequence(key).toString(QKeySequence::PortableText);
+}
+
+QVector<InputMap::NoteKey> InputMap::defaultNoteKeys()
+{
+    QVector<NoteKey> keys;
+    for (const auto& entry : DEFAULT_KEYS) {
+        keys.append({QLatin1String(entry[0]), ArboPath(QLatin1String(entry[1]))});
+    }
+    const QString rows = QLatin1String(ROWS_FROM_THE_BOTTOM);
+    std::stable_sort(keys.begin(), keys.end(), [&rows](const NoteKey& a, const NoteKey& b) {
+        return rows.indexOf(a.name) < rows.indexOf(b.name);
+    });
+    return keys;
 }
 
 void InputMap::initWithDefaults()

@@ -6,6 +6,7 @@
 #include <QHash>
 #include <QString>
 #include <QStringList>
+#include <QVector>
 
 #include <array>
 
@@ -61,6 +62,17 @@ public:
 
     // The portable name of a key code ("A", "Space"); empty for none.
     static QString keyName(int key);
+
+    // A key that plays a note in the default map, and the note's path.
+    struct NoteKey
+    {
+        QString name;
+        ArboPath path;
+    };
+    // The note keys of the default map in the order of the keyboard's rows:
+    // the bottom letter row, the home row, then the top row, each from the
+    // left, so that a scale played by degree rises along them.
+    static QVector<NoteKey> defaultNoteKeys();
 
 private:
     Bindings mBindings;

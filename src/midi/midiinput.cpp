@@ -29,22 +29,6 @@ QString describe(std::uint32_t packed)
     }
 }
 
-// The first of the `wanted` texts that the port's name or one of its aliases
-// contains, in any case; empty when none does.
-QString wantedText(const MidiPortConnector::Port& port, const QStringList& wanted)
-{
-    for (const QString& text : wanted) {
-        bool matches = port.name.contains(text, Qt::CaseInsensitive);
-        for (const QString& alias : port.aliases) {
-            matches = matches || alias.contains(text, Qt::CaseInsensitive);
-        }
-        if (matches) {
-            return text;
-        }
-    }
-    return QString();
-}
-
 } // namespace
 
 MidiInput::MidiInput(QObject* parent) : QObject(parent)
@@ -67,13 +51,19 @@ void MidiInput::attach(PdPlayer* player)
 bool MidiInput::open(const InputMap::Bindings& bindings, Api api)
 {
     close();
-    mTable.latch = bindings.latch;
-    mTable.velocity = bindings.midiVelocity;
-    mTable.notes = bindings.midiNotes;
-    mTable.controllers = bindings.midiControllers;
+    setBindings(bindings);
     mWanted = bindings.midiPorts;
     mApi = api;
     return start(false);
+}
+
+void MidiInput::setBindings(const InputMap::Bindings& bindings)
+{
+    mTables.set(bindings, [this](const ArboEvent* release) {
+        if (release && mPlayer) {
+            mPlayer->queueEventGui(release);
+        }
+    });
 }
 
 bool MidiInput::start(bool again)
@@ -201,12 +191,14 @@ void MidiInput::onRtMidiMessage(double, std::vector<unsigned char>* message, voi
 void MidiInput::feed(const std::uint8_t* bytes, std::size_t size)
 {
     MidiInParser::Message message;
+    const MidiInputTables::Table& table = mTables.enter();
     for (std::size_t i = 0; i < size; ++i) {
         if (mParser.feed(bytes[i], message)) {
             mReceived.fetch_add(1, std::memory_order_release);
-            dispatch(message);
+            dispatch(message, table);
         }
     }
+    mTables.leave();
     if (const std::uint32_t malformed = mParser.takeMalformed()) {
         mMalformed.fetch_add(malformed, std::memory_order_relaxed);
     }
@@ -228,39 +220,43 @@ void MidiInput::ignore(const MidiInParser::Message& message)
                        std::memory_order_relaxed);
 }
 
-void MidiInput::dispatch(const MidiInParser::Message& message)
+void MidiInput::dispatch(const MidiInParser::Message& message, const MidiInputTables::Table& table)
 {
     switch (message.type) {
     case MidiInParser::NoteOn: {
-        const InputBinding& binding = mTable.notes[message.data1];
+        const InputBinding& binding = table.notes[message.data1];
         if (!binding.isBound()) {
             ignore(message);
             break;
         }
-        if (mTable.velocity && binding.isNote()) {
+        if (!table.latch && binding.isNote()) {
+            mTables.pressed(message.data1);
+        }
+        if (table.velocity && binding.isNote()) {
             // On the stack: the ring copies it.
             const ArboEvent volume(ArboEvent::VoiceVolume, float(message.data2) / 127.0f);
             queue(&volume);
         }
-        queue(binding.press(mTable.latch));
+        queue(binding.press(table.latch));
         break;
     }
     case MidiInParser::NoteOff: {
-        const InputBinding& binding = mTable.notes[message.data1];
+        const InputBinding& binding = table.notes[message.data1];
         if (!binding.isBound()) {
             ignore(message);
         }
+        mTables.released(message.data1);
         // Nothing for a latched note or a fixed event: they act on the press.
-        queue(binding.release(mTable.latch));
+        queue(binding.release(table.latch));
         break;
     }
     case MidiInParser::ControlChange: {
-        const InputBinding& binding = mTable.controllers[message.data1];
+        const InputBinding& binding = table.controllers[message.data1];
         if (!binding.isBound()) {
             ignore(message);
             break;
         }
-        queue(binding.control(float(message.data2) / 127.0f, mTable.latch, mScratch));
+        queue(binding.control(float(message.data2) / 127.0f, table.latch, mScratch));
         break;
     }
     default:
@@ -304,7 +300,7 @@ void MidiInput::connectWantedPorts()
     QStringList present;
     QSet<QString> matchedTexts;
     for (const MidiPortConnector::Port& port : mConnector->sources()) {
-        const QString text = port.own ? QString() : wantedText(port, mWanted);
+        const QString text = port.own ? QString() : port.firstMatch(mWanted);
         if (text.isEmpty()) {
             continue;
         }

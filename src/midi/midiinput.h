@@ -3,6 +3,7 @@
 #include "model/arboevent.h"
 #include "input/inputmap.h"
 #include "midi/midiinparser.h"
+#include "midi/midiinputtables.h"
 #include "midi/midioutput.h"
 #include "midi/rtmidierrorsink.h"
 
@@ -69,6 +70,13 @@ public:
     // Returns whether MIDI now comes in; on failure the reason is logged as
     // a warning and kept in status(). The copy is kept either way, for feed().
     bool open(const InputMap::Bindings& bindings, Api api = Api::Auto);
+    // The notes' and controllers' bindings from now on, while the port stays
+    // open (its connections and "midiPorts" stay as open() made them). A
+    // note held down through the old bindings ends at once, through the GUI
+    // thread's command ring (the input thread's is its own); only a press
+    // that a flood of MIDI still holds back in that ring could come after
+    // its release, and sound on until "Stop all". GUI thread.
+    void setBindings(const InputMap::Bindings& bindings);
     // Disconnects and closes the port; once it returns, nothing is queued
     // into the player any more.
     void close();
@@ -103,15 +111,6 @@ signals:
     void statusChanged(QString status);
 
 private:
-    // What the input thread reads, copied from the map at open().
-    struct Table
-    {
-        bool latch = false;
-        bool velocity = false;
-        std::array<InputBinding, 128> notes;
-        std::array<InputBinding, 128> controllers;
-    };
-
     // Opens RtMidi's port and the connections on the system mApi chooses;
     // `again`: on JACK, after the server had gone, saying nothing on failure.
     bool start(bool again);
@@ -125,7 +124,7 @@ private:
     // touching it.
     void abandonLostSystem();
     static void onRtMidiMessage(double stamp, std::vector<unsigned char>* message, void* self);
-    void dispatch(const MidiInParser::Message& message);
+    void dispatch(const MidiInParser::Message& message, const MidiInputTables::Table& table);
     void queue(const ArboEvent* event);
     void ignore(const MidiInParser::Message& message);
     void connectWantedPorts();
@@ -142,7 +141,8 @@ private:
 
     // The input thread's own (see feed()).
     PdPlayer* mPlayer = nullptr;
-    Table mTable;
+    // The bindings, copied from the map at open() and by setBindings().
+    MidiInputTables mTables;
     MidiInParser mParser;
     ArboEvent mScratch;
 

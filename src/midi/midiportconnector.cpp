@@ -11,6 +11,20 @@
 
 MidiPortConnector::~MidiPortConnector() = default;
 
+QString MidiPortConnector::Port::firstMatch(const QStringList& texts) const
+{
+    for (const QString& text : texts) {
+        bool matches = name.contains(text, Qt::CaseInsensitive);
+        for (const QString& alias : aliases) {
+            matches = matches || alias.contains(text, Qt::CaseInsensitive);
+        }
+        if (matches) {
+            return text;
+        }
+    }
+    return QString();
+}
+
 namespace {
 
 int ownPid()

@@ -22,6 +22,10 @@ public:
         QString name;        // "client:port"
         QStringList aliases; // other names the system knows it by
         bool own = false;    // a port of this program (never a source)
+
+        // The first of `texts` that the name or one of the aliases contains,
+        // in any case; empty when none does.
+        QString firstMatch(const QStringList& texts) const;
     };
 
     virtual ~MidiPortConnector();

@@ -149,6 +149,15 @@ void ArboBall::setEnabled(bool enabled)
     emit enabledChanged(mEnabled);
 }
 
+void ArboBall::setMarked(bool marked)
+{
+    if (marked == mMarked) {
+        return;
+    }
+    mMarked = marked;
+    emit markedChanged(mMarked);
+}
+
 QList<int> ArboBall::absPathSteps() const
 {
     QList<int> steps;

@@ -14,9 +14,10 @@ class Arbo;
 //
 // A node owns its children (it is their QObject parent), one per signed prime
 // step, so deleting a node deletes its subtree. It may carry links: extra
-// struts to another node, named by path. Two flags are live state that the
+// struts to another node, named by path. Three flags are live state that the
 // display and the note cards follow through the signals: playing (the note
-// sounds) and enabled (its prime is switched on).
+// sounds), enabled (its prime is switched on) and marked (a degree of the
+// scale imported in the window lies here). None of them is saved.
 //
 // A node belongs to one lattice, which it takes from its parent (the lattice
 // for the root, the parent node for every other node); it asks the lattice
@@ -59,6 +60,8 @@ public:
     // When the value changes: stores it, passes it to every child (so the
     // whole subtree follows, deepest nodes emitting first), then emits.
     void setEnabled(bool enabled);
+    // This node alone; emits when the value changes.
+    void setMarked(bool marked);
 
     // The lattice's transposition steps followed by this node's path steps,
     // with every +p/-p pair cancelled.
@@ -83,6 +86,7 @@ public:
     const QMap<int, Link>& links() const { return mLinks; }
     bool isPlaying() const { return mPlaying; }
     bool isEnabled() const { return mEnabled; }
+    bool isMarked() const { return mMarked; }
     // The lattice the node belongs to, or null.
     const Arbo* lattice() const { return mLattice; }
 
@@ -94,6 +98,7 @@ public:
 signals:
     void playingChanged(bool playing);
     void enabledChanged(bool enabled);
+    void markedChanged(bool marked);
 
 private:
     enum class AbsStepChoice
@@ -112,5 +117,6 @@ private:
     QMap<int, Link> mLinks;
     bool mPlaying = false;
     bool mEnabled = true;
+    bool mMarked = false;
     const Arbo* mLattice = nullptr;
 };

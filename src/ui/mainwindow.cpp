@@ -11,7 +11,9 @@
 #include "ui/macrosliders.h"
 #include "ui/optionsdialog.h"
 #include "ui/patchchooser.h"
+#include "ui/importedscale.h"
 #include "ui/stylesheetloader.h"
+#include "ui/tuningmenu.h"
 #include "ui/tweakdialog.h"
 #include "ui_mainwindow.h"
 #include "updater/updatedialog.h"
@@ -91,6 +93,7 @@ MainWindow::MainWindow(const InstrumentParts& parts, QWidget* parent)
     mUi->savePresetButton->hide();
 
     mMacros = new MacroSliders(this, mPlayer);
+    mTuning = new TuningMenu(mUi->tuningButton, mUi->scaleLabel, mParts, this);
 
     connect(mViewSwitcher, &QLabel::linkActivated, this, &MainWindow::onSwitcherClicked);
     connect(mAbsRelSwitcher, &QLabel::linkActivated, this, &MainWindow::onAbsRelSwitcherClicked);
@@ -111,6 +114,14 @@ MainWindow::MainWindow(const InstrumentParts& parts, QWidget* parent)
     mPatches->loadDefault(mOptions->mDefaultPatch);
     onTransposeChanged();
 
+    addTweakDialog();
+    applicationUpdateCheck();
+}
+
+MainWindow::~MainWindow() = default;
+
+void MainWindow::addTweakDialog()
+{
     // The tweak dialog edits the lattice's layout constants; Ctrl+T shows
     // and hides it. (The options dialog is made fresh each time it opens.)
     mTweakDialog = new TweakDialog(this);
@@ -119,11 +130,7 @@ MainWindow::MainWindow(const InstrumentParts& parts, QWidget* parent)
     auto* tweakShortcut = new QShortcut(QKeySequence(QStringLiteral("Ctrl+T")), this);
     connect(tweakShortcut, &QShortcut::activated, this,
             [this] { mTweakDialog->setVisible(!mTweakDialog->isVisible()); });
-
-    applicationUpdateCheck();
 }
-
-MainWindow::~MainWindow() = default;
 
 void MainWindow::addSwitchers()
 {
@@ -287,11 +294,17 @@ void MainWindow::updateTweaks()
     QCoreApplication::processEvents();
     StyleSheetLoader::load();
     mLattice->load();
+    mTuning->scale()->latticeReloaded();
     ArboLeavesWidget::clearPositionTables();
     // Both drawings, not only the one shown: reloading the lattice replaced
     // the nodes that the hidden one still points at.
     mUi->circleLayer->view()->buildScene(ArboLeavesWidget::Circles);
     mUi->grapeLayer->view()->buildScene(ArboLeavesWidget::Grapes);
+}
+
+void MainWindow::attachInputs(const InputMap::Bindings& own, KeyboardInput* keys, MidiInput* midi)
+{
+    mTuning->scale()->attachInputs(own, keys, midi);
 }
 
 OptionsDialog* MainWindow::optionsDialog() const

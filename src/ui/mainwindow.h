@@ -1,5 +1,6 @@
 #pragma once
 
+#include "input/inputmap.h"
 #include "model/arboevent.h"
 #include "ui/instrumentparts.h"
 
@@ -19,6 +20,9 @@ class OptionsDialog;
 class MacroSliders;
 class PatchChooser;
 class TweakDialog;
+class TuningMenu;
+class KeyboardInput;
+class MidiInput;
 class ArboView;
 class QLabel;
 class QSlider;
@@ -32,8 +36,9 @@ class MainWindow;
 // find widgets by them.
 //
 // Top: the logo, the voice patch row (menu, step buttons, "Load"), the preset
-// row (hidden: presets are not offered yet), eight macro sliders, the options
-// button and the volume. Left: the transpose strip. Middle: the lattice in one
+// row (hidden: presets are not offered yet), the "Tuning" button with the
+// imported scale's name, eight macro sliders, the options button and the
+// volume. Left: the transpose strip. Middle: the lattice in one
 // of two drawings, "Flowers" (page 0 of centralStack) and "Grapes" (page 1),
 // switched by a link label. Bottom: "Stop all", Mono/Poly and the readout of
 // the transposition.
@@ -58,6 +63,11 @@ public:
     // The patch menu and the loading of voices.
     PatchChooser* patches() const { return mPatches; }
     MacroSliders* macros() const { return mMacros; }
+    // Scala import and tuning export: the "Tuning" button's menu.
+    TuningMenu* tuning() const { return mTuning; }
+    // The computer keys and the MIDI input, and the input map's bindings
+    // they play by when no imported scale lies over them. Either may be null.
+    void attachInputs(const InputMap::Bindings& own, KeyboardInput* keys, MidiInput* midi);
     // Where the options dialog opens next time; (0, 0) means wherever it
     // likes.
     void setOptionsDialogPosition(const QPoint& position) { mOptionsDialogPosition = position; }
@@ -67,8 +77,8 @@ public:
     // check of the update feed (none when the build has no feed).
     void applicationUpdateCheck();
     // Called by the tweak dialog's "Update": stops all notes, reloads the
-    // style sheets and the lattice file, clears the leaf position tables and
-    // rebuilds the drawings.
+    // style sheets and the lattice file (marking an imported scale's nodes
+    // anew), clears the leaf position tables and rebuilds the drawings.
     void updateTweaks();
     // Ctrl+9: shows the diagnostics dialog when hidden, hides it when shown.
     void toggleDiagnostics();
@@ -109,6 +119,8 @@ private:
     // The link labels over the drawing: the flowers/grapes switch and the
     // readout mode's (made but given no text).
     void addSwitchers();
+    // The developer's dialog of the layout constants, on Ctrl+T.
+    void addTweakDialog();
     void updateReadout();
     // Queues an event made for this one call.
     void queue(ArboEvent::Type type, float value);
@@ -126,6 +138,7 @@ private:
     const ArboEvent mStopAllEvent;
     PatchChooser* mPatches = nullptr;
     MacroSliders* mMacros = nullptr;
+    TuningMenu* mTuning = nullptr;
     QPoint mOptionsDialogPosition;
     DiagnosticsDialog* mDiagnosticsDialog = nullptr;
     TweakDialog* mTweakDialog = nullptr;
