@@ -5,9 +5,9 @@
 // handles packets in order, so once the probe is carried out, everything
 // before it has been.
 
-#include "model/arboevent.h"
 #include "input/inputmap.h"
 #include "model/arbo.h"
+#include "model/arboevent.h"
 #include "offlineplayer.h"
 #include "osc/oscinput.h"
 #include "settings/settings.h"
@@ -18,7 +18,6 @@
 #include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QLoggingCategory>
-#include <QMutex>
 #include <QSignalSpy>
 #include <QUdpSocket>
 #include <QtEndian>
@@ -26,46 +25,10 @@
 #include <lo/lo.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
-#include <cstdarg>
-#include <cstdlib>
 #include <random>
-#include <thread>
 
 namespace {
-
-QMutex sMutex;
-QStringList sLog;
-
-void captureMessage(QtMsgType, const QMessageLogContext&, const QString& text)
-{
-    QMutexLocker lock(&sMutex);
-    sLog << text;
-}
-
-QStringList log()
-{
-    QMutexLocker lock(&sMutex);
-    return sLog;
-}
-
-// One OSC message, laid out by liblo's own encoder: OSC("/a", "if", 1, 0.5).
-#define OSC(...) oscMessage(__VA_ARGS__, LO_ARGS_END)
-QByteArray oscMessage(const char* address, const char* types, ...)
-{
-    lo_message message = lo_message_new();
-    va_list args;
-    va_start(args, types);
-    lo_message_add_varargs(message, types, args);
-    va_end(args);
-    size_t size = 0;
-    void* data = lo_message_serialise(message, address, nullptr, &size);
-    const QByteArray bytes(static_cast<const char*>(data), int(size));
-    std::free(data);
-    lo_message_free(message);
-    return bytes;
-}
 
 // A bundle of one element, timed far in the future (which the input ignores).
 QByteArray bundleOf(const QByteArray& element)
@@ -102,26 +65,13 @@ private:
     // Starts `input` on a free port with the test's input map.
     bool start(OscInput& input)
     {
-        QUdpSocket free;
-        free.bind(QHostAddress::LocalHost, 0, QUdpSocket::DontShareAddress);
-        mPort = free.localPort();
-        free.close();
+        mPort = TestSupport::freeUdpPort();
         InputMap map;
         map.read(QJsonDocument::fromJson(INPUT_MAP).object());
         InputMap::Bindings bindings = map.bindings();
         bindings.oscPort = mPort;
         QSignalSpy listening(&input, &OscInput::listening);
         return input.open(&mPlayer, bindings) && listening.wait(10000);
-    }
-    // Starts `input` and holds the note at /11 through it. Returns the seqId
-    // of the note's voice; 0 on failure.
-    std::int32_t startHolding(OscInput& input)
-    {
-        if (!start(input)) {
-            return 0;
-        }
-        send(OSC("/arbo/note", "si", "/11", 1));
-        return probe() ? heldVoice("/11") : 0;
     }
     void send(const QByteArray& packet)
     {
@@ -168,28 +118,17 @@ private:
         return {ArboRatio::pathRatio(ArboPath(QString::fromLatin1(path))), true};
     }
 
-    // How many messages the log accounts for: one per line that begins with
-    // `line`, N per summary "N more ... `summary`".
-    static long long accountedFor(const QString& line, const QString& summary)
-    {
-        long long total = 0;
-        for (const QString& text : log()) {
-            total += text.startsWith(line)    ? 1
-                     : text.endsWith(summary) ? text.section(' ', 0, 0).toLongLong()
-                                              : 0;
-        }
-        return total;
-    }
     // The throttles allow a line and a summary a second per kind of warning.
     bool logBounded(int kinds) const
     {
-        return log().size() <= 8 + 2 * kinds * int(mSince.elapsed() / 1000 + 1);
+        return TestSupport::loggedLines().size() <=
+               8 + 2 * kinds * int(mSince.elapsed() / 1000 + 1);
     }
 
 private slots:
     void initTestCase()
     {
-        qInstallMessageHandler(captureMessage);
+        TestSupport::captureLog();
         QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
         OfflinePlayer::setUp(mPlayer, mArbo);
         if (QTest::currentTestFailed()) {
@@ -207,8 +146,7 @@ private slots:
 
     void init()
     {
-        QMutexLocker lock(&sMutex);
-        sLog.clear();
+        TestSupport::clearLog();
         mSince.start();
     }
 
@@ -275,13 +213,14 @@ private slots:
         QVERIFY(input.isFinished());
         QCOMPARE(mToggles, toggles);
         QCOMPARE(mPlayer.voiceVolume(), 0.125f);
-        QCOMPARE(accountedFor("Ignoring OSC message ",
-                              "with unusable arguments were ignored (warnings suppressed)"),
-                 7LL + unfit.size());
         QCOMPARE(
-            accountedFor("OSC address ", "to unknown addresses were ignored (warnings suppressed)"),
-            4LL);
-        const QStringList lines = log();
+            TestSupport::loggedCount("Ignoring OSC message ",
+                                     "with unusable arguments were ignored (warnings suppressed)"),
+            7LL + unfit.size());
+        QCOMPARE(TestSupport::loggedCount(
+                     "OSC address ", "to unknown addresses were ignored (warnings suppressed)"),
+                 4LL);
+        const QStringList lines = TestSupport::loggedLines();
         QVERIFY2(lines.contains("Ignoring OSC message /arbo/event ,if: event 0, value 1 asks for "
                                 "event 0, which needs a path (a \"value\" such as \"/3/-5\")"),
                  qPrintable(lines.join('\n')));
@@ -310,7 +249,7 @@ private slots:
                                       "OSC input is off.")
                            .arg(taken.localPort()));
         QVERIFY(input.wait(10000));
-        QVERIFY(log().contains(text));
+        QVERIFY(TestSupport::logged(text));
     }
 
     // Random bytes, prefixes of well-formed packets, type tags that promise
@@ -319,7 +258,10 @@ private slots:
     void hostilePackets()
     {
         OscInput input;
-        const std::int32_t held = startHolding(input);
+        QVERIFY(start(input));
+        send(OSC("/arbo/note", "si", "/11", 1));
+        QVERIFY(probe());
+        const std::int32_t held = heldVoice("/11");
         QVERIFY(held != 0);
 
         const QByteArray message = OSC("/fader/1", "f", 0.5);
@@ -354,53 +296,7 @@ private slots:
         }
         QCOMPARE(heldVoice("/11"), held);
         input.term();
-        QVERIFY2(logBounded(3), qPrintable(log().join('\n')));
-    }
-
-    // Ten seconds of the fastest stream loopback carries, from a thread of
-    // its own: fader moves, unknown addresses, malformed packets and bad
-    // arguments, while this thread stands in for the audio callback. The
-    // held note sounds on, the log stays short, the receiver still answers,
-    // and stops promptly while the stream goes on.
-    void flood()
-    {
-        OscInput input;
-        const std::int32_t held = startHolding(input);
-        QVERIFY(held != 0);
-
-        const QList<QByteArray> stream = {OSC("/fader/1", "f", 0.3), OSC("/nowhere", ""),
-                                          QByteArray("garbage"), OSC("/arbo/event", "s", "x"),
-                                          OSC("/arbo/tag", "s", "nope")};
-        std::atomic<bool> stop{false};
-        long long sent = 0;
-        std::thread sender([&] {
-            QUdpSocket socket;
-            for (long long n = 0; !stop.load(std::memory_order_relaxed); ++n) {
-                sent += socket.writeDatagram(stream[int(n % stream.size())],
-                                             QHostAddress::LocalHost, mPort) > 0;
-            }
-        });
-        QElapsedTimer timer;
-        timer.start();
-        while (timer.elapsed() < 10000) {
-            render();
-            QThread::usleep(5000);
-        }
-        const bool answered = probe();
-        const std::int32_t heldAfter = heldVoice("/11");
-        timer.restart();
-        input.term();
-        const qint64 stopMs = timer.elapsed();
-        stop = true;
-        sender.join();
-
-        QVERIFY(answered);
-        QCOMPARE(heldAfter, held);
-        QVERIFY(input.isFinished());
-        QVERIFY2(stopMs < OscInput::STOP_TIMEOUT_MS, qPrintable(QString::number(stopMs)));
-        QVERIFY2(sent > 100000, qPrintable(QString::number(sent)));
-        // Four kinds of warning, and the player's full command buffer.
-        QVERIFY2(logBounded(5), qPrintable(log().join('\n')));
+        QVERIFY2(logBounded(3), qPrintable(TestSupport::loggedLines().join('\n')));
     }
 };
 

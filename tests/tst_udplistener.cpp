@@ -9,14 +9,14 @@
 // term() waits for the end of the listener's current poll (up to a second),
 // so each test runs all its cases through one listener.
 
-#include "model/arbonoteevent.h"
 #include "input/udplistener.h"
 #include "input/wanddatagram.h"
+#include "model/arbonoteevent.h"
+#include "offlineplayer.h"
 #include "settings/paths.h"
 #include "settings/settings.h"
 #include "sound/pdmessagebuffer.h"
 #include "sound/pdplayer.h"
-#include "offlineplayer.h"
 #include "testsupport.h"
 
 #include <QElapsedTimer>
@@ -29,17 +29,13 @@
 
 namespace {
 
-// The log of the process (errors marked) and the events the listener
-// emitted, from whichever thread: the listener logs and emits on its own.
-QMutex sMutex;
-QStringList sLog;
-QStringList sEvents;
+using TestSupport::logged;
+using TestSupport::loggedCount;
+using TestSupport::loggedLines;
 
-void captureMessage(QtMsgType type, const QMessageLogContext&, const QString& text)
-{
-    QMutexLocker lock(&sMutex);
-    sLog << (type == QtCriticalMsg ? "CRITICAL: " : "") + text;
-}
+// The events the listener emitted, on its own thread.
+QMutex sMutex;
+QStringList sEvents;
 
 // The tag map every test runs with. "probe" answers after the datagrams under
 // test: the listener handles datagrams in order, so once the probe's event is
@@ -71,21 +67,6 @@ private:
         QMutexLocker lock(&sMutex);
         return shared;
     }
-    static bool logged(const QString& text) { return locked(sLog).contains(text); }
-
-    // How many datagrams the log accounts for: one per line that begins with
-    // `line`, N per summary "N more ... `summary`" of the throttled ones.
-    static long long accountedFor(const QString& line, const QString& summary)
-    {
-        long long total = 0;
-        for (const QString& text : locked(sLog)) {
-            total += text.startsWith(line)    ? 1
-                     : text.endsWith(summary) ? text.section(' ', 0, 0).toLongLong()
-                                              : 0;
-        }
-        return total;
-    }
-
     // Polls `done` for up to ten seconds.
     template <typename Done> static bool waitUntil(Done done)
     {
@@ -130,7 +111,7 @@ private:
 private slots:
     void initTestCase()
     {
-        qInstallMessageHandler(captureMessage);
+        TestSupport::captureLog();
         // As in a performance: debug lines are not even formatted.
         QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
         QVERIFY(mPlayer.init());
@@ -139,8 +120,8 @@ private slots:
     void init()
     {
         QVERIFY(TestSupport::writeFile(mapPath(), RFID_MAP));
+        TestSupport::clearLog();
         QMutexLocker lock(&sMutex);
-        sLog.clear();
         sEvents.clear();
     }
 
@@ -207,8 +188,8 @@ private slots:
             QVERIFY(waitForEvents(4));
         }
         listener.term();
-        QCOMPARE(accountedFor("RFID ", "were ignored (warnings suppressed)"), 3LL);
-        QCOMPARE(accountedFor("Discarding UDP packet ", "were discarded (warnings suppressed)"),
+        QCOMPARE(loggedCount("RFID ", "were ignored (warnings suppressed)"), 3LL);
+        QCOMPARE(loggedCount("Discarding UDP packet ", "were discarded (warnings suppressed)"),
                  7LL);
         QVERIFY(logged("RFID a\\x0A[00:00] not found in mapping table. Ignoring."));
         QVERIFY(logged("Discarding UDP packet due to wrong size 0"));
@@ -267,7 +248,8 @@ private slots:
         constexpr float VSTEP = 1.0f / 8192.0f;
         // Long enough for the budget to carry a full ring out.
         const double FULL_RING_SECONDS =
-            (PdMessageBuffer::CAPACITY / PdPlayer::commandBudget(OfflinePlayer::BUFFER_FRAMES) + 2) *
+            (PdMessageBuffer::CAPACITY / PdPlayer::commandBudget(OfflinePlayer::BUFFER_FRAMES) +
+             2) *
             OfflinePlayer::BUFFER_SECONDS;
         UdpListener listener;
         connect(&listener, &UdpListener::eventReceived, &mPlayer, &PdPlayer::queueEventSerial,
@@ -305,7 +287,7 @@ private slots:
             QCOMPARE(mPlayer.voiceVolume(), volume + float(steps) * VSTEP);
         }
         // The throttles: about a line a second per kind, not thousands.
-        QVERIFY2(locked(sLog).size() < 100, qPrintable(locked(sLog).join('\n')));
+        QVERIFY2(loggedLines().size() < 100, qPrintable(loggedLines().join('\n')));
 
         const float before = mPlayer.voiceVolume();
         const int events = locked(sEvents).size();
@@ -316,7 +298,8 @@ private slots:
         QVERIFY(probe(events + 1501));
         QVERIFY(logged("Command buffer full"));
         OfflinePlayer::render(mPlayer, FULL_RING_SECONDS);
-        QCOMPARE(mPlayer.voiceVolume(), before + float(PdMessageBuffer::CAPACITY) * VSTEP); // the first 1024 went in
+        QCOMPARE(mPlayer.voiceVolume(),
+                 before + float(PdMessageBuffer::CAPACITY) * VSTEP); // the first 1024 went in
         QCOMPARE(toggles, 1);
 
         connect(
