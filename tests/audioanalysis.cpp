@@ -165,6 +165,23 @@ double cents(double frequency, double reference)
     return 1200.0 * std::log2(frequency / reference);
 }
 
+bool soundsNear(const QVector<float>& samples, double frequency, double sampleRate)
+{
+    const double found = dominantFrequency(samples, sampleRate);
+    return rmsDb(samples) > -40.0 && found > 0.0 && std::abs(cents(found, frequency)) < 10.0;
+}
+
+bool isSilent(const QVector<float>& samples)
+{
+    return samples.size() > 20000 && rmsDb(samples) < -80.0;
+}
+
+QString describe(const QVector<float>& samples, double sampleRate)
+{
+    return QString::asprintf("%d samples, %g dB, %g Hz", samples.size(), rmsDb(samples),
+                             dominantFrequency(samples, sampleRate));
+}
+
 ToneEstimate measureTone(const float* samples, long start, long end, double nominal,
                          double sampleRate)
 {

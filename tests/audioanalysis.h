@@ -40,6 +40,15 @@ double dominantFrequency(const QVector<float>& samples, double sampleRate, doubl
 // 1200 · log2(frequency / reference).
 double cents(double frequency, double reference);
 
+// For live recordings, whose exact pitch is measured offline elsewhere (a
+// capture on a busy machine may drop a period): a tone within 10 cents of
+// `frequency` clearly above silence...
+bool soundsNear(const QVector<float>& samples, double frequency, double sampleRate = 44100.0);
+// ...and half a second or more below -80 dB.
+bool isSilent(const QVector<float>& samples);
+// What a recording measured, for the message of a failed check.
+QString describe(const QVector<float>& samples, double sampleRate = 44100.0);
+
 struct ToneEstimate
 {
     double frequency = 0.0;    // Hz

@@ -2,14 +2,20 @@
 
 #include "testsupport.h"
 
+#include "audioanalysis.h"
+
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
 #include <QStandardPaths>
+#include <QTest>
 #include <QThread>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <sys/prctl.h>
@@ -114,6 +120,7 @@ bool JackFixture::start(int sampleRate, int periodFrames, int timeoutMs, bool re
 {
     stop();
     mError.clear();
+    mSampleRate = sampleRate;
     mDir = std::make_unique<QTemporaryDir>(QDir::tempPath() + QStringLiteral("/arbo-jack-XXXXXX"));
     mServerName = QStringLiteral("arbo-test-%1-%2")
                       .arg(QCoreApplication::applicationPid())
@@ -125,8 +132,14 @@ bool JackFixture::start(int sampleRate, int periodFrames, int timeoutMs, bool re
     // late, and an asynchronous server would run the cycle without it,
     // losing that client's audio and MIDI for the period; tests that compare
     // every MIDI byte cannot allow that.
-    mServerArguments = scheduling + QStringList{"--sync", "-n", mServerName, "-d", "dummy", "-r",
-                                                QString::number(sampleRate), "-p",
+    mServerArguments = scheduling + QStringList{"--sync",
+                                                "-n",
+                                                mServerName,
+                                                "-d",
+                                                "dummy",
+                                                "-r",
+                                                QString::number(sampleRate),
+                                                "-p",
                                                 QString::number(periodFrames)};
     return restartServer(timeoutMs);
 }
@@ -225,4 +238,106 @@ bool JackFixture::capture(const QString& wavPath, double seconds)
         mError = QStringLiteral("jack_capture failed:\n%1").arg(log("jack_capture.log"));
     }
     return false;
+}
+
+QVector<float> JackFixture::recordUntil(const QString& name, double seconds,
+                                        const std::function<bool(const QVector<float>&)>& done,
+                                        int channel, int timeoutMs)
+{
+    const QString path = workDir() + QLatin1Char('/') + name + QStringLiteral(".wav");
+    QElapsedTimer timer;
+    timer.start();
+    QVector<float> samples;
+    do {
+        if (!capture(path, seconds)) {
+            return QVector<float>();
+        }
+        samples = AudioAnalysis::readWav(path).channel(channel);
+    } while (!done(samples) && timer.elapsed() < timeoutMs);
+    return samples;
+}
+
+bool JackFixture::hears(double frequency, int channel, int timeoutMs)
+{
+    const auto near = [this, frequency](const QVector<float>& samples) {
+        return AudioAnalysis::soundsNear(samples, frequency, mSampleRate);
+    };
+    const QVector<float> heard = recordUntil(QStringLiteral("tone"), 1.0, near, channel, timeoutMs);
+    if (!heard.isEmpty() && !near(heard)) {
+        mError = QStringLiteral("no tone near %1 Hz: %2")
+                     .arg(frequency)
+                     .arg(AudioAnalysis::describe(heard, mSampleRate));
+    }
+    return near(heard);
+}
+
+bool JackFixture::hearsSilence(int timeoutMs)
+{
+    const QVector<float> heard =
+        recordUntil(QStringLiteral("silence"), 0.5, AudioAnalysis::isSilent, 0, timeoutMs);
+    if (!heard.isEmpty() && !AudioAnalysis::isSilent(heard)) {
+        mError = QStringLiteral("no silence: ") + AudioAnalysis::describe(heard, mSampleRate);
+    }
+    return AudioAnalysis::isSilent(heard);
+}
+
+ProgramOnJack::ProgramOnJack(const JackFixture& jack, const QMap<QString, QByteArray>& files)
+    : environment(jack.environment())
+{
+    environment.insert(QStringLiteral("XDG_DATA_HOME"), home.path());
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    for (auto file = files.begin(); file != files.end(); ++file) {
+        configured = TestSupport::writeFile(config(file.key()), file.value()) && configured;
+    }
+}
+
+QString ProgramOnJack::config(const QString& name) const
+{
+    return home.path() + QStringLiteral("/Merrow Tuning Arbo/") + name;
+}
+
+QString ProgramOnJack::log() const
+{
+    return QString::fromUtf8(TestSupport::readFile(config(QStringLiteral("log.txt"))));
+}
+
+bool ProgramOnJack::start(const QStringList& lines)
+{
+    process.start(TestSupport::mainBinary(), QStringList());
+    if (!configured || !process.waitForStarted()) {
+        return false;
+    }
+    for (QDeadlineTimer deadline(30000); process.state() == QProcess::Running;) {
+        const QString text = log();
+        if (std::all_of(lines.begin(), lines.end(),
+                        [&text](const QString& line) { return text.contains(line); })) {
+            return true;
+        }
+        if (deadline.hasExpired()) {
+            qWarning().noquote() << text;
+            return false;
+        }
+        QTest::qWait(20);
+    }
+    return false;
+}
+
+qint64 ProgramOnJack::terminate(int timeoutMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    process.terminate();
+    if (!process.waitForFinished(timeoutMs) || process.exitStatus() != QProcess::NormalExit ||
+        process.exitCode() != 0) {
+        return -1;
+    }
+    return timer.elapsed();
+}
+
+QJsonObject ProgramOnJack::options() const
+{
+    return QJsonDocument::fromJson(TestSupport::readFile(config(QStringLiteral("options.json"))))
+        .object();
 }

@@ -6,8 +6,8 @@
 
 #include "app/tuningarboapplication.h"
 #include "audioanalysis.h"
-#include "model/arbonoteevent.h"
 #include "jackfixture.h"
+#include "model/arbonoteevent.h"
 #include "testsupport.h"
 
 #include <QElapsedTimer>
@@ -66,45 +66,15 @@ int runChild(int argc, char** argv)
 }
 
 // The real program with a configuration folder of its own that sets the UDP
-// port and, unless `map` is empty, holds that tag map. The QProcess stops the
-// program, if it still runs, when the test ends.
-struct Instrument
+// port and, unless `map` is empty, holds that tag map.
+struct Instrument : ProgramOnJack
 {
     Instrument(const JackFixture& jack, quint16 port, const QByteArray& map)
-        : environment(jack.environment())
+        : ProgramOnJack(jack, {{"options.json", "{\"udpPort\": " + QByteArray::number(port) + "}"}})
     {
-        environment.insert(QStringLiteral("XDG_DATA_HOME"), home.path());
-        environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-        process.setProcessEnvironment(environment);
-        process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         configured =
-            TestSupport::writeFile(config(QStringLiteral("options.json")),
-                                   QStringLiteral("{ \"udpPort\": %1 }").arg(port).toUtf8()) &&
-            (map.isEmpty() || TestSupport::writeFile(config("rfid_map.json"), map));
+            configured && (map.isEmpty() || TestSupport::writeFile(config("rfid_map.json"), map));
     }
-
-    QString config(const QString& name) const
-    {
-        return home.path() + "/Merrow Tuning Arbo/" + name;
-    }
-    QString log() const { return QString::fromUtf8(TestSupport::readFile(config("log.txt"))); }
-    bool start()
-    {
-        process.start(TestSupport::mainBinary(), QStringList());
-        return configured && process.waitForStarted();
-    }
-    // SIGTERM: whether the program shut down cleanly (exit code 0).
-    bool stop()
-    {
-        process.terminate();
-        return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit &&
-               process.exitCode() == 0;
-    }
-
-    QTemporaryDir home;
-    QProcessEnvironment environment;
-    QProcess process;
-    bool configured = false;
 };
 
 } // namespace
@@ -123,52 +93,13 @@ private:
                                  QStringList{"--quiet", "--port", QString::number(port)} + tags);
     }
 
-    // Records the program's output for `seconds`, again and again until the
-    // left channel shows what `done` waits for (a note that has started or
-    // faded), for at most `timeoutMs`. The last recording, empty when
-    // recording failed (mJack.error() says why).
-    QVector<float> recordUntil(const QString& name, double seconds,
-                               const std::function<bool(const QVector<float>&)>& done,
-                               int timeoutMs = 20000)
-    {
-        const QString path = mJack.workDir() + QLatin1Char('/') + name + QStringLiteral(".wav");
-        QElapsedTimer timer;
-        timer.start();
-        QVector<float> left;
-        do {
-            if (!mJack.capture(path, seconds)) {
-                return QVector<float>();
-            }
-            left = AudioAnalysis::readWav(path).channel(0);
-        } while (!done(left) && timer.elapsed() < timeoutMs);
-        return left;
-    }
-
     // Waits until the started program listens on `port`, has its patch open
     // and is connected to the server.
-    bool waitUntilPlayable(Instrument& instrument, quint16 port)
+    bool startPlayable(Instrument& instrument, quint16 port)
     {
-        const QString opened = QStringLiteral("UDP socket opened on port %1").arg(port);
-        if (!QTest::qWaitFor([&] { return instrument.log().contains(opened) &&
-                                          instrument.log().contains("Opening PD patch"); },
-                             30000)) {
-            qWarning().noquote() << instrument.log();
-            return false;
-        }
-        return mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0"));
-    }
-
-    // A tone within a few cents of `frequency` sounds. The exact pitch is
-    // checked offline; a live capture on a busy machine may drop a period.
-    static bool soundsNear(const QVector<float>& left, double frequency)
-    {
-        const double found = AudioAnalysis::dominantFrequency(left, 44100);
-        return AudioAnalysis::rmsDb(left) > -40.0 && found > 0.0 &&
-               std::abs(AudioAnalysis::cents(found, frequency)) < 10.0;
-    }
-    static bool silent(const QVector<float>& left)
-    {
-        return left.size() > 20000 && AudioAnalysis::rmsDb(left) < -80.0;
+        return instrument.start({QStringLiteral("UDP socket opened on port %1").arg(port),
+                                 "Opening PD patch"}) &&
+               mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0"));
     }
 
 private slots:
@@ -185,28 +116,17 @@ private slots:
     {
         const quint16 port = TestSupport::freeUdpPort();
         Instrument instrument(mJack, port, RFID_MAP);
-        QVERIFY(instrument.start());
-        QVERIFY(waitUntilPlayable(instrument, port));
+        QVERIFY(startPlayable(instrument, port));
 
         QCOMPARE(wand(port, {NOTE_TAG}), 0);
-        const QVector<float> on = recordUntil("on", 1.0, [](auto& l) { return soundsNear(l, 660); });
-        QVERIFY2(soundsNear(on, 660.0),
-                 qPrintable(QString::number(AudioAnalysis::dominantFrequency(on, 44100)) +
-                            mJack.error()));
-
+        QVERIFY2(mJack.hears(660.0), qPrintable(mJack.error()));
         QCOMPARE(wand(port, {NOTE_TAG}), 0);
-        const QVector<float> off = recordUntil("off", 0.5, silent);
-        QVERIFY2(silent(off), qPrintable(QString::number(AudioAnalysis::rmsDb(off)) + mJack.error()));
-
+        QVERIFY2(mJack.hearsSilence(), qPrintable(mJack.error()));
         // Transposed up by 5/4: /3 sounds at 440 * 5/4 * 3/2.
         QCOMPARE(wand(port, {TRANSPOSE_TAG, NOTE_TAG}), 0);
-        const QVector<float> moved =
-            recordUntil("transposed", 1.0, [](auto& l) { return soundsNear(l, 825); });
-        QVERIFY2(soundsNear(moved, 825.0),
-                 qPrintable(QString::number(AudioAnalysis::dominantFrequency(moved, 44100)) +
-                            mJack.error()));
+        QVERIFY2(mJack.hears(825.0), qPrintable(mJack.error()));
 
-        QVERIFY(instrument.stop());
+        QVERIFY(instrument.terminate() >= 0);
         QVERIFY2(!instrument.log().contains("CRITICAL"), qPrintable(instrument.log()));
         QCOMPARE(TestSupport::readFile(instrument.config("rfid_map.json")), RFID_MAP);
     }
@@ -220,11 +140,9 @@ private slots:
     {
         const quint16 port = TestSupport::freeUdpPort();
         Instrument instrument(mJack, port, RFID_MAP);
-        QVERIFY(instrument.start());
-        QVERIFY(waitUntilPlayable(instrument, port));
+        QVERIFY(startPlayable(instrument, port));
         QCOMPARE(wand(port, {BASE_432_TAG, NOTE_TAG}), 0); // 3/2 above 432 Hz
-        auto fifth = [](const QVector<float>& left) { return soundsNear(left, 648.0); };
-        QVERIFY2(fifth(recordUntil("before", 1.0, fifth)), qPrintable(mJack.error()));
+        QVERIFY2(mJack.hears(648.0), qPrintable(mJack.error()));
 
         mJack.killServer();
         QTRY_VERIFY2_WITH_TIMEOUT(instrument.log().contains("Audio device lost"),
@@ -236,21 +154,12 @@ private slots:
         // The note that sounded was let go with the device; the tag strikes
         // it anew.
         QCOMPARE(wand(port, {NOTE_TAG}), 0);
-        QVERIFY2(fifth(recordUntil("after", 1.0, fifth)), qPrintable(mJack.error()));
+        QVERIFY2(mJack.hears(648.0), qPrintable(mJack.error()));
 
         QVERIFY(QFile::remove(instrument.config("arbo_v15.json")));
         mJack.killServer();
-        QElapsedTimer shutdown;
-        shutdown.start();
-        instrument.process.terminate();
-        QVERIFY(instrument.process.waitForFinished(5000));
-        QVERIFY2(shutdown.elapsed() < 5000, qPrintable(QString::number(shutdown.elapsed())));
-        QCOMPARE(instrument.process.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(instrument.process.exitCode(), 0);
-        const QJsonObject options =
-            QJsonDocument::fromJson(TestSupport::readFile(instrument.config("options.json")))
-                .object();
-        QCOMPARE(options.value(QStringLiteral("baseFrequency")).toDouble(), 432.0);
+        QVERIFY(instrument.terminate(5000) >= 0);
+        QCOMPARE(instrument.options().value(QStringLiteral("baseFrequency")).toDouble(), 432.0);
         QVERIFY(QJsonDocument::fromJson(TestSupport::readFile(instrument.config("arbo_v15.json")))
                     .isObject());
         QVERIFY2(mJack.restartServer(), qPrintable(mJack.error())); // for the tests after this one
@@ -261,10 +170,8 @@ private slots:
     void withoutTagMapNoListener()
     {
         Instrument instrument(mJack, TestSupport::freeUdpPort(), QByteArray());
-        QVERIFY(instrument.start());
-        QTRY_VERIFY2_WITH_TIMEOUT(instrument.log().contains("PaStream started"),
-                                  qPrintable(instrument.log()), 30000);
-        QVERIFY(instrument.stop());
+        QVERIFY(instrument.start({"PaStream started"}));
+        QVERIFY(instrument.terminate() >= 0);
         // A listener that had started would have said so, at the latest when
         // it was stopped on the way out.
         QVERIFY2(!instrument.log().contains("UDP") && !instrument.log().contains("CRITICAL"),
