@@ -13,7 +13,8 @@
 // input as a keyboard would: each send() goes out as one JACK MIDI event, any
 // bytes, in the next period. A flood fills every period's buffer with a
 // pattern of events until the port takes no more: the highest rate JACK MIDI
-// carries.
+// carries. Its MIDI input port "in" keeps every message the program's MIDI
+// output sends it.
 //
 // Threads: the methods belong to one thread; the counters are for any. The
 // process callback neither locks nor allocates.
@@ -33,7 +34,8 @@ public:
     // Lets go of a client whose server has gone, without touching it:
     // libjack may have freed it already.
     void abandon();
-    QString portName() const; // "<client>:out"
+    QString portName() const;      // "<client>:out"
+    QString inputPortName() const; // "<client>:in"
     // How many ports "out" feeds in the graph JACK runs now: a new
     // connection takes effect a period or more after it is made, and an
     // event sent before goes nowhere.
@@ -46,6 +48,13 @@ public:
     void flood(const std::vector<Bytes>& pattern);
     void stopFlood() { mFlooding.store(false, std::memory_order_release); }
 
+    // Connects "in" to the output port of the client whose name starts with
+    // `client`, and waits until the connection carries MIDI.
+    bool connectFrom(const QString& client);
+    // Moves what has arrived at "in" into messages(); how many there are.
+    int poll();
+    std::vector<Bytes>& messages() { return mMessages; }
+
     // Events written into the port; send() events written, and the
     // steady-clock time (ns) at which the latest of them was.
     std::uint64_t eventsWritten() const { return mWritten.load(std::memory_order_acquire); }
@@ -57,7 +66,11 @@ private:
 
     jack_client_t* mClient = nullptr;
     jack_port_t* mPort = nullptr;
+    jack_port_t* mInput = nullptr;
     jack_ringbuffer_t* mQueue = nullptr;
+    jack_ringbuffer_t* mReceived = nullptr; // each message: its size (1 byte), its bytes
+    std::vector<Bytes> mMessages;
+    std::atomic<int> mCycles{0};
     std::vector<Bytes> mPattern; // fixed once a flood has begun
     std::atomic<bool> mFlooding{false};
     std::size_t mNext = 0; // process thread: the pattern's next event
