@@ -40,6 +40,16 @@ QString label(const CardWidget* card, const char* name)
     return found ? found->text() : QStringLiteral("<no %1>").arg(QLatin1String(name));
 }
 
+// What a card reads: note, octave, cents, frequency and ratio.
+QString readout(const CardWidget* card)
+{
+    QStringList parts;
+    for (const char* name : {"noteLabel", "octaveLabel", "centsLabel", "freqLabel", "ratioLabel"}) {
+        parts << label(card, name);
+    }
+    return parts.join(QLatin1Char(' '));
+}
+
 bool labelShown(const CardWidget* card, const char* name)
 {
     auto* found = card->findChild<QLabel*>(QString::fromLatin1(name));
@@ -58,21 +68,398 @@ class TestCards : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
+    void initTestCase()
+    {
+        OfflinePlayer::setUp(mPlayer, mArbo, "Sine.pd");
+        QVERIFY(!QTest::currentTestFailed());
+    }
 
-    void rootAndFifthReadAsNotes();
-    void staffClefsLedgersAndOctaveMarks();
-    void cardsFollowTheirBallsAndStayInsideTheView();
-    void playerStartsStopsAndRespellsCards();
-    void hoverRaisesAndRebuildKeepsTheOrder();
-    void symbolsAreRecolouredAndMissingOnesAreSurvived();
+    void init()
+    {
+        LayoutConstants::resetToDefaults();
+        ArboLeavesWidget::clearPositionTables();
+        mSettings.mAbsRelView = 0;
+        mLayer = std::make_unique<ArboLayer>();
+        mLayer->init(ArboLeavesWidget::Grapes, &mArbo, &mPlayer, mSettings);
+        mLayer->resize(1100, 700);
+        mLayer->show();
+        QVERIFY(QTest::qWaitForWindowExposed(mLayer.get()));
+    }
+
+    void cleanup()
+    {
+        queue(ArboEvent(ArboEvent::AllNotesOff, 1.0f));
+        queue(ArboEvent(ArboEvent::Transpose, 0.0f));
+        queue(ArboEvent(ArboEvent::BaseFrequency, 440.0f));
+        QTRY_VERIFY(mArbo.playingRatios().isEmpty() && mArbo.transposeSteps().isEmpty() &&
+                    mArbo.baseFrequency() == 440.0f);
+        QTRY_VERIFY(stack()->cards().isEmpty());
+        mLayer.reset();
+    }
+
+
+    void rootAndFifthReadAsNotes()
+    {
+        ArboBallWidget* rootBall = ballAt(view(), "/");
+        ArboBallWidget* fifthBall = ballAt(view(), "/3");
+        click(rootBall);
+        click(fifthBall);
+        QTRY_COMPARE(stack()->cards().size(), 2);
+
+        // The root at 440 Hz, named "A 4".
+        CardWidget* root = stack()->cardForBall(rootBall);
+        QVERIFY(root && root->isVisible());
+        QCOMPARE(readout(root), QStringLiteral("A 4 0 440.000 Hz 1/1"));
+        QVERIFY(!labelShown(root, "enharmonicLabel"));
+        QVERIFY(!labelShown(root, "octaveShiftLabel"));
+        QVERIFY(root->isTreble());
+        // No accidental for a natural; clef and note head drawn.
+        QVERIFY(root->findChild<QSvgWidget*>("accidentalSvg")->isHidden());
+        QVERIFY(root->findChild<QSvgWidget*>("clefSvg")->isVisible());
+        QVERIFY(root->findChild<QSvgWidget*>("noteSvg")->isVisible());
+
+        // The just fifth, 1.955 cents above E5 (the spelling and cents of
+        // whole lattice paths are checked in the notation test).
+        QCOMPARE(readout(stack()->cardForBall(fifthBall)), QStringLiteral("E 5 +2 660.000 Hz 3/2"));
+
+        // Transposed a fifth up, the cards hang on the balls that now stand for
+        // the sounding pitches (followed through in playerStartsStopsAndRespellsCards);
+        // the readout mode chooses the ratio's form, once the cards are rebuilt.
+        queue(ArboEvent(ArboEvent::Transpose, 3.0f));
+        QTRY_VERIFY(cardOf("/-3") && cardOf("/"));
+        QCOMPARE(label(cardOf("/-3"), "ratioLabel"), QStringLiteral("2/3"));
+        mSettings.mAbsRelView = 1;
+        view()->updateCardStack();
+        QCOMPARE(label(cardOf("/-3"), "ratioLabel"), QStringLiteral("1/1"));
+        QCOMPARE(label(cardOf("/"), "ratioLabel"), QStringLiteral("3/2"));
+        mSettings.mAbsRelView = 0;
+        view()->updateCardStack();
+        QCOMPARE(label(cardOf("/"), "ratioLabel"), QStringLiteral("1/1"));
+    }
+
+    void staffClefsLedgersAndOctaveMarks()
+    {
+        // Cards for nodes made here, of the test's lattice. A3 (octave 3) takes
+        // the bass clef, A4 the treble.
+        auto cardFor = [this](const QString& path) {
+            auto node = std::make_shared<ArboBall>(ArboPath(path), QColor(Qt::red), mArbo.root());
+            auto card = std::make_shared<CardWidget>(node.get(), mSettings, stack());
+            card->adjustSize();
+            card->show();
+            return std::make_pair(node, card);
+        };
+        const auto a3 = cardFor("/-2");
+        QVERIFY(!a3.second->isTreble());
+        QCOMPARE(a3.second->staffPosition(), 0.0f);
+        const auto a4 = cardFor("/");
+        QVERIFY(a4.second->isTreble());
+
+        // The note head sits on its position, positions counted from the top
+        // line down: A4 between the second and third lines from the bottom.
+        const CardWidget* card = a4.second.get();
+        const QList<int> lines = card->staffLines();
+        QVERIFY(card->ledgerLines().isEmpty());
+        QCOMPARE(card->staffPosition(), 2.5f);
+        QCOMPARE(card->noteHeadCentre().y(), (lines[2] + lines[3]) / 2.0);
+
+        // 55 Hz (A1) lies further below than the card has room for and is
+        // drawn an octave up, in the bass staff's lowest space.
+        const auto a1 = cardFor("/-2/-2/-2");
+        QCOMPARE(a1.second->octaveShift(), -1);
+        QCOMPARE(label(a1.second.get(), "octaveShiftLabel"), QStringLiteral("8"));
+        QVERIFY(labelShown(a1.second.get(), "octaveShiftLabel"));
+        QCOMPARE(a1.second->staffPosition(), 3.5f);
+
+        // Three fifths down and an octave up from A4 (260.7 Hz, C4 -6 cents)
+        // sits on one ledger line below the treble staff.
+        const auto c4 = cardFor("/-3/-3/-3/2");
+        QCOMPARE(label(c4.second.get(), "noteLabel"), QStringLiteral("C"));
+        QCOMPARE(c4.second->staffPosition(), 5.0f);
+        QCOMPARE(c4.second->ledgerLines(), QList<int>{lines[4] + CardWidget::LINE_SPACING});
+
+        // Two octaves above A5 (A7, 3520 Hz) is drawn two octaves down: "15".
+        const auto a7 = cardFor("/2/2/2");
+        QCOMPARE(a7.second->octaveShift(), 2);
+        QCOMPARE(label(a7.second.get(), "octaveShiftLabel"), QStringLiteral("15"));
+        QCOMPARE(a7.second->staffPosition(), -1.0f);
+        QCOMPARE(a7.second->ledgerLines(), QList<int>{lines[0] - CardWidget::LINE_SPACING});
+
+        // An accidental is drawn left of the note head: 5/4 above A4 is C#5.
+        const auto cSharp = cardFor("/5");
+        QCOMPARE(cSharp.second->note().accidental(), 1);
+        const QRect sharp = cSharp.second->findChild<QSvgWidget*>("accidentalSvg")->geometry();
+        const QRect sharpHead = cSharp.second->findChild<QSvgWidget*>("noteSvg")->geometry();
+        QVERIFY(!cSharp.second->findChild<QSvgWidget*>("accidentalSvg")->isHidden());
+        QVERIFY(sharp.right() < sharpHead.left());
+        QVERIFY(std::abs(sharp.center().y() - sharpHead.center().y()) <= 1);
+    }
+
+    void cardsFollowTheirBallsAndStayInsideTheView()
+    {
+        // The highest, a middle and the lowest ball.
+        ArboBallWidget* top = nullptr;
+        ArboBallWidget* bottom = nullptr;
+        for (ArboBallWidget* ball : view()->arboWidget()->balls()) {
+            if (!top || ball->scenePos().y() < top->scenePos().y()) {
+                top = ball;
+            }
+            if (!bottom || ball->scenePos().y() > bottom->scenePos().y()) {
+                bottom = ball;
+            }
+        }
+        ArboBallWidget* middle = ballAt(view(), "/");
+        for (ArboBallWidget* ball : {top, middle, bottom}) {
+            click(ball);
+        }
+        QTRY_COMPARE(stack()->cards().size(), 3);
+
+        auto check = [this, top, middle, bottom]() {
+            const int viewHeight = view()->height();
+            // Level with the ball where there is room.
+            const CardWidget* card = stack()->cardForBall(middle);
+            const int ballY = view()->mapFromScene(middle->scenePos()).y();
+            QCOMPARE(card->y(), ballY - card->height() / 2);
+            // Near the bottom: held 12 units above the view's bottom edge.
+            card = stack()->cardForBall(bottom);
+            const int lowY = view()->mapFromScene(bottom->scenePos()).y();
+            QVERIFY(lowY + card->height() / 2 > viewHeight - 12);
+            QCOMPARE(card->y() + card->height(), viewHeight - 12);
+            // Near the top: not above the view.
+            card = stack()->cardForBall(top);
+            QVERIFY(view()->mapFromScene(top->scenePos()).y() - card->height() / 2 < 0);
+            QCOMPARE(card->y(), 0);
+
+            // Each connector runs from the rim of its playing ball to the middle
+            // of its card's left edge.
+            const CardConnectorOverlay* overlay =
+                mLayer->findChild<CardConnectorOverlay*>(QString(), Qt::FindDirectChildrenOnly);
+            QVERIFY(overlay);
+            QCOMPARE(overlay->geometry(), mLayer->rect());
+            QCOMPARE(overlay->connectorCount(), 3);
+            const qreal scale = view()->transform().m11();
+            for (ArboBallWidget* ball : {top, middle, bottom}) {
+                const QLineF line = overlay->connectorLine(ball);
+                QVERIFY(!line.isNull());
+                const QPointF centre = overlay->mapFrom(
+                    mLayer.get(),
+                    view()->viewport()->mapTo(mLayer.get(), view()->mapFromScene(ball->scenePos())));
+                QVERIFY2(std::abs(QLineF(centre, line.p1()).length() - ball->playingRadius() * scale) <
+                             0.01,
+                         qPrintable(QString::number(QLineF(centre, line.p1()).length())));
+                const CardWidget* c = stack()->cardForBall(ball);
+                QCOMPARE(line.p2(),
+                         QPointF(overlay->mapFrom(mLayer.get(),
+                                                  c->mapTo(mLayer.get(), QPoint(0, c->height() / 2)))));
+            }
+        };
+        check();
+        // Resized, the lattice is fitted anew; cards and lines follow.
+        mLayer->resize(900, 520);
+        QTRY_COMPARE(view()->height(), 520 - 12);
+        check();
+    }
+
+    void playerStartsStopsAndRespellsCards()
+    {
+        // A click starts the note and its card; a second click removes both.
+        ArboBallWidget* fifth = ballAt(view(), "/3");
+        click(fifth);
+        QTRY_VERIFY(stack()->cardForBall(fifth));
+        click(fifth);
+        QTRY_VERIFY(!fifth->node()->isPlaying());
+        QVERIFY(!stack()->cardForBall(fifth));
+        QCOMPARE(stack()->findChildren<CardWidget*>().size(), 0);
+
+        // A wand's toggle arrives on the other ring, the same way.
+        const ArboNoteEvent wandThird{ArboPath(QStringLiteral("/5"))};
+        mPlayer.queueEventSerial(&wandThird);
+        render();
+        QTRY_VERIFY(cardOf("/5"));
+        QCOMPARE(readout(cardOf("/5")), QStringLiteral("C 5 -14 550.000 Hz 5/4"));
+
+        // Transposed a fifth down, the C# goes on sounding as 15/8 of the new
+        // root: its card now hangs on that ball, spelled by the walk A, D, A, C#.
+        queue(ArboEvent(ArboEvent::Transpose, -3.0f));
+        QTRY_VERIFY(cardOf("/3/5"));
+        QVERIFY(!cardOf("/5"));
+        QCOMPARE(stack()->findChildren<CardWidget*>().size(), 1);
+        QCOMPARE(readout(cardOf("/3/5")), QStringLiteral("C 5 -14 550.000 Hz 15/8"));
+        QCOMPARE(cardOf("/3/5")->note().accidental(), 1);
+
+        // A new base frequency: the rebuilt card tells the new pitch,
+        // 432 × 2/3 × 15/8 = 540 Hz, 45 cents below C#5.
+        queue(ArboEvent(ArboEvent::BaseFrequency, 432.0f));
+        QTRY_COMPARE(mArbo.baseFrequency(), 432.0f);
+        view()->updateCardStack();
+        QCOMPARE(stack()->findChildren<CardWidget*>().size(), 1);
+        QCOMPARE(readout(cardOf("/3/5")), QStringLiteral("C 5 -45 540.000 Hz 15/8"));
+
+        // Prime 5 switched off: the note's card goes while the note plays on;
+        // switched on again, it comes back.
+        click(ballAt(view(), "/"));
+        QTRY_COMPARE(stack()->cards().size(), 2);
+        queue(ArboEvent(ArboEvent::PrimeToggle, 5.0f));
+        QTRY_VERIFY(!cardOf("/3/5"));
+        QVERIFY(ballAt(view(), "/3/5")->node()->isPlaying());
+        QVERIFY(cardOf("/"));
+        QCOMPARE(stack()->findChildren<CardWidget*>().size(), 1);
+        queue(ArboEvent(ArboEvent::PrimeToggle, 5.0f));
+        QTRY_VERIFY(cardOf("/3/5"));
+
+        // Rebuilding the scene (after a tweak) keeps the sounding notes' cards,
+        // joined to the new balls; the old ones leave nothing behind.
+        view()->buildScene(ArboLeavesWidget::Grapes);
+        QCOMPARE(stack()->cards().size(), 2);
+        QVERIFY(cardOf("/3/5") && cardOf("/"));
+        QCOMPARE(stack()->findChildren<CardWidget*>().size(), 2);
+    }
+
+    void hoverRaisesAndRebuildKeepsTheOrder()
+    {
+        for (const char* path : {"/", "/3", "/2"}) {
+            click(ballAt(view(), QString::fromLatin1(path)));
+            render();
+        }
+        QTRY_COMPARE(stack()->cards().size(), 3);
+        auto frontmost = [this]() {
+            const QObjectList children = stack()->children();
+            for (int i = children.size() - 1; i >= 0; --i) {
+                if (auto* card = qobject_cast<CardWidget*>(children[i])) {
+                    return card;
+                }
+            }
+            return static_cast<CardWidget*>(nullptr);
+        };
+        // Piled by height, the lowest in front: the root's card lies lowest,
+        // the octave's highest.
+        QVERIFY(cardOf("/2")->y() < cardOf("/3")->y() && cardOf("/3")->y() < cardOf("/")->y());
+        QCOMPARE(cardOf("/")->cardHirarchy(), 0);
+        QCOMPARE(cardOf("/3")->cardHirarchy(), 1);
+        QCOMPARE(cardOf("/2")->cardHirarchy(), 2);
+        QCOMPARE(frontmost(), cardOf("/"));
+
+        // The mouse entering a card brings it to the front.
+        QEvent enter(QEvent::Enter);
+        QCoreApplication::sendEvent(cardOf("/2"), &enter);
+        QCOMPARE(frontmost(), cardOf("/2"));
+        QCOMPARE(cardOf("/")->cardHirarchy(), 1);
+
+        // A ball's hover raises its card through the stack.
+        click(ballAt(view(), "/3/5"));
+        QTRY_VERIFY(cardOf("/3/5"));
+        QCOMPARE(stack()->cards().size(), 4);
+        stack()->raiseCardForBall(ballAt(view(), "/3"));
+        QCOMPARE(frontmost(), cardOf("/3"));
+        QCOMPARE(cardOf("/3")->cardHirarchy(), 0);
+
+        // A rebuild keeps the order front to back.
+        QMap<int, QString> order;
+        for (auto it = stack()->cards().constBegin(); it != stack()->cards().constEnd(); ++it) {
+            order.insert(it.value()->cardHirarchy(), it.key()->node()->path().toString());
+        }
+        view()->updateCardStack();
+        QCOMPARE(frontmost(), cardOf("/3"));
+        for (auto it = order.constBegin(); it != order.constEnd(); ++it) {
+            QCOMPARE(cardOf(it.value())->cardHirarchy(), it.key());
+        }
+    }
+
+    void symbolsAreRecolouredAndMissingOnesAreSurvived()
+    {
+        // The seven symbols the build drew from the engraving font: each a
+        // valid SVG in black, ready to be recoloured.
+        for (int s = 0; s < CardStackWidget::SYMBOL_COUNT; ++s) {
+            const QByteArray& bytes = stack()->svg(CardStackWidget::Symbol(s));
+            QVERIFY2(bytes.contains("fill:#000000"),
+                     qPrintable(CardStackWidget::symbolFileName(CardStackWidget::Symbol(s))));
+            QSvgRenderer renderer(bytes);
+            QVERIFY(renderer.isValid());
+            QVERIFY(!renderer.viewBoxF().isEmpty());
+        }
+
+        // Black fills and strokes take the node's colour: a leaf of 7 the
+        // colour of 7, the root the root's.
+        const ArboBall* leaf = ballAt(view(), "/3/7")->node();
+        const QByteArray drawing("<path style=\"fill:#000000;stroke:#000000\"/>"
+                                 "<path style=\"stroke:#000000;fill:#000000\"/>");
+        QByteArray bytes = drawing;
+        CardWidget::changeSvgColor(&bytes, leaf, false);
+        const QString seven = hex(mArbo.lookupColor(7));
+        QCOMPARE(QString::fromLatin1(bytes), QStringLiteral("<path style=\"fill:%1;stroke:%1\"/>"
+                                                            "<path style=\"stroke:%1;fill:%1\"/>")
+                                                 .arg(seven));
+        bytes = drawing;
+        CardWidget::changeSvgColor(&bytes, mArbo.root(), false);
+        QVERIFY(bytes.contains(("fill:" + hex(mArbo.lookupColor(1))).toLatin1()));
+        // Transposed by 5, the largest step of the walk counts; in an absolute
+        // readout the root keeps the root's colour.
+        queue(ArboEvent(ArboEvent::Transpose, 5.0f));
+        QTRY_COMPARE(mArbo.transposeSteps().size(), 1);
+        bytes = drawing;
+        CardWidget::changeSvgColor(&bytes, mArbo.root(), false);
+        QVERIFY(bytes.contains(("fill:" + hex(mArbo.lookupColor(5))).toLatin1()));
+        bytes = drawing;
+        CardWidget::changeSvgColor(&bytes, mArbo.root(), true);
+        QVERIFY(bytes.contains(("fill:" + hex(mArbo.lookupColor(1))).toLatin1()));
+
+        // Without black, byte for byte the same.
+        const QByteArray coloured("<path style=\"fill:#00000a;stroke:#ff0000\" d=\"M0 0\"/>");
+        bytes = coloured;
+        CardWidget::changeSvgColor(&bytes, leaf, false);
+        QCOMPARE(bytes, coloured);
+
+        // The note head of a played card is drawn in its colour.
+        click(ballAt(view(), "/3/7"));
+        QTRY_VERIFY(cardOf("/3/7"));
+        QSvgWidget* head = cardOf("/3/7")->findChild<QSvgWidget*>("noteSvg");
+        const QImage image = head->grab().toImage();
+        const QColor centre = image.pixelColor(image.width() / 2, image.height() / 2);
+        QCOMPARE(hex(centre), seven);
+
+        // A missing symbol is reported and left empty...
+        const QString missing = QStringLiteral("no-such-symbol.svg");
+        QTest::ignoreMessage(
+            QtCriticalMsg,
+            qPrintable(
+                QStringLiteral("Failed to load %1/%2.").arg(Paths::resourceDir(), missing)));
+        QByteArray empty("stale");
+        QVERIFY(!CardStackWidget::loadSvgFile(missing, empty));
+        QVERIFY(empty.isEmpty());
+        // ...and a stack without any symbols still shows its cards, words only.
+        CardStackWidget bare;
+        bare.show();
+        const ArboBallWidget* ball = ballAt(view(), "/3/7");
+        bare.showCardForBall(ball);
+        CardWidget* card = bare.cardForBall(ball);
+        QVERIFY(card && card->isVisible());
+        QCOMPARE(label(card, "noteLabel"), QString(cardOf("/3/7")->note().noteLetter()));
+        QVERIFY(card->findChild<QSvgWidget*>("noteSvg")->isHidden());
+        QVERIFY(card->findChild<QSvgWidget*>("clefSvg")->isHidden());
+        bare.hideCardForBall(ball);
+        QVERIFY(bare.cards().isEmpty());
+    }
+
 
 private:
-    void render();
-    void queue(const ArboEvent& event);
-    void click(ArboBallWidget* ball);
+    void render()
+    {
+        OfflinePlayer::render(mPlayer, OfflinePlayer::BUFFER_SECONDS);
+    }
+
+    void queue(const ArboEvent& event)
+    {
+        mPlayer.queueEventGui(&event);
+        render();
+    }
+
+    void click(ArboBallWidget* ball)
+    {
+        QVERIFY(ball);
+        QTest::mouseClick(view()->viewport(), Qt::LeftButton, Qt::NoModifier,
+                          view()->mapFromScene(ball->scenePos()));
+        render();
+    }
+
     CardStackWidget* stack() const { return mLayer->cardStack(); }
     ArboView* view() const { return mLayer->view(); }
     CardWidget* cardOf(const QString& path) const
@@ -86,448 +473,6 @@ private:
     std::unique_ptr<ArboLayer> mLayer;
 };
 
-void TestCards::initTestCase()
-{
-    OfflinePlayer::setUp(mPlayer, mArbo);
-    if (QTest::currentTestFailed()) {
-        return;
-    }
-    QVERIFY(PatchLoader::loadVoice(&mPlayer, TestSupport::binDir() + "/patches/Sine.pd"));
-}
-
-void TestCards::init()
-{
-    LayoutConstants::resetToDefaults();
-    ArboLeavesWidget::clearPositionTables();
-    mSettings.mAbsRelView = 0;
-    mLayer = std::make_unique<ArboLayer>();
-    mLayer->init(ArboLeavesWidget::Grapes, &mArbo, &mPlayer, mSettings);
-    mLayer->resize(1100, 700);
-    mLayer->show();
-    QVERIFY(QTest::qWaitForWindowExposed(mLayer.get()));
-}
-
-void TestCards::cleanup()
-{
-    queue(ArboEvent(ArboEvent::AllNotesOff, 1.0f));
-    queue(ArboEvent(ArboEvent::Transpose, 0.0f));
-    queue(ArboEvent(ArboEvent::BaseFrequency, 440.0f));
-    QTRY_VERIFY(mArbo.playingRatios().isEmpty() && mArbo.transposeSteps().isEmpty() &&
-                mArbo.baseFrequency() == 440.0f);
-    QTRY_VERIFY(stack()->cards().isEmpty());
-    mLayer.reset();
-}
-
-void TestCards::render()
-{
-    OfflinePlayer::render(mPlayer, OfflinePlayer::BUFFER_SECONDS);
-}
-
-void TestCards::queue(const ArboEvent& event)
-{
-    mPlayer.queueEventGui(&event);
-    render();
-}
-
-void TestCards::click(ArboBallWidget* ball)
-{
-    QVERIFY(ball);
-    QTest::mouseClick(view()->viewport(), Qt::LeftButton, Qt::NoModifier,
-                      view()->mapFromScene(ball->scenePos()));
-    render();
-}
-
-void TestCards::rootAndFifthReadAsNotes()
-{
-    ArboBallWidget* rootBall = ballAt(view(), "/");
-    ArboBallWidget* fifthBall = ballAt(view(), "/3");
-    click(rootBall);
-    click(fifthBall);
-    QTRY_COMPARE(stack()->cards().size(), 2);
-
-    // The root at 440 Hz, named "A 4".
-    CardWidget* root = stack()->cardForBall(rootBall);
-    QVERIFY(root && root->isVisible());
-    QCOMPARE(root->node(), mArbo.root());
-    QCOMPARE(label(root, "noteLabel"), QStringLiteral("A"));
-    QCOMPARE(label(root, "octaveLabel"), QStringLiteral("4"));
-    QCOMPARE(label(root, "centsLabel"), QStringLiteral("0"));
-    QCOMPARE(label(root, "freqLabel"), QStringLiteral("440.000 Hz"));
-    QCOMPARE(label(root, "ratioLabel"), QStringLiteral("1/1"));
-    QVERIFY(!labelShown(root, "enharmonicLabel"));
-    QVERIFY(!labelShown(root, "octaveShiftLabel"));
-    QVERIFY(root->isTreble());
-    // No accidental for a natural; clef and note head drawn.
-    QVERIFY(root->findChild<QSvgWidget*>("accidentalSvg")->isHidden());
-    QVERIFY(root->findChild<QSvgWidget*>("clefSvg")->isVisible());
-    QVERIFY(root->findChild<QSvgWidget*>("noteSvg")->isVisible());
-
-    // The just fifth is 1.955 cents above the tempered E5.
-    CardWidget* fifth = stack()->cardForBall(fifthBall);
-    QCOMPARE(label(fifth, "noteLabel"), QStringLiteral("E"));
-    QCOMPARE(label(fifth, "octaveLabel"), QStringLiteral("5"));
-    QCOMPARE(label(fifth, "centsLabel"), QStringLiteral("+2"));
-    QCOMPARE(label(fifth, "freqLabel"), QStringLiteral("660.000 Hz"));
-    QCOMPARE(label(fifth, "ratioLabel"), QStringLiteral("3/2"));
-    QVERIFY(std::abs(fifth->note().cents() - 1.955f) < 0.01f);
-
-    // Transposed a fifth up, the cards hang on the balls that now stand for
-    // the sounding pitches (followed through in playerStartsStopsAndRespellsCards);
-    // the readout mode chooses the ratio's form, once the cards are rebuilt.
-    queue(ArboEvent(ArboEvent::Transpose, 3.0f));
-    QTRY_VERIFY(cardOf("/-3") && cardOf("/"));
-    QCOMPARE(label(cardOf("/-3"), "ratioLabel"), QStringLiteral("2/3"));
-    mSettings.mAbsRelView = 1;
-    view()->updateCardStack();
-    QCOMPARE(label(cardOf("/-3"), "ratioLabel"), QStringLiteral("1/1"));
-    QCOMPARE(label(cardOf("/"), "ratioLabel"), QStringLiteral("3/2"));
-    mSettings.mAbsRelView = 0;
-    view()->updateCardStack();
-    QCOMPARE(label(cardOf("/"), "ratioLabel"), QStringLiteral("1/1"));
-}
-
-void TestCards::staffClefsLedgersAndOctaveMarks()
-{
-    // Positions from the top line down, half a spacing per step: treble E4
-    // on the bottom line, F5 on the top; bass G2 and A3.
-    struct Case
-    {
-        const char* note;
-        bool treble;
-        float position;
-    };
-    const Case cases[] = {{"e4", true, 4.0f},  {"f5", true, 0.0f},  {"a4", true, 2.5f},
-                          {"c4", true, 5.0f},  {"b5", true, -1.5f}, {"g2", false, 4.0f},
-                          {"a3", false, 0.0f}, {"c3", false, 2.5f}, {"c2", false, 6.0f}};
-    for (const Case& c : cases) {
-        QCOMPARE(CardWidget::getStaffLineForNote(c.treble, Note(QString::fromLatin1(c.note), 0)),
-                 c.position);
-    }
-    // Accidentals do not move a note on the staff.
-    QCOMPARE(CardWidget::getStaffLineForNote(true, Note(QStringLiteral("f5##"), 0)), 0.0f);
-
-    // Cards for nodes made here, of the test's lattice. A3 (octave 3) takes
-    // the bass clef, A4 the treble.
-    auto cardFor = [this](const QString& path) {
-        auto node = std::make_shared<ArboBall>(ArboPath(path), QColor(Qt::red), mArbo.root());
-        auto card = std::make_shared<CardWidget>(node.get(), mSettings, stack());
-        card->adjustSize();
-        card->show();
-        return std::make_pair(node, card);
-    };
-    const auto a3 = cardFor("/-2");
-    QCOMPARE(a3.second->note().octave(), 3);
-    QVERIFY(!a3.second->isTreble());
-    QCOMPARE(a3.second->staffPosition(), 0.0f);
-    const auto a4 = cardFor("/");
-    QVERIFY(a4.second->isTreble());
-
-    // The staff: five lines one spacing apart, from the contents' left edge;
-    // a natural size that gives the intended spacing.
-    const CardWidget* card = a4.second.get();
-    QCOMPARE(card->lineSpacing(), float(CardWidget::LINE_SPACING));
-    const QList<int> lines = card->staffLines();
-    QCOMPARE(lines.size(), 5);
-    for (int k = 1; k < 5; ++k) {
-        QCOMPARE(lines[k] - lines[k - 1], CardWidget::LINE_SPACING);
-    }
-    QVERIFY(card->ledgerLines().isEmpty());
-    // The note head sits on its position: A4 between the second and third
-    // lines from the bottom.
-    QCOMPARE(card->noteHeadCentre().y(), (lines[2] + lines[3]) / 2.0);
-    // The clef fills the staff's height, the head about one spacing.
-    const QRect clef = card->findChild<QSvgWidget*>("clefSvg")->geometry();
-    QVERIFY(clef.top() < lines[0] && clef.bottom() > lines[4]);
-    const QRect head = card->findChild<QSvgWidget*>("noteSvg")->geometry();
-    QVERIFY(std::abs(head.height() - CardWidget::LINE_SPACING) <= 2);
-    QVERIFY(head.right() < CardWidget::STAFF_WIDTH);
-
-    // 110 Hz (A2) lies in the bass staff's lowest space; 55 Hz (A1) lies
-    // further below than the card has room for and is drawn an octave up.
-    const auto a2 = cardFor("/-2/-2");
-    QCOMPARE(a2.second->staffPosition(), 3.5f);
-    QVERIFY(a2.second->ledgerLines().isEmpty());
-    const auto a1 = cardFor("/-2/-2/-2");
-    QCOMPARE(a1.second->octaveShift(), -1);
-    QCOMPARE(label(a1.second.get(), "octaveShiftLabel"), QStringLiteral("8"));
-    QVERIFY(labelShown(a1.second.get(), "octaveShiftLabel"));
-    QCOMPARE(a1.second->staffPosition(), 3.5f);
-
-    // Three fifths down and an octave up from A4 (260.7 Hz, C4 -6 cents)
-    // sits on one ledger line below the treble staff.
-    const auto c4 = cardFor("/-3/-3/-3/2");
-    QCOMPARE(label(c4.second.get(), "noteLabel"), QStringLiteral("C"));
-    QCOMPARE(c4.second->staffPosition(), 5.0f);
-    QCOMPARE(c4.second->ledgerLines(), QList<int>{lines[4] + CardWidget::LINE_SPACING});
-
-    // Two octaves above A5 (A7, 3520 Hz) is drawn two octaves down: "15".
-    const auto a7 = cardFor("/2/2/2");
-    QCOMPARE(a7.second->octaveShift(), 2);
-    QCOMPARE(label(a7.second.get(), "octaveShiftLabel"), QStringLiteral("15"));
-    QCOMPARE(a7.second->staffPosition(), -1.0f);
-    QCOMPARE(a7.second->ledgerLines(), QList<int>{lines[0] - CardWidget::LINE_SPACING});
-
-    // An accidental is drawn left of the note head: 5/4 above A4 is C#5.
-    const auto cSharp = cardFor("/5");
-    QCOMPARE(cSharp.second->note().accidental(), 1);
-    const QRect sharp = cSharp.second->findChild<QSvgWidget*>("accidentalSvg")->geometry();
-    const QRect sharpHead = cSharp.second->findChild<QSvgWidget*>("noteSvg")->geometry();
-    QVERIFY(!cSharp.second->findChild<QSvgWidget*>("accidentalSvg")->isHidden());
-    QVERIFY(sharp.right() < sharpHead.left());
-    QVERIFY(std::abs(sharp.center().y() - sharpHead.center().y()) <= 1);
-}
-
-void TestCards::cardsFollowTheirBallsAndStayInsideTheView()
-{
-    // The highest, a middle and the lowest ball.
-    ArboBallWidget* top = nullptr;
-    ArboBallWidget* bottom = nullptr;
-    for (ArboBallWidget* ball : view()->arboWidget()->balls()) {
-        if (!top || ball->scenePos().y() < top->scenePos().y()) {
-            top = ball;
-        }
-        if (!bottom || ball->scenePos().y() > bottom->scenePos().y()) {
-            bottom = ball;
-        }
-    }
-    ArboBallWidget* middle = ballAt(view(), "/");
-    for (ArboBallWidget* ball : {top, middle, bottom}) {
-        click(ball);
-    }
-    QTRY_COMPARE(stack()->cards().size(), 3);
-
-    auto check = [this, top, middle, bottom]() {
-        const int viewHeight = view()->height();
-        // Level with the ball where there is room.
-        const CardWidget* card = stack()->cardForBall(middle);
-        const int ballY = view()->mapFromScene(middle->scenePos()).y();
-        QCOMPARE(card->y(), ballY - card->height() / 2);
-        // Near the bottom: held 12 units above the view's bottom edge.
-        card = stack()->cardForBall(bottom);
-        const int lowY = view()->mapFromScene(bottom->scenePos()).y();
-        QVERIFY(lowY + card->height() / 2 > viewHeight - 12);
-        QCOMPARE(card->y() + card->height(), viewHeight - 12);
-        // Near the top: not above the view.
-        card = stack()->cardForBall(top);
-        QVERIFY(view()->mapFromScene(top->scenePos()).y() - card->height() / 2 < 0);
-        QCOMPARE(card->y(), 0);
-
-        // Each connector runs from the rim of its playing ball to the middle
-        // of its card's left edge.
-        const CardConnectorOverlay* overlay =
-            mLayer->findChild<CardConnectorOverlay*>(QString(), Qt::FindDirectChildrenOnly);
-        QVERIFY(overlay);
-        QCOMPARE(overlay->geometry(), mLayer->rect());
-        QCOMPARE(overlay->connectorCount(), 3);
-        const qreal scale = view()->transform().m11();
-        for (ArboBallWidget* ball : {top, middle, bottom}) {
-            const QLineF line = overlay->connectorLine(ball);
-            QVERIFY(!line.isNull());
-            const QPointF centre = overlay->mapFrom(
-                mLayer.get(),
-                view()->viewport()->mapTo(mLayer.get(), view()->mapFromScene(ball->scenePos())));
-            QVERIFY2(std::abs(QLineF(centre, line.p1()).length() - ball->playingRadius() * scale) <
-                         0.01,
-                     qPrintable(QString::number(QLineF(centre, line.p1()).length())));
-            const CardWidget* c = stack()->cardForBall(ball);
-            QCOMPARE(line.p2(),
-                     QPointF(overlay->mapFrom(mLayer.get(),
-                                              c->mapTo(mLayer.get(), QPoint(0, c->height() / 2)))));
-        }
-    };
-    check();
-    // Resized, the lattice is fitted anew; cards and lines follow.
-    mLayer->resize(900, 520);
-    QTRY_COMPARE(view()->height(), 520 - 12);
-    check();
-}
-
-void TestCards::playerStartsStopsAndRespellsCards()
-{
-    // A click starts the note and its card; a second click removes both.
-    ArboBallWidget* fifth = ballAt(view(), "/3");
-    click(fifth);
-    QTRY_VERIFY(stack()->cardForBall(fifth));
-    click(fifth);
-    QTRY_VERIFY(!fifth->node()->isPlaying());
-    QVERIFY(!stack()->cardForBall(fifth));
-    QCOMPARE(stack()->findChildren<CardWidget*>().size(), 0);
-
-    // A wand's toggle arrives on the other ring, the same way.
-    const ArboNoteEvent wandThird{ArboPath(QStringLiteral("/5"))};
-    mPlayer.queueEventSerial(&wandThird);
-    render();
-    QTRY_VERIFY(cardOf("/5"));
-    QCOMPARE(label(cardOf("/5"), "noteLabel"), QStringLiteral("C"));
-    QCOMPARE(cardOf("/5")->note().accidental(), 1);
-    QCOMPARE(label(cardOf("/5"), "centsLabel"), QStringLiteral("-14"));
-
-    // Transposed a fifth down, the C# goes on sounding as 15/8 of the new
-    // root: its card now hangs on that ball, spelled by the walk A, D, A, C#.
-    queue(ArboEvent(ArboEvent::Transpose, -3.0f));
-    QTRY_VERIFY(cardOf("/3/5"));
-    QVERIFY(!cardOf("/5"));
-    QCOMPARE(stack()->findChildren<CardWidget*>().size(), 1);
-    QCOMPARE(label(cardOf("/3/5"), "noteLabel"), QStringLiteral("C"));
-    QCOMPARE(cardOf("/3/5")->note().accidental(), 1);
-    QCOMPARE(label(cardOf("/3/5"), "ratioLabel"), QStringLiteral("15/8"));
-    QCOMPARE(label(cardOf("/3/5"), "freqLabel"), QStringLiteral("550.000 Hz"));
-
-    // A new base frequency: the rebuilt card tells the new pitch,
-    // 432 × 2/3 × 15/8 = 540 Hz, 45 cents below C#5.
-    queue(ArboEvent(ArboEvent::BaseFrequency, 432.0f));
-    QTRY_COMPARE(mArbo.baseFrequency(), 432.0f);
-    view()->updateCardStack();
-    QCOMPARE(stack()->findChildren<CardWidget*>().size(), 1);
-    QCOMPARE(label(cardOf("/3/5"), "freqLabel"), QStringLiteral("540.000 Hz"));
-    QCOMPARE(label(cardOf("/3/5"), "centsLabel"), QStringLiteral("-45"));
-
-    // Prime 5 switched off: the note's card goes while the note plays on;
-    // switched on again, it comes back.
-    click(ballAt(view(), "/"));
-    QTRY_COMPARE(stack()->cards().size(), 2);
-    queue(ArboEvent(ArboEvent::PrimeToggle, 5.0f));
-    QTRY_VERIFY(!cardOf("/3/5"));
-    QVERIFY(ballAt(view(), "/3/5")->node()->isPlaying());
-    QVERIFY(cardOf("/"));
-    QCOMPARE(stack()->findChildren<CardWidget*>().size(), 1);
-    queue(ArboEvent(ArboEvent::PrimeToggle, 5.0f));
-    QTRY_VERIFY(cardOf("/3/5"));
-
-    // Rebuilding the scene (after a tweak) keeps the sounding notes' cards,
-    // joined to the new balls; the old ones leave nothing behind.
-    view()->buildScene(ArboLeavesWidget::Grapes);
-    QCOMPARE(stack()->cards().size(), 2);
-    QVERIFY(cardOf("/3/5") && cardOf("/"));
-    QCOMPARE(stack()->findChildren<CardWidget*>().size(), 2);
-}
-
-void TestCards::hoverRaisesAndRebuildKeepsTheOrder()
-{
-    for (const char* path : {"/", "/3", "/2"}) {
-        click(ballAt(view(), QString::fromLatin1(path)));
-        render();
-    }
-    QTRY_COMPARE(stack()->cards().size(), 3);
-    auto frontmost = [this]() {
-        const QObjectList children = stack()->children();
-        for (int i = children.size() - 1; i >= 0; --i) {
-            if (auto* card = qobject_cast<CardWidget*>(children[i])) {
-                return card;
-            }
-        }
-        return static_cast<CardWidget*>(nullptr);
-    };
-    // Piled by height, the lowest in front: the root's card lies lowest,
-    // the octave's highest.
-    QVERIFY(cardOf("/2")->y() < cardOf("/3")->y() && cardOf("/3")->y() < cardOf("/")->y());
-    QCOMPARE(cardOf("/")->cardHirarchy(), 0);
-    QCOMPARE(cardOf("/3")->cardHirarchy(), 1);
-    QCOMPARE(cardOf("/2")->cardHirarchy(), 2);
-    QCOMPARE(frontmost(), cardOf("/"));
-
-    // The mouse entering a card brings it to the front.
-    QEvent enter(QEvent::Enter);
-    QCoreApplication::sendEvent(cardOf("/2"), &enter);
-    QCOMPARE(frontmost(), cardOf("/2"));
-    QCOMPARE(cardOf("/2")->cardHirarchy(), 0);
-    QCOMPARE(cardOf("/")->cardHirarchy(), 1);
-    QCOMPARE(cardOf("/3")->cardHirarchy(), 2);
-
-    // A ball's hover raises its card through the stack.
-    click(ballAt(view(), "/3/5"));
-    QTRY_VERIFY(cardOf("/3/5"));
-    QCOMPARE(stack()->cards().size(), 4);
-    stack()->raiseCardForBall(ballAt(view(), "/3"));
-    QCOMPARE(frontmost(), cardOf("/3"));
-    QCOMPARE(cardOf("/3")->cardHirarchy(), 0);
-
-    // A rebuild keeps the order front to back.
-    QMap<int, QString> order;
-    for (auto it = stack()->cards().constBegin(); it != stack()->cards().constEnd(); ++it) {
-        order.insert(it.value()->cardHirarchy(), it.key()->node()->path().toString());
-    }
-    view()->updateCardStack();
-    QCOMPARE(frontmost(), cardOf("/3"));
-    for (auto it = order.constBegin(); it != order.constEnd(); ++it) {
-        QCOMPARE(cardOf(it.value())->cardHirarchy(), it.key());
-    }
-}
-
-void TestCards::symbolsAreRecolouredAndMissingOnesAreSurvived()
-{
-    // The seven symbols the build drew from the engraving font: each a
-    // valid SVG in black, ready to be recoloured.
-    for (int s = 0; s < CardStackWidget::SYMBOL_COUNT; ++s) {
-        const QByteArray& bytes = stack()->svg(CardStackWidget::Symbol(s));
-        QVERIFY2(bytes.contains("fill:#000000"),
-                 qPrintable(CardStackWidget::symbolFileName(CardStackWidget::Symbol(s))));
-        QSvgRenderer renderer(bytes);
-        QVERIFY(renderer.isValid());
-        QVERIFY(!renderer.viewBoxF().isEmpty());
-    }
-
-    // Black fills and strokes take the node's colour: a leaf of 7 the
-    // colour of 7, the root the root's.
-    const ArboBall* leaf = ballAt(view(), "/3/7")->node();
-    const QByteArray drawing("<path style=\"fill:#000000;stroke:#000000\"/>"
-                             "<path style=\"stroke:#000000;fill:#000000\"/>");
-    QByteArray bytes = drawing;
-    CardWidget::changeSvgColor(&bytes, leaf, false);
-    const QString seven = hex(mArbo.lookupColor(7));
-    QCOMPARE(QString::fromLatin1(bytes), QStringLiteral("<path style=\"fill:%1;stroke:%1\"/>"
-                                                        "<path style=\"stroke:%1;fill:%1\"/>")
-                                             .arg(seven));
-    bytes = drawing;
-    CardWidget::changeSvgColor(&bytes, mArbo.root(), false);
-    QVERIFY(bytes.contains(("fill:" + hex(mArbo.lookupColor(1))).toLatin1()));
-    // Transposed by 5, the largest step of the walk counts; in an absolute
-    // readout the root keeps the root's colour.
-    queue(ArboEvent(ArboEvent::Transpose, 5.0f));
-    QTRY_COMPARE(mArbo.transposeSteps().size(), 1);
-    bytes = drawing;
-    CardWidget::changeSvgColor(&bytes, mArbo.root(), false);
-    QVERIFY(bytes.contains(("fill:" + hex(mArbo.lookupColor(5))).toLatin1()));
-    bytes = drawing;
-    CardWidget::changeSvgColor(&bytes, mArbo.root(), true);
-    QVERIFY(bytes.contains(("fill:" + hex(mArbo.lookupColor(1))).toLatin1()));
-
-    // Without black, byte for byte the same.
-    const QByteArray coloured("<path style=\"fill:#00000a;stroke:#ff0000\" d=\"M0 0\"/>");
-    bytes = coloured;
-    CardWidget::changeSvgColor(&bytes, leaf, false);
-    QCOMPARE(bytes, coloured);
-
-    // The note head of a played card is drawn in its colour.
-    click(ballAt(view(), "/3/7"));
-    QTRY_VERIFY(cardOf("/3/7"));
-    QSvgWidget* head = cardOf("/3/7")->findChild<QSvgWidget*>("noteSvg");
-    const QImage image = head->grab().toImage();
-    const QColor centre = image.pixelColor(image.width() / 2, image.height() / 2);
-    QCOMPARE(hex(centre), seven);
-
-    // A missing symbol is reported and left empty...
-    const QString missing = QStringLiteral("no-such-symbol.svg");
-    QTest::ignoreMessage(
-        QtCriticalMsg,
-        qPrintable(
-            QStringLiteral("Failed to load %1/%2.").arg(Paths::resourceDir(), missing)));
-    QByteArray empty("stale");
-    QVERIFY(!CardStackWidget::loadSvgFile(missing, empty));
-    QVERIFY(empty.isEmpty());
-    // ...and a stack without any symbols still shows its cards, words only.
-    CardStackWidget bare;
-    bare.show();
-    const ArboBallWidget* ball = ballAt(view(), "/3/7");
-    bare.showCardForBall(ball);
-    CardWidget* card = bare.cardForBall(ball);
-    QVERIFY(card && card->isVisible());
-    QCOMPARE(label(card, "noteLabel"), QString(cardOf("/3/7")->note().noteLetter()));
-    QVERIFY(card->findChild<QSvgWidget*>("noteSvg")->isHidden());
-    QVERIFY(card->findChild<QSvgWidget*>("clefSvg")->isHidden());
-    bare.hideCardForBall(ball);
-    QVERIFY(bare.cards().isEmpty());
-}
 
 ARBO_TEST_MAIN(TestCards)
 
