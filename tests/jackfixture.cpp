@@ -80,12 +80,25 @@ QProcessEnvironment JackFixture::environment(QProcessEnvironment base) const
     return jackEnvironment(base, mServerName);
 }
 
-void JackFixture::applyToThisProcess() const
+namespace {
+
+void apply(const QProcessEnvironment& env)
 {
-    const QProcessEnvironment env = environment(QProcessEnvironment());
     for (const QString& key : env.keys()) {
         qputenv(key.toLocal8Bit().constData(), env.value(key).toLocal8Bit());
     }
+}
+
+} // namespace
+
+void JackFixture::applyToThisProcess() const
+{
+    apply(environment(QProcessEnvironment()));
+}
+
+void JackFixture::applyNoDeviceToThisProcess()
+{
+    apply(noDeviceEnvironment(QProcessEnvironment()));
 }
 
 QProcessEnvironment JackFixture::noDeviceEnvironment(QProcessEnvironment base)

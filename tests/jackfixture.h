@@ -78,6 +78,8 @@ public:
     // started on demand). Needs no running fixture.
     static QProcessEnvironment
     noDeviceEnvironment(QProcessEnvironment base = QProcessEnvironment::systemEnvironment());
+    // Its variables, set in this process.
+    static void applyNoDeviceToThisProcess();
 
     // Waits until a port whose name contains `pattern` exists (jack_lsp).
     bool waitForPort(const QString& pattern, int timeoutMs = 15000) const;

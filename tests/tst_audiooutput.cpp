@@ -162,8 +162,7 @@ private slots:
     // requested device and the default both fail, and nothing is selected.
     void initFailsWithoutAnyDevice()
     {
-        qputenv("JACK_DEFAULT_SERVER",
-                JackFixture::noDeviceEnvironment().value("JACK_DEFAULT_SERVER").toLocal8Bit());
+        JackFixture::applyNoDeviceToThisProcess();
         QSignalSpy selected(mOutput.get(), &AudioOutput::selectedDeviceChanged);
         QVERIFY(!mOutput->init(128, 3, &mPlayer));
         QVERIFY(mOutput->devices().isEmpty() && !mOutput->isStreamRunning());

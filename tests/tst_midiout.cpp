@@ -234,40 +234,31 @@ private slots:
     void accuracy()
     {
         // Every frequency the player plays, from 20 Hz up to what each method
-        // reaches, sweeping through ratios in small steps.
-        double worstMpe2 = 0.0;
-        double worstMpe48 = 0.0;
-        double worstMts = 0.0;
+        // reaches, sweeping through ratios in small steps. The worst errors
+        // in cents: MPE at ±2 and ±48 semitones (half a step of 48 × 100 /
+        // 8192 cents), and MTS.
+        double worst[3] = {0.0, 0.0, 0.0};
+        const auto note = [&worst](int i, double played, double wanted) {
+            worst[i] = std::max(worst[i], std::fabs(centsAboveA4(played) - centsAboveA4(wanted)));
+        };
         for (double f = 20.5; f < 12000.0; f *= 1.000713) {
-            int key = 0;
-            int bend = 0;
-            QVERIFY(MidiTuning::keyAndBend(f, 2, key, bend));
-            worstMpe2 = std::max(
-                worstMpe2,
-                std::fabs(centsAboveA4(MidiTuning::bendFrequency(key, bend, 2)) - centsAboveA4(f)));
-            QVERIFY(MidiTuning::keyAndBend(f, 48, key, bend));
-            worstMpe48 = std::max(worstMpe48,
-                                  std::fabs(centsAboveA4(MidiTuning::bendFrequency(key, bend, 48)) -
-                                            centsAboveA4(f)));
+            int key = 0, bend = 0;
             std::uint8_t word[3];
+            QVERIFY(MidiTuning::keyAndBend(f, 2, key, bend));
+            note(0, MidiTuning::bendFrequency(key, bend, 2), f);
+            QVERIFY(MidiTuning::keyAndBend(f, 48, key, bend));
+            note(1, MidiTuning::bendFrequency(key, bend, 48), f);
             QVERIFY(MidiTuning::tuningWord(f, word));
-            worstMts = std::max(worstMts, std::fabs(centsAboveA4(MidiTuning::wordFrequency(word)) -
-                                                    centsAboveA4(f)));
+            note(2, MidiTuning::wordFrequency(word), f);
         }
-        qInfo() << "worst error in cents: MPE ±2" << worstMpe2 << "MPE ±48" << worstMpe48 << "MTS"
-                << worstMts;
-        QVERIFY(worstMpe2 < 0.05);
-        QVERIFY(worstMts < 0.01);
-        QVERIFY(worstMpe48 < 0.3); // half a step of 48 × 100 / 8192 cents
+        QVERIFY2(worst[0] < 0.05 && worst[1] < 0.3 && worst[2] < 0.01,
+                 qPrintable(QString::asprintf("%g %g %g", worst[0], worst[1], worst[2])));
     }
 
     void optionsWidget()
     {
         // No MIDI system at all: a JACK server nobody serves, no ALSA device.
-        const QProcessEnvironment none = JackFixture::noDeviceEnvironment(QProcessEnvironment());
-        for (const QString& key : none.keys()) {
-            qputenv(qPrintable(key), none.value(key).toLocal8Bit());
-        }
+        JackFixture::applyNoDeviceToThisProcess();
         QVERIFY(QDir().mkpath(TestSupport::configDir()));
         MidiSettings settings;
         MidiOutput output;
@@ -282,10 +273,8 @@ private slots:
         auto* method = widget.findChild<QComboBox*>(QStringLiteral("midiMethod"));
         auto* bend = widget.findChild<QSpinBox*>(QStringLiteral("midiBendRange"));
         auto* enabled = widget.findChild<QCheckBox*>(QStringLiteral("midiEnabled"));
-        auto* port = widget.findChild<QComboBox*>(QStringLiteral("midiPort"));
-        QVERIFY(status && method && bend && enabled && port);
+        QVERIFY(status && method && bend && enabled);
         QCOMPARE(status->text(), output.status());
-        QCOMPARE(port->currentData().toString(), QString()); // the own virtual port
         QVERIFY(bend->isEnabled());
 
         QSignalSpy changed(&settings, &MidiSettings::changed);
@@ -340,33 +329,21 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= int(expected.size()), 10000);
         QCOMPARE(dump(capture.messages()), dump(expected));
 
-        // Note-offs, then "stop all": the remaining offs and all-notes-off.
-        capture.messages().clear();
-        toggle("/3");
-        queue(ArboEvent(ArboEvent::AllNotesOff, 0.0f));
-        expected.clear();
-        for (int i : {2, 0, 1, 3}) {
-            const int key = chord[size_t(2 * i + 1)][1];
-            expected.push_back({std::uint8_t(0x81 + i), std::uint8_t(key), 64});
-        }
-        for (int c = 0; c <= 15; ++c) {
-            expected.push_back(cc(c, 123, 0));
-        }
-        QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= int(expected.size()), 10000);
-        // The player ends the remaining notes in its own order; compare as sets.
-        Messages got = capture.messages();
-        QCOMPARE(got.front(), expected.front());
-        std::sort(got.begin() + 1, got.begin() + 4);
-        std::sort(expected.begin() + 1, expected.begin() + 4);
-        QCOMPARE(dump(got), dump(expected));
-
         // Switched off: the output's last word is all-notes-off on every
-        // channel; then the player's notes go nowhere, and its own sound plays.
+        // channel (the offs of "stop all" are the encoder's and the player's
+        // to check); then the player's notes go nowhere, and its own sound
+        // plays.
+        queue(ArboEvent(ArboEvent::AllNotesOff, 0.0f));
+        QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= int(expected.size()) + 20, 10000);
         capture.messages().clear();
         settings.mEnabled = false;
         QVERIFY(!output.open(settings, MidiOutput::Api::Jack));
+        expected.clear();
+        for (int c = 0; c <= 15; ++c) {
+            expected.push_back(cc(c, 123, 0));
+        }
         QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= 16, 10000);
-        QCOMPARE(dump(capture.messages()), dump(Messages(expected.begin() + 4, expected.end())));
+        QCOMPARE(dump(capture.messages()), dump(expected));
         QVERIFY(player.builtInSound());
         toggle("/7");
         queue(ArboEvent(ArboEvent::AllNotesOff, 0.0f));
@@ -385,7 +362,6 @@ private slots:
         expected = mtsSetup();
         reference.noteOn(0, frequencyOf("/11"), expected);
         reference.noteOn(1, frequencyOf("/13"), expected);
-        QCOMPARE(expected[5], mtsRetune(expected[6][1], frequencyOf("/11")));
         QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= int(expected.size()), 10000);
         // Nothing from the time it was off: the first bytes are the set-up.
         QCOMPARE(dump(capture.messages()), dump(expected));

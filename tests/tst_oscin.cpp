@@ -130,11 +130,8 @@ private slots:
     {
         TestSupport::captureLog();
         QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
-        OfflinePlayer::setUp(mPlayer, mArbo);
-        if (QTest::currentTestFailed()) {
-            return;
-        }
-        QVERIFY(PatchLoader::loadVoice(&mPlayer, TestSupport::binDir() + "/patches/Sine.pd"));
+        OfflinePlayer::setUp(mPlayer, mArbo, "Sine.pd");
+        QVERIFY(!QTest::currentTestFailed());
         QVERIFY(TestSupport::writeFile(TestSupport::configDir() + "/rfid_map.json", RFID_MAP));
         connect(
             &mPlayer, &PdPlayer::noteToggled, this,

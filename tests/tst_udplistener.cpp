@@ -67,19 +67,9 @@ private:
         QMutexLocker lock(&sMutex);
         return shared;
     }
-    // Polls `done` for up to ten seconds.
-    template <typename Done> static bool waitUntil(Done done)
-    {
-        QElapsedTimer timer;
-        timer.start();
-        while (!done() && timer.elapsed() < 10000) {
-            QThread::msleep(1);
-        }
-        return done();
-    }
     static bool waitForEvents(int count)
     {
-        return waitUntil([count] { return locked(sEvents).size() >= count; });
+        return QTest::qWaitFor([count] { return locked(sEvents).size() >= count; }, 10000);
     }
 
     // Starts `listener` on a fresh port, recording its events: a note's path
@@ -96,8 +86,9 @@ private:
             Qt::DirectConnection);
         mPort = TestSupport::freeUdpPort();
         listener.listen(mPort);
-        return waitUntil(
-            [this] { return logged(QStringLiteral("UDP socket opened on port %1").arg(mPort)); });
+        return QTest::qWaitFor(
+            [this] { return logged(QStringLiteral("UDP socket opened on port %1").arg(mPort)); },
+            10000);
     }
 
     bool send(const QByteArray& datagram)
