@@ -237,19 +237,18 @@ private slots:
             QCOMPARE(overlay->geometry(), mLayer->rect());
             QCOMPARE(overlay->connectorCount(), 3);
             const qreal scale = view()->transform().m11();
+            const auto onOverlay = [&](const QWidget* widget, const QPoint& point) {
+                return QPointF(overlay->mapFrom(mLayer.get(), widget->mapTo(mLayer.get(), point)));
+            };
             for (ArboBallWidget* ball : {top, middle, bottom}) {
                 const QLineF line = overlay->connectorLine(ball);
-                QVERIFY(!line.isNull());
-                const QPointF centre = overlay->mapFrom(
-                    mLayer.get(),
-                    view()->viewport()->mapTo(mLayer.get(), view()->mapFromScene(ball->scenePos())));
-                QVERIFY2(std::abs(QLineF(centre, line.p1()).length() - ball->playingRadius() * scale) <
-                             0.01,
-                         qPrintable(QString::number(QLineF(centre, line.p1()).length())));
+                const QPointF centre =
+                    onOverlay(view()->viewport(), view()->mapFromScene(ball->scenePos()));
+                const double fromCentre = QLineF(centre, line.p1()).length();
+                QVERIFY2(!line.isNull() && std::abs(fromCentre - ball->playingRadius() * scale) < 0.01,
+                         qPrintable(QString::number(fromCentre)));
                 const CardWidget* c = stack()->cardForBall(ball);
-                QCOMPARE(line.p2(),
-                         QPointF(overlay->mapFrom(mLayer.get(),
-                                                  c->mapTo(mLayer.get(), QPoint(0, c->height() / 2)))));
+                QCOMPARE(line.p2(), onOverlay(c, QPoint(0, c->height() / 2)));
             }
         };
         check();
@@ -380,48 +379,35 @@ private slots:
         // Black fills and strokes take the node's colour: a leaf of 7 the
         // colour of 7, the root the root's.
         const ArboBall* leaf = ballAt(view(), "/3/7")->node();
-        const QByteArray drawing("<path style=\"fill:#000000;stroke:#000000\"/>"
-                                 "<path style=\"stroke:#000000;fill:#000000\"/>");
-        QByteArray bytes = drawing;
-        CardWidget::changeSvgColor(&bytes, leaf, false);
+        const auto recoloured = [](QByteArray bytes, const ArboBall* node, bool absolute) {
+            CardWidget::changeSvgColor(&bytes, node, absolute);
+            return QString::fromLatin1(bytes);
+        };
+        const QString drawing("<path style=\"fill:%1;stroke:%1\"/><path style=\"stroke:%1;fill:%1\"/>");
+        const QByteArray black = drawing.arg("#000000").toLatin1();
         const QString seven = hex(mArbo.lookupColor(7));
-        QCOMPARE(QString::fromLatin1(bytes), QStringLiteral("<path style=\"fill:%1;stroke:%1\"/>"
-                                                            "<path style=\"stroke:%1;fill:%1\"/>")
-                                                 .arg(seven));
-        bytes = drawing;
-        CardWidget::changeSvgColor(&bytes, mArbo.root(), false);
-        QVERIFY(bytes.contains(("fill:" + hex(mArbo.lookupColor(1))).toLatin1()));
+        QCOMPARE(recoloured(black, leaf, false), drawing.arg(seven));
+        QCOMPARE(recoloured(black, mArbo.root(), false), drawing.arg(hex(mArbo.lookupColor(1))));
         // Transposed by 5, the largest step of the walk counts; in an absolute
         // readout the root keeps the root's colour.
         queue(ArboEvent(ArboEvent::Transpose, 5.0f));
         QTRY_COMPARE(mArbo.transposeSteps().size(), 1);
-        bytes = drawing;
-        CardWidget::changeSvgColor(&bytes, mArbo.root(), false);
-        QVERIFY(bytes.contains(("fill:" + hex(mArbo.lookupColor(5))).toLatin1()));
-        bytes = drawing;
-        CardWidget::changeSvgColor(&bytes, mArbo.root(), true);
-        QVERIFY(bytes.contains(("fill:" + hex(mArbo.lookupColor(1))).toLatin1()));
-
+        QCOMPARE(recoloured(black, mArbo.root(), false), drawing.arg(hex(mArbo.lookupColor(5))));
+        QCOMPARE(recoloured(black, mArbo.root(), true), drawing.arg(hex(mArbo.lookupColor(1))));
         // Without black, byte for byte the same.
         const QByteArray coloured("<path style=\"fill:#00000a;stroke:#ff0000\" d=\"M0 0\"/>");
-        bytes = coloured;
-        CardWidget::changeSvgColor(&bytes, leaf, false);
-        QCOMPARE(bytes, coloured);
+        QCOMPARE(recoloured(coloured, leaf, false), QString::fromLatin1(coloured));
 
         // The note head of a played card is drawn in its colour.
         click(ballAt(view(), "/3/7"));
         QTRY_VERIFY(cardOf("/3/7"));
-        QSvgWidget* head = cardOf("/3/7")->findChild<QSvgWidget*>("noteSvg");
-        const QImage image = head->grab().toImage();
-        const QColor centre = image.pixelColor(image.width() / 2, image.height() / 2);
-        QCOMPARE(hex(centre), seven);
+        const QImage head = cardOf("/3/7")->findChild<QSvgWidget*>("noteSvg")->grab().toImage();
+        QCOMPARE(hex(head.pixelColor(head.width() / 2, head.height() / 2)), seven);
 
         // A missing symbol is reported and left empty...
         const QString missing = QStringLiteral("no-such-symbol.svg");
-        QTest::ignoreMessage(
-            QtCriticalMsg,
-            qPrintable(
-                QStringLiteral("Failed to load %1/%2.").arg(Paths::resourceDir(), missing)));
+        QTest::ignoreMessage(QtCriticalMsg, qPrintable("Failed to load " + Paths::resourceDir() +
+                                                       "/" + missing + "."));
         QByteArray empty("stale");
         QVERIFY(!CardStackWidget::loadSvgFile(missing, empty));
         QVERIFY(empty.isEmpty());
@@ -441,11 +427,7 @@ private slots:
 
 
 private:
-    void render()
-    {
-        OfflinePlayer::render(mPlayer, OfflinePlayer::BUFFER_SECONDS);
-    }
-
+    void render() { OfflinePlayer::runBuffer(mPlayer); }
     void queue(const ArboEvent& event)
     {
         mPlayer.queueEventGui(&event);
@@ -462,10 +444,7 @@ private:
 
     CardStackWidget* stack() const { return mLayer->cardStack(); }
     ArboView* view() const { return mLayer->view(); }
-    CardWidget* cardOf(const QString& path) const
-    {
-        return stack()->cardForBall(ballAt(view(), path));
-    }
+    CardWidget* cardOf(const QString& path) const { return stack()->cardForBall(ballAt(view(), path)); }
 
     PdPlayer mPlayer;
     Arbo mArbo;
