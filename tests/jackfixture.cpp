@@ -1,8 +1,7 @@
 #include "jackfixture.h"
 
-#include "testsupport.h"
-
 #include "audioanalysis.h"
+#include "testsupport.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -50,6 +49,13 @@ QProcessEnvironment jackEnvironment(QProcessEnvironment base, const QString& ser
     return base;
 }
 
+void apply(const QProcessEnvironment& env)
+{
+    for (const QString& key : env.keys()) {
+        qputenv(key.toLocal8Bit().constData(), env.value(key).toLocal8Bit());
+    }
+}
+
 } // namespace
 
 void JackFixture::ChildProcess::setupChildProcess()
@@ -79,17 +85,6 @@ QProcessEnvironment JackFixture::environment(QProcessEnvironment base) const
 {
     return jackEnvironment(base, mServerName);
 }
-
-namespace {
-
-void apply(const QProcessEnvironment& env)
-{
-    for (const QString& key : env.keys()) {
-        qputenv(key.toLocal8Bit().constData(), env.value(key).toLocal8Bit());
-    }
-}
-
-} // namespace
 
 void JackFixture::applyToThisProcess() const
 {
@@ -227,17 +222,12 @@ bool JackFixture::capture(const QString& wavPath, double seconds)
 {
     stopProcess(mCapture);
     QFile::remove(wavPath);
-    const QStringList args{"--disable-console",
-                           "--no-stdin",
-                           "--recording-time",
-                           QString::number(seconds),
-                           "--format",
-                           "wav",
-                           "--channels",
-                           "2",
-                           "--port",
-                           PORTAUDIO_CLIENT + QStringLiteral(":out_*"),
-                           wavPath};
+    const QStringList args = QStringLiteral("--disable-console --no-stdin --recording-time %1 "
+                                            "--format wav --channels 2 --port %2:out_*")
+                                 .arg(seconds)
+                                 .arg(PORTAUDIO_CLIENT)
+                                 .split(QLatin1Char(' '))
+                             << wavPath;
     if (mServer.state() != QProcess::Running) {
         mError = QStringLiteral("no JACK server runs");
     } else if (startTool(mCapture, QStringLiteral("jack_capture"), args,

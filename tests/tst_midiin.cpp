@@ -14,7 +14,6 @@
 #include "model/arbo.h"
 #include "model/arbonoteevent.h"
 #include "offlineplayer.h"
-#include "settings/settings.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
@@ -59,7 +58,6 @@ class TestMidiIn : public QObject
 {
     Q_OBJECT
 
-    Settings mSettings;
     PdPlayer mPlayer;
     Arbo mArbo;
     // What the player's signals reported, on this thread: notes ("1/1 on"),
@@ -86,18 +84,14 @@ private slots:
         OfflinePlayer::setUp(mPlayer, mArbo, "Sine.pd");
         QVERIFY(!QTest::currentTestFailed());
         // Queued: the player emits on the audio thread.
-        connect(
-            &mPlayer, &PdPlayer::noteToggled, this,
-            [this](const ArboRatio& ratio, bool on) {
-                mNotes << ratio.toString() + (on ? QStringLiteral(" on") : QStringLiteral(" off"));
-            },
-            Qt::QueuedConnection);
-        connect(
-            &mPlayer, &PdPlayer::volumeChanged, this, [this](float v) { mVolumes << v; },
-            Qt::QueuedConnection);
-        connect(
-            &mPlayer, &PdPlayer::voiceVolumeChanged, this, [this](float v) { mVoiceVolumes << v; },
-            Qt::QueuedConnection);
+        const auto note = [this](const ArboRatio& ratio, bool on) {
+            mNotes << ratio.toString() + (on ? " on" : " off");
+        };
+        const auto queued = Qt::QueuedConnection;
+        connect(&mPlayer, &PdPlayer::noteToggled, this, note, queued);
+        connect(&mPlayer, &PdPlayer::volumeChanged, this, [this](float v) { mVolumes << v; }, queued);
+        connect(&mPlayer, &PdPlayer::voiceVolumeChanged, this, [this](float v) { mVoiceVolumes << v; },
+                queued);
     }
 
     void parser_data()
@@ -105,29 +99,25 @@ private slots:
         QTest::addColumn<QByteArray>("bytes");
         QTest::addColumn<QString>("messages");
         QTest::addColumn<int>("malformed");
-        QTest::newRow("note on, off")
-            << QByteArray("904564 804540") << "on 0 69 100|off 0 69 64" << 0;
-        QTest::newRow("running status, velocity 0 is off")
-            << QByteArray("9345644764 4500 4700") << "on 3 69 100|on 3 71 100|off 3 69 0|off 3 71 0"
-            << 0;
-        QTest::newRow("real-time inside messages") << QByteArray("90f845fe64 fab0 07f9 7f ff 4500")
-                                                   << "on 0 69 100|cc 0 7 127|cc 0 69 0" << 0;
-        QTest::newRow("all channel voice messages")
-            << QByteArray("af4001 c205 d340 e40040 8f0000")
-            << "poly 15 64 1|program 2 5 0|pressure 3 64 0|bend 4 0 64|off 15 0 0" << 0;
-        QTest::newRow("SysEx skipped, running status cancelled")
-            << QByteArray("904564 f07e0045 90 f7 4564 b0077f") << "on 0 69 100|cc 0 7 127" << 2;
-        QTest::newRow("SysEx ended by a status byte")
-            << QByteArray("f0010203 904564") << "on 0 69 100" << 0;
-        QTest::newRow("system common with data bytes")
-            << QByteArray("f145 b00740 f20102 0741 f305 f6 45 f4 f5 45") << "cc 0 7 64" << 4;
-        QTest::newRow("stray end of SysEx cancels running status")
-            << QByteArray("904564 f7 4564") << "on 0 69 100" << 2;
-        QTest::newRow("data without status") << QByteArray("4564 904564") << "on 0 69 100" << 2;
-        QTest::newRow("status abandons a partial message")
-            << QByteArray("9045 b10740 c1") << "cc 1 7 64" << 1;
-        QTest::newRow("real-time between status and data")
-            << QByteArray("f1 f8 10 90 f8 45 64") << "on 0 69 100" << 0;
+        const auto row = [](const char* name, const char* bytes, const char* messages, int malformed) {
+            QTest::newRow(name) << QByteArray(bytes) << QString(messages) << malformed;
+        };
+        row("note on, off", "904564 804540", "on 0 69 100|off 0 69 64", 0);
+        row("running status, velocity 0 is off",
+            "9345644764 4500 4700", "on 3 69 100|on 3 71 100|off 3 69 0|off 3 71 0", 0);
+        row("real-time inside messages",
+            "90f845fe64 fab0 07f9 7f ff 4500", "on 0 69 100|cc 0 7 127|cc 0 69 0", 0);
+        row("all channel voice messages", "af4001 c205 d340 e40040 8f0000",
+            "poly 15 64 1|program 2 5 0|pressure 3 64 0|bend 4 0 64|off 15 0 0", 0);
+        row("SysEx skipped, running status cancelled",
+            "904564 f07e0045 90 f7 4564 b0077f", "on 0 69 100|cc 0 7 127", 2);
+        row("SysEx ended by a status byte", "f0010203 904564", "on 0 69 100", 0);
+        row("system common with data bytes",
+            "f145 b00740 f20102 0741 f305 f6 45 f4 f5 45", "cc 0 7 64", 4);
+        row("stray end of SysEx cancels running status", "904564 f7 4564", "on 0 69 100", 2);
+        row("data without status", "4564 904564", "on 0 69 100", 2);
+        row("status abandons a partial message", "9045 b10740 c1", "cc 1 7 64", 1);
+        row("real-time between status and data", "f1 f8 10 90 f8 45 64", "on 0 69 100", 0);
     }
 
     void parser()
@@ -142,11 +132,8 @@ private slots:
         QStringList got;
         for (const char byte : QByteArray::fromHex(bytes.replace(' ', ""))) {
             if (parser.feed(std::uint8_t(byte), m)) {
-                got << QStringLiteral("%1 %2 %3 %4")
-                           .arg(QLatin1String(names[(m.type >> 4) - 8]))
-                           .arg(m.channel)
-                           .arg(m.data1)
-                           .arg(m.data2);
+                got << QString::asprintf("%s %d %d %d", names[(m.type >> 4) - 8], m.channel,
+                                         m.data1, m.data2);
             }
         }
         QCOMPARE(got.join(QLatin1Char('|')), messages);

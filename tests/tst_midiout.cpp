@@ -64,18 +64,9 @@ Bytes mpeBend(int channel, double frequency, int range, int* key)
 Bytes mtsRetune(int key, double frequency)
 {
     const long units = long(std::floor((6900.0 + centsAboveA4(frequency)) * 16384.0 / 100.0 + 0.5));
-    return {0xf0,
-            0x7f,
-            0x7f,
-            0x08,
-            0x02,
-            0x00,
-            0x01,
-            std::uint8_t(key),
-            std::uint8_t(units / 16384),
-            std::uint8_t((units / 128) % 128),
-            std::uint8_t(units % 128),
-            0xf7};
+    const auto byte = [](long value) { return std::uint8_t(value); };
+    return {0xf0, 0x7f, 0x7f, 0x08, 0x02, 0x00, 0x01, byte(key), byte(units / 16384),
+            byte(units / 128 % 128), byte(units % 128), 0xf7};
 }
 
 Bytes cc(int channel, int controller, int value)
@@ -294,8 +285,7 @@ private slots:
 
     void jackEndToEnd()
     {
-        const QString missing = JackFixture::missingTools();
-        QVERIFY2(missing.isEmpty(), qPrintable(missing));
+        QVERIFY2(JackFixture::missingTools().isEmpty(), qPrintable(JackFixture::missingTools()));
         JackFixture jack;
         QVERIFY2(jack.start(), qPrintable(jack.error()));
         jack.applyToThisProcess();
