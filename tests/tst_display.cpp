@@ -1,30 +1,38 @@
-// The lattice display with real widgets (offscreen), the real lattice, and the
-// real player and Sine patch. The test thread plays the audio thread: it
-// drains the player's command buffers and runs libpd in 256-frame buffers, as
-// the audio callback does.
+// The lattice display and its note cards with real widgets (offscreen) in a
+// real lattice layer, the real lattice, and the real player with the Sine
+// patch driven offline: the test thread drains the player's command buffers
+// and runs libpd as the audio callback would, so notes start and stop exactly
+// as in the program.
 
 #include "display/arboballwidget.h"
+#include "display/arbolayer.h"
 #include "display/arbostrutwidget.h"
 #include "display/arboview.h"
 #include "display/arbowidget.h"
+#include "display/cardconnectoroverlay.h"
+#include "display/cardstackwidget.h"
+#include "display/cardwidget.h"
 #include "display/layoutconstants.h"
-#include "model/arboevent.h"
 #include "model/arbo.h"
+#include "model/arboball.h"
+#include "model/arboevent.h"
+#include "model/arbonoteevent.h"
 #include "offlineplayer.h"
 #include "settings/paths.h"
 #include "settings/settings.h"
-#include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
 #include "ui/mainwindow.h"
 
-#include <QDir>
 #include <QGraphicsEllipseItem>
 #include <QLabel>
 #include <QSignalSpy>
 #include <QStackedWidget>
+#include <QSvgRenderer>
+#include <QSvgWidget>
 
 #include <cmath>
+#include <memory>
 
 namespace {
 
@@ -33,6 +41,33 @@ using TestSupport::ballAt;
 #define COMPARE_POINT(actual, expected)                                                            \
     QVERIFY2(QLineF(actual, expected).length() < 0.01,                                             \
              qPrintable(QStringLiteral("(%1, %2)").arg((actual).x()).arg((actual).y())))
+
+QString label(const CardWidget* card, const char* name)
+{
+    auto* found = card->findChild<QLabel*>(QString::fromLatin1(name));
+    return found ? found->text() : QStringLiteral("<no %1>").arg(QLatin1String(name));
+}
+
+// What a card reads: note, octave, cents, frequency and ratio.
+QString readout(const CardWidget* card)
+{
+    QStringList parts;
+    for (const char* name : {"noteLabel", "octaveLabel", "centsLabel", "freqLabel", "ratioLabel"}) {
+        parts << label(card, name);
+    }
+    return parts.join(QLatin1Char(' '));
+}
+
+bool labelShown(const CardWidget* card, const char* name)
+{
+    auto* found = card->findChild<QLabel*>(QString::fromLatin1(name));
+    return found && !found->isHidden();
+}
+
+QString hex(const QColor& color)
+{
+    return color.name(QColor::HexRgb);
+}
 
 } // namespace
 
@@ -45,6 +80,9 @@ private slots:
     {
         OfflinePlayer::setUp(mPlayer, mArbo, "Sine.pd");
         QVERIFY(!QTest::currentTestFailed());
+        connect(&mPlayer, &PdPlayer::noteToggled, this, [this](const ArboRatio& ratio, bool on) {
+            mToggles << ratio.toString() + (on ? " on" : " off");
+        });
     }
 
     void init()
@@ -52,24 +90,350 @@ private slots:
         LayoutConstants::resetToDefaults();
         ArboLeavesWidget::clearPositionTables();
         mSettings.mAbsRelView = 0;
+        buildView(ArboLeavesWidget::Grapes);
+        mToggles.clear();
     }
 
     void cleanup()
     {
-        delete mView;
-        mView = nullptr;
-        const ArboEvent stopAll(ArboEvent::AllNotesOff, 1.0f);
-        const ArboEvent untranspose(ArboEvent::Transpose, 0.0f);
-        mPlayer.queueEventGui(&stopAll);
-        mPlayer.queueEventGui(&untranspose);
-        render();
-        QTRY_VERIFY(mArbo.playingRatios().isEmpty() && mArbo.transposeSteps().isEmpty());
+        queue(ArboEvent(ArboEvent::AllNotesOff, 1.0f));
+        queue(ArboEvent(ArboEvent::Transpose, 0.0f));
+        queue(ArboEvent(ArboEvent::BaseFrequency, 440.0f));
+        QTRY_VERIFY(mArbo.playingRatios().isEmpty() && mArbo.transposeSteps().isEmpty() &&
+                    mArbo.baseFrequency() == 440.0f);
+        QTRY_VERIFY(stack()->cards().isEmpty());
+        mLayer.reset();
     }
 
+    void rootAndFifthReadAsNotes()
+    {
+        ArboBallWidget* rootBall = ballAt(view(), "/");
+        ArboBallWidget* fifthBall = ballAt(view(), "/3");
+        click(rootBall);
+        click(fifthBall);
+        QTRY_COMPARE(stack()->cards().size(), 2);
+
+        // The root at 440 Hz, named "A 4".
+        CardWidget* root = stack()->cardForBall(rootBall);
+        QVERIFY(root && root->isVisible());
+        QCOMPARE(readout(root), QStringLiteral("A 4 0 440.000 Hz 1/1"));
+        QVERIFY(!labelShown(root, "enharmonicLabel"));
+        QVERIFY(!labelShown(root, "octaveShiftLabel"));
+        QVERIFY(root->isTreble());
+        // No accidental for a natural; clef and note head drawn.
+        QVERIFY(root->findChild<QSvgWidget*>("accidentalSvg")->isHidden());
+        QVERIFY(root->findChild<QSvgWidget*>("clefSvg")->isVisible());
+        QVERIFY(root->findChild<QSvgWidget*>("noteSvg")->isVisible());
+
+        // The just fifth, 1.955 cents above E5 (the spelling and cents of
+        // whole lattice paths are checked in the notation test).
+        QCOMPARE(readout(stack()->cardForBall(fifthBall)), QStringLiteral("E 5 +2 660.000 Hz 3/2"));
+
+        // Transposed a fifth up, the cards hang on the balls that now stand for
+        // the sounding pitches (followed through in playerStartsStopsAndRespellsCards);
+        // the readout mode chooses the ratio's form, once the cards are rebuilt.
+        queue(ArboEvent(ArboEvent::Transpose, 3.0f));
+        QTRY_VERIFY(cardOf("/-3") && cardOf("/"));
+        QCOMPARE(label(cardOf("/-3"), "ratioLabel"), QStringLiteral("2/3"));
+        mSettings.mAbsRelView = 1;
+        view()->updateCardStack();
+        QCOMPARE(label(cardOf("/-3"), "ratioLabel"), QStringLiteral("1/1"));
+        QCOMPARE(label(cardOf("/"), "ratioLabel"), QStringLiteral("3/2"));
+        mSettings.mAbsRelView = 0;
+        view()->updateCardStack();
+        QCOMPARE(label(cardOf("/"), "ratioLabel"), QStringLiteral("1/1"));
+    }
+
+    void staffClefsLedgersAndOctaveMarks()
+    {
+        // Cards for nodes made here, of the test's lattice. A3 (octave 3) takes
+        // the bass clef, A4 the treble.
+        auto cardFor = [this](const QString& path) {
+            auto node = std::make_shared<ArboBall>(ArboPath(path), QColor(Qt::red), mArbo.root());
+            auto card = std::make_shared<CardWidget>(node.get(), mSettings, stack());
+            card->adjustSize();
+            card->show();
+            return std::make_pair(node, card);
+        };
+        const auto a3 = cardFor("/-2");
+        QVERIFY(!a3.second->isTreble());
+        QCOMPARE(a3.second->staffPosition(), 0.0f);
+        const auto a4 = cardFor("/");
+        QVERIFY(a4.second->isTreble());
+
+        // The note head sits on its position, positions counted from the top
+        // line down: A4 between the second and third lines from the bottom.
+        const CardWidget* card = a4.second.get();
+        const QList<int> lines = card->staffLines();
+        QVERIFY(card->ledgerLines().isEmpty());
+        QCOMPARE(card->staffPosition(), 2.5f);
+        QCOMPARE(card->noteHeadCentre().y(), (lines[2] + lines[3]) / 2.0);
+
+        // 55 Hz (A1) lies further below than the card has room for and is
+        // drawn an octave up, in the bass staff's lowest space.
+        const auto a1 = cardFor("/-2/-2/-2");
+        QCOMPARE(a1.second->octaveShift(), -1);
+        QCOMPARE(label(a1.second.get(), "octaveShiftLabel"), QStringLiteral("8"));
+        QVERIFY(labelShown(a1.second.get(), "octaveShiftLabel"));
+        QCOMPARE(a1.second->staffPosition(), 3.5f);
+
+        // Three fifths down and an octave up from A4 (260.7 Hz, C4 -6 cents)
+        // sits on one ledger line below the treble staff.
+        const auto c4 = cardFor("/-3/-3/-3/2");
+        QCOMPARE(label(c4.second.get(), "noteLabel"), QStringLiteral("C"));
+        QCOMPARE(c4.second->staffPosition(), 5.0f);
+        QCOMPARE(c4.second->ledgerLines(), QList<int>{lines[4] + CardWidget::LINE_SPACING});
+
+        // Two octaves above A5 (A7, 3520 Hz) is drawn two octaves down: "15".
+        const auto a7 = cardFor("/2/2/2");
+        QCOMPARE(a7.second->octaveShift(), 2);
+        QCOMPARE(label(a7.second.get(), "octaveShiftLabel"), QStringLiteral("15"));
+        QCOMPARE(a7.second->staffPosition(), -1.0f);
+        QCOMPARE(a7.second->ledgerLines(), QList<int>{lines[0] - CardWidget::LINE_SPACING});
+
+        // An accidental is drawn left of the note head: 5/4 above A4 is C#5.
+        const auto cSharp = cardFor("/5");
+        QCOMPARE(cSharp.second->note().accidental(), 1);
+        const QRect sharp = cSharp.second->findChild<QSvgWidget*>("accidentalSvg")->geometry();
+        const QRect sharpHead = cSharp.second->findChild<QSvgWidget*>("noteSvg")->geometry();
+        QVERIFY(!cSharp.second->findChild<QSvgWidget*>("accidentalSvg")->isHidden());
+        QVERIFY(sharp.right() < sharpHead.left());
+        QVERIFY(std::abs(sharp.center().y() - sharpHead.center().y()) <= 1);
+    }
+
+    void cardsFollowTheirBallsAndStayInsideTheView()
+    {
+        // The highest, a middle and the lowest ball.
+        ArboBallWidget* top = nullptr;
+        ArboBallWidget* bottom = nullptr;
+        for (ArboBallWidget* ball : view()->arboWidget()->balls()) {
+            if (!top || ball->scenePos().y() < top->scenePos().y()) {
+                top = ball;
+            }
+            if (!bottom || ball->scenePos().y() > bottom->scenePos().y()) {
+                bottom = ball;
+            }
+        }
+        ArboBallWidget* middle = ballAt(view(), "/");
+        for (ArboBallWidget* ball : {top, middle, bottom}) {
+            click(ball);
+        }
+        QTRY_COMPARE(stack()->cards().size(), 3);
+
+        auto check = [this, top, middle, bottom]() {
+            const int viewHeight = view()->height();
+            // Level with the ball where there is room.
+            const CardWidget* card = stack()->cardForBall(middle);
+            const int ballY = view()->mapFromScene(middle->scenePos()).y();
+            QCOMPARE(card->y(), ballY - card->height() / 2);
+            // Near the bottom: held 12 units above the view's bottom edge.
+            card = stack()->cardForBall(bottom);
+            const int lowY = view()->mapFromScene(bottom->scenePos()).y();
+            QVERIFY(lowY + card->height() / 2 > viewHeight - 12);
+            QCOMPARE(card->y() + card->height(), viewHeight - 12);
+            // Near the top: not above the view.
+            card = stack()->cardForBall(top);
+            QVERIFY(view()->mapFromScene(top->scenePos()).y() - card->height() / 2 < 0);
+            QCOMPARE(card->y(), 0);
+
+            // Each connector runs from the rim of its playing ball to the middle
+            // of its card's left edge.
+            const CardConnectorOverlay* overlay =
+                mLayer->findChild<CardConnectorOverlay*>(QString(), Qt::FindDirectChildrenOnly);
+            QVERIFY(overlay);
+            QCOMPARE(overlay->geometry(), mLayer->rect());
+            QCOMPARE(overlay->connectorCount(), 3);
+            const qreal scale = view()->transform().m11();
+            const auto onOverlay = [&](const QWidget* widget, const QPoint& point) {
+                return QPointF(overlay->mapFrom(mLayer.get(), widget->mapTo(mLayer.get(), point)));
+            };
+            for (ArboBallWidget* ball : {top, middle, bottom}) {
+                const QLineF line = overlay->connectorLine(ball);
+                const QPointF centre =
+                    onOverlay(view()->viewport(), view()->mapFromScene(ball->scenePos()));
+                const double fromCentre = QLineF(centre, line.p1()).length();
+                QVERIFY2(!line.isNull() && std::abs(fromCentre - ball->playingRadius() * scale) < 0.01,
+                         qPrintable(QString::number(fromCentre)));
+                const CardWidget* c = stack()->cardForBall(ball);
+                QCOMPARE(line.p2(), onOverlay(c, QPoint(0, c->height() / 2)));
+            }
+        };
+        check();
+        // Resized, the lattice is fitted anew; cards and lines follow.
+        mLayer->resize(900, 520);
+        QTRY_COMPARE(view()->height(), 520 - 12);
+        check();
+    }
+
+    void playerStartsStopsAndRespellsCards()
+    {
+        // A click starts the note and its card; a second click removes both.
+        ArboBallWidget* fifth = ballAt(view(), "/3");
+        click(fifth);
+        QTRY_VERIFY(stack()->cardForBall(fifth));
+        click(fifth);
+        QTRY_VERIFY(!fifth->node()->isPlaying());
+        QVERIFY(!stack()->cardForBall(fifth));
+        QCOMPARE(stack()->findChildren<CardWidget*>().size(), 0);
+
+        // A wand's toggle arrives on the other ring, the same way.
+        const ArboNoteEvent wandThird{ArboPath(QStringLiteral("/5"))};
+        mPlayer.queueEventSerial(&wandThird);
+        render();
+        QTRY_VERIFY(cardOf("/5"));
+        QCOMPARE(readout(cardOf("/5")), QStringLiteral("C 5 -14 550.000 Hz 5/4"));
+
+        // Transposed a fifth down, the C# goes on sounding as 15/8 of the new
+        // root: its card now hangs on that ball, spelled by the walk A, D, A, C#.
+        queue(ArboEvent(ArboEvent::Transpose, -3.0f));
+        QTRY_VERIFY(cardOf("/3/5"));
+        QVERIFY(!cardOf("/5"));
+        QCOMPARE(stack()->findChildren<CardWidget*>().size(), 1);
+        QCOMPARE(readout(cardOf("/3/5")), QStringLiteral("C 5 -14 550.000 Hz 15/8"));
+        QCOMPARE(cardOf("/3/5")->note().accidental(), 1);
+
+        // A new base frequency: the rebuilt card tells the new pitch,
+        // 432 × 2/3 × 15/8 = 540 Hz, 45 cents below C#5.
+        queue(ArboEvent(ArboEvent::BaseFrequency, 432.0f));
+        QTRY_COMPARE(mArbo.baseFrequency(), 432.0f);
+        view()->updateCardStack();
+        QCOMPARE(stack()->findChildren<CardWidget*>().size(), 1);
+        QCOMPARE(readout(cardOf("/3/5")), QStringLiteral("C 5 -45 540.000 Hz 15/8"));
+
+        // Prime 5 switched off: the note's card goes while the note plays on;
+        // switched on again, it comes back.
+        click(ballAt(view(), "/"));
+        QTRY_COMPARE(stack()->cards().size(), 2);
+        queue(ArboEvent(ArboEvent::PrimeToggle, 5.0f));
+        QTRY_VERIFY(!cardOf("/3/5"));
+        QVERIFY(ballAt(view(), "/3/5")->node()->isPlaying());
+        QVERIFY(cardOf("/"));
+        QCOMPARE(stack()->findChildren<CardWidget*>().size(), 1);
+        queue(ArboEvent(ArboEvent::PrimeToggle, 5.0f));
+        QTRY_VERIFY(cardOf("/3/5"));
+
+        // Rebuilding the scene (after a tweak) keeps the sounding notes' cards,
+        // joined to the new balls; the old ones leave nothing behind.
+        view()->buildScene(ArboLeavesWidget::Grapes);
+        QCOMPARE(stack()->cards().size(), 2);
+        QVERIFY(cardOf("/3/5") && cardOf("/"));
+        QCOMPARE(stack()->findChildren<CardWidget*>().size(), 2);
+    }
+
+    void hoverRaisesAndRebuildKeepsTheOrder()
+    {
+        for (const char* path : {"/", "/3", "/2"}) {
+            click(ballAt(view(), QString::fromLatin1(path)));
+            render();
+        }
+        QTRY_COMPARE(stack()->cards().size(), 3);
+        auto frontmost = [this]() {
+            const QObjectList children = stack()->children();
+            for (int i = children.size() - 1; i >= 0; --i) {
+                if (auto* card = qobject_cast<CardWidget*>(children[i])) {
+                    return card;
+                }
+            }
+            return static_cast<CardWidget*>(nullptr);
+        };
+        // Piled by height, the lowest in front: the root's card lies lowest,
+        // the octave's highest.
+        QVERIFY(cardOf("/2")->y() < cardOf("/3")->y() && cardOf("/3")->y() < cardOf("/")->y());
+        QCOMPARE(cardOf("/")->cardHirarchy(), 0);
+        QCOMPARE(cardOf("/3")->cardHirarchy(), 1);
+        QCOMPARE(cardOf("/2")->cardHirarchy(), 2);
+        QCOMPARE(frontmost(), cardOf("/"));
+
+        // The mouse entering a card brings it to the front.
+        QEvent enter(QEvent::Enter);
+        QCoreApplication::sendEvent(cardOf("/2"), &enter);
+        QCOMPARE(frontmost(), cardOf("/2"));
+        QCOMPARE(cardOf("/")->cardHirarchy(), 1);
+
+        // A ball's hover raises its card through the stack.
+        click(ballAt(view(), "/3/5"));
+        QTRY_VERIFY(cardOf("/3/5"));
+        QCOMPARE(stack()->cards().size(), 4);
+        stack()->raiseCardForBall(ballAt(view(), "/3"));
+        QCOMPARE(frontmost(), cardOf("/3"));
+        QCOMPARE(cardOf("/3")->cardHirarchy(), 0);
+
+        // A rebuild keeps the order front to back.
+        QMap<int, QString> order;
+        for (auto it = stack()->cards().constBegin(); it != stack()->cards().constEnd(); ++it) {
+            order.insert(it.value()->cardHirarchy(), it.key()->node()->path().toString());
+        }
+        view()->updateCardStack();
+        QCOMPARE(frontmost(), cardOf("/3"));
+        for (auto it = order.constBegin(); it != order.constEnd(); ++it) {
+            QCOMPARE(cardOf(it.value())->cardHirarchy(), it.key());
+        }
+    }
+
+    void symbolsAreRecolouredAndMissingOnesAreSurvived()
+    {
+        // The seven symbols the build drew from the engraving font: each a
+        // valid SVG in black, ready to be recoloured.
+        for (int s = 0; s < CardStackWidget::SYMBOL_COUNT; ++s) {
+            const QByteArray& bytes = stack()->svg(CardStackWidget::Symbol(s));
+            QVERIFY2(bytes.contains("fill:#000000"),
+                     qPrintable(CardStackWidget::symbolFileName(CardStackWidget::Symbol(s))));
+            QSvgRenderer renderer(bytes);
+            QVERIFY(renderer.isValid());
+            QVERIFY(!renderer.viewBoxF().isEmpty());
+        }
+
+        // Black fills and strokes take the node's colour: a leaf of 7 the
+        // colour of 7, the root the root's.
+        const ArboBall* leaf = ballAt(view(), "/3/7")->node();
+        const auto recoloured = [](QByteArray bytes, const ArboBall* node, bool absolute) {
+            CardWidget::changeSvgColor(&bytes, node, absolute);
+            return QString::fromLatin1(bytes);
+        };
+        const QString drawing("<path style=\"fill:%1;stroke:%1\"/><path style=\"stroke:%1;fill:%1\"/>");
+        const QByteArray black = drawing.arg("#000000").toLatin1();
+        const QString seven = hex(mArbo.lookupColor(7));
+        QCOMPARE(recoloured(black, leaf, false), drawing.arg(seven));
+        QCOMPARE(recoloured(black, mArbo.root(), false), drawing.arg(hex(mArbo.lookupColor(1))));
+        // Transposed by 5, the largest step of the walk counts; in an absolute
+        // readout the root keeps the root's colour.
+        queue(ArboEvent(ArboEvent::Transpose, 5.0f));
+        QTRY_COMPARE(mArbo.transposeSteps().size(), 1);
+        QCOMPARE(recoloured(black, mArbo.root(), false), drawing.arg(hex(mArbo.lookupColor(5))));
+        QCOMPARE(recoloured(black, mArbo.root(), true), drawing.arg(hex(mArbo.lookupColor(1))));
+        // Without black, byte for byte the same.
+        const QByteArray coloured("<path style=\"fill:#00000a;stroke:#ff0000\" d=\"M0 0\"/>");
+        QCOMPARE(recoloured(coloured, leaf, false), QString::fromLatin1(coloured));
+
+        // The note head of a played card is drawn in its colour.
+        click(ballAt(view(), "/3/7"));
+        QTRY_VERIFY(cardOf("/3/7"));
+        const QImage head = cardOf("/3/7")->findChild<QSvgWidget*>("noteSvg")->grab().toImage();
+        QCOMPARE(hex(head.pixelColor(head.width() / 2, head.height() / 2)), seven);
+
+        // A missing symbol is reported and left empty...
+        const QString missing = QStringLiteral("no-such-symbol.svg");
+        QTest::ignoreMessage(QtCriticalMsg, qPrintable("Failed to load " + Paths::resourceDir() +
+                                                       "/" + missing + "."));
+        QByteArray empty("stale");
+        QVERIFY(!CardStackWidget::loadSvgFile(missing, empty));
+        QVERIFY(empty.isEmpty());
+        // ...and a stack without any symbols still shows its cards, words only.
+        CardStackWidget bare;
+        bare.show();
+        const ArboBallWidget* ball = ballAt(view(), "/3/7");
+        bare.showCardForBall(ball);
+        CardWidget* card = bare.cardForBall(ball);
+        QVERIFY(card && card->isVisible());
+        QCOMPARE(label(card, "noteLabel"), QString(cardOf("/3/7")->note().noteLetter()));
+        QVERIFY(card->findChild<QSvgWidget*>("noteSvg")->isHidden());
+        QVERIFY(card->findChild<QSvgWidget*>("clefSvg")->isHidden());
+        bare.hideCardForBall(ball);
+        QVERIFY(bare.cards().isEmpty());
+    }
 
     void latticeFitsTheViewAndFollowsItsConstants()
     {
-        buildView(ArboLeavesWidget::Grapes);
         const QList<ArboBallWidget*>& balls = mView->arboWidget()->balls();
         // The root last, drawn over its branches and leaves.
         QCOMPARE(balls.last()->node(), mArbo.root());
@@ -100,42 +464,22 @@ private slots:
 
     void clickPlaysTheBallsNoteAndClickAgainStopsIt()
     {
-        buildView(ArboLeavesWidget::Grapes);
-        ArboBallWidget* fifth = ballAt(mView, "/3");
-        QSignalSpy toggled(&mPlayer, &PdPlayer::noteToggled);
-
         // A click on the main ball plays its ratio (the player's tests measure
-        // the pitch of a ratio); the engine's answer lights the ball.
-        click(fifth);
-        render();
-        QCOMPARE(toggled.size(), 1);
-        QCOMPARE(toggled.at(0).at(0).value<ArboRatio>(), ArboRatio(3, 2));
-        QTRY_VERIFY(fifth->node()->isPlaying());
-        QVERIFY(fifth->glow()->isVisible());
-
-        // A leaf inside its cluster: 3/2 × 5/4.
+        // the pitch of a ratio); the engine's answer lights the ball. A leaf
+        // inside its cluster: 3/2 × 5/4. Right and middle clicks toggle
+        // nothing; clicked again, both stop.
+        ArboBallWidget* fifth = ballAt(mView, "/3");
         ArboBallWidget* leaf = ballAt(mView, "/3/5");
+        click(fifth);
+        QTRY_VERIFY(fifth->node()->isPlaying() && fifth->glow()->isVisible());
         click(leaf);
-        render();
-        QCOMPARE(toggled.size(), 2);
-        QCOMPARE(toggled.at(1).at(0).value<ArboRatio>(), ArboRatio(15, 8));
         QTRY_VERIFY(leaf->node()->isPlaying());
-
-        // Right and middle clicks, and the double click's second press, toggle
-        // nothing.
         click(fifth, Qt::RightButton);
         click(fifth, Qt::MiddleButton);
-        render();
-        QCOMPARE(toggled.size(), 2);
-        QCOMPARE(mPlayer.soundingNoteCount(), 2);
-
-        // Clicked again, both stop.
+        QCOMPARE(mToggles, (QStringList{"3/2 on", "15/8 on"}));
         click(fifth);
         click(leaf);
-        render();
-        QCOMPARE(toggled.size(), 4);
-        QCOMPARE(toggled.at(2).at(1).toBool(), false);
-        QCOMPARE(toggled.at(3).at(1).toBool(), false);
+        QCOMPARE(mToggles, (QStringList{"3/2 on", "15/8 on", "3/2 off", "15/8 off"}));
         QTRY_VERIFY(!fifth->node()->isPlaying() && !leaf->node()->isPlaying());
         QVERIFY(!fifth->glow()->isVisible());
 
@@ -143,7 +487,7 @@ private slots:
         QTest::mouseDClick(mView->viewport(), Qt::LeftButton, Qt::NoModifier,
                            mView->mapFromScene(fifth->scenePos()));
         render();
-        QCOMPARE(toggled.size(), 5);
+        QCOMPARE(mToggles.size(), 5);
     }
 
     void colourRules()
@@ -199,7 +543,6 @@ private slots:
 
     void disabledPrimeHidesBallsAndStruts()
     {
-        buildView(ArboLeavesWidget::Grapes);
         ArboBallWidget* fifth = ballAt(mView, "/3");
         QList<ArboStrutWidget*> fifthStruts = fifth->struts();
         QVERIFY(fifthStruts.size() >= 2);
@@ -207,9 +550,7 @@ private slots:
         // Prime 3 off: every node reached by a step of 3 goes, with all of its
         // struts, even those whose other end (the root) stays. (Which balls
         // stay is the main window test's.)
-        const ArboEvent primeThree(ArboEvent::PrimeToggle, 3.0f);
-        mPlayer.queueEventGui(&primeThree);
-        render();
+        queue(ArboEvent(ArboEvent::PrimeToggle, 3.0f));
         QTRY_VERIFY(!fifth->isVisible());
         for (ArboStrutWidget* strut : fifthStruts) {
             QVERIFY(!strut->isVisible());
@@ -217,13 +558,10 @@ private slots:
         QVERIFY(ballAt(mView, "/")->isVisible() && !ballAt(mView, "/2/3/3")->isVisible());
 
         // A hidden ball takes no click: the click falls on the empty view.
-        QSignalSpy toggled(&mPlayer, &PdPlayer::noteToggled);
         click(fifth);
-        render();
-        QCOMPARE(toggled.size(), 0);
+        QVERIFY(mToggles.isEmpty());
 
-        mPlayer.queueEventGui(&primeThree);
-        render();
+        queue(ArboEvent(ArboEvent::PrimeToggle, 3.0f));
         QTRY_VERIFY(fifth->isVisible());
         for (ArboStrutWidget* strut : fifthStruts) {
             QVERIFY(strut->isVisible());
@@ -263,52 +601,53 @@ private slots:
         const QPoint point = mView->viewport()->mapTo(&window, mView->mapFromScene(fifth->scenePos()));
         QCOMPARE(window.childAt(point), mView->viewport());
         click(fifth);
-        render();
         QTRY_VERIFY(fifth->glow()->isVisible());
         auto* grapes = stack->widget(1)->findChild<ArboView*>();
         QVERIFY(ballAt(grapes, "/3")->glow()->isVisible());
-        mView = nullptr; // the window's own
     }
-
 
 private:
+    // A lattice layer (the view and its cards) drawn in `style`.
     void buildView(ArboLeavesWidget::View style)
     {
-        delete mView;
-        mView = new ArboView;
-        mView->init(style, &mArbo, nullptr, &mPlayer, mSettings);
-        mView->resize(900, 700);
-        mView->show();
-        QVERIFY(QTest::qWaitForWindowExposed(mView));
+        mLayer = std::make_unique<ArboLayer>();
+        mLayer->init(style, &mArbo, &mPlayer, mSettings);
+        mLayer->resize(1100, 700);
+        mLayer->show();
+        QVERIFY(QTest::qWaitForWindowExposed(mLayer.get()));
+        mView = mLayer->view();
     }
-
     // Runs a buffer of the player as the audio callback would.
     void render() { OfflinePlayer::runBuffer(mPlayer); }
-
+    void queue(const ArboEvent& event)
+    {
+        mPlayer.queueEventGui(&event);
+        render();
+    }
     void click(ArboBallWidget* ball, Qt::MouseButton button = Qt::LeftButton)
     {
         QVERIFY(ball);
-        const QPoint point = mView->mapFromScene(ball->scenePos());
-        QTest::mouseClick(mView->viewport(), button, Qt::NoModifier, point);
+        QTest::mouseClick(mView->viewport(), button, Qt::NoModifier,
+                          mView->mapFromScene(ball->scenePos()));
+        render();
     }
-
     void transpose(int step)
     {
-        const ArboEvent event(ArboEvent::Transpose, float(step));
         const int before = mArbo.transposeSteps().size();
-        mPlayer.queueEventGui(&event);
-        render();
+        queue(ArboEvent(ArboEvent::Transpose, float(step)));
         QTRY_COMPARE(mArbo.transposeSteps().size(), before + 1);
     }
-
+    CardStackWidget* stack() const { return mLayer->cardStack(); }
+    ArboView* view() const { return mView; }
+    CardWidget* cardOf(const QString& path) const { return stack()->cardForBall(ballAt(mView, path)); }
 
     PdPlayer mPlayer;
     Arbo mArbo;
     Settings mSettings;
-    ArboView* mView = nullptr;
+    std::unique_ptr<ArboLayer> mLayer;
+    ArboView* mView = nullptr; // the layer's, or a window's
+    QStringList mToggles;      // "3/2 on", as the player reported them
 };
 
-
 ARBO_TEST_MAIN(TestDisplay)
-
 #include "tst_display.moc"
