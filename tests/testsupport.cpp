@@ -13,6 +13,7 @@
 #include <QMutex>
 #include <QTemporaryDir>
 #include <QUdpSocket>
+#include <QtEndian>
 
 #include <cstdarg>
 #include <cstdio>
@@ -121,6 +122,16 @@ QByteArray oscMessage(const char* address, const char* types, ...)
     std::free(data);
     lo_message_free(message);
     return bytes;
+}
+
+QByteArray oscBundle(const QList<QByteArray>& elements)
+{
+    QByteArray bundle = QByteArray("#bundle\0", 8) + QByteArray(8, '\x7f');
+    for (const QByteArray& element : elements) {
+        const quint32 size = qToBigEndian(quint32(element.size()));
+        bundle += QByteArray(reinterpret_cast<const char*>(&size), 4) + element;
+    }
+    return bundle;
 }
 
 void captureLog(bool echo)

@@ -48,6 +48,9 @@ quint16 freeUdpPort();
 // One OSC message, laid out by liblo's own encoder: OSC("/a", "if", 1, 0.5).
 #define OSC(...) TestSupport::oscMessage(__VA_ARGS__, LO_ARGS_END)
 QByteArray oscMessage(const char* address, const char* types, ...);
+// An OSC bundle of `elements`, timed far in the future (which the input
+// ignores): one datagram, which arrives whole or not at all.
+QByteArray oscBundle(const QList<QByteArray>& elements);
 
 // Keeps every message this process logs, from any thread, for the tests that
 // look for lines or count them; critical ones are marked "CRITICAL: ". With

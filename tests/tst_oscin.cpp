@@ -20,7 +20,6 @@
 #include <QLoggingCategory>
 #include <QSignalSpy>
 #include <QUdpSocket>
-#include <QtEndian>
 
 #include <lo/lo.h>
 
@@ -31,15 +30,8 @@
 namespace {
 
 using TestSupport::loggedCount;
+using TestSupport::oscBundle;
 using TestSupport::loggedLines;
-
-// A bundle of one element, timed far in the future (which the input ignores).
-QByteArray bundleOf(const QByteArray& element)
-{
-    const quint32 size = qToBigEndian(quint32(element.size()));
-    return QByteArray("#bundle\0", 8) + QByteArray(8, '\x7f') +
-           QByteArray(reinterpret_cast<const char*>(&size), 4) + element;
-}
 
 const QByteArray INPUT_MAP = R"({
     "osc": { "/fader/1": {"event": 4, "min": 0, "max": 2},
@@ -151,7 +143,7 @@ private slots:
         OscInput input;
         QVERIFY(start(input));
         send(OSC("/arbo/toggle", "s", "/3/-5"));
-        send(bundleOf(OSC("/arbo/event", "if", ArboEvent::VoiceVolume, 0.75)));
+        send(oscBundle({OSC("/arbo/event", "if", ArboEvent::VoiceVolume, 0.75)}));
         send(OSC("/arbo/tag", "s", "04A1B2C3D4"));
         send(OSC("/arbo/tag", "S", "cue2"));
         send(OSC("/arbo/note", "si", "/5", 1));
@@ -254,8 +246,8 @@ private slots:
             OSC("/arbo/event", "if", 3, 0.0),
             OSC("/arbo/tag", "s", "x"),
             message,
-            bundleOf(message),
-            bundleOf(bundleOf(message)),
+            oscBundle({message}),
+            oscBundle({oscBundle({message})}),
         };
         std::mt19937 random(20240611);
         const char TYPES[] = "ifsbhtdScrmTFNI[]x";
@@ -272,8 +264,8 @@ private slots:
             std::generate(noise.begin(), noise.end(), [&random] { return char(random()); });
             send(noise);
             send("/x" + noise);
-            send(bundleOf(message).left(16) + noise); // element sizes from the noise
-            send(bundleOf(message).insert(16, QByteArray::fromHex("7ffffff0")));
+            send(oscBundle({message}).left(16) + noise); // element sizes from the noise
+            send(oscBundle({message}).insert(16, QByteArray::fromHex("7ffffff0")));
             if (round % 10 == 9) { // before the socket's queue is full
                 QVERIFY(probe());
             }

@@ -1,0 +1,311 @@
+// The real program end to end on a private JACK server (dummy driver), its
+// output recorded with jack_capture and its pitch measured: played by the
+// wand simulator arbo-wand over UDP, and under OSC input meant to hurt it, as
+// an attacker on the local network would send it. A wand port that is
+// already taken is checked in a child process of this test that runs the
+// application with its message boxes answered, so that the box's text can be
+// read.
+
+#include "app/tuningarboapplication.h"
+#include "jackfixture.h"
+#include "model/arbonoteevent.h"
+#include "testsupport.h"
+
+#include <QJsonDocument>
+#include <QUdpSocket>
+
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <thread>
+
+namespace {
+
+const char* const CHILD_FLAG = "--wand-child";
+
+const QByteArray NOTE_TAG = "04A1B2C3D4";      // the note at /3: 3/2 above the 1/1
+const QByteArray TRANSPOSE_TAG = "04a1b2c3d5"; // up by the prime 5 (5/4)
+const QByteArray BASE_432_TAG = "04a1b2c3d6";  // the 1/1 at 432 Hz
+// "zero" would silence everything: it is skipped at load.
+const QByteArray RFID_MAP = R"({
+    "04a1b2c3d4": {"event": 0, "value": "/3"},
+    "04a1b2c3d5": {"event": 2, "value": 5},
+    "04a1b2c3d6": {"event": 9, "value": 432},
+    "zero":       {"event": 9, "value": 0}
+})";
+
+// The child: start-up as main() does it, every message box answered and its
+// text printed. Once the listener has given up and its box is answered, a
+// note is queued as a click on a ball queues it, to show that the mouse
+// still plays; then the program shuts down. (Should the note never come, the
+// test stops the child after its time-out.)
+int runChild(int argc, char** argv)
+{
+    std::vector<char*> args = TestSupport::childArguments(argc, argv);
+    int count = int(args.size());
+    TuningArboApplication app(count, args.data());
+    TestSupport::MessageBoxAnswerer answerer;
+    if (!app.init()) {
+        return 1;
+    }
+    for (QDeadlineTimer wait(20000); answerer.answered() == 0 && !wait.hasExpired();) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    }
+    QObject::connect(
+        &app.mPlayer, &PdPlayer::noteToggled, &app,
+        [](const ArboRatio& ratio, bool on) {
+            TestSupport::printLine(
+                QStringLiteral("NOTE %1 %2").arg(ratio.toString(), on ? "ON" : "OFF"));
+            QCoreApplication::quit();
+        },
+        Qt::QueuedConnection);
+    const ArboNoteEvent click(QStringLiteral("/3"));
+    app.mPlayer.queueEventGui(&click);
+    const int code = app.exec();
+    app.term();
+    return code;
+}
+
+// The configuration files of a program with wands on `udp`, `map` as the
+// tag map and OSC on `osc` (none when empty or 0).
+QMap<QString, QByteArray> files(const QByteArray& map, quint16 udp, quint16 osc)
+{
+    QMap<QString, QByteArray> files{{"options.json", "{\"udpPort\": " + QByteArray::number(udp) + "}"}};
+    if (osc != 0) {
+        files.insert("input_map.json", "{\"oscPort\": " + QByteArray::number(osc) + "}");
+    }
+    if (!map.isEmpty()) {
+        files.insert("rfid_map.json", map);
+    }
+    return files;
+}
+
+// The real program with a configuration folder of its own: wands on
+// `udpPort` with `map` as the tag map, OSC on `oscPort`.
+struct Program : ProgramOnJack
+{
+    Program(const JackFixture& jack, const QByteArray& map = RFID_MAP,
+            quint16 udp = TestSupport::freeUdpPort(), quint16 osc = TestSupport::freeUdpPort())
+        : ProgramOnJack(jack, files(map, udp, osc)), udpPort(udp), oscPort(osc)
+    {
+    }
+    // Waits until it listens to the wands and OSC, has its patch open and is
+    // connected to the server.
+    bool startPlayable(const JackFixture& jack)
+    {
+        return start({QStringLiteral("UDP socket opened on port %1").arg(udpPort),
+                      "OSC input listening", "Opening PD patch"}) &&
+               jack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0"));
+    }
+    // Runs arbo-wand, sending `tags`; its exit code.
+    int wand(const QStringList& tags) const
+    {
+        return QProcess::execute(TestSupport::binDir() + QStringLiteral("/arbo-wand"),
+                                 QStringList{"--quiet", "--port", QString::number(udpPort)} + tags);
+    }
+    void sendOsc(const QByteArray& datagram)
+    {
+        QUdpSocket().writeDatagram(datagram, QHostAddress::LocalHost, oscPort);
+    }
+
+    quint16 udpPort;
+    quint16 oscPort;
+};
+
+} // namespace
+
+class TestEndToEnd : public QObject
+{
+    Q_OBJECT
+
+    JackFixture mJack;
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY2(JackFixture::missingTools().isEmpty(), qPrintable(JackFixture::missingTools()));
+        QVERIFY2(mJack.start(44100, 256), qPrintable(mJack.error()));
+    }
+
+    // A tag toggles its note on and off; a transposition and a base
+    // frequency tag move the next note: the pitches of the lattice. The
+    // audio server goes away while a note sounds (a sound server restarted,
+    // an interface pulled): the program says so, opens the new server of the
+    // same name by itself, and plays again. Lost a second time, it still
+    // shuts down at once on SIGTERM and keeps the 1/1 that a wand set, and the
+    // lattice; it never writes the user's tag map.
+    void wandsPlayAndTheProgramSurvivesALostAudioServer()
+    {
+        Program program(mJack);
+        QVERIFY(program.startPlayable(mJack));
+        QCOMPARE(program.wand({NOTE_TAG}), 0);
+        QVERIFY2(mJack.hears(660.0), qPrintable(mJack.error()));
+        QCOMPARE(program.wand({NOTE_TAG}), 0);
+        QVERIFY2(mJack.hearsSilence(), qPrintable(mJack.error()));
+        QCOMPARE(program.wand({TRANSPOSE_TAG, BASE_432_TAG, NOTE_TAG}), 0); // 432 × 5/4 × 3/2
+        QVERIFY2(mJack.hears(810.0), qPrintable(mJack.error()));
+        QVERIFY2(!program.log().contains("CRITICAL"), qPrintable(program.log()));
+
+        mJack.killServer();
+        QTRY_VERIFY2_WITH_TIMEOUT(program.log().contains("Audio device lost"),
+                                  qPrintable(program.log()), 15000);
+        QVERIFY2(mJack.restartServer(), qPrintable(mJack.error()));
+        QTRY_VERIFY2_WITH_TIMEOUT(program.log().contains("Audio device opened again"),
+                                  qPrintable(program.log()), 30000);
+        QVERIFY(mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0")));
+        // The note that sounded was let go with the device; the tag strikes
+        // it anew.
+        QCOMPARE(program.wand({NOTE_TAG}), 0);
+        QVERIFY2(mJack.hears(810.0), qPrintable(mJack.error()));
+
+        QVERIFY(QFile::remove(program.config("arbo_v15.json")));
+        mJack.killServer();
+        QVERIFY(program.terminate(5000) >= 0);
+        QCOMPARE(program.options().value(QStringLiteral("baseFrequency")).toDouble(), 432.0);
+        QVERIFY(QJsonDocument::fromJson(TestSupport::readFile(program.config("arbo_v15.json")))
+                    .isObject());
+        QCOMPARE(TestSupport::readFile(program.config("rfid_map.json")), RFID_MAP);
+        QVERIFY2(mJack.restartServer(), qPrintable(mJack.error())); // for the tests after this one
+    }
+
+    // Without a tag map there is no listener: no port open to the network,
+    // nothing said about it, and no map written.
+    void withoutTagMapNoListener()
+    {
+        Program program(mJack, QByteArray(), TestSupport::freeUdpPort(), 0);
+        QVERIFY(program.start({"PaStream started"}));
+        QVERIFY(program.terminate() >= 0);
+        // A listener that had started would have said so, at the latest when
+        // it was stopped on the way out.
+        QVERIFY2(!program.log().contains("UDP") && !program.log().contains("CRITICAL"),
+                 qPrintable(program.log()));
+        QVERIFY(!QFile::exists(program.config("rfid_map.json")));
+    }
+
+    // With the port taken the listener gives up with its message; the
+    // program goes on and the mouse still plays.
+    void wandPortTakenLeavesTheMouse()
+    {
+        QUdpSocket holder;
+        QVERIFY(holder.bind(QHostAddress::Any, 0, QUdpSocket::DontShareAddress));
+        Program program(mJack, RFID_MAP, holder.localPort());
+        QProcess child;
+        child.setProcessEnvironment(program.environment);
+        child.start(QCoreApplication::applicationFilePath(), {QString::fromLatin1(CHILD_FLAG)});
+        QVERIFY(child.waitForFinished(60000));
+        QVERIFY(child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0);
+        const QString output = QString::fromUtf8(child.readAllStandardOutput());
+        const QString error = QStringLiteral("Can't open UDP socket on port %1. UDP thread "
+                                             "shutting down.")
+                                  .arg(holder.localPort());
+        QCOMPARE(TestSupport::messageBoxesIn(output),
+                 QStringList{QStringLiteral("Failed to connect to the arbo, only screen-based "
+                                            "interaction will be possible.\n\nError: ") +
+                             error});
+        QVERIFY2(output.contains(QLatin1String("NOTE 3/2 ON")), qPrintable(output));
+        QVERIFY(program.log().contains(error));
+    }
+
+    // Bursts of patch steps and insane values over OSC, each in one datagram
+    // (separate datagrams would be dropped by the kernel here and there on a
+    // busy machine, and the patch they add up to would be anyone's guess).
+    // Each burst ends in at most two patch changes, on the patch the steps
+    // add up to; no value out of range reaches the options; the log stays
+    // short; and a SIGTERM in the middle of a patch change ends the program
+    // within two seconds, saving as always.
+    void burstsOfPatchStepsAndInsaneValues()
+    {
+        Program program(mJack);
+        QVERIFY2(program.startPlayable(mJack), qPrintable(program.log().right(3000)));
+        const auto loads = [&] { return program.log().split('\n').filter("Loading voice patch"); };
+        const int loadsBefore = loads().size();
+        const int linesBefore = program.log().count('\n');
+
+        // 201 steps from Sine, the third of four voices: one round and one
+        // more, so the burst ends on Vocal. Between them, values that must
+        // not be taken, and a tag that would silence everything.
+        QList<QByteArray> burst;
+        for (int i = 0; i < 201; ++i) {
+            burst << OSC("/arbo/event", "if", 8, 1.0);
+            if (i % 50 == 0) {
+                burst << OSC("/arbo/event", "if", 9, 0.0) << OSC("/arbo/event", "if", 9, 1e30)
+                      << OSC("/arbo/event", "if", 9, std::nan(""))
+                      << OSC("/arbo/event", "if", 6, 1e30) << OSC("/arbo/event", "if", 12, -3.0)
+                      << OSC("/arbo/tag", "s", "zero");
+            }
+        }
+        program.sendOsc(TestSupport::oscBundle(burst));
+        QTRY_VERIFY2_WITH_TIMEOUT(loads().size() > loadsBefore &&
+                                      loads().last().contains("/patches/Vocal.pd"),
+                                  qPrintable(program.log().right(3000)), 30000);
+        QVERIFY2(loads().size() - loadsBefore <= 2, qPrintable(loads().join('\n')));
+
+        // The next burst, 401 steps, and the signal as soon as its change
+        // has begun.
+        const int loadsBeforeSecond = loads().size();
+        const QByteArray step = OSC("/arbo/event", "if", 8, 1.0);
+        program.sendOsc(TestSupport::oscBundle(QVector<QByteArray>(401, step).toList()));
+        QTRY_VERIFY2_WITH_TIMEOUT(loads().size() > loadsBeforeSecond,
+                                  qPrintable(program.log().right(3000)), 30000);
+        const qint64 took = program.terminate();
+        QVERIFY2(took >= 0 && took < 2000, qPrintable(QString("%1 ms").arg(took)));
+        QVERIFY2(loads().size() - loadsBeforeSecond <= 2, qPrintable(loads().join('\n')));
+
+        const QString grown = program.log().section('\n', linesBefore);
+        QVERIFY2(grown.count('\n') < 100, qPrintable(grown));
+        QVERIFY2(grown.contains("which is no base frequency"), qPrintable(grown));
+        QCOMPARE(program.options().value("baseFrequency").toDouble(), 440.0);
+        QVERIFY(program.options().value("masterVolume").toDouble() <= 1.0);
+    }
+
+    // Three seconds of the fastest stream loopback carries, from a thread of
+    // its own: the commands that make the window work (transpositions, base
+    // frequencies, prime switches, macros) among unknown addresses, bad
+    // arguments and malformed packets. The window keeps up and the receiver
+    // stops promptly while the stream goes on: a SIGTERM is honoured within
+    // two seconds. The log stays short.
+    void oscFlood()
+    {
+        Program program(mJack);
+        QVERIFY2(program.startPlayable(mJack), qPrintable(program.log().right(3000)));
+        const int linesBefore = program.log().count('\n');
+        const QList<QByteArray> stream = {
+            OSC("/arbo/event", "if", 2, 3.0),   OSC("/arbo/event", "if", 2, -3.0),
+            OSC("/arbo/event", "if", 9, 432.0), OSC("/arbo/event", "if", 9, 440.0),
+            OSC("/arbo/event", "if", 10, 7.0),  OSC("/arbo/event", "if", 11, 0.25),
+            OSC("/nowhere", ""),                OSC("/arbo/event", "s", "x"),
+            OSC("/arbo/tag", "s", "nope"),      QByteArray("garbage")};
+        std::atomic<bool> stop{false};
+        long long sent = 0;
+        std::thread sender([&] {
+            QUdpSocket socket;
+            for (long long n = 0; !stop.load(std::memory_order_relaxed); ++n) {
+                sent += socket.writeDatagram(stream[int(n % stream.size())],
+                                             QHostAddress::LocalHost, program.oscPort) > 0;
+            }
+        });
+        QTest::qWait(3000);
+        const qint64 took = program.terminate();
+        stop = true;
+        sender.join();
+        QVERIFY2(took >= 0 && took < 2000, qPrintable(QString("%1 ms").arg(took)));
+        QVERIFY2(sent > 10000, qPrintable(QString::number(sent)));
+        const QString grown = program.log().section('\n', linesBefore);
+        QVERIFY2(grown.count('\n') < 100, qPrintable(grown));
+        const double base = program.options().value("baseFrequency").toDouble();
+        QVERIFY2(base == 432.0 || base == 440.0, qPrintable(QString::number(base)));
+    }
+};
+
+int main(int argc, char** argv)
+{
+    if (argc >= 2 && std::strcmp(argv[1], CHILD_FLAG) == 0) {
+        return runChild(argc, argv);
+    }
+    TestSupport::isolateHome();
+    QApplication app(argc, argv);
+    TestEndToEnd test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_endtoend.moc"
