@@ -1,5 +1,6 @@
 #include "jackmidisender.h"
 
+#include <QElapsedTimer>
 #include <QRegularExpression>
 #include <QTest>
 
@@ -116,6 +117,19 @@ bool JackMidiSender::send(const Bytes& bytes)
     std::copy(bytes.begin(), bytes.end(), record + 1);
     jack_ringbuffer_write(mQueue, record, 1 + bytes.size());
     return true;
+}
+
+bool JackMidiSender::sendUntil(const Bytes& bytes, const std::function<bool()>& done)
+{
+    QElapsedTimer timer;
+    timer.start();
+    do {
+        send(bytes);
+        if (QTest::qWaitFor(done, 1000)) {
+            return true;
+        }
+    } while (timer.elapsed() < 20000);
+    return false;
 }
 
 void JackMidiSender::flood(const std::vector<Bytes>& pattern)

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 // A JACK client with one MIDI output port "out" that plays the program's MIDI
@@ -43,6 +44,12 @@ public:
 
     // One event of up to 64 bytes. False when the queue is full.
     bool send(const Bytes& bytes);
+    // Sends `bytes` again and again until `done`, for at most 20 s: a JACK
+    // server without real-time scheduling drops the MIDI of a client that
+    // misses its period, which a busy machine makes happen. Only for
+    // messages that may arrive twice (a note-on of a sounding note, a
+    // note-off of a silent one, a controller's value).
+    bool sendUntil(const Bytes& bytes, const std::function<bool()>& done);
     // Once per sender: floods with `pattern`'s events, in turn, until
     // stopFlood().
     void flood(const std::vector<Bytes>& pattern);

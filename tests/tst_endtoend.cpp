@@ -1,13 +1,15 @@
 // The real program end to end on a private JACK server (dummy driver), its
 // output recorded with jack_capture and its pitch measured: played by the
-// wand simulator arbo-wand over UDP, and under OSC input meant to hurt it, as
-// an attacker on the local network would send it. A wand port that is
+// wand simulator arbo-wand over UDP and a JACK MIDI keyboard of this test,
+// and under OSC input meant to hurt it, as an attacker on the local network
+// would send it. A wand port that is
 // already taken is checked in a child process of this test that runs the
 // application with its message boxes answered, so that the box's text can be
 // read.
 
 #include "app/tuningarboapplication.h"
 #include "jackfixture.h"
+#include "jackmidisender.h"
 #include "model/arbonoteevent.h"
 #include "testsupport.h"
 
@@ -67,12 +69,15 @@ int runChild(int argc, char** argv)
 }
 
 // The configuration files of a program with wands on `udp`, `map` as the
-// tag map and OSC on `osc` (none when empty or 0).
+// tag map, and OSC on `osc` and the keyboard "arbo-keys" playing the 1/1 with
+// key 69 (neither when `map` is empty or `osc` 0).
 QMap<QString, QByteArray> files(const QByteArray& map, quint16 udp, quint16 osc)
 {
     QMap<QString, QByteArray> files{{"options.json", "{\"udpPort\": " + QByteArray::number(udp) + "}"}};
     if (osc != 0) {
-        files.insert("input_map.json", "{\"oscPort\": " + QByteArray::number(osc) + "}");
+        files.insert("input_map.json", "{\"oscPort\": " + QByteArray::number(osc) +
+                                           R"(, "midiPorts": ["arbo-keys"],)" +
+                                           R"( "midiNotes": {"69": {"value": "/"}}})");
     }
     if (!map.isEmpty()) {
         files.insert("rfid_map.json", map);
@@ -125,41 +130,62 @@ private slots:
     {
         QVERIFY2(JackFixture::missingTools().isEmpty(), qPrintable(JackFixture::missingTools()));
         QVERIFY2(mJack.start(44100, 256), qPrintable(mJack.error()));
+        mJack.applyToThisProcess(); // for the keyboard
     }
 
     // A tag toggles its note on and off; a transposition and a base
-    // frequency tag move the next note: the pitches of the lattice. The
-    // audio server goes away while a note sounds (a sound server restarted,
-    // an interface pulled): the program says so, opens the new server of the
-    // same name by itself, and plays again. Lost a second time, it still
-    // shuts down at once on SIGTERM and keeps the 1/1 that a wand set, and the
-    // lattice; it never writes the user's tag map.
-    void wandsPlayAndTheProgramSurvivesALostAudioServer()
+    // frequency tag move the next note: the pitches of the lattice. The port
+    // of "midiPorts" is connected at start-up: its key 69 sounds the 1/1
+    // until its note-off. The audio server goes away while a note sounds (a
+    // sound server restarted, an interface pulled): the program says so,
+    // opens the new server of the same name by itself, connects the keyboard
+    // again, and plays again. Lost a second time, it still shuts down at
+    // once on SIGTERM and keeps the 1/1 that a wand set, and the lattice; it
+    // never writes the user's tag map.
+    void wandsAndKeysPlayAndTheProgramSurvivesALostAudioServer()
     {
+        JackMidiSender keys;
+        QVERIFY(keys.open(QStringLiteral("arbo-keys")));
         Program program(mJack);
         QVERIFY(program.startPlayable(mJack));
-        QCOMPARE(program.wand({NOTE_TAG}), 0);
-        QVERIFY2(mJack.hears(660.0), qPrintable(mJack.error()));
-        QCOMPARE(program.wand({NOTE_TAG}), 0);
-        QVERIFY2(mJack.hearsSilence(), qPrintable(mJack.error()));
+        const auto log = [&program] { return program.log(); };
+        const QString connected = QStringLiteral("MIDI input: connected \"arbo-keys:out\"");
+        // A note-on (off) the server dropped is sent again (see sendUntil()).
+        const auto playKey = [&](double frequency) {
+            QTRY_VERIFY2_WITH_TIMEOUT(keys.connections() == 1, qPrintable(log()), 30000);
+            QVERIFY2(keys.sendUntil({0x90, 69, 100}, [&] { return mJack.hears(frequency, 0, 0); }),
+                     qPrintable(mJack.error()));
+            QVERIFY2(keys.sendUntil({0x80, 69, 64}, [&] { return mJack.hearsSilence(0); }),
+                     qPrintable(mJack.error()));
+        };
+        playKey(440.0);
+        QVERIFY2(program.wand({NOTE_TAG}) == 0 && mJack.hears(660.0), qPrintable(mJack.error()));
+        QVERIFY2(program.wand({NOTE_TAG}) == 0 && mJack.hearsSilence(), qPrintable(mJack.error()));
         QCOMPARE(program.wand({TRANSPOSE_TAG, BASE_432_TAG, NOTE_TAG}), 0); // 432 × 5/4 × 3/2
         QVERIFY2(mJack.hears(810.0), qPrintable(mJack.error()));
-        QVERIFY2(!program.log().contains("CRITICAL"), qPrintable(program.log()));
+        QVERIFY2(!log().contains("CRITICAL"), qPrintable(log()));
 
         mJack.killServer();
-        QTRY_VERIFY2_WITH_TIMEOUT(program.log().contains("Audio device lost"),
-                                  qPrintable(program.log()), 15000);
+        keys.abandon();
+        QTRY_VERIFY2_WITH_TIMEOUT(log().contains("Audio device lost") &&
+                                      log().contains("input is off until it is back"),
+                                  qPrintable(log()), 15000);
         QVERIFY2(mJack.restartServer(), qPrintable(mJack.error()));
-        QTRY_VERIFY2_WITH_TIMEOUT(program.log().contains("Audio device opened again"),
-                                  qPrintable(program.log()), 30000);
+        QVERIFY(keys.open(QStringLiteral("arbo-keys")));
+        QTRY_VERIFY2_WITH_TIMEOUT(log().contains("Audio device opened again") &&
+                                      log().count(connected) == 2,
+                                  qPrintable(log()), 30000);
         QVERIFY(mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0")));
         // The note that sounded was let go with the device; the tag strikes
         // it anew.
         QCOMPARE(program.wand({NOTE_TAG}), 0);
         QVERIFY2(mJack.hears(810.0), qPrintable(mJack.error()));
+        QVERIFY2(program.wand({NOTE_TAG}) == 0 && mJack.hearsSilence(), qPrintable(mJack.error()));
+        playKey(540.0); // the 1/1, 432 × 5/4
 
         QVERIFY(QFile::remove(program.config("arbo_v15.json")));
         mJack.killServer();
+        keys.abandon();
         QVERIFY(program.terminate(5000) >= 0);
         QCOMPARE(program.options().value(QStringLiteral("baseFrequency")).toDouble(), 432.0);
         QVERIFY(QJsonDocument::fromJson(TestSupport::readFile(program.config("arbo_v15.json")))

@@ -1,13 +1,12 @@
 // MIDI in and out. In: the parser against the standard's rules; random
 // bytes through the parser into the real player; the live path (a JACK MIDI
 // client of this test -> a private JACK server -> RtMidi -> the player on its
-// audio callback); the ports of "midiPorts" coming and going; and the whole
-// program playing from a keyboard that it connected by itself. Out: the
+// audio callback), with the ports of "midiPorts" coming and going (the whole
+// program playing from a keyboard is tst_endtoend's). Out: the
 // encoders' exact bytes against tunings computed here from the ratios, and
 // the real path (player -> ring -> MIDI thread -> RtMidi -> a private JACK
 // server -> a JACK MIDI client of this test).
 
-#include "audioanalysis.h"
 #include "input/inputmap.h"
 #include "jackfixture.h"
 #include "jackmidisender.h"
@@ -52,24 +51,6 @@ InputMap::Bindings defaultBindings()
     InputMap map;
     map.initWithDefaults();
     return map.bindings();
-}
-
-// Sends `bytes` again and again until `done`, for at most 20 s: a JACK server
-// without real-time scheduling drops the MIDI of a client that misses its
-// period, which a busy machine makes happen. Only for messages that may
-// arrive twice (a note-on of a sounding note, a note-off of a silent one, a
-// controller's value).
-bool sendUntil(JackMidiSender& keys, const Bytes& bytes, const std::function<bool()>& done)
-{
-    QElapsedTimer timer;
-    timer.start();
-    do {
-        keys.send(bytes);
-        if (QTest::qWaitFor(done, 1000)) {
-            return true;
-        }
-    } while (timer.elapsed() < 20000);
-    return false;
 }
 
 // The base frequency of the tests: middle C, so that no ratio lands on a key.
@@ -316,8 +297,6 @@ private slots:
         OfflinePlayer::render(mPlayer, 1.0);
         forgetReports();
     }
-
-    // The live path on JACK, with the player on its audio callback.
 
     void mpeBytes()
     {
@@ -592,6 +571,7 @@ private slots:
         QCOMPARE(again.mMethod, MidiSettings::METHOD_MTS);
     }
 
+    // The live path on JACK, with the player on its audio callback.
     void jackPlaysThePlayer()
     {
         JackPlayback playback;
@@ -602,7 +582,8 @@ private slots:
 
         // The input connects the keyboard by a part of its name, in any case.
         InputMap::Bindings bindings = defaultBindings();
-        bindings.midiPorts = QStringList{QStringLiteral("ARBO-KEYS")};
+        bindings.midiPorts = QStringList{QStringLiteral("ARBO-KEYS"), QStringLiteral("nowhere")};
+        TestSupport::clearLog();
         bindings.midiVelocity = true;
         MidiInput input;
         input.attach(&mPlayer);
@@ -616,21 +597,37 @@ private slots:
         // Note 69 is the 1/1, while held; its velocity sets the voice volume
         // first.
         forgetReports();
-        QVERIFY(sendUntil(keys, {0x90, 69, 127}, [&] { return !mNotes.isEmpty(); }));
+        QVERIFY(keys.sendUntil({0x90, 69, 127}, [&] { return !mNotes.isEmpty(); }));
         QVERIFY(!mVoiceVolumes.isEmpty() && mVoiceVolumes.count(1.0f) == mVoiceVolumes.size());
-        QVERIFY(sendUntil(keys, {0x80, 69, 64}, [&] { return mNotes.size() >= 2; }));
+        QVERIFY(keys.sendUntil({0x80, 69, 64}, [&] { return mNotes.size() >= 2; }));
         QCOMPARE(mNotes, (QStringList{"1/1 on", "1/1 off"}));
 
         // Controller 7 is the master volume.
         forgetReports();
-        QVERIFY(sendUntil(keys, {0xb5, 7, 64}, [&] { return !mVolumes.isEmpty(); }));
+        QVERIFY(keys.sendUntil({0xb5, 7, 64}, [&] { return !mVolumes.isEmpty(); }));
         QCOMPARE(mVolumes.back(), 64.0f / 127.0f);
+
+        // The keyboard goes and comes back: it is let go of and connected
+        // again. A text that no port matches is said once, and again only
+        // after a port had matched it.
+        const QString port = keys.portName();
+        keys.close();
+        QTRY_VERIFY_WITH_TIMEOUT(input.connectedPorts().isEmpty(), 10000);
+        QVERIFY(keys.open(QStringLiteral("arbo-keys")));
+        QTRY_COMPARE_WITH_TIMEOUT(input.connectedPorts(), QStringList{port}, 10000);
+        QTRY_COMPARE_WITH_TIMEOUT(keys.connections(), 1, 10000);
+        const QStringList log = TestSupport::loggedLines();
+        auto count = [&log](const QString& text) { return log.filter(text).size(); };
+        QCOMPARE(count(QStringLiteral("connected \"%1\" (for \"ARBO-KEYS\")").arg(port)), 2);
+        QCOMPARE(count(QStringLiteral("\"%1\" has gone").arg(port)), 1);
+        QCOMPARE(count(QStringLiteral("no port matches \"ARBO-KEYS\"")), 1);
+        QCOMPARE(count(QStringLiteral("no port matches \"nowhere\"")), 1);
 
         // A flood at the highest rate JACK MIDI carries, for ten seconds, with
         // the 1/1 held: its key again and again, a key and a pitch bend that
         // play nothing, clock bytes. The 1/1 sounds on, the log gets a line a
         // second at most of each kind, and the input answers at once after.
-        QVERIFY(sendUntil(keys, {0x90, 69, 100}, [&] { return mNotes.contains("1/1 on"); }));
+        QVERIFY(keys.sendUntil({0x90, 69, 100}, [&] { return mNotes.contains("1/1 on"); }));
         const std::uint64_t before = input.messagesReceived();
         TestSupport::clearLog();
         forgetReports();
@@ -650,93 +647,11 @@ private slots:
         QVERIFY2(floodLog.size() <= 40, qPrintable(floodLog.join('\n')));
         QVERIFY2(!mNotes.contains(QLatin1String("1/1 off")), qPrintable(mNotes.join(',')));
         forgetReports();
-        QVERIFY(sendUntil(keys, {0x80, 69, 0}, [&] { return !mNotes.isEmpty(); }));
+        QVERIFY(keys.sendUntil({0x80, 69, 0}, [&] { return !mNotes.isEmpty(); }));
         QCOMPARE(mNotes, QStringList{"1/1 off"});
 
         input.close();
         QCOMPARE(input.status(), QStringLiteral("MIDI input is off"));
-    }
-
-    // The ports of "midiPorts" come and go while the input is open: one that
-    // goes is let go of and connected again when it is back; a text that no
-    // port matches is said once, and again only after a port had matched it.
-    void wantedPortsComeAndGo()
-    {
-        JackFixture jack;
-        QVERIFY2(jack.start(), qPrintable(jack.error()));
-        jack.applyToThisProcess();
-        InputMap::Bindings bindings = defaultBindings();
-        bindings.midiPorts = QStringList{QStringLiteral("arbo-pads"), QStringLiteral("nowhere")};
-        TestSupport::clearLog();
-        MidiInput input;
-        QVERIFY2(input.open(bindings, MidiInput::Api::Jack), qPrintable(input.status()));
-        QVERIFY(input.connectedPorts().isEmpty());
-
-        JackMidiSender pads;
-        QVERIFY(pads.open(QStringLiteral("arbo-pads")));
-        const QString port = pads.portName();
-        QTRY_COMPARE_WITH_TIMEOUT(input.connectedPorts(), QStringList{port}, 10000);
-        QTRY_VERIFY2_WITH_TIMEOUT(input.status().contains(QLatin1String("connected to ") + port),
-                                  qPrintable(input.status()), 5000);
-        pads.close();
-        QTRY_VERIFY_WITH_TIMEOUT(input.connectedPorts().isEmpty(), 10000);
-        QVERIFY(pads.open(QStringLiteral("arbo-pads")));
-        QCOMPARE(pads.portName(), port);
-        QTRY_COMPARE_WITH_TIMEOUT(input.connectedPorts(), QStringList{port}, 10000);
-        input.close();
-
-        const QStringList log = TestSupport::loggedLines();
-        auto count = [&log](const QString& text) { return log.filter(text).size(); };
-        QCOMPARE(count(QStringLiteral("connected \"%1\" (for \"arbo-pads\")").arg(port)), 2);
-        QCOMPARE(count(QStringLiteral("\"%1\" has gone").arg(port)), 1);
-        QCOMPARE(count(QStringLiteral("no port matches \"arbo-pads\"")), 2);
-        QCOMPARE(count(QStringLiteral("no port matches \"nowhere\"")), 1);
-    }
-
-    // The whole program: the port of "midiPorts" is connected at start-up,
-    // note 69 sounds the 1/1 at 440 Hz until its note-off; after the JACK
-    // server went and came back, it plays again; it shuts down cleanly.
-    void programPlaysFromMidi()
-    {
-        JackFixture jack;
-        QVERIFY2(jack.start(), qPrintable(jack.error()));
-        jack.applyToThisProcess();
-        JackMidiSender keys;
-        QVERIFY(keys.open(QStringLiteral("arbo-keys")));
-        ProgramOnJack program(
-            jack, {{InputMap::FILE_NAME,
-                    R"({"midiPorts": ["arbo-keys"], "midiNotes": {"69": {"value": "/"}}})"}});
-        QVERIFY(program.start());
-        const auto log = [&program] { return program.log(); };
-        const QString connected = QStringLiteral("MIDI input: connected \"arbo-keys:out\"");
-        for (int round = 1; round <= 2; ++round) {
-            QTRY_VERIFY2_WITH_TIMEOUT(
-                log().count(connected) == round &&
-                    jack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0"), 0),
-                qPrintable(log()), 30000);
-            QTRY_COMPARE_WITH_TIMEOUT(keys.connections(), 1, 10000);
-            // A note-on (off) the server dropped is sent again (see sendUntil()).
-            QVERIFY2(sendUntil(keys, {0x90, 69, 100}, [&] { return jack.hears(440.0, 0, 0); }),
-                     qPrintable(jack.error()));
-            QVERIFY2(sendUntil(keys, {0x80, 69, 64}, [&] { return jack.hearsSilence(0); }),
-                     qPrintable(jack.error()));
-            if (round == 2) {
-                break;
-            }
-            // The server goes and comes back (restarted by hand, say): the
-            // input opens again by itself and connects the keyboard again.
-            // (The audio output may leave a stream of the lost server behind,
-            // a critical line.)
-            QVERIFY2(!log().contains(QLatin1String("CRITICAL")), qPrintable(log()));
-            jack.killServer();
-            keys.abandon();
-            QTRY_VERIFY2_WITH_TIMEOUT(
-                log().contains(QLatin1String("input is off until it is back")), qPrintable(log()),
-                15000);
-            QVERIFY2(jack.restartServer(), qPrintable(jack.error()));
-            QVERIFY(keys.open(QStringLiteral("arbo-keys")));
-        }
-        QVERIFY(program.terminate() >= 0);
     }
 };
 
