@@ -140,14 +140,8 @@ bool JackFixture::start(int sampleRate, int periodFrames, int timeoutMs, bool re
     // late, and an asynchronous server would run the cycle without it,
     // losing that client's audio and MIDI for the period; tests that compare
     // every MIDI byte cannot allow that.
-    mServerArguments = scheduling + QStringList{"--sync",
-                                                "-n",
-                                                mServerName,
-                                                "-d",
-                                                "dummy",
-                                                "-r",
-                                                QString::number(sampleRate),
-                                                "-p",
+    mServerArguments = scheduling + QStringList{"--sync", "-n", mServerName, "-d", "dummy", "-r",
+                                                QString::number(sampleRate), "-p",
                                                 QString::number(periodFrames)};
     return restartServer(timeoutMs);
 }
@@ -267,9 +261,7 @@ bool JackFixture::hears(double frequency, int channel, int timeoutMs)
     };
     const QVector<float> heard = recordUntil(QStringLiteral("tone"), 1.0, near, channel, timeoutMs);
     if (!heard.isEmpty() && !near(heard)) {
-        mError = QStringLiteral("no tone near %1 Hz: %2")
-                     .arg(frequency)
-                     .arg(AudioAnalysis::describe(heard, mSampleRate));
+        mError = QStringLiteral("no tone: ") + AudioAnalysis::heardNear(heard, frequency, mSampleRate);
     }
     return near(heard);
 }
@@ -279,7 +271,7 @@ bool JackFixture::hearsSilence(int timeoutMs)
     const QVector<float> heard =
         recordUntil(QStringLiteral("silence"), 0.5, AudioAnalysis::isSilent, 0, timeoutMs);
     if (!heard.isEmpty() && !AudioAnalysis::isSilent(heard)) {
-        mError = QStringLiteral("no silence: ") + AudioAnalysis::describe(heard, mSampleRate);
+        mError = QStringLiteral("no silence: %1 dB").arg(AudioAnalysis::rmsDb(heard));
     }
     return AudioAnalysis::isSilent(heard);
 }
