@@ -228,6 +228,8 @@ private slots:
             "asks for event %1, which needs a path (a \"value\" such as \"/3/-5\"). Ignoring.";
         const QString UNKNOWN = "asks for event %1, which is no command this program knows. "
                                 "Ignoring.";
+        const QString RANGE = "asks for event %1 with the value %2, which is no %3. Ignoring.";
+        const QString BASE = "base frequency from 20 Hz to 20 kHz";
         const QVector<QPair<QByteArray, QString>> CASES = {
             // Not an object: skipped rather than read as a toggle of the root.
             {"7", NOT_OBJECT},
@@ -253,19 +255,11 @@ private slots:
             {R"({"event": 0, "value": 5})", NO_PATH.arg(0)},
             {R"({"event": 21, "value": 1})", NO_PATH.arg(21)},
             // Values that would silence or deafen the instrument.
-            {R"({"event": 9, "value": 0})",
-             "asks for event 9 with the value 0, which is no base frequency from 20 Hz to 20 kHz. "
-             "Ignoring."},
-            {R"({"event": 9, "value": 1e30})",
-             "asks for event 9 with the value 1e+30, which is no base frequency from 20 Hz to 20 "
-             "kHz. Ignoring."},
+            {R"({"event": 9, "value": 0})", RANGE.arg(9).arg(0).arg(BASE)},
+            {R"({"event": 9, "value": 1e30})", RANGE.arg(9).arg("1e+30", BASE)},
             {R"({"event": 9, "value": 432})", "9 432"},
-            {R"({"event": 6, "value": 1e300})",
-             "asks for event 6 with the value 3.40282e+38, which is no volume from 0 to 4. "
-             "Ignoring."},
-            {R"({"event": 12, "value": -0.5})",
-             "asks for event 12 with the value -0.5, which is no macro value from 0 to 1. "
-             "Ignoring."},
+            {R"({"event": 6, "value": 1e300})", RANGE.arg(6).arg("3.40282e+38", "volume from 0 to 4")},
+            {R"({"event": 12, "value": -0.5})", RANGE.arg(12).arg(-0.5).arg("macro value from 0 to 1")},
             {R"({"event": 3, "value": [0.5]})", "3 0"},
             {R"({"event": 11, "value": 0.75, "more": {"a": [true]}})", "11 0.75"},
             {R"({"event": 2.7, "value": 1})", "2 1"}, // truncated toward zero
@@ -296,19 +290,17 @@ private slots:
         }
         const QByteArray file = "{" + members.join(",\n").toUtf8() + "}";
         QVERIFY(TestSupport::writeFile(mapPath(), file));
-        auto* map = new RfidMap;
-        QVERIFY(map->init());
-        QCOMPARE(map->size(), kept);
+        RfidMap map;
+        QVERIFY(map.init());
+        QCOMPARE(map.size(), kept);
         for (int i = 0; i < CASES.size(); ++i) {
             const QString expected = CASES[i].second.endsWith("Ignoring.") ? "" : CASES[i].second;
             const QString member = QString::fromUtf8(CASES[i].first) + " -> "; // says which failed
-            QCOMPARE(member +
-                         describe(map->lookup(QStringLiteral("t%1").arg(i, 2, 10, QChar('0')))),
-                     member + expected);
+            const QString key = QStringLiteral("t%1").arg(i, 2, 10, QChar('0'));
+            QCOMPARE(member + describe(map.lookup(key)), member + expected);
         }
-        QCOMPARE(describe(map->lookup("Dup")), QStringLiteral("4 0.2"));
-        map->term();
-        delete map;
+        QCOMPARE(describe(map.lookup("Dup")), QStringLiteral("4 0.2"));
+        map.term();
         QCOMPARE(TestSupport::readFile(mapPath()), file);
     }
 
@@ -346,12 +338,9 @@ private slots:
         QSet<int> byInputMap;
         for (int code = -1; code <= ArboEvent::LAST_TYPE + 1; ++code) {
             const double value = code == ArboEvent::BaseFrequency ? 440.0 : 0.5;
-            members << QStringLiteral("\"c%1\": {\"event\": %1, \"value\": %2}")
-                           .arg(code)
-                           .arg(value);
+            members << QString::asprintf(R"("c%d": {"event": %d, "value": %g})", code, code, value);
             QString why;
-            if (InputBinding::fromJson(QJsonObject{{"event", code}, {"value", value}}, &why)
-                    .isBound()) {
+            if (InputBinding::fromJson(QJsonObject{{"event", code}, {"value", value}}, &why).isBound()) {
                 byInputMap.insert(code);
             }
         }
