@@ -343,20 +343,18 @@ private slots:
 
     // A patch change with an audio thread running (this thread plays it): the
     // chord goes on in the new patch at the same pitches, the level never drops
-    // by more than 20 dB, a macro of the same name keeps its value, and ten
-    // changes in a row end on the last one with no instance left behind.
+    // by more than 20 dB, and ten changes in a row end on the last one with no
+    // instance left behind. (That a macro of the same name keeps its value is
+    // the main window test's.)
     void patchChangeCrossfadesUnderAChord()
     {
         mPlayer.setAudioThreadRunning(true);
         const QString patches = TestSupport::binDir() + "/patches/";
-        queue(ArboEvent(ArboEvent::Macro2, 0.5f)); // Sine's release
         for (const char* path : {"/3", "/5", "/-3/7", "/2"}) {
             toggle(path);
         }
         const double chord = AudioAnalysis::rmsDb(steady(0.5));
 
-        QSignalSpy names(&mPlayer, &PdPlayer::macroNamesReceived);
-        QSignalSpy macros(&mPlayer, &PdPlayer::macroValueChanged);
         const int instances = libpd_num_instances();
         QVERIFY(PatchLoader::loadVoice(&mPlayer, patches + "Organ.pd"));
         const QVector<float> during = render(0.3);
@@ -366,9 +364,6 @@ private slots:
                      qPrintable(QString("%1 dB at %2 ms, chord %3 dB").arg(level).arg(at / 44).arg(chord)));
         }
         QCOMPARE(mPlayer.soundingNoteCount(), 4);
-        QCOMPARE(names.size(), 1);
-        QCOMPARE(names.at(0).at(0).toStringList().value(2), QStringLiteral("release"));
-        QVERIFY(macros.contains(QList<QVariant>{3, 0.5f}));
 
         // Ten changes in a row, a buffer apart: the last one plays, the chord
         // in it, and the pool is as it was.
