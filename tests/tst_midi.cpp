@@ -483,8 +483,8 @@ private slots:
         QCOMPARE(dump(capture.messages()), dump(expected));
 
         // Switched off: the output's last word is all-notes-off on every
-        // channel (the offs of "stop all" are the encoder's and the mPlayer's
-        // to check); then the mPlayer's notes go nowhere, and its own sound
+        // channel (the offs of "stop all" are the encoder's and the player's
+        // to check); then the player's notes go nowhere, and its own sound
         // plays.
         queue(ArboEvent(ArboEvent::AllNotesOff, 0.0f));
         QTRY_VERIFY_WITH_TIMEOUT(capture.poll() >= int(expected.size()) + 20, 10000);
