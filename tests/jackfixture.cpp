@@ -4,7 +4,6 @@
 #include "testsupport.h"
 
 #include <QCoreApplication>
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -301,21 +300,16 @@ QString ProgramOnJack::log() const
 bool ProgramOnJack::start(const QStringList& lines)
 {
     process.start(TestSupport::mainBinary(), QStringList());
-    if (!configured || !process.waitForStarted()) {
-        return false;
-    }
-    for (QDeadlineTimer deadline(30000); process.state() == QProcess::Running;) {
+    const auto ready = [&] {
         const QString text = log();
-        if (std::all_of(lines.begin(), lines.end(),
-                        [&text](const QString& line) { return text.contains(line); })) {
-            return true;
-        }
-        if (deadline.hasExpired()) {
-            qWarning().noquote() << text;
-            return false;
-        }
-        QTest::qWait(20);
+        return process.state() != QProcess::Running ||
+               std::all_of(lines.begin(), lines.end(), [&](const QString& l) { return text.contains(l); });
+    };
+    if (configured && process.waitForStarted() && QTest::qWaitFor(ready, 30000) &&
+        process.state() == QProcess::Running) {
+        return true;
     }
+    qWarning().noquote() << log();
     return false;
 }
 
