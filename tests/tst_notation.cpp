@@ -58,107 +58,81 @@ private slots:
         mLattice->onTransposed(ArboRatio(1, 1), 0);
     }
 
-    void addInterval_data()
-    {
-        QTest::addColumn<QString>("start");
-        QTest::addColumn<int>("prime");
-        QTest::addColumn<QString>("spelling");
-        QTest::addColumn<bool>("enharmonic");
-
-        QTest::newRow("fifth above G crosses the octave") << "g4" << 3 << "D5" << false;
-        QTest::newRow("fifth below C") << "c4" << -3 << "F3" << false;
-        QTest::newRow("third above E#") << "e5#" << 5 << "G##5" << false;
-        QTest::newRow("third above D## gives up") << "d5##" << 5 << "G#5" << true;
-        QTest::newRow("third below Dbb gives up") << "d4bb" << -5 << "G#3" << true;
-        // Around and below octave 0 the octave must still be the floor.
-        QTest::newRow("fifth below C0") << "c0" << -3 << "F-1" << false;
-        QTest::newRow("octave below A0") << "a0" << -2 << "A-1" << false;
-        QTest::newRow("fifth above G-1") << "g-1" << 3 << "D0" << false;
-        QTest::newRow("fifth below D-1") << "d-1" << -3 << "G-2" << false;
-        QTest::newRow("second above B-1") << "b-1" << 17 << "C0" << false;
-        QTest::newRow("second below C0") << "c0" << -17 << "B-1" << false;
-        QTest::newRow("octave below C1") << "c1" << -2 << "C0" << false;
-        // No prime of the lattice: the letter moves, the pitch stays.
-        QTest::newRow("37 above C") << "c4" << 37 << "B#3" << false;
-        QTest::newRow("37 above D# gives up") << "d4#" << 37 << "Eb4" << true;
-        QTest::newRow("37 below C") << "c4" << -37 << "Dbb4" << false;
-        QTest::newRow("most negative int") << "c4" << INT_MIN << "Dbb4" << false;
-    }
-
+    // Spellings a musician names after an interval of a prime, never a cent
+    // off: the starting note, the prime, the spelling ("~" when it gives up).
     void addInterval()
     {
-        QFETCH(QString, start);
-        QFETCH(int, prime);
-        QFETCH(QString, spelling);
-        QFETCH(bool, enharmonic);
-
-        Note note(start, 0);
-        note.addInterval(prime, mOptions);
-        QCOMPARE(note.noteSpelling(), spelling);
-        QCOMPARE(note.isEnharmonic(), enharmonic);
-        QCOMPARE(note.cents(), 0.0f);
+        const auto check = [this](const char* start, int prime, const char* expected) {
+            Note note(QString::fromLatin1(start), 0);
+            note.addInterval(prime, mOptions);
+            const QString got = note.noteSpelling() + (note.isEnharmonic() ? "~" : "");
+            QCOMPARE(QStringLiteral("%1 %2: ").arg(start).arg(prime) + got,
+                     QStringLiteral("%1 %2: ").arg(start).arg(prime) + expected);
+            QCOMPARE(note.cents(), 0.0f);
+        };
+        check("g4", 3, "D5"); // fifth above G crosses the octave
+        check("c4", -3, "F3"); // fifth below C
+        check("e5#", 5, "G##5"); // third above E#
+        check("d5##", 5, "G#5~"); // third above D## gives up
+        check("d4bb", -5, "G#3~"); // third below Dbb gives up
+        // Around and below octave 0 the octave must still be the floor.
+        check("c0", -3, "F-1"); // fifth below C0
+        check("a0", -2, "A-1"); // octave below A0
+        check("g-1", 3, "D0"); // fifth above G-1
+        check("d-1", -3, "G-2"); // fifth below D-1
+        check("b-1", 17, "C0"); // second above B-1
+        check("c0", -17, "B-1"); // second below C0
+        check("c1", -2, "C0"); // octave below C1
+        // No prime of the lattice: the letter moves, the pitch stays.
+        check("c4", 37, "B#3"); // 37 above C
+        check("d4#", 37, "Eb4~"); // 37 above D# gives up
+        check("c4", -37, "Dbb4"); // 37 below C
+        check("c4", INT_MIN, "Dbb4"); // most negative int
     }
 
-    void noteFromSemitone_data()
-    {
-        QTest::addColumn<float>("semitone");
-        QTest::addColumn<QString>("spelling");
-        QTest::addColumn<float>("cents");
-
-        QTest::newRow("61.6 goes up") << 61.6f << "D5" << -40.0f;
-        QTest::newRow("61.4 stays") << 61.4f << "C#5" << 40.0f;
-        // The window is (-49.5, 50.5]: half-way keeps the lower spelling.
-        QTest::newRow("half-way stays low") << 56.5f << "G#4" << 50.0f;
-        QTest::newRow("past half-way within the slack") << 56.504f << "G#4" << 50.4f;
-        QTest::newRow("Eb, not D#") << 51.0f << "Eb4" << 0.0f;
-        QTest::newRow("Bb, not A#") << 58.0f << "Bb4" << 0.0f;
-        QTest::newRow("just below C0") << -0.3f << "C0" << -30.0f;
-        QTest::newRow("B-1 up") << -0.7f << "B-1" << 30.0f;
-        QTest::newRow("half-way below C0") << -0.5f << "B-1" << 50.0f;
-        QTest::newRow("Bb-2 up") << -13.7f << "Bb-2" << 30.0f;
-    }
-
+    // A pitch in semitones above C0 spelled as the nearest note and the
+    // cents from it.
     void noteFromSemitone()
     {
-        QFETCH(float, semitone);
-        QFETCH(QString, spelling);
-        QFETCH(float, cents);
-
-        Note note;
-        note.storeFromSemitone(semitone);
-        QCOMPARE(note.noteSpelling(), spelling);
-        QVERIFY2(std::fabs(note.cents() - cents) < 1e-3f,
-                 qPrintable(QString::number(note.cents())));
+        const auto check = [](float semitone, const char* spelling, float cents) {
+            Note note;
+            note.storeFromSemitone(semitone);
+            QCOMPARE(QString::number(semitone) + ": " + note.noteSpelling(),
+                     QString::number(semitone) + ": " + spelling);
+            QVERIFY2(std::fabs(note.cents() - cents) < 1e-3f,
+                     qPrintable(QString::number(note.cents())));
+        };
+        check(61.6f, "D5", -40.0f); // 61.6 goes up
+        check(61.4f, "C#5", 40.0f); // 61.4 stays
+        // The window is (-49.5, 50.5]: half-way keeps the lower spelling.
+        check(56.5f, "G#4", 50.0f); // half-way stays low
+        check(56.504f, "G#4", 50.4f); // past half-way within the slack
+        check(51.0f, "Eb4", 0.0f); // Eb, not D#
+        check(58.0f, "Bb4", 0.0f); // Bb, not A#
+        check(-0.3f, "C0", -30.0f); // just below C0
+        check(-0.7f, "B-1", 30.0f); // B-1 up
+        check(-0.5f, "B-1", 50.0f); // half-way below C0
+        check(-13.7f, "Bb-2", 30.0f); // Bb-2 up
     }
 
-    void baseNoteOverridesSpelling_data()
-    {
-        QTest::addColumn<float>("baseFrequency");
-        QTest::addColumn<QString>("baseNote");
-        QTest::addColumn<float>("frequency");
-        QTest::addColumn<QString>("spelling");
-
-        const float aFlat4 = 415.304698f;
-        // Exactly the base frequency only: a note a schisma away is no base.
-        QTest::newRow("only at the base frequency") << aFlat4 << "Ab 4" << 415.31f << "G#4";
-        QTest::newRow("D# instead of Eb") << 311.126984f << "D# 4" << 311.126984f << "D#4";
-        // The octave always comes from the pitch: B4 named "Cb 5" reads Cb4.
-        QTest::newRow("Cb keeps B's octave") << 493.883301f << "Cb 5" << 493.883301f << "Cb4";
-        // Hand-edited names.
-        QTest::newRow("unknown sign keeps accidental") << aFlat4 << "Gx4" << aFlat4 << "G#4";
-        QTest::newRow("empty") << aFlat4 << "" << aFlat4 << "G#4";
-    }
-
+    // A note at exactly the base frequency is spelled as the base note says.
     void baseNoteOverridesSpelling()
     {
-        QFETCH(float, baseFrequency);
-        QFETCH(QString, baseNote);
-        QFETCH(float, frequency);
-        QFETCH(QString, spelling);
-
-        mOptions.mBaseFrequency = baseFrequency;
-        mOptions.mBaseNote = baseNote;
-        QCOMPARE(Note(frequency, mOptions).noteSpelling(), spelling);
+        const auto check = [this](float base, const char* name, float frequency, const char* spelling) {
+            mOptions.mBaseFrequency = base;
+            mOptions.mBaseNote = QString::fromLatin1(name);
+            const QString at = QStringLiteral("%1 at %2: ").arg(name).arg(frequency);
+            QCOMPARE(at + Note(frequency, mOptions).noteSpelling(), at + spelling);
+        };
+        const float aFlat4 = 415.304698f;
+        // Exactly the base frequency only: a note a schisma away is no base.
+        check(aFlat4, "Ab 4", 415.31f, "G#4"); // only at the base frequency
+        check(311.126984f, "D# 4", 311.126984f, "D#4"); // D# instead of Eb
+        // The octave always comes from the pitch: B4 named "Cb 5" reads Cb4.
+        check(493.883301f, "Cb 5", 493.883301f, "Cb4"); // Cb keeps B's octave
+        // Hand-edited names.
+        check(aFlat4, "Gx4", aFlat4, "G#4"); // unknown sign keeps accidental
+        check(aFlat4, "", aFlat4, "G#4"); // empty
     }
 
     void addCents()
@@ -194,24 +168,31 @@ private slots:
         QCOMPARE(Note(-440.0f, mOptions).noteSpelling(), QStringLiteral("C0"));
     }
 
-    void cardSpelling_data()
+    // The note cards along whole lattice paths. The cents are 1200 *
+    // log2(base * ratio / calibration) + 5700 minus 100 times the semitone of
+    // the spelling (C0 = 0), worked out in exact fractions and double
+    // precision apart from this program.
+    void cardSpelling()
     {
-        QTest::addColumn<QString>("baseNote");
-        QTest::addColumn<float>("baseFrequency");
-        QTest::addColumn<int>("calibration");
-        QTest::addColumn<QList<int>>("transposition");
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<QString>("spelling");
-        QTest::addColumn<double>("cents");
-        QTest::addColumn<bool>("enharmonic");
-
-        // The cents are 1200 * log2(base * ratio / calibration) + 5700 minus
-        // 100 times the semitone of the spelling (C0 = 0), worked out in
-        // exact fractions and double precision apart from this program.
-        auto row = [](const char* baseNote, float base, int calibration, const QList<int>& steps,
-                      const char* path, const char* spelling, double cents, bool enh = false) {
-            QTest::addRow("%s %d: %s -> %s %+.2f", baseNote, calibration, path, spelling, cents)
-                << baseNote << base << calibration << steps << path << spelling << cents << enh;
+        auto row = [this](const char* baseNote, float base, int calibration, const QList<int>& steps,
+                          const char* path, const char* spelling, double cents, bool enh = false) {
+            setPitchReference(base, QString::fromLatin1(baseNote), calibration);
+            mLattice->onTransposed(ArboRatio(1, 1), 0);
+            // As the sound engine reports it: the whole new transposition and the step.
+            ArboRatio ratio(1, 1);
+            for (int step : steps) {
+                ratio *= ArboRatio::pathRatio(ArboPath(static_cast<signed char>(step)));
+                mLattice->onTransposed(ratio, step);
+            }
+            // A node of the lattice, as the cards show them.
+            const ArboBall node(ArboPath(QString::fromLatin1(path)), Arbo::WHITE, mLattice->root());
+            const Note note = CardNote::noteForBall(&node, mOptions, CardNote::justFrequency(&node));
+            QVERIFY2(note.noteSpelling() == spelling && note.isEnharmonic() == enh &&
+                         std::fabs(note.cents() - cents) < 0.01,
+                     qPrintable(QString::asprintf("%s %d %s: %s%s %+.3f", baseNote, calibration, path,
+                                                  qPrintable(note.noteSpelling()),
+                                                  note.isEnharmonic() ? " (enharmonic)" : "",
+                                                  double(note.cents()))));
         };
         const QList<int> none;
         auto a440 = [&](const QList<int>& steps, const char* path, const char* spelling,
@@ -259,32 +240,6 @@ private slots:
         // Below octave 0.
         row("A 0", 27.5f, 440, none, "/-3/-2/-2", "D-2", -1.955);
         row("A 0", 27.5f, 440, none, "/5/-2/-2", "C#-1", -13.686);
-    }
-
-    void cardSpelling()
-    {
-        QFETCH(QString, baseNote);
-        QFETCH(float, baseFrequency);
-        QFETCH(int, calibration);
-        QFETCH(QList<int>, transposition);
-        QFETCH(QString, path);
-        QFETCH(QString, spelling);
-        QFETCH(double, cents);
-        QFETCH(bool, enharmonic);
-
-        setPitchReference(baseFrequency, baseNote, calibration);
-        // As the sound engine reports it: the whole new transposition and the step.
-        ArboRatio ratio(1, 1);
-        for (int step : transposition) {
-            ratio *= ArboRatio::pathRatio(ArboPath(static_cast<signed char>(step)));
-            mLattice->onTransposed(ratio, step);
-        }
-        // A node of the lattice, as the cards show them.
-        const ArboBall node(ArboPath(path), Arbo::WHITE, mLattice->root());
-        const Note note = CardNote::noteForBall(&node, mOptions, CardNote::justFrequency(&node));
-        QCOMPARE(note.noteSpelling(), spelling);
-        QCOMPARE(note.isEnharmonic(), enharmonic);
-        QVERIFY2(std::fabs(note.cents() - cents) < 0.01, qPrintable(QString::number(note.cents())));
     }
 
     void primeTables()
