@@ -259,47 +259,34 @@ private slots:
         }
     }
 
-    void parsing_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("printed"); // empty: the text is no path
-
-        // Parts beyond the sixth are dropped without a word, even invalid ones.
-        const char* const valid[][2] = {{"/", "/"},
-                                        {"", "/"},
-                                        {"2//-3/", "/2/-3"},
-                                        {"/31/-29/23/-19/17/-13", "/31/-29/23/-19/17/-13"},
-                                        {"/3/3/3/3/3/3/3/x", "/3/3/3/3/3/3"}};
-        for (const auto& row : valid) {
-            QTest::newRow(row[0]) << row[0] << row[1];
-        }
-        for (const char* text : {"/4", "/1", "/0", "/-1", "/37", "/x", "/3/x/3", "/3.0", "/0x3",
-                                 "/127", "/-128", "/256", "/259", "/99999999999999999999"}) {
-            QTest::newRow(text) << text << QString();
-        }
-    }
-
+    // Paths as text. Parts beyond the sixth are dropped without a word, even
+    // invalid ones; a text that is no path leaves the one invalid step.
+    // Parsing over a longer path leaves none of its bytes behind: the command
+    // records copy paths byte for byte.
     void parsing()
     {
-        QFETCH(QString, text);
-        QFETCH(QString, printed);
-
-        for (int parse = 0; parse < 2 && printed.isEmpty(); ++parse) {
-            QTest::ignoreMessage(QtDebugMsg, qPrintable("Invalid path: \"" + text + '"'));
+        const auto check = [](const QString& text, const QString& printed) { // empty: no path
+            for (int parse = 0; parse < 2 && printed.isEmpty(); ++parse) {
+                QTest::ignoreMessage(QtDebugMsg, qPrintable("Invalid path: \"" + text + '"'));
+            }
+            const ArboPath path(text);
+            ArboPath reused(QStringLiteral("/2/3/5/7/11/13"));
+            reused.storeFromString(text);
+            const bool parsed =
+                printed.isEmpty()
+                    ? !path.isValid() && path.toList() == QList<int>{ArboPath::INVALID_STEP}
+                    : path.isValid() && path.toString() == printed && ArboPath(printed) == path;
+            QVERIFY2(parsed && std::memcmp(&reused, &path, sizeof(ArboPath)) == 0, qPrintable(text));
+        };
+        check("/", "/");
+        check("", "/");
+        check("2//-3/", "/2/-3");
+        check("/31/-29/23/-19/17/-13", "/31/-29/23/-19/17/-13");
+        check("/3/3/3/3/3/3/3/x", "/3/3/3/3/3/3");
+        for (const char* text : {"/4", "/1", "/0", "/-1", "/37", "/x", "/3/x/3", "/3.0", "/0x3",
+                                 "/127", "/-128", "/256", "/259", "/99999999999999999999"}) {
+            check(QString::fromLatin1(text), QString());
         }
-        const ArboPath path(text);
-        QCOMPARE(path.isValid(), !printed.isEmpty());
-        if (printed.isEmpty()) {
-            QCOMPARE(path.toList(), QList<int>{ArboPath::INVALID_STEP});
-        } else {
-            QCOMPARE(path.toString(), printed);
-            QCOMPARE(ArboPath(printed), path);
-        }
-        // Parsing over a longer path leaves none of its bytes behind: the
-        // command records copy paths byte for byte.
-        ArboPath reused(QStringLiteral("/2/3/5/7/11/13"));
-        reused.storeFromString(text);
-        QCOMPARE(std::memcmp(&reused, &path, sizeof(ArboPath)), 0);
     }
 
     void leavesAndConcatenation()
@@ -358,19 +345,24 @@ private slots:
         QVERIFY_EXCEPTION_THROWN(ArboRatio(1, 0), boost::bad_rational);
     }
 
-    void multiplication_data()
+    // Products of 64-bit ratios: whether the product fits (multiplyIfExact)
+    // and whether it is exact (canMultiplyWith). Without overflow the plain
+    // product agrees; with it, nothing changes.
+    void multiplication()
     {
-        QTest::addColumn<ArboRatio>("a");
-        QTest::addColumn<ArboRatio>("b");
-        QTest::addColumn<bool>("fits");  // multiplyIfExact
-        QTest::addColumn<bool>("exact"); // canMultiplyWith
-
+        auto row = [](const char* name, ArboRatio a, ArboRatio b, bool fits, bool exact) {
+            if (!exact) {
+                QTest::ignoreMessage(QtDebugMsg, QRegularExpression("^canMultiply fail on "));
+            }
+            ArboRatio product = a;
+            const bool fitted = product.multiplyIfExact(b);
+            QVERIFY2(a.canMultiplyWith(b) == exact && fitted == fits &&
+                         product == (fits ? a * b : a),
+                     name);
+        };
         const U64 max = ~0ULL;
         const U64 two32 = 1ULL << 32;
         const U64 two62 = 1ULL << 62;
-        auto row = [](const char* name, ArboRatio a, ArboRatio b, bool fits, bool exact) {
-            QTest::newRow(name) << a << b << fits << exact;
-        };
         row("zero", {0, 1}, {max, 1}, true, true);
         row("max cancels", {max, 1}, {1, max}, true, true);
         row("cross-cancelled", {2 * two62, 3}, {3, two62}, true, true);
@@ -385,23 +377,6 @@ private slots:
         // Exact in 64 bits but far above any pitch: the absolute tolerance
         // refuses it on purpose (the float product is 4 off).
         row("large exact", {(1ULL << 53) + 1, 1}, {3, 1}, true, false);
-    }
-
-    void multiplication()
-    {
-        QFETCH(ArboRatio, a);
-        QFETCH(ArboRatio, b);
-        QFETCH(bool, fits);
-        QFETCH(bool, exact);
-
-        if (!exact) {
-            QTest::ignoreMessage(QtDebugMsg, QRegularExpression("^canMultiply fail on "));
-        }
-        QCOMPARE(a.canMultiplyWith(b), exact);
-        ArboRatio product = a;
-        QCOMPARE(product.multiplyIfExact(b), fits);
-        // Without overflow the plain product agrees; with it, nothing changes.
-        QCOMPARE(product, fits ? a * b : a);
     }
 
     void cancelOppositeSteps()
