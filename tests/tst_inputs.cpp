@@ -307,20 +307,28 @@ private slots:
     // A file that is not a JSON document leaves the map empty and init()
     // false; a document that is no object reads as an empty map. The file
     // stays as it is.
-    void unreadableFiles_data()
+    void unreadableFiles()
     {
-        QTest::addColumn<QByteArray>("content");
-        QTest::addColumn<bool>("initResult");
+        const auto check = [this](const char* name, const QByteArray& content, bool initResult) {
+            QVERIFY(TestSupport::writeFile(mapPath(), content));
+            if (!initResult) {
+                QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("^Couldn't parse file "));
+            }
+            RfidMap map;
+            QVERIFY2(map.init() == initResult && map.size() == 0, name);
+            map.term();
+            QVERIFY2(TestSupport::readFile(mapPath()) == content, name);
+        };
         const auto data = [](const char* name) {
             return TestSupport::readFile(TestSupport::dataDir() + "/rfid/" + name);
         };
-        QTest::newRow("not JSON") << data("not_json.json") << false;
-        QTest::newRow("empty") << data("empty.json") << false;
-        QTest::newRow("truncated") << data("truncated.json") << false;
-        QTest::newRow("binary") << data("binary.json") << false;
-        QTest::newRow("number beyond double") << data("number_overflow.json") << false;
-        QTest::newRow("nesting beyond the parser") << "{\"a\": " + QByteArray(200000, '[') << false;
-        QTest::newRow("top-level array") << data("top_level_array.json") << true;
+        check("not JSON", data("not_json.json"), false);
+        check("empty", data("empty.json"), false);
+        check("truncated", data("truncated.json"), false);
+        check("binary", data("binary.json"), false);
+        check("number beyond double", data("number_overflow.json"), false);
+        check("nesting beyond the parser", "{\"a\": " + QByteArray(200000, '['), false);
+        check("top-level array", data("top_level_array.json"), true);
     }
 
     // Every command number from every kind of source: a tag of the map (the
@@ -357,21 +365,6 @@ private slots:
         }
         QCOMPARE(byTags, expected);
         QCOMPARE(byInputMap, expected);
-    }
-
-    void unreadableFiles()
-    {
-        QFETCH(QByteArray, content);
-        QFETCH(bool, initResult);
-        QVERIFY(TestSupport::writeFile(mapPath(), content));
-        if (!initResult) {
-            QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("^Couldn't parse file "));
-        }
-        RfidMap map;
-        QCOMPARE(map.init(), initResult);
-        QCOMPARE(map.size(), 0);
-        map.term();
-        QCOMPARE(TestSupport::readFile(mapPath()), content);
     }
 
     // Every size a datagram can have over IPv4, then random bytes against the
@@ -444,40 +437,27 @@ private slots:
         QVERIFY(logged("Discarding UDP packet due to wrong size 0"));
     }
 
-    void cannotWork_data()
-    {
-        QTest::addColumn<int>("port"); // -2: one held by another instance
-        QTest::addColumn<QString>("error");
-        const QString PORT =
-            QStringLiteral("Can't open UDP socket on port %1. UDP thread shutting down.");
-        QTest::newRow("taken by another instance") << -2 << PORT;
-        // Port 0 would open a random port; beyond 16 bits it would wrap.
-        QTest::newRow("port 0") << 0 << PORT;
-        QTest::newRow("beyond 16 bits") << 65536 + 8888 << PORT;
-        QTest::newRow("negative") << -1 << PORT;
-        QTest::newRow("map not JSON")
-            << int(TestSupport::freeUdpPort())
-            << QStringLiteral("Failed to load RFID mapping file, UDP thread shutting down.");
-    }
-
     // The listener gives up, saying why (the application shows it to the
-    // user: see the wand end-to-end test), and ends its thread.
+    // user: see tst_endtoend), and ends its thread: on a port another
+    // instance holds, on port 0 (a random port), beyond 16 bits (it would
+    // wrap), on a negative one, and with a tag map that is no JSON.
     void cannotWork()
     {
-        QFETCH(int, port);
-        QFETCH(QString, error);
+        const auto check = [](int port, const QString& error) {
+            UdpListener listener;
+            listener.listen(port);
+            QVERIFY(listener.wait(10000));
+            QVERIFY2(logged("CRITICAL: " + error), qPrintable(error));
+        };
+        const QString PORT = QStringLiteral("Can't open UDP socket on port %1. UDP thread shutting down.");
         QUdpSocket instance; // bound as the listener binds
-        if (port == -2) {
-            QVERIFY(instance.bind(QHostAddress::Any, TestSupport::freeUdpPort()));
-            port = instance.localPort();
+        QVERIFY(instance.bind(QHostAddress::Any, TestSupport::freeUdpPort()));
+        for (int port : {int(instance.localPort()), 0, 65536 + 8888, -1}) {
+            check(port, PORT.arg(port));
         }
-        if (error.startsWith("Failed")) {
-            QVERIFY(TestSupport::writeFile(mapPath(), "not JSON {"));
-        }
-        UdpListener listener;
-        listener.listen(port);
-        QVERIFY(listener.wait(10000));
-        QVERIFY(logged("CRITICAL: " + error.replace("%1", QString::number(port))));
+        QVERIFY(TestSupport::writeFile(mapPath(), "not JSON {"));
+        check(TestSupport::freeUdpPort(),
+              QStringLiteral("Failed to load RFID mapping file, UDP thread shutting down."));
     }
 
     // The player fed by a wand as the application connects them. First the
