@@ -238,29 +238,26 @@ private slots:
         QVERIFY(stats.snapshot().callbacks == 1 && stats.snapshot().maxNs == 50000);
     }
 
-    // Whatever index is asked for, the one device there is opens: ALSA is
-    // hidden, JACK's "system" is the default.
-    void selectsTheListedDeviceOrFallsBackToTheDefault_data()
-    {
-        QTest::addColumn<int>("requested");
-        QTest::newRow("the default (-1)") << -1;
-        QTest::newRow("the listed device") << 0;
-        QTest::newRow("beyond the list (a device unplugged)") << 1;
-        QTest::newRow("a negative index other than -1") << -7;
-    }
+    // Whatever index is asked for (the default -1, the listed device, one
+    // beyond the list as when a device was unplugged, a negative one other
+    // than -1), the one device there is opens: ALSA is hidden, JACK's
+    // "system" is the default.
     void selectsTheListedDeviceOrFallsBackToTheDefault()
     {
-        QFETCH(int, requested);
-        QSignalSpy selected(mOutput.get(), &AudioOutput::selectedDeviceChanged);
-        QVERIFY(mOutput->init(256, requested, &mPlayer));
-        QCOMPARE(mOutput->devices(), QStringList{"JACK Audio Connection Kit: system"});
-        QVERIFY(selected.count() == 1 && mOutput->selectedDevice() == 0);
-        // The stream runs: its callback is called.
-        QTRY_VERIFY_WITH_TIMEOUT(mOutput->callbackStats().snapshot().callbacks > 10, 10000);
-        // Closing keeps the selection; selecting again reopens.
-        QVERIFY(mOutput->closeDevice() && !mOutput->isStreamRunning());
-        QVERIFY(mOutput->selectDevice(requested) && mOutput->isStreamRunning());
-        QCOMPARE(mOutput->selectedDevice(), 0);
+        for (int requested : {-1, 0, 1, -7}) {
+            mOutput->term();
+            mOutput = std::make_unique<PaAudioOutput>();
+            QSignalSpy selected(mOutput.get(), &AudioOutput::selectedDeviceChanged);
+            QVERIFY2(mOutput->init(256, requested, &mPlayer), qPrintable(QString::number(requested)));
+            QCOMPARE(mOutput->devices(), QStringList{"JACK Audio Connection Kit: system"});
+            QVERIFY(selected.count() == 1 && mOutput->selectedDevice() == 0);
+            // The stream runs: its callback is called.
+            QTRY_VERIFY_WITH_TIMEOUT(mOutput->callbackStats().snapshot().callbacks > 10, 10000);
+            // Closing keeps the selection; selecting again reopens.
+            QVERIFY(mOutput->closeDevice() && !mOutput->isStreamRunning());
+            QVERIFY(mOutput->selectDevice(requested) && mOutput->isStreamRunning());
+            QCOMPARE(mOutput->selectedDevice(), 0);
+        }
     }
 
     // PortAudio pointed at a JACK server nobody serves, with ALSA hidden: the
@@ -278,23 +275,17 @@ private slots:
     // it needs and the rest of the last tick waits for the next buffer. The
     // test patch counts samples, so every frame of every buffer must carry
     // the next count: no gap, no repeat, at sizes that are no multiple of 64.
-    void anyBufferSizePlaysWithoutGaps_data()
-    {
-        QTest::addColumn<int>("frames");
-        for (int frames : {256, 100, 1000, 48, 65, 1, 7, 8192}) {
-            QTest::addRow("%d frames", frames) << frames;
-        }
-    }
     void anyBufferSizePlaysWithoutGaps()
     {
-        QFETCH(int, frames);
         QVERIFY(openForCallback());
         // The count goes on from where the patch's warm-up left it.
         float expected = renderBuffer(1)[0] + 1.0f;
-        for (int round = 0; round * frames < 3 * std::max(frames, 200); ++round) {
-            const QVector<float> buffer = renderBuffer(frames, 7.0f);
-            for (int i = 0; i < frames; ++i, expected += 1.0f) {
-                QCOMPARE(buffer[2 * i], expected);
+        for (int frames : {256, 100, 1000, 48, 65, 1, 7, 8192}) {
+            for (int round = 0; round * frames < 3 * std::max(frames, 200); ++round) {
+                const QVector<float> buffer = renderBuffer(frames, 7.0f);
+                for (int i = 0; i < frames; ++i, expected += 1.0f) {
+                    QVERIFY2(buffer[2 * i] == expected, qPrintable(QString::number(frames)));
+                }
             }
         }
     }
