@@ -72,12 +72,10 @@ QString JackFixture::missingTools()
             missing << QString::fromLatin1(tool);
         }
     }
-    if (missing.isEmpty()) {
-        return QString();
-    }
-    return QStringLiteral("%1 not found: install the Debian packages jackd2 and jack-capture "
-                          "(scripts/install-deps.sh does)")
-        .arg(missing.join(QStringLiteral(", ")));
+    return missing.isEmpty() ? QString()
+                             : missing.join(QStringLiteral(", ")) +
+                                   QStringLiteral(" not found: install the Debian packages jackd2 "
+                                                  "and jack-capture (scripts/install-deps.sh does)");
 }
 
 QProcessEnvironment JackFixture::environment(QProcessEnvironment base) const

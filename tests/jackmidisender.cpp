@@ -145,7 +145,6 @@ int JackMidiSender::process(jack_nframes_t frames, void* self)
     auto* sender = static_cast<JackMidiSender*>(self);
     void* buffer = jack_port_get_buffer(sender->mPort, frames);
     jack_midi_clear_buffer(buffer);
-    std::uint64_t written = 0;
     std::uint8_t size = 0;
     std::uint8_t bytes[MAX_EVENT_BYTES];
     while (jack_ringbuffer_peek(sender->mQueue, reinterpret_cast<char*>(&size), 1) == 1 &&
@@ -153,7 +152,6 @@ int JackMidiSender::process(jack_nframes_t frames, void* self)
         jack_ringbuffer_read_advance(sender->mQueue, 1);
         jack_ringbuffer_read(sender->mQueue, reinterpret_cast<char*>(bytes), size);
         if (jack_midi_event_write(buffer, 0, bytes, size) == 0) {
-            ++written;
             sender->mLastSentNs.store(std::chrono::duration_cast<std::chrono::nanoseconds>(
                                           std::chrono::steady_clock::now().time_since_epoch())
                                           .count(),
@@ -165,11 +163,9 @@ int JackMidiSender::process(jack_nframes_t frames, void* self)
         const std::vector<Bytes>& pattern = sender->mPattern;
         while (jack_midi_event_write(buffer, 0, pattern[sender->mNext].data(),
                                      pattern[sender->mNext].size()) == 0) {
-            ++written;
             sender->mNext = (sender->mNext + 1) % pattern.size();
         }
     }
-    sender->mWritten.fetch_add(written, std::memory_order_release);
 
     void* input = jack_port_get_buffer(sender->mInput, frames);
     for (std::uint32_t i = 0, count = jack_midi_get_event_count(input); i < count; ++i) {

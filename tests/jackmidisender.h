@@ -62,9 +62,8 @@ public:
     int poll();
     std::vector<Bytes>& messages() { return mMessages; }
 
-    // Events written into the port; send() events written, and the
-    // steady-clock time (ns) at which the latest of them was.
-    std::uint64_t eventsWritten() const { return mWritten.load(std::memory_order_acquire); }
+    // send() events written into the port, and the steady-clock time (ns)
+    // at which the latest of them was.
     std::uint64_t sentWritten() const { return mSentWritten.load(std::memory_order_acquire); }
     std::int64_t lastSentNs() const { return mLastSentNs.load(std::memory_order_acquire); }
 
@@ -81,7 +80,6 @@ private:
     std::vector<Bytes> mPattern; // fixed once a flood has begun
     std::atomic<bool> mFlooding{false};
     std::size_t mNext = 0; // process thread: the pattern's next event
-    std::atomic<std::uint64_t> mWritten{0};
     std::atomic<std::uint64_t> mSentWritten{0};
     std::atomic<std::int64_t> mLastSentNs{0};
 };

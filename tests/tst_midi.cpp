@@ -611,8 +611,6 @@ private slots:
         keys.stopFlood();
         const std::uint64_t received = input.messagesReceived() - before;
         const QStringList floodLog = TestSupport::loggedLines();
-        qInfo() << "flood:" << keys.eventsWritten() << "events written," << received
-                << "messages received," << floodLog.size() << "lines logged";
         QVERIFY(received > 100000);
         QVERIFY2(floodLog.size() <= 40, qPrintable(floodLog.join('\n')));
         QVERIFY2(!mNotes.contains(QLatin1String("1/1 off")), qPrintable(mNotes.join(',')));
