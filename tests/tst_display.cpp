@@ -26,7 +26,6 @@
 
 #include <QGraphicsEllipseItem>
 #include <QLabel>
-#include <QSignalSpy>
 #include <QStackedWidget>
 #include <QSvgRenderer>
 #include <QSvgWidget>

@@ -39,7 +39,6 @@
 #include <QSignalSpy>
 #include <QUdpSocket>
 
-#include <lo/lo.h>
 
 #include <algorithm>
 #include <cmath>

@@ -32,12 +32,10 @@
 #include <QLabel>
 #include <QSignalSpy>
 #include <QSpinBox>
-#include <QtTest>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <functional>
 #include <random>
 #include <vector>
 

@@ -15,7 +15,6 @@
 #include "testsupport.h"
 
 #include <QLoggingCategory>
-#include <QtTest>
 
 #include <boost/rational.hpp>
 

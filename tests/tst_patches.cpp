@@ -7,7 +7,6 @@
 #include "testsupport.h"
 
 #include <QFileInfo>
-#include <QtTest>
 
 #include <algorithm>
 #include <cmath>
