@@ -20,27 +20,6 @@ double hann(double position, double length)
     return 0.5 - 0.5 * std::cos(2.0 * M_PI * position / length);
 }
 
-// Recursive radix-2 FFT in place; the size must be a power of two.
-void fft(std::vector<std::complex<double>>& data)
-{
-    const std::size_t half = data.size() / 2;
-    if (half == 0) {
-        return;
-    }
-    std::vector<std::complex<double>> even(half), odd(half);
-    for (std::size_t i = 0; i < half; ++i) {
-        even[i] = data[2 * i];
-        odd[i] = data[2 * i + 1];
-    }
-    fft(even);
-    fft(odd);
-    for (std::size_t k = 0; k < half; ++k) {
-        const std::complex<double> t = std::polar(1.0, -M_PI * double(k) / double(half)) * odd[k];
-        data[k] = even[k] + t;
-        data[k + half] = even[k] - t;
-    }
-}
-
 // Complex amplitude of the component at `frequency` in a Hann window over
 // samples [start, start + length), its phase referred to sample 0, so that
 // windows at different places compare directly.
@@ -128,38 +107,6 @@ double rmsDb(const QVector<float>& samples)
     return value > 0.0 ? 20.0 * std::log10(value) : -std::numeric_limits<double>::infinity();
 }
 
-double dominantFrequency(const QVector<float>& samples, double sampleRate, double minHz,
-                         double maxHz)
-{
-    std::size_t n = 1;
-    while (n * 2 <= std::size_t(samples.size())) {
-        n *= 2;
-    }
-    if (n < 4096 || sampleRate <= 0.0) {
-        return 0.0;
-    }
-    const std::size_t start = (std::size_t(samples.size()) - n) / 2;
-    std::vector<std::complex<double>> data(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        data[i] = double(samples[int(start + i)]) * hann(double(i), double(n - 1));
-    }
-    fft(data);
-    const double binHz = sampleRate / double(n);
-    const auto last = std::min<std::size_t>(n / 2 - 2, std::size_t(std::ceil(maxHz / binHz)));
-    std::size_t best = std::max<std::size_t>(1, std::size_t(minHz / binHz));
-    for (std::size_t k = best; k <= last; ++k) {
-        best = std::abs(data[k]) > std::abs(data[best]) ? k : best;
-    }
-    // Full scale reads 0 dB (the Hann window's gain is 1/2); below -120 dB is silence.
-    auto db = [&](std::size_t k) { return 20.0 * std::log10(std::abs(data[k]) * 4.0 / double(n)); };
-    if (best > last || db(best) < -120.0) {
-        return 0.0;
-    }
-    // The vertex of the parabola through the three log magnitudes.
-    const double a = db(best - 1), b = db(best), c = db(best + 1);
-    return (double(best) + 0.5 * (a - c) / (a - 2.0 * b + c)) * binHz;
-}
-
 double cents(double frequency, double reference)
 {
     return 1200.0 * std::log2(frequency / reference);
@@ -192,6 +139,32 @@ ToneEstimate measureTone(const float* samples, long start, long end, double nomi
     const double radiansPerSecond = covariance / variance * sampleRate / double(window);
     result.frequency = nominal + radiansPerSecond / (2.0 * M_PI);
     return result;
+}
+
+bool soundsNear(const QVector<float>& samples, double frequency, double sampleRate)
+{
+    // A tone 15 Hz or more away passes a 50 ms window at less than 0.7 of
+    // its amplitude, while a single tone near `frequency` holds nearly all
+    // of it (a period lost to the capture takes a quarter at most); nearer,
+    // its phase gives it away.
+    const ToneEstimate tone =
+        measureTone(samples.constData(), 0, samples.size(), frequency, sampleRate);
+    return rmsDb(samples) > -40.0 && tone.minAmplitude > 0.7 * std::sqrt(2.0) * rms(samples) &&
+           std::abs(cents(tone.frequency, frequency)) < 10.0;
+}
+
+QString heardNear(const QVector<float>& samples, double frequency, double sampleRate)
+{
+    const ToneEstimate tone =
+        measureTone(samples.constData(), 0, samples.size(), frequency, sampleRate);
+    return QString::asprintf("%d samples at %g dB; near %g Hz: %g Hz, amplitude %g at least",
+                             samples.size(), rmsDb(samples), frequency, tone.frequency,
+                             tone.minAmplitude);
+}
+
+bool isSilent(const QVector<float>& samples)
+{
+    return samples.size() > 20000 && rmsDb(samples) < -80.0;
 }
 
 } // namespace AudioAnalysis

@@ -29,14 +29,6 @@ double peak(const QVector<float>& samples);
 // 20·log10 of the RMS; -infinity for digital silence.
 double rmsDb(const QVector<float>& samples);
 
-// The frequency of the strongest spectral peak between `minHz` and `maxHz`:
-// a Hann-windowed FFT over the middle of the signal (cut to a power of two of
-// at least 2^12 samples), refined by parabolic interpolation. For a steady
-// tone of a second or more at 44.1 kHz it is right to well within 0.1 Hz.
-// 0 when there is no peak (silence, or too short a signal).
-double dominantFrequency(const QVector<float>& samples, double sampleRate, double minHz = 20.0,
-                         double maxHz = 20000.0);
-
 // 1200 · log2(frequency / reference).
 double cents(double frequency, double reference);
 
@@ -55,5 +47,14 @@ struct ToneEstimate
 // sounded throughout.
 ToneEstimate measureTone(const float* samples, long start, long end, double nominal,
                          double sampleRate);
+
+// For live recordings, whose exact pitch is measured offline elsewhere (a
+// capture on a busy machine may drop a period): a tone within 10 cents of
+// `frequency` sounds throughout, clearly above silence, and what was heard,
+// for the message of a failed check...
+bool soundsNear(const QVector<float>& samples, double frequency, double sampleRate = 44100.0);
+QString heardNear(const QVector<float>& samples, double frequency, double sampleRate = 44100.0);
+// ...and a recording of about half a second or more is below -80 dB.
+bool isSilent(const QVector<float>& samples);
 
 } // namespace AudioAnalysis

@@ -1,5 +1,6 @@
 #include "jackfixture.h"
 
+#include "audioanalysis.h"
 #include "testsupport.h"
 
 #include <QCoreApplication>
@@ -7,9 +8,12 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
 #include <QStandardPaths>
+#include <QTest>
 #include <QThread>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <sys/prctl.h>
@@ -44,6 +48,13 @@ QProcessEnvironment jackEnvironment(QProcessEnvironment base, const QString& ser
     return base;
 }
 
+void apply(const QProcessEnvironment& env)
+{
+    for (const QString& key : env.keys()) {
+        qputenv(key.toLocal8Bit().constData(), env.value(key).toLocal8Bit());
+    }
+}
+
 } // namespace
 
 void JackFixture::ChildProcess::setupChildProcess()
@@ -61,12 +72,10 @@ QString JackFixture::missingTools()
             missing << QString::fromLatin1(tool);
         }
     }
-    if (missing.isEmpty()) {
-        return QString();
-    }
-    return QStringLiteral("%1 not found: install the Debian packages jackd2 and jack-capture "
-                          "(scripts/install-deps.sh does)")
-        .arg(missing.join(QStringLiteral(", ")));
+    return missing.isEmpty() ? QString()
+                             : missing.join(QStringLiteral(", ")) +
+                                   QStringLiteral(" not found: install the Debian packages jackd2 "
+                                                  "and jack-capture (scripts/install-deps.sh does)");
 }
 
 QProcessEnvironment JackFixture::environment(QProcessEnvironment base) const
@@ -76,10 +85,12 @@ QProcessEnvironment JackFixture::environment(QProcessEnvironment base) const
 
 void JackFixture::applyToThisProcess() const
 {
-    const QProcessEnvironment env = environment(QProcessEnvironment());
-    for (const QString& key : env.keys()) {
-        qputenv(key.toLocal8Bit().constData(), env.value(key).toLocal8Bit());
-    }
+    apply(environment(QProcessEnvironment()));
+}
+
+void JackFixture::applyNoDeviceToThisProcess()
+{
+    apply(noDeviceEnvironment(QProcessEnvironment()));
 }
 
 QProcessEnvironment JackFixture::noDeviceEnvironment(QProcessEnvironment base)
@@ -114,6 +125,7 @@ bool JackFixture::start(int sampleRate, int periodFrames, int timeoutMs, bool re
 {
     stop();
     mError.clear();
+    mSampleRate = sampleRate;
     mDir = std::make_unique<QTemporaryDir>(QDir::tempPath() + QStringLiteral("/arbo-jack-XXXXXX"));
     mServerName = QStringLiteral("arbo-test-%1-%2")
                       .arg(QCoreApplication::applicationPid())
@@ -201,17 +213,12 @@ bool JackFixture::capture(const QString& wavPath, double seconds)
 {
     stopProcess(mCapture);
     QFile::remove(wavPath);
-    const QStringList args{"--disable-console",
-                           "--no-stdin",
-                           "--recording-time",
-                           QString::number(seconds),
-                           "--format",
-                           "wav",
-                           "--channels",
-                           "2",
-                           "--port",
-                           PORTAUDIO_CLIENT + QStringLiteral(":out_*"),
-                           wavPath};
+    const QStringList args = QStringLiteral("--disable-console --no-stdin --recording-time %1 "
+                                            "--format wav --channels 2 --port %2:out_*")
+                                 .arg(seconds)
+                                 .arg(PORTAUDIO_CLIENT)
+                                 .split(QLatin1Char(' '))
+                             << wavPath;
     if (mServer.state() != QProcess::Running) {
         mError = QStringLiteral("no JACK server runs");
     } else if (startTool(mCapture, QStringLiteral("jack_capture"), args,
@@ -225,4 +232,99 @@ bool JackFixture::capture(const QString& wavPath, double seconds)
         mError = QStringLiteral("jack_capture failed:\n%1").arg(log("jack_capture.log"));
     }
     return false;
+}
+
+QVector<float> JackFixture::recordUntil(const QString& name, double seconds,
+                                        const std::function<bool(const QVector<float>&)>& done,
+                                        int channel, int timeoutMs)
+{
+    const QString path = workDir() + QLatin1Char('/') + name + QStringLiteral(".wav");
+    QElapsedTimer timer;
+    timer.start();
+    QVector<float> samples;
+    do {
+        if (!capture(path, seconds)) {
+            return QVector<float>();
+        }
+        samples = AudioAnalysis::readWav(path).channel(channel);
+    } while (!done(samples) && timer.elapsed() < timeoutMs);
+    return samples;
+}
+
+bool JackFixture::hears(double frequency, int channel, int timeoutMs)
+{
+    const auto near = [this, frequency](const QVector<float>& samples) {
+        return AudioAnalysis::soundsNear(samples, frequency, mSampleRate);
+    };
+    const QVector<float> heard = recordUntil(QStringLiteral("tone"), 1.0, near, channel, timeoutMs);
+    if (!heard.isEmpty() && !near(heard)) {
+        mError = QStringLiteral("no tone: ") + AudioAnalysis::heardNear(heard, frequency, mSampleRate);
+    }
+    return near(heard);
+}
+
+bool JackFixture::hearsSilence(int timeoutMs)
+{
+    const QVector<float> heard =
+        recordUntil(QStringLiteral("silence"), 0.5, AudioAnalysis::isSilent, 0, timeoutMs);
+    if (!heard.isEmpty() && !AudioAnalysis::isSilent(heard)) {
+        mError = QStringLiteral("no silence: %1 dB").arg(AudioAnalysis::rmsDb(heard));
+    }
+    return AudioAnalysis::isSilent(heard);
+}
+
+ProgramOnJack::ProgramOnJack(const JackFixture& jack, const QMap<QString, QByteArray>& files)
+    : environment(jack.environment())
+{
+    environment.insert(QStringLiteral("XDG_DATA_HOME"), home.path());
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    for (auto file = files.begin(); file != files.end(); ++file) {
+        configured = TestSupport::writeFile(config(file.key()), file.value()) && configured;
+    }
+}
+
+QString ProgramOnJack::config(const QString& name) const
+{
+    return home.path() + QStringLiteral("/Merrow Tuning Arbo/") + name;
+}
+
+QString ProgramOnJack::log() const
+{
+    return QString::fromUtf8(TestSupport::readFile(config(QStringLiteral("log.txt"))));
+}
+
+bool ProgramOnJack::start(const QStringList& lines)
+{
+    process.start(TestSupport::mainBinary(), QStringList());
+    const auto ready = [&] {
+        const QString text = log();
+        return process.state() != QProcess::Running ||
+               std::all_of(lines.begin(), lines.end(), [&](const QString& l) { return text.contains(l); });
+    };
+    if (configured && process.waitForStarted() && QTest::qWaitFor(ready, 30000) &&
+        process.state() == QProcess::Running) {
+        return true;
+    }
+    qWarning().noquote() << log();
+    return false;
+}
+
+qint64 ProgramOnJack::terminate(int timeoutMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    process.terminate();
+    if (!process.waitForFinished(timeoutMs) || process.exitStatus() != QProcess::NormalExit ||
+        process.exitCode() != 0) {
+        return -1;
+    }
+    return timer.elapsed();
+}
+
+QJsonObject ProgramOnJack::options() const
+{
+    return QJsonDocument::fromJson(TestSupport::readFile(config(QStringLiteral("options.json"))))
+        .object();
 }

@@ -1,10 +1,14 @@
 #pragma once
 
+#include <QJsonObject>
+#include <QMap>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QTemporaryDir>
+#include <QVector>
 
+#include <functional>
 #include <memory>
 
 // A private JACK server on the dummy driver, for hearing the program's output
@@ -74,6 +78,8 @@ public:
     // started on demand). Needs no running fixture.
     static QProcessEnvironment
     noDeviceEnvironment(QProcessEnvironment base = QProcessEnvironment::systemEnvironment());
+    // Its variables, set in this process.
+    static void applyNoDeviceToThisProcess();
 
     // Waits until a port whose name contains `pattern` exists (jack_lsp).
     bool waitForPort(const QString& pattern, int timeoutMs = 15000) const;
@@ -83,6 +89,20 @@ public:
     // file is written. The ports must exist already. False on a failed
     // recording, with the reason in error().
     bool capture(const QString& wavPath, double seconds);
+    // Records `seconds` into "<name>.wav" in workDir() again and again until
+    // `done` holds for channel `channel` of the recording, for at most
+    // `timeoutMs`: a live note takes a moment to start or fade, and a busy
+    // machine may spoil one recording. Returns that channel of the last
+    // recording; empty when recording failed (error() says why).
+    QVector<float> recordUntil(const QString& name, double seconds,
+                               const std::function<bool(const QVector<float>&)>& done,
+                               int channel = 0, int timeoutMs = 20000);
+    // Whether recordings of a second come to hold a tone near `frequency`
+    // (AudioAnalysis::soundsNear) on `channel`; whether recordings of half
+    // a second come to be silent; within `timeoutMs` (0: one recording).
+    // Otherwise error() tells what was heard.
+    bool hears(double frequency, int channel = 0, int timeoutMs = 20000);
+    bool hearsSilence(int timeoutMs = 20000);
 
     // What the process started with `logName` wrote so far (the server's
     // is "jackd.log").
@@ -110,4 +130,26 @@ private:
     QString mServerName;
     QStringList mServerArguments;
     QString mError;
+    int mSampleRate = 0;
+};
+
+// The real program on a fixture's server, in a configuration folder of its
+// own holding `files` (file name -> contents). The QProcess stops it, if it
+// still runs, when the object goes.
+struct ProgramOnJack
+{
+    ProgramOnJack(const JackFixture& jack, const QMap<QString, QByteArray>& files);
+    QString config(const QString& name) const;
+    QString log() const;
+    // Starts it and waits, up to 30 s, until its log holds each of `lines`.
+    bool start(const QStringList& lines = QStringList());
+    // SIGTERM: how long it took to end, -1 when it did not end cleanly
+    // (exit code 0) within `timeoutMs`.
+    qint64 terminate(int timeoutMs = 30000);
+    QJsonObject options() const;
+
+    QTemporaryDir home;
+    QProcessEnvironment environment;
+    QProcess process;
+    bool configured = true;
 };

@@ -35,13 +35,25 @@ void runBuffer(PdPlayer& player)
     render(player, BUFFER_SECONDS);
 }
 
-void setUp(PdPlayer& player, Arbo& lattice)
+int voiceOf(const PdPlayer& player, const ArboRatio& ratio)
+{
+    for (const PdPlayer::NoteOn& voice : player.voices()) {
+        if (voice.seqId != 0 && !voice.released && voice.ratio == ratio) {
+            return voice.voice;
+        }
+    }
+    return -1;
+}
+
+void setUp(PdPlayer& player, Arbo& lattice, const QString& voice)
 {
     QVERIFY(QDir().mkpath(TestSupport::configDir()));
     QVERIFY(player.init());
     QCOMPARE(player.initAudio(2, SAMPLE_RATE), 0);
     QVERIFY(PatchLoader::installShellPatches());
     QVERIFY(lattice.init(&player));
+    QVERIFY(voice.isEmpty() ||
+            PatchLoader::loadVoice(&player, TestSupport::binDir() + "/patches/" + voice));
 }
 
 InstrumentParts parts(PdPlayer& player, Arbo& lattice, Settings& options)

@@ -2,9 +2,12 @@
 
 #include "ui/instrumentparts.h"
 
+#include <QString>
+
 #include <vector>
 
 class Arbo;
+class ArboRatio;
 class PdPlayer;
 class Settings;
 
@@ -26,12 +29,15 @@ std::vector<float> render(PdPlayer& player, double seconds);
 // One buffer, for a test that plays the audio thread and only wants the
 // commands carried out and their results delivered.
 void runBuffer(PdPlayer& player);
+// The voice sounding `ratio` (struck and not released), or -1.
+int voiceOf(const PdPlayer& player, const ArboRatio& ratio);
 
 // The instrument as start-up builds it, minus the sound card: starts the
 // player for render() with the shell patches in the runtime patch folder,
-// and loads the lattice (following the player). Fails the calling test on
-// any failure: check QTest::currentTestFailed().
-void setUp(PdPlayer& player, Arbo& lattice);
+// and loads the lattice (following the player), then the voice `voice` of
+// the patch folder ("Sine.pd"), if given. Fails the calling test on any
+// failure: check QTest::currentTestFailed().
+void setUp(PdPlayer& player, Arbo& lattice, const QString& voice = QString());
 // What a window made by the test acts on: these three, no audio output and
 // no MIDI.
 InstrumentParts parts(PdPlayer& player, Arbo& lattice, Settings& options);

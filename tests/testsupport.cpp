@@ -10,10 +10,14 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QMessageBox>
+#include <QMutex>
 #include <QTemporaryDir>
 #include <QUdpSocket>
+#include <QtEndian>
 
+#include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 
 #include <memory>
 
@@ -21,7 +25,22 @@ namespace TestSupport {
 
 namespace {
 std::unique_ptr<QTemporaryDir> sHome;
+QMutex sLogMutex;
+QStringList sLog;
+QtMessageHandler sDefaultHandler = nullptr;
+bool sEcho = false;
+
+void keepMessage(QtMsgType type, const QMessageLogContext& context, const QString& text)
+{
+    {
+        QMutexLocker lock(&sLogMutex);
+        sLog << (type == QtCriticalMsg ? QStringLiteral("CRITICAL: ") : QString()) + text;
+    }
+    if (sEcho) {
+        sDefaultHandler(type, context, text);
+    }
 }
+} // namespace
 
 QString isolateHome()
 {
@@ -88,6 +107,65 @@ quint16 freeUdpPort()
     QUdpSocket socket;
     socket.bind(QHostAddress::Any, 0, QUdpSocket::DontShareAddress);
     return socket.localPort();
+}
+
+QByteArray oscMessage(const char* address, const char* types, ...)
+{
+    lo_message message = lo_message_new();
+    va_list args;
+    va_start(args, types);
+    lo_message_add_varargs(message, types, args);
+    va_end(args);
+    size_t size = 0;
+    void* data = lo_message_serialise(message, address, nullptr, &size);
+    const QByteArray bytes(static_cast<const char*>(data), int(size));
+    std::free(data);
+    lo_message_free(message);
+    return bytes;
+}
+
+QByteArray oscBundle(const QList<QByteArray>& elements)
+{
+    QByteArray bundle = QByteArray("#bundle\0", 8) + QByteArray(8, '\x7f');
+    for (const QByteArray& element : elements) {
+        const quint32 size = qToBigEndian(quint32(element.size()));
+        bundle += QByteArray(reinterpret_cast<const char*>(&size), 4) + element;
+    }
+    return bundle;
+}
+
+void captureLog(bool echo)
+{
+    sEcho = echo;
+    sDefaultHandler = qInstallMessageHandler(keepMessage);
+}
+
+QStringList loggedLines()
+{
+    QMutexLocker lock(&sLogMutex);
+    return sLog;
+}
+
+void clearLog()
+{
+    QMutexLocker lock(&sLogMutex);
+    sLog.clear();
+}
+
+bool logged(const QString& line)
+{
+    return loggedLines().contains(line);
+}
+
+long long loggedCount(const QString& line, const QString& summary)
+{
+    long long total = 0;
+    for (const QString& text : loggedLines()) {
+        total += text.startsWith(line)    ? 1
+                 : text.endsWith(summary) ? text.section(' ', 0, 0).toLongLong()
+                                          : 0;
+    }
+    return total;
 }
 
 } // namespace TestSupport

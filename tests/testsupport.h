@@ -7,6 +7,8 @@
 #include <QTimer>
 #include <QtTest>
 
+#include <lo/lo.h>
+
 #include <vector>
 
 // Shared helpers of the test executables.
@@ -42,6 +44,24 @@ QString dataDir();
 
 // A UDP port that was free a moment ago.
 quint16 freeUdpPort();
+
+// One OSC message, laid out by liblo's own encoder: OSC("/a", "if", 1, 0.5).
+#define OSC(...) TestSupport::oscMessage(__VA_ARGS__, LO_ARGS_END)
+QByteArray oscMessage(const char* address, const char* types, ...);
+// An OSC bundle of `elements`, timed far in the future (which the input
+// ignores): one datagram, which arrives whole or not at all.
+QByteArray oscBundle(const QList<QByteArray>& elements);
+
+// Keeps every message this process logs, from any thread, for the tests that
+// look for lines or count them; critical ones are marked "CRITICAL: ". With
+// `echo` each is passed on to Qt's default handler too.
+void captureLog(bool echo = false);
+QStringList loggedLines(); // since the last clearLog()
+void clearLog();
+bool logged(const QString& line);
+// How many messages the log accounts for: one per line that begins with
+// `line`, N per throttled summary "N more ... `summary`".
+long long loggedCount(const QString& line, const QString& summary);
 
 } // namespace TestSupport
 

@@ -1,23 +1,29 @@
+// Ratios, paths and the notes spelled from them. The paths and ratios are
+// checked against exact fractions (and the 64-bit limits of the command
+// records); the notes against spellings a musician names and cents worked out
+// apart from the code; the note cards, which are what the player reads, along
+// whole lattice paths.
+
 #include "model/arbo.h"
 #include "model/arboball.h"
+#include "model/arboconstants.h"
 #include "model/arbopath.h"
 #include "model/arboratio.h"
 #include "notation/cardnote.h"
 #include "notation/note.h"
-#include "settings/paths.h"
 #include "settings/settings.h"
-
 #include "testsupport.h"
 
 #include <QLoggingCategory>
-#include <QtTest>
+
+#include <boost/rational.hpp>
 
 #include <climits>
 #include <cmath>
+#include <cstring>
 
-// The notes themselves are checked against spellings a musician names and
-// cents worked out apart from the code; the note cards, which are what the
-// player reads, are checked along whole lattice paths.
+using U64 = unsigned long long;
+
 class TestNotation : public QObject
 {
     Q_OBJECT
@@ -36,121 +42,96 @@ class TestNotation : public QObject
     }
 
 private slots:
-    void initTestCase()
-    {
-        // Every step of a note writes a debug line for the diagnostics dialog.
-        QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
-        mLattice = new Arbo(this);
-    }
+    void initTestCase() { mLattice = new Arbo(this); }
 
     void init()
     {
+        // Every step of a note writes a debug line for the diagnostics
+        // dialog; only the tests of paths and ratios look for theirs.
+        const QByteArray test = QTest::currentTestFunction();
+        QLoggingCategory::setFilterRules(test == "parsing" || test == "multiplication"
+                                             ? QString()
+                                             : QStringLiteral("default.debug=false"));
         // Every test starts from the pitch reference a new user has.
         setPitchReference(440.0f, QStringLiteral("A 4"), 440);
         mLattice->onTransposed(ArboRatio(1, 1), 0);
     }
 
-    void addInterval_data()
-    {
-        QTest::addColumn<QString>("start");
-        QTest::addColumn<int>("prime");
-        QTest::addColumn<QString>("spelling");
-        QTest::addColumn<bool>("enharmonic");
-
-        QTest::newRow("fifth above G crosses the octave") << "g4" << 3 << "D5" << false;
-        QTest::newRow("fifth below C") << "c4" << -3 << "F3" << false;
-        QTest::newRow("third above E#") << "e5#" << 5 << "G##5" << false;
-        QTest::newRow("third above D## gives up") << "d5##" << 5 << "G#5" << true;
-        QTest::newRow("third below Dbb gives up") << "d4bb" << -5 << "G#3" << true;
-        // Around and below octave 0 the octave must still be the floor.
-        QTest::newRow("fifth below C0") << "c0" << -3 << "F-1" << false;
-        QTest::newRow("octave below A0") << "a0" << -2 << "A-1" << false;
-        QTest::newRow("fifth above G-1") << "g-1" << 3 << "D0" << false;
-        QTest::newRow("fifth below D-1") << "d-1" << -3 << "G-2" << false;
-        QTest::newRow("second above B-1") << "b-1" << 17 << "C0" << false;
-        QTest::newRow("second below C0") << "c0" << -17 << "B-1" << false;
-        QTest::newRow("octave below C1") << "c1" << -2 << "C0" << false;
-        // No prime of the lattice: the letter moves, the pitch stays.
-        QTest::newRow("37 above C") << "c4" << 37 << "B#3" << false;
-        QTest::newRow("37 above D# gives up") << "d4#" << 37 << "Eb4" << true;
-        QTest::newRow("37 below C") << "c4" << -37 << "Dbb4" << false;
-        QTest::newRow("most negative int") << "c4" << INT_MIN << "Dbb4" << false;
-    }
-
+    // Spellings a musician names after an interval of a prime, never a cent
+    // off: the starting note, the prime, the spelling ("~" when it gives up).
     void addInterval()
     {
-        QFETCH(QString, start);
-        QFETCH(int, prime);
-        QFETCH(QString, spelling);
-        QFETCH(bool, enharmonic);
-
-        Note note(start, 0);
-        note.addInterval(prime, mOptions);
-        QCOMPARE(note.noteSpelling(), spelling);
-        QCOMPARE(note.isEnharmonic(), enharmonic);
-        QCOMPARE(note.cents(), 0.0f);
+        const auto check = [this](const char* start, int prime, const char* expected) {
+            Note note(QString::fromLatin1(start), 0);
+            note.addInterval(prime, mOptions);
+            const QString got = note.noteSpelling() + (note.isEnharmonic() ? "~" : "");
+            QCOMPARE(QStringLiteral("%1 %2: ").arg(start).arg(prime) + got,
+                     QStringLiteral("%1 %2: ").arg(start).arg(prime) + expected);
+            QCOMPARE(note.cents(), 0.0f);
+        };
+        check("g4", 3, "D5"); // fifth above G crosses the octave
+        check("c4", -3, "F3"); // fifth below C
+        check("e5#", 5, "G##5"); // third above E#
+        check("d5##", 5, "G#5~"); // third above D## gives up
+        check("d4bb", -5, "G#3~"); // third below Dbb gives up
+        // Around and below octave 0 the octave must still be the floor.
+        check("c0", -3, "F-1"); // fifth below C0
+        check("a0", -2, "A-1"); // octave below A0
+        check("g-1", 3, "D0"); // fifth above G-1
+        check("d-1", -3, "G-2"); // fifth below D-1
+        check("b-1", 17, "C0"); // second above B-1
+        check("c0", -17, "B-1"); // second below C0
+        check("c1", -2, "C0"); // octave below C1
+        // No prime of the lattice: the letter moves, the pitch stays.
+        check("c4", 37, "B#3"); // 37 above C
+        check("d4#", 37, "Eb4~"); // 37 above D# gives up
+        check("c4", -37, "Dbb4"); // 37 below C
+        check("c4", INT_MIN, "Dbb4"); // most negative int
     }
 
-    void noteFromSemitone_data()
-    {
-        QTest::addColumn<float>("semitone");
-        QTest::addColumn<QString>("spelling");
-        QTest::addColumn<float>("cents");
-
-        QTest::newRow("61.6 goes up") << 61.6f << "D5" << -40.0f;
-        QTest::newRow("61.4 stays") << 61.4f << "C#5" << 40.0f;
-        // The window is (-49.5, 50.5]: half-way keeps the lower spelling.
-        QTest::newRow("half-way stays low") << 56.5f << "G#4" << 50.0f;
-        QTest::newRow("past half-way within the slack") << 56.504f << "G#4" << 50.4f;
-        QTest::newRow("Eb, not D#") << 51.0f << "Eb4" << 0.0f;
-        QTest::newRow("Bb, not A#") << 58.0f << "Bb4" << 0.0f;
-        QTest::newRow("just below C0") << -0.3f << "C0" << -30.0f;
-        QTest::newRow("B-1 up") << -0.7f << "B-1" << 30.0f;
-        QTest::newRow("half-way below C0") << -0.5f << "B-1" << 50.0f;
-        QTest::newRow("Bb-2 up") << -13.7f << "Bb-2" << 30.0f;
-    }
-
+    // A pitch in semitones above C0 spelled as the nearest note and the
+    // cents from it.
     void noteFromSemitone()
     {
-        QFETCH(float, semitone);
-        QFETCH(QString, spelling);
-        QFETCH(float, cents);
-
-        Note note;
-        note.storeFromSemitone(semitone);
-        QCOMPARE(note.noteSpelling(), spelling);
-        QVERIFY2(std::fabs(note.cents() - cents) < 1e-3f,
-                 qPrintable(QString::number(note.cents())));
+        const auto check = [](float semitone, const char* spelling, float cents) {
+            Note note;
+            note.storeFromSemitone(semitone);
+            QCOMPARE(QString::number(semitone) + ": " + note.noteSpelling(),
+                     QString::number(semitone) + ": " + spelling);
+            QVERIFY2(std::fabs(note.cents() - cents) < 1e-3f,
+                     qPrintable(QString::number(note.cents())));
+        };
+        check(61.6f, "D5", -40.0f); // 61.6 goes up
+        check(61.4f, "C#5", 40.0f); // 61.4 stays
+        // The window is (-49.5, 50.5]: half-way keeps the lower spelling.
+        check(56.5f, "G#4", 50.0f); // half-way stays low
+        check(56.504f, "G#4", 50.4f); // past half-way within the slack
+        check(51.0f, "Eb4", 0.0f); // Eb, not D#
+        check(58.0f, "Bb4", 0.0f); // Bb, not A#
+        check(-0.3f, "C0", -30.0f); // just below C0
+        check(-0.7f, "B-1", 30.0f); // B-1 up
+        check(-0.5f, "B-1", 50.0f); // half-way below C0
+        check(-13.7f, "Bb-2", 30.0f); // Bb-2 up
     }
 
-    void baseNoteOverridesSpelling_data()
-    {
-        QTest::addColumn<float>("baseFrequency");
-        QTest::addColumn<QString>("baseNote");
-        QTest::addColumn<float>("frequency");
-        QTest::addColumn<QString>("spelling");
-
-        const float aFlat4 = 415.304698f;
-        // Exactly the base frequency only: a note a schisma away is no base.
-        QTest::newRow("only at the base frequency") << aFlat4 << "Ab 4" << 415.31f << "G#4";
-        QTest::newRow("D# instead of Eb") << 311.126984f << "D# 4" << 311.126984f << "D#4";
-        // The octave always comes from the pitch: B4 named "Cb 5" reads Cb4.
-        QTest::newRow("Cb keeps B's octave") << 493.883301f << "Cb 5" << 493.883301f << "Cb4";
-        // Hand-edited names.
-        QTest::newRow("unknown sign keeps accidental") << aFlat4 << "Gx4" << aFlat4 << "G#4";
-        QTest::newRow("empty") << aFlat4 << "" << aFlat4 << "G#4";
-    }
-
+    // A note at exactly the base frequency is spelled as the base note says.
     void baseNoteOverridesSpelling()
     {
-        QFETCH(float, baseFrequency);
-        QFETCH(QString, baseNote);
-        QFETCH(float, frequency);
-        QFETCH(QString, spelling);
-
-        mOptions.mBaseFrequency = baseFrequency;
-        mOptions.mBaseNote = baseNote;
-        QCOMPARE(Note(frequency, mOptions).noteSpelling(), spelling);
+        const auto check = [this](float base, const char* name, float frequency, const char* spelling) {
+            mOptions.mBaseFrequency = base;
+            mOptions.mBaseNote = QString::fromLatin1(name);
+            const QString at = QStringLiteral("%1 at %2: ").arg(name).arg(frequency);
+            QCOMPARE(at + Note(frequency, mOptions).noteSpelling(), at + spelling);
+        };
+        const float aFlat4 = 415.304698f;
+        // Exactly the base frequency only: a note a schisma away is no base.
+        check(aFlat4, "Ab 4", 415.31f, "G#4"); // only at the base frequency
+        check(311.126984f, "D# 4", 311.126984f, "D#4"); // D# instead of Eb
+        // The octave always comes from the pitch: B4 named "Cb 5" reads Cb4.
+        check(493.883301f, "Cb 5", 493.883301f, "Cb4"); // Cb keeps B's octave
+        // Hand-edited names.
+        check(aFlat4, "Gx4", aFlat4, "G#4"); // unknown sign keeps accidental
+        check(aFlat4, "", aFlat4, "G#4"); // empty
     }
 
     void addCents()
@@ -186,24 +167,31 @@ private slots:
         QCOMPARE(Note(-440.0f, mOptions).noteSpelling(), QStringLiteral("C0"));
     }
 
-    void cardSpelling_data()
+    // The note cards along whole lattice paths. The cents are 1200 *
+    // log2(base * ratio / calibration) + 5700 minus 100 times the semitone of
+    // the spelling (C0 = 0), worked out in exact fractions and double
+    // precision apart from this program.
+    void cardSpelling()
     {
-        QTest::addColumn<QString>("baseNote");
-        QTest::addColumn<float>("baseFrequency");
-        QTest::addColumn<int>("calibration");
-        QTest::addColumn<QList<int>>("transposition");
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<QString>("spelling");
-        QTest::addColumn<double>("cents");
-        QTest::addColumn<bool>("enharmonic");
-
-        // The cents are 1200 * log2(base * ratio / calibration) + 5700 minus
-        // 100 times the semitone of the spelling (C0 = 0), worked out in
-        // exact fractions and double precision apart from this program.
-        auto row = [](const char* baseNote, float base, int calibration, const QList<int>& steps,
-                      const char* path, const char* spelling, double cents, bool enh = false) {
-            QTest::addRow("%s %d: %s -> %s %+.2f", baseNote, calibration, path, spelling, cents)
-                << baseNote << base << calibration << steps << path << spelling << cents << enh;
+        auto row = [this](const char* baseNote, float base, int calibration, const QList<int>& steps,
+                          const char* path, const char* spelling, double cents, bool enh = false) {
+            setPitchReference(base, QString::fromLatin1(baseNote), calibration);
+            mLattice->onTransposed(ArboRatio(1, 1), 0);
+            // As the sound engine reports it: the whole new transposition and the step.
+            ArboRatio ratio(1, 1);
+            for (int step : steps) {
+                ratio *= ArboRatio::pathRatio(ArboPath(static_cast<signed char>(step)));
+                mLattice->onTransposed(ratio, step);
+            }
+            // A node of the lattice, as the cards show them.
+            const ArboBall node(ArboPath(QString::fromLatin1(path)), Arbo::WHITE, mLattice->root());
+            const Note note = CardNote::noteForBall(&node, mOptions, CardNote::justFrequency(&node));
+            QVERIFY2(note.noteSpelling() == spelling && note.isEnharmonic() == enh &&
+                         std::fabs(note.cents() - cents) < 0.01,
+                     qPrintable(QString::asprintf("%s %d %s: %s%s %+.3f", baseNote, calibration, path,
+                                                  qPrintable(note.noteSpelling()),
+                                                  note.isEnharmonic() ? " (enharmonic)" : "",
+                                                  double(note.cents()))));
         };
         const QList<int> none;
         auto a440 = [&](const QList<int>& steps, const char* path, const char* spelling,
@@ -253,30 +241,154 @@ private slots:
         row("A 0", 27.5f, 440, none, "/5/-2/-2", "C#-1", -13.686);
     }
 
-    void cardSpelling()
+    void primeTables()
     {
-        QFETCH(QString, baseNote);
-        QFETCH(float, baseFrequency);
-        QFETCH(int, calibration);
-        QFETCH(QList<int>, transposition);
-        QFETCH(QString, path);
-        QFETCH(QString, spelling);
-        QFETCH(double, cents);
-        QFETCH(bool, enharmonic);
-
-        setPitchReference(baseFrequency, baseNote, calibration);
-        // As the sound engine reports it: the whole new transposition and the step.
-        ArboRatio ratio(1, 1);
-        for (int step : transposition) {
-            ratio *= ArboRatio::pathRatio(ArboPath(static_cast<signed char>(step)));
-            mLattice->onTransposed(ratio, step);
+        // The float table must agree with the exact one, and every index that
+        // is no prime (of any sign, far out of range included) must be refused.
+        using namespace ArboConstants;
+        const QList<int> primes{2, 3, 5, 7, 11, 13, 17, 19, 23, 29, 31};
+        QVERIFY(!isValidPrime(INT_MIN));
+        for (int step = -130; step <= 130; ++step) {
+            const int index = std::abs(step);
+            QCOMPARE(isValidPrime(step), primes.contains(index));
+            if (primes.contains(index)) {
+                QCOMPARE(double(PRIME_RATIOS[index]),
+                         boost::rational_cast<double>(PRIME_RATIONALS[index]));
+            }
         }
-        // A node of the lattice, as the cards show them.
-        const ArboBall node(ArboPath(path), Arbo::WHITE, mLattice->root());
-        const Note note = CardNote::noteForBall(&node, mOptions, CardNote::justFrequency(&node));
-        QCOMPARE(note.noteSpelling(), spelling);
-        QCOMPARE(note.isEnharmonic(), enharmonic);
-        QVERIFY2(std::fabs(note.cents() - cents) < 0.01, qPrintable(QString::number(note.cents())));
+    }
+
+    // Paths as text. Parts beyond the sixth are dropped without a word, even
+    // invalid ones; a text that is no path leaves the one invalid step.
+    // Parsing over a longer path leaves none of its bytes behind: the command
+    // records copy paths byte for byte.
+    void parsing()
+    {
+        const auto check = [](const QString& text, const QString& printed) { // empty: no path
+            for (int parse = 0; parse < 2 && printed.isEmpty(); ++parse) {
+                QTest::ignoreMessage(QtDebugMsg, qPrintable("Invalid path: \"" + text + '"'));
+            }
+            const ArboPath path(text);
+            ArboPath reused(QStringLiteral("/2/3/5/7/11/13"));
+            reused.storeFromString(text);
+            const bool parsed =
+                printed.isEmpty()
+                    ? !path.isValid() && path.toList() == QList<int>{ArboPath::INVALID_STEP}
+                    : path.isValid() && path.toString() == printed && ArboPath(printed) == path;
+            QVERIFY2(parsed && std::memcmp(&reused, &path, sizeof(ArboPath)) == 0, qPrintable(text));
+        };
+        check("/", "/");
+        check("", "/");
+        check("2//-3/", "/2/-3");
+        check("/31/-29/23/-19/17/-13", "/31/-29/23/-19/17/-13");
+        check("/3/3/3/3/3/3/3/x", "/3/3/3/3/3/3");
+        for (const char* text : {"/4", "/1", "/0", "/-1", "/37", "/x", "/3/x/3", "/3.0", "/0x3",
+                                 "/127", "/-128", "/256", "/259", "/99999999999999999999"}) {
+            check(QString::fromLatin1(text), QString());
+        }
+    }
+
+    void leavesAndConcatenation()
+    {
+        ArboPath path;
+        path.removeLeaf(); // an empty path stays empty
+        for (int step : {3, -5, 2, 7, -11, 13, 3}) {
+            path.addLeaf(static_cast<signed char>(step));
+        }
+        QCOMPARE(path.toString(), QStringLiteral("/3/-5/2/7/-11/13")); // six at most
+        path.removeLeaf();
+        QCOMPARE(path.toString(), QStringLiteral("/3/-5/2/7/-11"));
+
+        // Concatenation may fill all seven step bytes (transposition plus a
+        // six-step path), and every step counts.
+        const ArboPath a(QStringLiteral("/2/3/5/7"));
+        ArboPath seven = a + ArboPath(QStringLiteral("/-3/-5/-7/-11"));
+        QCOMPARE(seven.toString(), QStringLiteral("/2/3/5/7/-3/-5/-7"));
+        QCOMPARE(ArboRatio::pathRatio(seven).toString(), QStringLiteral("2/1"));
+        QVERIFY(seven != seven); // names no node, so equals no path
+        seven.removeLeaf();      // left alone on purpose
+        seven.addLeaf(2);
+        QCOMPARE(seven.length(), 7);
+        QCOMPARE((ArboPath(QStringLiteral("/3/3/3/3/3/3")) + a).toString(),
+                 QStringLiteral("/3/3/3/3/3/3/2"));
+
+        QVERIFY(ArboPath(QStringLiteral("/2/-3")) != ArboPath(QStringLiteral("/-3/2")));
+        QVERIFY(ArboPath(QStringLiteral("/2/-3")) != ArboPath(QStringLiteral("/2")));
+        QCOMPARE(qHash(ArboPath(QStringLiteral("/2/-3"))), qHash(ArboPath(QStringLiteral("2/-3"))));
+    }
+
+    void pathRatios()
+    {
+        // No octave folding afterwards: steps of 2 place the octave. No
+        // lattice is registered, so the absolute ratio is the ratio.
+        const char* const ratios[][2] = {{"/", "1/1"},
+                                         {"/-2/-3/-5", "4/15"},
+                                         {"/2/2/2/2/2/2", "64/1"},
+                                         {"/5/7/11/13/17/19", "1616615/262144"},
+                                         {"/23/-29/31", "713/464"},
+                                         {"/31/31/31/31/31/31", "887503681/16777216"}};
+        for (const auto& row : ratios) {
+            const ArboRatio ratio(ArboPath(QString::fromLatin1(row[0])), {});
+            QCOMPARE(ratio.toString(), QString::fromLatin1(row[1]));
+            QCOMPARE(ratio.toStringAbs(), QString::fromLatin1(row[1]));
+        }
+
+        // Raw steps can name any index: a negative step at a hole of the table
+        // would divide by zero. Such a path has no pitch instead.
+        for (int step : {4, -4, 1, -1, 32, -32, 127, -128}) {
+            const ArboPath path(static_cast<signed char>(step));
+            QCOMPARE(ArboRatio::pathRatio(path).toString(), QStringLiteral("0/1"));
+            QCOMPARE(ArboRatio(ArboPath(QStringLiteral("/3")) + path, {}).toStringAbs(),
+                     QStringLiteral("0/1"));
+        }
+        QVERIFY_EXCEPTION_THROWN(ArboRatio(1, 0), boost::bad_rational);
+    }
+
+    // Products of 64-bit ratios: whether the product fits (multiplyIfExact)
+    // and whether it is exact (canMultiplyWith). Without overflow the plain
+    // product agrees; with it, nothing changes.
+    void multiplication()
+    {
+        auto row = [](const char* name, ArboRatio a, ArboRatio b, bool fits, bool exact) {
+            if (!exact) {
+                QTest::ignoreMessage(QtDebugMsg, QRegularExpression("^canMultiply fail on "));
+            }
+            ArboRatio product = a;
+            const bool fitted = product.multiplyIfExact(b);
+            QVERIFY2(a.canMultiplyWith(b) == exact && fitted == fits &&
+                         product == (fits ? a * b : a),
+                     name);
+        };
+        const U64 max = ~0ULL;
+        const U64 two32 = 1ULL << 32;
+        const U64 two62 = 1ULL << 62;
+        row("zero", {0, 1}, {max, 1}, true, true);
+        row("max cancels", {max, 1}, {1, max}, true, true);
+        row("cross-cancelled", {2 * two62, 3}, {3, two62}, true, true);
+        // (2^32 + 1)(2^32 - 1) = 2^64 - 1: the largest product that fits.
+        row("edge fits", {two32 + 1, 1}, {two32 - 1, 1}, true, true);
+        row("edge + 1", {two32 + 1, 1}, {two32, 1}, false, false);
+        row("numerator wraps to 0", {2 * two62, 1}, {2, 1}, false, false);
+        row("denominator wraps to 0", {1, 2 * two62}, {1, 2}, false, false);
+        // Wraps to 1/2^63 instead of 1/(3 * 2^63): a difference far below the
+        // floating-point tolerance, caught by the exact test.
+        row("tiny wrap", {1, 3 * two62}, {1, 2}, false, false);
+        // Exact in 64 bits but far above any pitch: the absolute tolerance
+        // refuses it on purpose (the float product is 4 off).
+        row("large exact", {(1ULL << 53) + 1, 1}, {3, 1}, true, false);
+    }
+
+    void cancelOppositeSteps()
+    {
+        const QList<QPair<QList<int>, QList<int>>> cases{
+            {{3, 3, -3}, {3}},
+            {{5, 3, -5, -3, 7}, {7}},
+            {{7, 3, -2, 5, 2, -11}, {7, 3, 5, -11}}, // order kept
+        };
+        for (QPair<QList<int>, QList<int>> steps : cases) {
+            ArboConstants::cancelOppositeSteps(steps.first);
+            QCOMPARE(steps.first, steps.second);
+        }
     }
 };
 

@@ -7,7 +7,6 @@
 #include "testsupport.h"
 
 #include <QFileInfo>
-#include <QtTest>
 
 #include <algorithm>
 #include <cmath>
@@ -315,8 +314,7 @@ private slots:
         const double at40 = db(40.0f), at100 = db(100.0f), at3k = db(3000.0f), at16k = db(16000.0f);
         QVERIFY2(at100 > 3.0 && at100 < 9.0 && at40 >= at100 && at40 <= 9.01 && at3k < 0.0 &&
                      at3k > -2.0 && at16k > 0.0 && at16k < 4.0,
-                 qPrintable(QString::asprintf("40 Hz %+.2f dB, 100 Hz %+.2f dB, 3 kHz %+.2f dB, "
-                                              "16 kHz %+.2f dB",
+                 qPrintable(QString::asprintf("%+.2f, %+.2f, %+.2f, %+.2f dB at 40, 100, 3k, 16k Hz",
                                               at40, at100, at3k, at16k)));
     }
 };
