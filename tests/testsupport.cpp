@@ -102,6 +102,23 @@ QString dataDir()
     return QStringLiteral(ARBO_TEST_DATA_DIR);
 }
 
+QString tuningDataDir()
+{
+    return qEnvironmentVariable("ARBO_TUNING_DATA",
+                                QStringLiteral(ARBO_SOURCE_DIR "/../shared/tuning-data"));
+}
+
+ArboConstants::Rational pitchClass(ArboConstants::Rational ratio)
+{
+    while (ratio >= ArboConstants::Rational(2)) {
+        ratio /= 2;
+    }
+    while (ratio < ArboConstants::Rational(1)) {
+        ratio *= 2;
+    }
+    return ratio;
+}
+
 quint16 freeUdpPort()
 {
     QUdpSocket socket;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "model/arboconstants.h"
+
 #include <QApplication>
 #include <QByteArray>
 #include <QString>
@@ -41,6 +43,14 @@ QByteArray readFile(const QString& path);
 
 // The folder of hostile and sample input files, tests/data in the source tree.
 QString dataDir();
+
+// The real tuning files that other people made, kept beside the repository
+// (../shared/tuning-data) or where ARBO_TUNING_DATA says.
+QString tuningDataDir();
+
+// `ratio` moved by octaves into [1, 2), computed here rather than by the code
+// under test.
+ArboConstants::Rational pitchClass(ArboConstants::Rational ratio);
 
 // A UDP port that was free a moment ago.
 quint16 freeUdpPort();

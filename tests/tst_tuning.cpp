@@ -31,23 +31,6 @@ namespace {
 
 using Rational = ArboConstants::Rational;
 
-QString tuningData()
-{
-    return qEnvironmentVariable("ARBO_TUNING_DATA",
-                                QStringLiteral(ARBO_SOURCE_DIR "/../shared/tuning-data"));
-}
-
-Rational reduced(Rational ratio)
-{
-    while (ratio >= Rational(2)) {
-        ratio /= 2;
-    }
-    while (ratio < Rational(1)) {
-        ratio *= 2;
-    }
-    return ratio;
-}
-
 double value(const Rational& ratio)
 {
     return double(ratio.numerator()) / double(ratio.denominator());
@@ -60,7 +43,7 @@ std::map<Rational, Rational> pitchClasses(const Arbo& lattice)
     QList<const ArboBall*> todo{lattice.root()};
     while (!todo.isEmpty()) {
         const ArboBall* node = todo.takeLast();
-        classes.emplace(reduced(node->ratio().ratio()), node->ratio().ratio());
+        classes.emplace(TestSupport::pitchClass(node->ratio().ratio()), node->ratio().ratio());
         for (const ArboBall* child : node->children()) {
             todo.append(child);
         }
@@ -185,8 +168,9 @@ private:
 
 void TestTuning::initTestCase()
 {
-    QVERIFY2(QFileInfo::exists(tuningData() + "/FORMATS.md"),
-             qPrintable("The shared tuning files are missing: expected them in " + tuningData() +
+    QVERIFY2(QFileInfo::exists(TestSupport::tuningDataDir() + "/FORMATS.md"),
+             qPrintable("The shared tuning files are missing: expected them in " +
+                        TestSupport::tuningDataDir() +
                         " (set ARBO_TUNING_DATA to the folder tuning-data beside the sources)"));
     QVERIFY2(QFileInfo::exists(TestSupport::binDir() + "/arbo-tuning"),
              "arbo-tuning is not built: build the target arbo-tuning");
@@ -228,7 +212,8 @@ void TestTuning::exportThenImportGivesTheSameRatios()
         const ScalaScale::Pitch& pitch = scale.pitches.at(i);
         const Rational own(pitch.numerator.convert_to<unsigned long long>(),
                            pitch.denominator.convert_to<unsigned long long>());
-        QVERIFY2(reduced(ArboRatio::pathRatio(ArboPath(fields.at(2))).ratio()) == reduced(own),
+        QVERIFY2(TestSupport::pitchClass(ArboRatio::pathRatio(ArboPath(fields.at(2))).ratio()) ==
+                     TestSupport::pitchClass(own),
                  qPrintable(lines.at(i)));
     }
     QCOMPARE(lines.last(), QStringLiteral("placed %1 of %1 degrees").arg(scale.pitches.size()));
@@ -338,8 +323,8 @@ void TestTuning::badFilesAreRefusedAtTheirLine_data()
     QTest::addColumn<QString>("file");
     QTest::addColumn<QByteArray>("bytes");
     QTest::addColumn<QString>("error");
-    const QString bad = tuningData() + "/scl-tuning-library-tests/bad/";
-    const QString kbm = tuningData() + "/kbm/bad/";
+    const QString bad = TestSupport::tuningDataDir() + "/scl-tuning-library-tests/bad/";
+    const QString kbm = TestSupport::tuningDataDir() + "/kbm/bad/";
     QTest::newRow("text for a pitch")
         << bad + "badnote.scl" << QByteArray() << ":12: expected a pitch";
     QTest::newRow("blank pitch") << bad + "blanknote.scl" << QByteArray()
@@ -404,7 +389,8 @@ void TestTuning::everySharedFileLoadsOrIsRefusedCleanly()
     // The manifest says how many pitches each archive file has, and which
     // need a prime above 31 (those cannot all be placed).
     const QStringList manifest =
-        QString::fromUtf8(TestSupport::readFile(tuningData() + "/scl-MANIFEST.csv")).split('\n');
+        QString::fromUtf8(TestSupport::readFile(TestSupport::tuningDataDir() + "/scl-MANIFEST.csv"))
+            .split('\n');
     int loaded = 0;
     for (const QString& row : manifest.mid(1)) {
         const QStringList fields = row.split(',');
@@ -413,8 +399,9 @@ void TestTuning::everySharedFileLoadsOrIsRefusedCleanly()
         }
         ScalaScale scale;
         QString error;
-        QVERIFY2(ScalaScale::load(tuningData() + "/scl/" + fields.at(0), scale, error),
-                 qPrintable(error));
+        QVERIFY2(
+            ScalaScale::load(TestSupport::tuningDataDir() + "/scl/" + fields.at(0), scale, error),
+            qPrintable(error));
         QCOMPARE(scale.pitches.size(), fields.at(1).toInt());
         bool allPlaced = true;
         for (const ScalePlacement::Place& place : ScalePlacement().placeScale(scale)) {
@@ -428,14 +415,15 @@ void TestTuning::everySharedFileLoadsOrIsRefusedCleanly()
     // Every mapping with every scale of the library's tests: loaded and
     // tuned, or refused with "FILE:LINE: ...".
     const QRegularExpression clean("^/.+:[0-9]+: (expected|the count says)");
-    QDirIterator kbms(tuningData() + "/kbm", {"*.kbm"}, QDir::Files, QDirIterator::Subdirectories);
+    QDirIterator kbms(TestSupport::tuningDataDir() + "/kbm", {"*.kbm"}, QDir::Files,
+                      QDirIterator::Subdirectories);
     while (kbms.hasNext()) {
         KeyboardMapping mapping;
         QString error;
         const bool mapped = KeyboardMapping::load(kbms.next(), mapping, error);
         QVERIFY2(mapped || clean.match(error).hasMatch(), qPrintable(error));
-        QDirIterator scls(tuningData() + "/scl-tuning-library-tests", {"*.scl"}, QDir::Files,
-                          QDirIterator::Subdirectories);
+        QDirIterator scls(TestSupport::tuningDataDir() + "/scl-tuning-library-tests", {"*.scl"},
+                          QDir::Files, QDirIterator::Subdirectories);
         while (mapped && scls.hasNext()) {
             ScalaScale scale;
             KeyTuning tuning;
@@ -471,14 +459,16 @@ void TestTuning::commandLineRefusesAndWritesNothing()
     QCOMPARE(tool({"export", "--format", "scl", "--paths", "/4", "-o", out}, home).code, 2);
     QCOMPARE(tool({"import", out, "--format", "scl"}, home).code, 2);
     const Run bad =
-        tool({"import", tuningData() + "/scl-tuning-library-tests/bad/badnote.scl"}, home);
+        tool({"import", TestSupport::tuningDataDir() + "/scl-tuning-library-tests/bad/badnote.scl"},
+             home);
     QCOMPARE(bad.code, 1);
     QVERIFY(bad.out.isEmpty());
-    QVERIFY2(bad.err.startsWith(tuningData() + "/scl-tuning-library-tests/bad/badnote.scl:12: "),
+    QVERIFY2(bad.err.startsWith(TestSupport::tuningDataDir() +
+                                "/scl-tuning-library-tests/bad/badnote.scl:12: "),
              qPrintable(bad.err));
     const Run unmapped =
-        tool({"import", tuningData() + "/scl-tuning-library-tests/12-intune.scl", "--kbm",
-              tuningData() + "/kbm/mapping-whitekeysalt-from-59-a440.kbm"},
+        tool({"import", TestSupport::tuningDataDir() + "/scl-tuning-library-tests/12-intune.scl",
+              "--kbm", TestSupport::tuningDataDir() + "/kbm/mapping-whitekeysalt-from-59-a440.kbm"},
              home);
     QCOMPARE(unmapped.code, 1);
     QVERIFY2(unmapped.err.contains(".kbm:11: expected a reference key"), qPrintable(unmapped.err));
@@ -506,7 +496,8 @@ void TestTuning::degreeFourOfASevenLimitScaleSoundsItsRatio()
     // 1/1 lies on key 60.
     ScalaScale scale;
     QString error;
-    QVERIFY2(ScalaScale::load(tuningData() + "/scl/corner7.scl", scale, error), qPrintable(error));
+    QVERIFY2(ScalaScale::load(TestSupport::tuningDataDir() + "/scl/corner7.scl", scale, error),
+             qPrintable(error));
     KeyTuning tuning;
     QVERIFY(KeyTuning::make(scale, KeyboardMapping::linear(60, 440.0, 10), tuning, error));
     const QVector<ScalePlacement::Place> places = ScalePlacement().placeScale(scale);

@@ -45,23 +45,6 @@ namespace {
 
 using Rational = ArboConstants::Rational;
 
-QString tuningData()
-{
-    return qEnvironmentVariable("ARBO_TUNING_DATA",
-                                QStringLiteral(ARBO_SOURCE_DIR "/../shared/tuning-data"));
-}
-
-Rational pitchClass(Rational ratio)
-{
-    while (ratio >= Rational(2)) {
-        ratio /= 2;
-    }
-    while (ratio < Rational(1)) {
-        ratio *= 2;
-    }
-    return ratio;
-}
-
 // corner7.scl: 35/32 9/8 5/4 21/16 3/2 49/32 25/16 7/4 15/8 2/1. The default
 // lattice has no node of 35/32, 49/32 or 25/16 (two steps of 5 and 7).
 const QList<Rational> CORNER7_ON_NODES = {Rational(1),      Rational(9, 8), Rational(5, 4),
@@ -174,7 +157,7 @@ class TestTuningWindow : public QObject
         for (const ArboBallWidget* ball : mWindow->arboView()->arboWidget()->balls()) {
             if (ball->mark()->isVisible()) {
                 ++balls;
-                const Rational own = pitchClass(ball->node()->ratio().ratio());
+                const Rational own = TestSupport::pitchClass(ball->node()->ratio().ratio());
                 if (!classes.contains(own)) {
                     classes << own;
                 }
@@ -201,8 +184,9 @@ private slots:
     void initTestCase()
     {
         QVERIFY2(
-            QFileInfo::exists(tuningData() + "/FORMATS.md"),
-            qPrintable("The shared tuning files are missing: expected them in " + tuningData() +
+            QFileInfo::exists(TestSupport::tuningDataDir() + "/FORMATS.md"),
+            qPrintable("The shared tuning files are missing: expected them in " +
+                       TestSupport::tuningDataDir() +
                        " (set ARBO_TUNING_DATA to the folder tuning-data beside the sources)"));
         QVERIFY2(QFileInfo::exists(TestSupport::binDir() + "/arbo-tuning"),
                  "arbo-tuning is not built: build the target arbo-tuning");
@@ -244,7 +228,8 @@ private slots:
 
     void sevenLimitScaleIsMarkedAndPlaysExactly()
     {
-        const QString report = importThroughDialog(tuningData() + "/scl/corner7.scl");
+        const QString report =
+            importThroughDialog(TestSupport::tuningDataDir() + "/scl/corner7.scl");
         QVERIFY2(report.startsWith("Placed 10 of 10 degrees of corner7.scl on the lattice; 8 balls "
                                    "are marked."),
                  qPrintable(report));
@@ -305,7 +290,7 @@ private slots:
 
     void clearScaleGivesTheOwnBindingsBack()
     {
-        QVERIFY(!importThroughDialog(tuningData() + "/scl/corner7.scl").isEmpty());
+        QVERIFY(!importThroughDialog(TestSupport::tuningDataDir() + "/scl/corner7.scl").isEmpty());
         midi(0x90, 73); // held while the scale goes: it ends with it
         QCOMPARE(sounding(), QList<Rational>{Rational(21, 16)});
         trigger("clearScaleAction");
@@ -358,12 +343,13 @@ private slots:
 
     void badFilesChangeNothing()
     {
-        const QString corner7 = tuningData() + "/scl/corner7.scl";
+        const QString corner7 = TestSupport::tuningDataDir() + "/scl/corner7.scl";
         QVERIFY(!importThroughDialog(corner7).isEmpty());
         const QString label = mWindow->findChild<QLabel*>("scaleLabel")->text();
 
-        const QString badScale = tuningData() + "/scl-tuning-library-tests/bad/badnote.scl";
-        const QString badMapping = tuningData() + "/kbm/bad/garbage-key.kbm";
+        const QString badScale =
+            TestSupport::tuningDataDir() + "/scl-tuning-library-tests/bad/badnote.scl";
+        const QString badMapping = TestSupport::tuningDataDir() + "/kbm/bad/garbage-key.kbm";
         const QString shown = importThroughDialog(badScale);
         QVERIFY2(shown.startsWith(badScale + ":12: "), qPrintable(shown));
         QCOMPARE(shown, toolError({"import", badScale}));
