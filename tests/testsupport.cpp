@@ -108,6 +108,19 @@ QString tuningDataDir()
                                 QStringLiteral(ARBO_SOURCE_DIR "/../shared/tuning-data"));
 }
 
+QString missingTuningFiles()
+{
+    if (!QFileInfo::exists(tuningDataDir() + QStringLiteral("/FORMATS.md"))) {
+        return QStringLiteral("The shared tuning files are missing: expected them in ") +
+               tuningDataDir() +
+               QStringLiteral(" (set ARBO_TUNING_DATA to the folder tuning-data beside the sources)");
+    }
+    if (!QFileInfo::exists(binDir() + QStringLiteral("/arbo-tuning"))) {
+        return QStringLiteral("arbo-tuning is not built: build the target arbo-tuning");
+    }
+    return QString();
+}
+
 ArboConstants::Rational pitchClass(ArboConstants::Rational ratio)
 {
     while (ratio >= ArboConstants::Rational(2)) {

@@ -48,6 +48,10 @@ QString dataDir();
 // (../shared/tuning-data) or where ARBO_TUNING_DATA says.
 QString tuningDataDir();
 
+// Empty when the shared tuning files and the built arbo-tuning are there;
+// otherwise what is missing and how to get it.
+QString missingTuningFiles();
+
 // `ratio` moved by octaves into [1, 2), computed here rather than by the code
 // under test.
 ArboConstants::Rational pitchClass(ArboConstants::Rational ratio);

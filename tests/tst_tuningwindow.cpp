@@ -183,13 +183,8 @@ class TestTuningWindow : public QObject
 private slots:
     void initTestCase()
     {
-        QVERIFY2(
-            QFileInfo::exists(TestSupport::tuningDataDir() + "/FORMATS.md"),
-            qPrintable("The shared tuning files are missing: expected them in " +
-                       TestSupport::tuningDataDir() +
-                       " (set ARBO_TUNING_DATA to the folder tuning-data beside the sources)"));
-        QVERIFY2(QFileInfo::exists(TestSupport::binDir() + "/arbo-tuning"),
-                 "arbo-tuning is not built: build the target arbo-tuning");
+        const QString missing = TestSupport::missingTuningFiles();
+        QVERIFY2(missing.isEmpty(), qPrintable(missing));
         QVERIFY(mTemp.isValid());
         OfflinePlayer::setUp(mPlayer, mArbo);
         QVERIFY(!QTest::currentTestFailed());
