@@ -253,7 +253,7 @@ int SceneRecaller::transpositionSteps(const ArboRatio& ratio, signed char* steps
     // is made of octave steps.
     int twos = exponentOf(numerator, 2) - exponentOf(denominator, 2);
     int count = 0;
-    for (int i = 3; i < int(std::size(ArboConstants::PRIMES)); ++i) {
+    for (int i = 2; i < int(std::size(ArboConstants::PRIMES)); ++i) { // from 3
         const int prime = ArboConstants::PRIMES[i];
         const int exponent = exponentOf(numerator, prime) - exponentOf(denominator, prime);
         const unsigned long long stepDenominator = ArboConstants::PRIME_RATIONALS[prime].denominator();
