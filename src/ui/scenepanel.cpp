@@ -7,6 +7,7 @@
 #include <QComboBox>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QGridLayout>
 #include <QHBoxLayout>
 #include <QInputDialog>
 #include <QKeyEvent>
@@ -73,40 +74,35 @@ ScenePanel::ScenePanel(SceneBook* book, SceneController* scenes, QWidget* parent
     mList->installEventFilter(this);
     layout->addWidget(mList, 1);
 
-    auto* stepRow = new QHBoxLayout;
+    // Two columns, so the panel stays narrow beside the lattice.
+    auto* buttons = new QGridLayout;
     auto* previous = button(QStringLiteral("previousSceneButton"), tr("Previous"),
                             tr("Recall the scene before the current one"));
-    auto* recall = button(QStringLiteral("recallSceneButton"), tr("Recall"),
-                          tr("Recall the selected scene"));
     auto* next = button(QStringLiteral("nextSceneButton"), tr("Next"),
                         tr("Recall the scene after the current one"));
-    stepRow->addWidget(previous);
-    stepRow->addWidget(recall);
-    stepRow->addWidget(next);
-    layout->addLayout(stepRow);
-
-    auto* storeRow = new QHBoxLayout;
+    auto* recall = button(QStringLiteral("recallSceneButton"), tr("Recall"),
+                          tr("Recall the selected scene"));
+    auto* store = button(QStringLiteral("storeSceneButton"), tr("Store"),
+                         tr("Keep what sounds now as a new scene at the end of the list"));
     mNameEdit = new QLineEdit;
     mNameEdit->setObjectName(QStringLiteral("sceneNameEdit"));
     mNameEdit->setPlaceholderText(tr("Name (default: the notes)"));
     mNameEdit->setToolTip(tr("The name of the next scene stored"));
-    auto* store = button(QStringLiteral("storeSceneButton"), tr("Store"),
-                         tr("Keep what sounds now as a new scene at the end of the list"));
-    storeRow->addWidget(mNameEdit, 1);
-    storeRow->addWidget(store);
-    layout->addLayout(storeRow);
-
-    auto* editRow = new QHBoxLayout;
     auto* duplicate = button(QStringLiteral("duplicateSceneButton"), tr("Duplicate"),
                              tr("Copy the selected scene (Ctrl+D)"));
     auto* remove = button(QStringLiteral("deleteSceneButton"), tr("Delete"),
                           tr("Delete the selected scene (Delete)"));
-    mUndoButton = button(QStringLiteral("undoDeleteButton"), tr("Undo"),
+    mUndoButton = button(QStringLiteral("undoDeleteButton"), tr("Undo delete"),
                          tr("Bring back the scene deleted last (Ctrl+Z)"));
-    editRow->addWidget(duplicate);
-    editRow->addWidget(remove);
-    editRow->addWidget(mUndoButton);
-    layout->addLayout(editRow);
+    buttons->addWidget(previous, 0, 0);
+    buttons->addWidget(next, 0, 1);
+    buttons->addWidget(recall, 1, 0);
+    buttons->addWidget(store, 1, 1);
+    buttons->addWidget(mNameEdit, 2, 0, 1, 2);
+    buttons->addWidget(duplicate, 3, 0);
+    buttons->addWidget(remove, 3, 1);
+    buttons->addWidget(mUndoButton, 4, 0, 1, 2);
+    layout->addLayout(buttons);
 
     mStatus = new QLabel;
     mStatus->setObjectName(QStringLiteral("sceneStatusLabel"));
