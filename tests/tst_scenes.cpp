@@ -297,6 +297,36 @@ private slots:
         wands.wait();
     }
 
+    // The list is edited from the keyboard and by dragging, and the book
+    // follows at once.
+    void editingTheList()
+    {
+        auto* list = panel()->findChild<QListWidget*>("sceneList");
+        const auto names = [this] {
+            QStringList all;
+            for (const Scene& scene : mBook.active().scenes) {
+                all << scene.name;
+            }
+            return all;
+        };
+        const QStringList before = names();
+        list->setFocus();
+        panel()->selectIndex(0);
+        QTest::keyClick(list, Qt::Key_Down, Qt::ControlModifier);
+        QCOMPARE(names()[1], before[0]);
+        QTest::keyClick(list, Qt::Key_D, Qt::ControlModifier);
+        QCOMPARE(names().mid(1, 2), QStringList({before[0], before[0]}));
+        QTest::keyClick(list, Qt::Key_Delete);
+        QTest::keyClick(list, Qt::Key_Delete);
+        QCOMPARE(names().size(), before.size() - 1);
+        QTest::keyClick(list, Qt::Key_Z, Qt::ControlModifier);
+        QCOMPARE(names().size(), before.size());
+        // A drop moves the row in the list's model first.
+        list->model()->moveRow(QModelIndex(), 1, QModelIndex(), 0);
+        QTRY_COMPARE(names(), before);
+        QCOMPARE(list->item(0)->text(), "1. " + before[0]);
+    }
+
     // Export and import round-trip; an imported scene whose patch is
     // missing recalls the rest and names it; unknown keys stay in the file.
     void sharingAndFiles()
