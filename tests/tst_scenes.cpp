@@ -21,8 +21,11 @@
 #include "ui/mainwindow.h"
 #include "ui/scenecontroller.h"
 #include "ui/scenepanel.h"
+#include "ui/scenetriggersdialog.h"
 
 #include <QJsonDocument>
+#include <QKeySequenceEdit>
+#include <QSpinBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -295,6 +298,19 @@ private slots:
         }));
         wands.term();
         wands.wait();
+
+        // Keys and controllers of the player's choosing, from the dialog.
+        SceneTriggersDialog dialog(&mBook, mWindow.get());
+        dialog.findChild<QKeySequenceEdit*>("nextKeyEdit")->setKeySequence(QKeySequence("F5"));
+        dialog.findChild<QSpinBox*>("nextControllerBox")->setValue(20);
+        dialog.accept();
+        QCOMPARE(mBook.triggers().nextController, 20);
+        QTest::keyClick(mWindow.get(), Qt::Key_PageDown);
+        render();
+        QCOMPARE(current(), 1);
+        QTest::keyClick(mWindow.get(), Qt::Key_F5);
+        render();
+        QCOMPARE(current(), 2);
     }
 
     // The list is edited from the keyboard and by dragging, and the book

@@ -130,7 +130,6 @@ void SceneRecaller::store(int source, float ticket)
     }
     scene.firstNote = 0;
     scene.noteCount = count;
-    scene.id = std::uint32_t(source);
     const bool taken = mSnapshots.push(mScratch);
     mResults.report(PlayerResult::SceneStored, source, ticket, taken);
 }

@@ -2,6 +2,7 @@
 
 #include "scenes/scenebook.h"
 #include "ui/scenecontroller.h"
+#include "ui/scenetriggersdialog.h"
 
 #include <QAbstractItemModel>
 #include <QComboBox>
@@ -178,6 +179,12 @@ QMenu* ScenePanel::makeListMenu()
     menu->addSeparator();
     menu->addAction(tr("Export set list…"), this, &ScenePanel::exportList);
     menu->addAction(tr("Import set lists…"), this, &ScenePanel::importLists);
+    menu->addSeparator();
+    menu->addAction(tr("Scene triggers…"), this, [this] {
+        auto* dialog = new SceneTriggersDialog(mBook, this);
+        dialog->setAttribute(Qt::WA_DeleteOnClose);
+        dialog->open();
+    });
     return menu;
 }
 
