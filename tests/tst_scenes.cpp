@@ -386,6 +386,22 @@ private slots:
         QCOMPARE(saved["lists"].toArray()[1].toObject()["scenes"].toArray()[0].toObject()["lighting"],
                  QJsonValue("blue"));
 
+        // Values no player could have stored are left out with a warning.
+        QVERIFY(TestSupport::writeFile(file, R"({"lists": [{"name": "Bad", "scenes": [
+            {"name": "x", "notes": [{"ratio": "1/0"}, {"ratio": "-3/2"}, {"ratio": "5/4"}],
+             "transposition": "3486784401/1", "masterVolume": 1e30, "baseFrequency": 0,
+             "macros": [5, -1, null], "disabledPrimes": [99, 7]}]}]})"));
+        warnings.clear();
+        QVERIFY(mBook.importLists(file, &warnings, &error));
+        QCOMPARE(warnings.size(), 7);
+        const Scene& bad = mBook.active().scenes[0];
+        QCOMPARE(bad.notes.size(), std::size_t(1));
+        QCOMPARE(bad.sound.transposition.toString(), QStringLiteral("1/1"));
+        QCOMPARE(bad.sound.volume, 1.0f);
+        QCOMPARE(bad.sound.baseFrequency, 440.0f);
+        QCOMPARE(bad.sound.macros[0], -1.0f);
+        QVERIFY(!bad.sound.primeEnabled[7] && bad.sound.primeEnabled[31]);
+
         // A file that does not parse, and one of a newer version, go aside.
         for (const QByteArray& content : {QByteArray("{ \"lists\": ["), QByteArray(R"({"format": 2})")}) {
             QVERIFY(TestSupport::writeFile(mBook.path(), content));

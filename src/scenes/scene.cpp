@@ -78,6 +78,13 @@ Scene Scene::fromJson(const QJsonObject& json, QStringList* warnings)
                          .arg(transposition);
         sound.transposition = ArboRatio(1, 1);
     }
+    // The transpose strip never takes the 1/1 out of hearing; nor does a file.
+    if (ArboEvent::refusal(ArboEvent::BaseFrequency,
+                           float(sound.transposition.toDouble() * sound.baseFrequency))) {
+        *warnings << QStringLiteral("transposition %1 takes the 1/1 out of 20 Hz to 20 kHz")
+                         .arg(transposition);
+        sound.transposition = ArboRatio(1, 1);
+    }
 
     const QJsonArray macros = json.value(QLatin1String("macros")).toArray();
     for (int i = 0; i < SceneTable::MACRO_COUNT && i < macros.size(); ++i) {
