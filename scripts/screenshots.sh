@@ -2,7 +2,8 @@
 # Photographs the real program, transposed up a fifth, with a chord sounding
 # (1/1, 5/4, 3/2, 7/4 and 9/8 of the new root, each with its note card), once
 # in each lattice drawing, for the README: docs/lattice-flowers.png and
-# docs/lattice-grapes.png, and the cards enlarged in docs/note-cards.png.
+# docs/lattice-grapes.png, and the cards enlarged in docs/note-cards.png; and
+# the same cards in Helmholtz-Ellis notation in docs/note-cards-heji.png.
 #
 #   scripts/screenshots.sh [build folder]      (default: build)
 #
@@ -32,13 +33,14 @@ port=$((30000 + $$ % 20000))
 # fifth an octave down (trunk notes), its third and seventh (leaves).
 tags="0000000007 0000000001 0000000002 0000000003 0000000004 0000000005"
 
-shoot() { # style circlesView
+shoot() { # name circlesView notation picture
     home="$work/$1"
     config="$home/Merrow Tuning Arbo"
     mkdir -p "$config"
     cat >"$config/options.json" <<JSON
 {
     "circlesView": $2,
+    "notation": "$3",
     "udpPort": $port,
     "updateCheckInterval": 4,
     "windowSize": "1200,820",
@@ -66,19 +68,25 @@ JSON
     # A script, not a test: the notes need a few audio buffers to come back
     # from the engine, and the window a repaint.
     sleep 1.5
-    import -window "$window" "$out/lattice-$1.png"
+    import -window "$window" "$4"
     kill -TERM "$arbo_pid"
     wait "$arbo_pid" || true
     arbo_pid=""
-    echo "wrote $out/lattice-$1.png"
+    echo "wrote $4"
 }
 
-mkdir -p "$out"
-shoot flowers true
-shoot grapes false
 # The chord's balls, their connector lines and the cards, twice the size, so
 # that the notation can be read: the cards lie at the window's right edge, the
 # chord near the middle of its 820 pixels' height.
-convert "$out/lattice-grapes.png" -gravity NorthEast -crop 720x200+0+290 +repage \
-    -filter Lanczos -resize 200% "$out/note-cards.png"
-echo "wrote $out/note-cards.png"
+cards() { # window picture
+    convert "$1" -gravity NorthEast -crop 720x200+0+290 +repage \
+        -filter Lanczos -resize 200% "$2"
+    echo "wrote $2"
+}
+
+mkdir -p "$out"
+shoot flowers true conventional "$out/lattice-flowers.png"
+shoot grapes false conventional "$out/lattice-grapes.png"
+cards "$out/lattice-grapes.png" "$out/note-cards.png"
+shoot heji false helmholtz-ellis "$work/heji.png"
+cards "$work/heji.png" "$out/note-cards-heji.png"
