@@ -335,10 +335,13 @@ private slots:
         for (int code = ArboEvent::AllNotesOff; code <= ArboEvent::Macro8; ++code) {
             expected.insert(code);
         }
+        expected += {ArboEvent::SceneRecall, ArboEvent::SceneStep, ArboEvent::SceneStore};
         QStringList members;
         QSet<int> byInputMap;
         for (int code = -1; code <= ArboEvent::LAST_TYPE + 1; ++code) {
-            const double value = code == ArboEvent::BaseFrequency ? 440.0 : 0.5;
+            const double value = code == ArboEvent::BaseFrequency ? 440.0
+                                 : code == ArboEvent::SceneRecall  ? 2.0
+                                                                   : 0.5;
             members << QString::asprintf(R"("c%d": {"event": %d, "value": %g})", code, code, value);
             QString why;
             if (InputBinding::fromJson(QJsonObject{{"event", code}, {"value", value}}, &why).isBound()) {
@@ -558,7 +561,7 @@ private slots:
             OSC("/arbo/event", "ff", 2.5, 1.0), OSC("/arbo/event", "iT", 6),
             OSC("/arbo/tag", "i", 1),          OSC("/arbo/note", "s", "/5"),
             OSC("/arbo/note", "si", "5\n", 1), OSC("/fader/1", "s", "loud")};
-        for (const int refused : {0, 19, 20, 21, 22, 23, -1}) {
+        for (const int refused : {0, 19, 20, 21, 22, ArboEvent::LAST_TYPE + 1, -1}) {
             send(OSC("/arbo/event", "if", refused, 1.0));
         }
         for (const QByteArray& packet : unfit) {

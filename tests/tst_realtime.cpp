@@ -12,6 +12,7 @@
 #include "offlineplayer.h"
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
+#include "sound/scenetable.h"
 #include "sound/realtimezone.h"
 #include "testsupport.h"
 
@@ -164,6 +165,24 @@ private slots:
             return condition();
         };
 
+        // Two scenes for the scene commands: a big one and a transposed one.
+        auto scenes = std::make_unique<SceneTable>();
+        std::vector<SceneTable::Note> notes;
+        for (const ArboPath& path : chordPaths(100)) {
+            SceneTable::Note note;
+            note.ratio = ArboRatio::pathRatio(path);
+            notes.push_back(note);
+        }
+        SceneTable::Scene scene;
+        scene.id = 1;
+        scenes->append(scene, notes);
+        scene.id = 2;
+        scene.transposition = ArboRatio(15, 8);
+        scene.macros[0] = 0.3f;
+        notes.resize(20);
+        scenes->append(scene, notes);
+        mPlayer.publishScenes(std::move(scenes));
+
         // 128 voices, then more (voices are stolen), held notes, and every
         // other command, twice over with a patch change between.
         const QStringList voices = {"Organ.pd", "Sine.pd"};
@@ -183,6 +202,8 @@ private slots:
                   ArboEvent(ArboEvent::BaseFrequency, 440), ArboEvent(ArboEvent::PrimeToggle, 7),
                   ArboEvent(ArboEvent::PrimeToggle, 7), ArboEvent(ArboEvent::Macro1, 0.4f),
                   ArboEvent(ArboEvent::Macro2, 0.6f), ArboEvent(ArboEvent::PatchStep, 1),
+                  ArboEvent(ArboEvent::SceneStore, 1), ArboEvent(ArboEvent::SceneRecall, 1),
+                  ArboEvent(ArboEvent::SceneStep, 1), ArboEvent(ArboEvent::SceneStep, -1),
                   ArboEvent(ArboEvent::BaseFrequency, 0.0f)}) { // refused
                 queue(event);
             }

@@ -249,6 +249,12 @@ private slots:
         row("damaged options", {}, "options.json={ \"udpPort\": 9",
             "Failed to read saved options. All options will be reset to defaults.",
             {"Failed to read saved options."}, {}, R"({"udpPort": 8888})");
+        // Scenes a show cannot read never stop it: kept aside, said once.
+        row("damaged scenes", {}, "scenes.json={ \"lists\": [", {},
+            {"The scenes file is damaged and cannot be read. It was kept as "});
+        row("scenes of a newer version", {}, R"(scenes.json={"format": 99, "lists": []})", {},
+            {"The scenes file was written by a newer version of the program and cannot be "
+             "read. It was kept as "});
         // A runtime copy older than the program's, as after an update.
         row("outdated runtime patch", {}, "patch/arbo_main.pd=#N canvas 0 0 10 10 12;\n", {}, {},
             "patch/arbo_main.pd=patches/shell/arbo_main.pd");

@@ -100,6 +100,7 @@ bool TuningArboApplication::init()
     if (!loadLattice()) {
         return false;
     }
+    readScenes();
     showMainWindow();
     syncFromSettings();
     startWandListener();
@@ -201,6 +202,11 @@ bool TuningArboApplication::loadLattice()
     return false;
 }
 
+void TuningArboApplication::readScenes()
+{
+    mScenes.init();
+}
+
 void TuningArboApplication::showMainWindow()
 {
     // The window loads the default voice as it is made.
@@ -211,11 +217,15 @@ void TuningArboApplication::showMainWindow()
     parts.audioOutput = &mAudioOutput;
     parts.midiOutput = &mMidiOutput;
     parts.midiSettings = &mMidiSettings;
+    parts.scenes = &mScenes;
     mMainWindow = new MainWindow(parts);
     // Queued even for the GUI thread: see DiagnosticsDialog.
     connect(this, &TuningArboApplication::diagnosticMessage, mMainWindow->diagnosticsDialog(),
             &DiagnosticsDialog::onMessage, Qt::QueuedConnection);
     mMainWindow->show();
+    if (!mScenes.problem().isEmpty()) {
+        mMainWindow->statusBar()->showMessage(mScenes.problem());
+    }
     if (!mPlayer.isPatchOpen()) {
         loadAnyVoice();
     }
@@ -278,6 +288,13 @@ void TuningArboApplication::startInputs()
     // MIDI in: not fatal either; without a MIDI system it stays off with a
     // warning.
     mMidiInput.attach(&mPlayer);
+    auto sceneTriggers = [this] {
+        const SceneBook::Triggers& triggers = mScenes.triggers();
+        mMidiInput.setSceneTriggers(triggers.nextController, triggers.previousController,
+                                    triggers.programChange);
+    };
+    sceneTriggers();
+    connect(&mScenes, &SceneBook::changed, &mMidiInput, sceneTriggers);
     mMidiInput.open(mInputMap.bindings());
     // The keys and MIDI notes play the map's bindings, or an imported scale's.
     mMainWindow->attachInputs(mInputMap.bindings(), keyboard, &mMidiInput);
@@ -290,6 +307,7 @@ void TuningArboApplication::term()
     mOscInput.term();
     mMidiInput.close();
     mArbo.term();
+    mScenes.term();
     mPlayer.term();
     mAudioOutput.term();
     mMidiOutput.close();

@@ -10,6 +10,7 @@
 #include "midi/midisettings.h"
 #include "model/arbo.h"
 #include "osc/oscinput.h"
+#include "scenes/scenebook.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
 #include "sound/pdplayer.h"
@@ -60,6 +61,8 @@ public:
     PdPlayer mPlayer;
     PaAudioOutput mAudioOutput;
     Settings mSettings;
+    // The performer's cue lists ("scenes.json").
+    SceneBook mScenes;
     // MIDI out, after the player: it closes (and lets go of the player's
     // note tap) before the player goes.
     MidiSettings mMidiSettings;
@@ -101,6 +104,9 @@ private:
     void startMidiOutput();
     void readInputMap();
     bool loadLattice();
+    // Not fatal: a damaged or too new file is kept aside and the window says
+    // so once it is up.
+    void readScenes();
     void showMainWindow();
     void startWandListener();
     // Starts the keyboard, the MIDI input and the OSC receiver on the input

@@ -250,7 +250,29 @@ void MidiInput::dispatch(const MidiInParser::Message& message, const MidiInputTa
         queue(binding.release(table.latch));
         break;
     }
+    case MidiInParser::ProgramChange:
+        if (mSceneProgramChange.load(std::memory_order_relaxed)) {
+            const ArboEvent recall(ArboEvent::SceneRecall, float(message.data1) + 1.0f);
+            queue(&recall);
+        } else {
+            ignore(message);
+        }
+        break;
     case MidiInParser::ControlChange: {
+        const int direction = message.data1 == mSceneNext.load(std::memory_order_relaxed) ? 1
+                              : message.data1 == mScenePrevious.load(std::memory_order_relaxed)
+                                  ? -1
+                                  : 0;
+        if (direction != 0) {
+            bool& down = mSceneSwitchDown[message.channel & 0x0f][direction > 0 ? 0 : 1];
+            const bool wasDown = down;
+            down = message.data2 >= 64;
+            if (down && !wasDown) {
+                const ArboEvent step(ArboEvent::SceneStep, float(direction));
+                queue(&step);
+            }
+            break;
+        }
         const InputBinding& binding = table.controllers[message.data1];
         if (!binding.isBound()) {
             ignore(message);
@@ -263,6 +285,14 @@ void MidiInput::dispatch(const MidiInParser::Message& message, const MidiInputTa
         ignore(message);
         break;
     }
+}
+
+void MidiInput::setSceneTriggers(int next, int previous, bool programChange)
+{
+    mSceneNext.store(next >= 0 && next < 128 ? next : -1, std::memory_order_relaxed);
+    mScenePrevious.store(previous >= 0 && previous < 128 ? previous : -1,
+                         std::memory_order_relaxed);
+    mSceneProgramChange.store(programChange, std::memory_order_relaxed);
 }
 
 void MidiInput::checkInput()

@@ -107,6 +107,14 @@ public:
     // open.
     void checkInput();
 
+    // Scenes from MIDI, on every channel: a Program Change n recalls scene
+    // n + 1 of the active cue list (when `programChange`), and the
+    // controllers `next` and `previous` (0..127; -1: none) step through it.
+    // A foot switch holds its controller at 127 and may send the value again
+    // while held: a step is taken only when it goes from below 64 to 64 or
+    // above. These controllers act for the scenes alone. Any thread.
+    void setSceneTriggers(int next, int previous, bool programChange);
+
 signals:
     void statusChanged(QString status);
 
@@ -145,6 +153,13 @@ private:
     MidiInputTables mTables;
     MidiInParser mParser;
     ArboEvent mScratch;
+    // Whether each channel's next and previous switch is down.
+    bool mSceneSwitchDown[16][2] = {};
+
+    // The scene triggers (setSceneTriggers()).
+    std::atomic<int> mSceneNext{-1};
+    std::atomic<int> mScenePrevious{-1};
+    std::atomic<bool> mSceneProgramChange{true};
 
     // Counted on the input thread, reported and cleared by the GUI thread.
     std::atomic<std::uint64_t> mReceived{0};

@@ -55,6 +55,10 @@ const char* ArboEvent::refusal(int type, float value)
     case Macro7:
     case Macro8:
         return value >= 0.0f && value <= 1.0f ? nullptr : "is no macro value from 0 to 1";
+    case SceneRecall:
+        return value >= 1.0f && value <= float(SCENE_NUMBER_MAX) && value == std::floor(value)
+                   ? nullptr
+                   : "is no scene number";
     default:
         return std::isfinite(value) ? nullptr : "is not a finite number";
     }

@@ -43,10 +43,18 @@ public:
         // The path is in the ArboNoteEvent; the value is ignored.
         NoteStart = 21,
         NoteEnd = 22,
+        // Scenes of the active cue list, for foot switches, show controllers
+        // and tags: SceneRecall recalls scene `value` (counted from 1),
+        // SceneStep the next one (value above 0) or the previous one, and
+        // SceneStore keeps the sound as it is as a new scene at the end of
+        // the list.
+        SceneRecall = 23,
+        SceneStep = 24,
+        SceneStore = 25,
     };
     // Highest type the player carries out; anything outside 0 to this is
     // ignored by the consumer.
-    static constexpr int LAST_TYPE = NoteEnd;
+    static constexpr int LAST_TYPE = SceneStore;
 
     // Whether a command of `type` needs a lattice path (an ArboNoteEvent).
     // Without one it would sound the root, which nobody asked for.
@@ -72,9 +80,11 @@ public:
     //   VoiceVolume          0 to the options' largest volume (4)
     //   the volume steps     no larger than that range
     //   Macro1 to Macro8     0 to 1 (the sliders' range)
+    //   SceneRecall          a whole number from 1 to SCENE_NUMBER_MAX
     //   every other type     a finite number (the value may be ignored)
     // Any thread; never allocates.
     static const char* refusal(int type, float value);
+    static constexpr int SCENE_NUMBER_MAX = 100000;
 
     // Type NoteToggle with value 0 (zero-initialised, as for any value type).
     ArboEvent() = default;

@@ -25,6 +25,10 @@ class PdPlayer;
 //                              show controller can replay the wands' cues
 //   /arbo/note   ,sN "/5" 1    a held note: a non-zero number (or true)
 //                              starts it, zero (or false) ends it
+//   /arbo/scene/recall ,N 3        scene 3 of the active cue list (from 1)
+//   /arbo/scene/next, /arbo/scene/previous   a step through the cue list
+//   /arbo/scene/store ,s "Intro"   the sound as it is, as a new scene at the
+//                              end of the list (the name may be left out)
 //
 // A mapped address without arguments is a press of its binding; with a
 // number or boolean first it is a controller at that position (0 to 1), so a

@@ -24,6 +24,7 @@ const char* const TOGGLE_ADDRESS = "/arbo/toggle";
 const char* const EVENT_ADDRESS = "/arbo/event";
 const char* const TAG_ADDRESS = "/arbo/tag";
 const char* const NOTE_ADDRESS = "/arbo/note";
+const char* const SCENE_PREFIX = "/arbo/scene/";
 
 // Network text for the log: cut short, and control characters written as
 // \xNN, so that a sender cannot put line breaks or terminal controls into
@@ -167,8 +168,41 @@ void OscReceiver::handle(const char* address, const char* types, lo_arg** argv, 
         tag(m);
     } else if (std::strcmp(address, NOTE_ADDRESS) == 0) {
         note(m);
+    } else if (std::strncmp(address, SCENE_PREFIX, std::strlen(SCENE_PREFIX)) == 0) {
+        scene(m, address + std::strlen(SCENE_PREFIX));
     } else {
         mapped(m, *bindings);
+    }
+}
+
+void OscReceiver::scene(const Message& m, const char* verb)
+{
+    if (std::strcmp(verb, "next") == 0 || std::strcmp(verb, "previous") == 0) {
+        const ArboEvent step(ArboEvent::SceneStep, verb[0] == 'n' ? 1.0f : -1.0f);
+        play(&step);
+    } else if (std::strcmp(verb, "recall") == 0) {
+        // By the same rule as every other source: a whole number from 1.
+        double number = 0.0;
+        const bool given = m.argc == 1 && m.number(0, false, &number);
+        const char* why = given ? ArboEvent::refusal(ArboEvent::SceneRecall, float(number))
+                                : "needs the scene's number, from 1";
+        if (why) {
+            unfit(m, QString::fromLatin1(why));
+            return;
+        }
+        const ArboEvent recall(ArboEvent::SceneRecall, float(number));
+        play(&recall);
+    } else if (std::strcmp(verb, "store") == 0) {
+        // The name is the sender's text: the window makes it safe to show.
+        const char* name = m.argc == 0 ? "" : m.text(0);
+        if (m.argc > 1 || !name) {
+            unfit(m, QStringLiteral("takes at most one name text"));
+        } else if (!mInput.player()->queueSceneStoreOsc(name)) {
+            unfit(m, QStringLiteral("too many scene stores at once"));
+        }
+    } else {
+        mUnknownAddress.warn(QStringLiteral("OSC address %1 is not in the input map. Ignoring.")
+                                 .arg(quoted(QString::fromUtf8(m.address))));
     }
 }
 

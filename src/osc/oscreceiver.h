@@ -57,6 +57,9 @@ private:
     void event(const Message& m, const InputMap::Bindings& bindings);
     void tag(const Message& m);
     void note(const Message& m);
+    // /arbo/scene/recall ,N i; /arbo/scene/next; /arbo/scene/previous;
+    // /arbo/scene/store ,s name: `verb` is what follows "/arbo/scene/".
+    void scene(const Message& m, const char* verb);
     void mapped(const Message& m, const InputMap::Bindings& bindings);
 
     void play(const ArboEvent* event);

@@ -4,13 +4,14 @@
 #include "model/arboratio.h"
 #include "sound/playercontrols.h"
 #include "sound/playerresultqueue.h"
+#include "sound/scenerecaller.h"
 #include "sound/voicepool.h"
 
 #include <algorithm>
 
 CommandDispatcher::CommandDispatcher(PlayerControls& controls, VoicePool& voices,
-                                     const PlayerResultQueue& results)
-    : mControls(controls), mVoices(voices), mResults(results)
+                                     SceneRecaller& scenes, const PlayerResultQueue& results)
+    : mControls(controls), mVoices(voices), mScenes(scenes), mResults(results)
 {
 }
 
@@ -32,20 +33,22 @@ const char* CommandDispatcher::init()
     return nullptr;
 }
 
-void CommandDispatcher::process(int budget)
+int CommandDispatcher::process(int budget)
 {
+    const int given = budget;
     // A budget per buffer: a flood costs latency, never an overrun. Each
     // ring first gets a share, in the order wands, MIDI, OSC, window, so that
     // no source can keep the others waiting; what is left goes round again.
     // What is not carried out stays in its ring, in order, for the next
     // buffer.
     const int share = std::max(1, budget / SOURCE_COUNT);
-    for (int source = 0; source < SOURCE_COUNT && budget > 0; ++source) {
+    for (int source = 0; source < SOURCE_COUNT && budget > 0 && !mScenes.busy(); ++source) {
         budget -= processRing(Source(source), std::min(share, budget));
     }
-    for (int source = 0; source < SOURCE_COUNT && budget > 0; ++source) {
+    for (int source = 0; source < SOURCE_COUNT && budget > 0 && !mScenes.busy(); ++source) {
         budget -= processRing(Source(source), budget);
     }
+    return given - budget;
 }
 
 int CommandDispatcher::processRing(Source source, int budget)
@@ -53,7 +56,7 @@ int CommandDispatcher::processRing(Source source, int budget)
     PdMessageBuffer& ring = mRings[source];
     int done = 0;
     PdMessageBuffer::Chunk chunk;
-    while (done < budget && ring.peek(chunk)) {
+    while (done < budget && !mScenes.busy() && ring.peek(chunk)) {
         // A command is carried out only with room for all it may report;
         // otherwise it waits, first in its ring, for the GUI thread to catch
         // up, and the commands behind it wait with it.
@@ -76,6 +79,8 @@ int CommandDispatcher::resultsOf(int type)
     case ArboEvent::NoteStart:
         return 4; // a stolen voice's end and stop, a mono voice's end, the note
     case ArboEvent::PatchStep:
+    case ArboEvent::SceneRecall: // the recall waits for room itself
+    case ArboEvent::SceneStep:
         return 0;
     default:
         return 1;
@@ -101,6 +106,15 @@ void CommandDispatcher::carryOut(const PdMessageBuffer::Chunk& chunk, Source sou
     case ArboEvent::Transpose:
         mControls.transposeBy(chunk.value);
         break;
+    case ArboEvent::SceneRecall:
+        mScenes.recall(int(chunk.value) - 1);
+        break;
+    case ArboEvent::SceneStep:
+        mScenes.step(chunk.value > 0.0f ? 1 : -1);
+        break;
+    case ArboEvent::SceneStore:
+        mScenes.store(source, chunk.value);
+        break;
     default:
         carryOutSetting(chunk.type, chunk.value);
         break;
@@ -123,6 +137,7 @@ bool CommandDispatcher::hasRange(int type)
     case ArboEvent::Macro6:
     case ArboEvent::Macro7:
     case ArboEvent::Macro8:
+    case ArboEvent::SceneRecall:
         return true;
     default:
         return false;

@@ -9,6 +9,7 @@
 class ArboEvent;
 class PlayerControls;
 class PlayerResultQueue;
+class SceneRecaller;
 class VoicePool;
 
 // The player's commands on their way in: one lock-free command buffer per
@@ -40,7 +41,7 @@ public:
         SOURCE_COUNT
     };
 
-    CommandDispatcher(PlayerControls& controls, VoicePool& voices,
+    CommandDispatcher(PlayerControls& controls, VoicePool& voices, SceneRecaller& scenes,
                       const PlayerResultQueue& results);
 
     // GUI thread, at start-up: makes the command buffers. Null when all are
@@ -53,7 +54,9 @@ public:
 
     // Audio thread: carries out at most `budget` commands, in order within
     // each source (see the source for how they share), and leaves the rest.
-    void process(int budget);
+    // Stops at a scene recall, which the commands behind it wait for (see
+    // SceneRecaller). Returns how many it carried out.
+    int process(int budget);
     // Any thread: the patch steps asked for (+1 each to the next patch, -1
     // each back) since they were last taken, and takes them.
     int patchSteps() const { return mPatchSteps.load(std::memory_order_relaxed); }
@@ -89,6 +92,7 @@ private:
 
     PlayerControls& mControls;
     VoicePool& mVoices;
+    SceneRecaller& mScenes;
     const PlayerResultQueue& mResults;
     PdMessageBuffer mRings[SOURCE_COUNT];
 

@@ -70,6 +70,9 @@ public:
     // Audio thread: the last value of macro `index` (0-based), for the next
     // patch.
     void rememberMacro(int index, float value) { mMacroValues[index] = value; }
+    // Audio thread: the value macro `index` (0..7) was last set to; negative
+    // when it was never set, and the patch plays its default.
+    float macroValue(int index) const { return mMacroValues[index]; }
 
 private:
     // A patch change, from the GUI thread to the audio thread and back: the

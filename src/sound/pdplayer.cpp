@@ -100,7 +100,47 @@ void PdPlayer::queueEventOsc(const ArboEvent* event)
 
 void PdPlayer::processEvents(int budget)
 {
-    mCommands.process(budget);
+    // A scene recall under way goes on first; one that the commands begin
+    // goes on at once with what is left of the budget, and the commands
+    // behind it wait for it.
+    mScenes.adoptTable();
+    for (;;) {
+        budget -= mScenes.proceed(budget);
+        if (mScenes.busy() || budget <= 0) {
+            return;
+        }
+        budget -= mCommands.process(budget);
+        if (!mScenes.busy()) {
+            return;
+        }
+    }
+}
+
+bool PdPlayer::queueSceneStoreOsc(const char* name)
+{
+    SceneName record;
+    mOscSceneTicket = mOscSceneTicket >= 1.0e6f ? 1.0f : mOscSceneTicket + 1.0f;
+    record.ticket = mOscSceneTicket;
+    std::strncpy(record.text, name ? name : "", sizeof record.text - 1);
+    record.text[sizeof record.text - 1] = '\0';
+    if (!mOscSceneNames.push(record)) {
+        return false;
+    }
+    const ArboEvent store(ArboEvent::SceneStore, record.ticket);
+    mCommands.queue(CommandDispatcher::FromOsc, &store);
+    return true;
+}
+
+QString PdPlayer::takeOscSceneName(float ticket)
+{
+    // Names whose command a full ring dropped are passed over.
+    SceneName record;
+    while (mOscSceneNames.pop(record)) {
+        if (record.ticket == ticket) {
+            return QString::fromUtf8(record.text);
+        }
+    }
+    return QString();
 }
 
 void PdPlayer::render(float* output, int frames) noexcept
@@ -169,6 +209,7 @@ void PdPlayer::deliverResults()
         ARBO_DEBUG().noquote() << "libPD:" << line.text;
     }
     signalPatchSteps();
+    mScenes.collectRetired();
 }
 
 void PdPlayer::emitResult(const PlayerResult& result)
@@ -208,6 +249,12 @@ void PdPlayer::emitResult(const PlayerResult& result)
         break;
     case PlayerResult::MacroValue:
         emit macroValueChanged(result.number, result.value);
+        break;
+    case PlayerResult::SceneRecalled:
+        emit sceneRecalled(result.number, quint32(result.extra));
+        break;
+    case PlayerResult::SceneStored:
+        emit sceneStored(result.number, result.value, result.flag);
         break;
     }
 }

@@ -7,6 +7,7 @@
 #include "sound/playercontrols.h"
 #include "sound/playerresult.h"
 #include "sound/playerresultqueue.h"
+#include "sound/scenerecaller.h"
 #include "sound/spscqueue.h"
 #include "sound/staticarray.h"
 #include "sound/voicepool.h"
@@ -224,6 +225,18 @@ public:
     // while the player runs, so a flood of bad input costs a line a second.
     void reportRefusedCommands();
 
+    // Scenes (see SceneRecaller). GUI thread: the active cue list's scenes
+    // from now on; and, after sceneStored() with `taken`, the snapshot.
+    void publishScenes(std::unique_ptr<SceneTable> table) { mScenes.publish(std::move(table)); }
+    bool takeSceneSnapshot(SceneTable::Snapshot& snapshot) { return mScenes.takeSnapshot(snapshot); }
+    // The OSC receiver's thread only: asks for a store of the sound as it is
+    // under `name` (cut to 63 bytes), through the OSC command ring; the name
+    // waits for the GUI thread beside it. False when either was full.
+    bool queueSceneStoreOsc(const char* name);
+    // GUI thread, on sceneStored() from the OSC source: the name that came
+    // with `ticket`; empty when it is gone.
+    QString takeOscSceneName(float ticket);
+
 signals:
     void noteToggled(ArboRatio ratio, bool on);
     void transposed(ArboRatio transposition, int step);
@@ -238,6 +251,12 @@ signals:
     void patchLoaded(QString path);
     void patchDecRequested();
     void patchIncRequested();
+    // The audio thread recalled scene `index` (the scene `id`) of the table
+    // published last.
+    void sceneRecalled(int index, quint32 id);
+    // A store was asked for from `source` (CommandDispatcher::Source) with
+    // `ticket`; `taken`: a snapshot waits in takeSceneSnapshot().
+    void sceneStored(int source, float ticket, bool taken);
 
 public slots:
     // GUI thread only: copies the event into the GUI command buffer. The
@@ -274,7 +293,16 @@ private:
     VoicePool mVoices{mMixer, mResults};
     PatchChanger mChanger{mMixer, mVoices, mResults};
     PlayerControls mControls{mMixer, mVoices, mChanger, mResults};
-    CommandDispatcher mCommands{mControls, mVoices, mResults};
+    SceneRecaller mScenes{mControls, mVoices, mChanger, mResults};
+    CommandDispatcher mCommands{mControls, mVoices, mScenes, mResults};
+    // Names of the stores asked for over OSC, on their way to the GUI thread.
+    struct SceneName
+    {
+        float ticket;
+        char text[64];
+    };
+    SpscQueue<SceneName, 16> mOscSceneNames;
+    float mOscSceneTicket = 0.0f; // the OSC receiver's thread
 
     std::atomic<bool> mPatchOpen{false};
     // Whether a signal for the patch steps not yet taken is on its way (see

@@ -22,6 +22,9 @@ struct PlayerResult
         Monophonic,    // `flag`
         PrimeEnabled,  // prime in `number`, new state in `flag`
         MacroValue,    // macro 1..8 in `number`, `value`
+        SceneRecalled, // the scene's index in `number`, its id in `extra`
+        SceneStored,   // the source in `number`, the ticket in `value`; `flag`
+                       // set when a snapshot is waiting (SceneRecaller)
     };
 
     Kind kind = NoteOn;

@@ -5,6 +5,7 @@ class AudioOutput;
 class MidiOutput;
 class MidiSettings;
 class PdPlayer;
+class SceneBook;
 class Settings;
 
 // What the windows act on: the application's long-lived objects, handed down
@@ -22,4 +23,6 @@ struct InstrumentParts
     AudioOutput* audioOutput = nullptr;
     MidiOutput* midiOutput = nullptr;
     MidiSettings* midiSettings = nullptr;
+    // The cue lists; without them the window has no scenes panel.
+    SceneBook* scenes = nullptr;
 };

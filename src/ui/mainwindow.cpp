@@ -11,6 +11,9 @@
 #include "ui/macrosliders.h"
 #include "ui/optionsdialog.h"
 #include "ui/patchchooser.h"
+#include "scenes/scenebook.h"
+#include "ui/scenecontroller.h"
+#include "ui/scenepanel.h"
 #include "ui/importedscale.h"
 #include "ui/stylesheetloader.h"
 #include "ui/tuningmenu.h"
@@ -30,6 +33,7 @@
 #include <QPushButton>
 #include <QShortcut>
 #include <QThread>
+#include <QToolButton>
 #include <QSlider>
 #include <QSvgRenderer>
 
@@ -94,6 +98,7 @@ MainWindow::MainWindow(const InstrumentParts& parts, QWidget* parent)
 
     mMacros = new MacroSliders(this, mPlayer);
     mTuning = new TuningMenu(mUi->tuningButton, mUi->scaleLabel, mParts, this);
+    addScenes();
 
     connect(mViewSwitcher, &QLabel::linkActivated, this, &MainWindow::onSwitcherClicked);
     connect(mAbsRelSwitcher, &QLabel::linkActivated, this, &MainWindow::onAbsRelSwitcherClicked);
@@ -119,6 +124,22 @@ MainWindow::MainWindow(const InstrumentParts& parts, QWidget* parent)
 }
 
 MainWindow::~MainWindow() = default;
+
+void MainWindow::addScenes()
+{
+    if (!mParts.scenes) {
+        return;
+    }
+    mScenes = new SceneController(mPlayer, mLattice, mOptions, mParts.scenes, mPatches, this);
+    mScenePanel = new ScenePanel(mParts.scenes, mScenes, this);
+    addDockWidget(Qt::RightDockWidgetArea, mScenePanel);
+    mScenePanel->setVisible(mParts.scenes->panelVisible());
+    auto* toggle = new QToolButton(this);
+    toggle->setObjectName(QStringLiteral("scenesButton"));
+    toggle->setDefaultAction(mScenePanel->toggleViewAction());
+    toggle->setText(tr("Scenes"));
+    mUi->tuningRow->insertWidget(1, toggle);
+}
 
 void MainWindow::addTweakDialog()
 {

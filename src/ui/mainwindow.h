@@ -21,6 +21,8 @@ class MacroSliders;
 class PatchChooser;
 class TweakDialog;
 class TuningMenu;
+class SceneController;
+class ScenePanel;
 class KeyboardInput;
 class MidiInput;
 class ArboView;
@@ -65,6 +67,9 @@ public:
     MacroSliders* macros() const { return mMacros; }
     // Scala import and tuning export: the "Tuning" button's menu.
     TuningMenu* tuning() const { return mTuning; }
+    // The scenes panel and what it drives; null without a scene book.
+    ScenePanel* scenePanel() const { return mScenePanel; }
+    SceneController* scenes() const { return mScenes; }
     // The computer keys and the MIDI input, and the input map's bindings
     // they play by when no imported scale lies over them. Either may be null.
     void attachInputs(const InputMap::Bindings& own, KeyboardInput* keys, MidiInput* midi);
@@ -125,6 +130,8 @@ private:
     void addSwitchers();
     // The developer's dialog of the layout constants, on Ctrl+T.
     void addTweakDialog();
+    // The scenes panel on the right, and its button beside "Tuning".
+    void addScenes();
     void updateReadout();
     // Queues an event made for this one call.
     void queue(ArboEvent::Type type, float value);
@@ -143,6 +150,8 @@ private:
     PatchChooser* mPatches = nullptr;
     MacroSliders* mMacros = nullptr;
     TuningMenu* mTuning = nullptr;
+    SceneController* mScenes = nullptr;
+    ScenePanel* mScenePanel = nullptr;
     QPoint mOptionsDialogPosition;
     DiagnosticsDialog* mDiagnosticsDialog = nullptr;
     TweakDialog* mTweakDialog = nullptr;

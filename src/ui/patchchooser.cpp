@@ -102,6 +102,13 @@ void PatchChooser::load(const QString& path)
     mMenu->setCurrentIndex(mLastLoaded);
 }
 
+QString PatchChooser::currentPath() const
+{
+    return mLastLoaded >= 0 && mLastLoaded < mMenu->count()
+               ? mMenu->itemData(mLastLoaded).toString()
+               : QString();
+}
+
 void PatchChooser::step(int step)
 {
     const int count = mMenu->count();

@@ -29,6 +29,8 @@ public:
     void setNoPatchLoaded(bool noPatch);
     // Puts the voice patch at `path` into play; on failure shows why.
     void load(const QString& path);
+    // The file of the patch last loaded successfully; empty before any.
+    QString currentPath() const;
     // The `name` patch of the resource folder (the "defaultPatch" option),
     // else "Sine.pd", else none.
     void loadDefault(const QString& name);
