@@ -85,8 +85,8 @@ Rational pythagorean(int fifths, int octaves)
 
 QString written(const HejiSpelling& s)
 {
-    const QString accidental = s.accidental() >= 0 ? QString(s.accidental(), '#')
-                                                   : QString(-s.accidental(), 'b');
+    const QString accidental =
+        s.accidental() >= 0 ? QString(s.accidental(), '#') : QString(-s.accidental(), 'b');
     return s.letterText() + accidental + QString::number(s.octave());
 }
 
@@ -153,7 +153,8 @@ private slots:
         row("A 4", "11/8", "D5", "33/32", "accidentalRaiseOneUndecimalQuartertone");
         row("A 4", "13/8", "F#5", "26/27",
             "accidentalLowerOneTridecimalQuartertone accidentalSharp");
-        row("A 4", "17/16", "A#4", "2176/2187", "accidentalCombiningLower17Schisma accidentalSharp");
+        row("A 4", "17/16", "A#4", "2176/2187",
+            "accidentalCombiningLower17Schisma accidentalSharp");
         row("A 4", "19/16", "C5", "513/512", "accidentalCombiningRaise19Schisma accidentalNatural");
         row("A 4", "23/16", "D#5", "736/729",
             "accidentalCombiningRaise23Limit29LimitComma accidentalSharp");

@@ -284,9 +284,8 @@ qreal CardWidget::noteX() const
     // Between the clef and the note head; when the signs need more, the
     // head moves right as far as the staff allows, and beyond that the signs
     // reach over the clef rather than off the card.
-    const qreal clefRight = mClefSvg->isHidden()
-                                ? CLEF_X
-                                : mClefSvg->geometry().right() + 1 - contentsRect().left();
+    const qreal clefRight =
+        mClefSvg->isHidden() ? CLEF_X : mClefSvg->geometry().right() + 1 - contentsRect().left();
     const qreal room = NOTE_X - ACCIDENTAL_GAP - clefRight;
     const qreal furthest = STAFF_WIDTH - widthOf(mNoteSvg) - LEDGER_OVERHANG;
     return std::clamp(NOTE_X + signs - room, NOTE_X, std::max(NOTE_X, furthest));

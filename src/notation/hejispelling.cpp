@@ -169,8 +169,7 @@ void HejiSpelling::spell(int referenceLetter, int referenceAccidental, int refer
     mLetter = index - 7 * mOctave;
     const int referenceSemitone =
         12 * referenceOctave + LETTER_SEMITONES[referenceLetter] + referenceAccidental;
-    mAccidental =
-        referenceSemitone + mSemitones - (12 * mOctave + LETTER_SEMITONES[mLetter]);
+    mAccidental = referenceSemitone + mSemitones - (12 * mOctave + LETTER_SEMITONES[mLetter]);
 }
 
 void HejiSpelling::addSigns()
@@ -186,7 +185,8 @@ void HejiSpelling::addSigns()
         int count = std::abs(e);
         if (p.prime == 7) {
             for (; count >= 2; count -= 2) {
-                mSigns.append({QString::fromLatin1(up ? RAISE_TWO_SEPTIMAL : LOWER_TWO_SEPTIMAL), 7});
+                mSigns.append(
+                    {QString::fromLatin1(up ? RAISE_TWO_SEPTIMAL : LOWER_TWO_SEPTIMAL), 7});
             }
         }
         for (; count > 0; --count) {

@@ -191,8 +191,7 @@ int importScale(const QCommandLineParser& parser, const QString& file)
 }
 
 // "5/4", "3" or "81/80": a positive ratio of two 64-bit numbers, reduced.
-bool parseRatio(const QString& text, unsigned long long& numerator,
-                unsigned long long& denominator)
+bool parseRatio(const QString& text, unsigned long long& numerator, unsigned long long& denominator)
 {
     const QStringList parts = text.split(QLatin1Char('/'));
     bool ok = parts.size() <= 2;
@@ -265,10 +264,10 @@ int notate(const QCommandLineParser& parser, const QStringList& ratios)
         }
         // Rounded and signed as the card shows them.
         const long cents = std::lround(spelling.cents());
-        out += QStringLiteral("%1\t%2\t%3\t%4\n")
-                   .arg(text, spelling.letterAndOctave(),
-                        spelling.glyphNames().join(QLatin1Char('+')),
-                        cents > 0 ? QStringLiteral("+%1").arg(cents) : QString::number(cents));
+        out +=
+            QStringLiteral("%1\t%2\t%3\t%4\n")
+                .arg(text, spelling.letterAndOctave(), spelling.glyphNames().join(QLatin1Char('+')),
+                     cents > 0 ? QStringLiteral("+%1").arg(cents) : QString::number(cents));
     }
     std::fputs(out.toUtf8().constData(), stdout);
     return allWritten ? 0 : FAILED;
@@ -290,9 +289,9 @@ int main(int argc, char** argv)
     const QString command = arguments.value(0);
     const bool exporting = command == QLatin1String("export");
     const bool notating = command == QLatin1String("notate");
-    if (exporting   ? arguments.size() != 1
-        : notating  ? arguments.size() < 2
-                    : command != QLatin1String("import") || arguments.size() != 2) {
+    if (exporting  ? arguments.size() != 1
+        : notating ? arguments.size() < 2
+                   : command != QLatin1String("import") || arguments.size() != 2) {
         return usage(QStringLiteral("expected \"export\" with its options, \"import FILE.scl\" "
                                     "or \"notate RATIO...\""));
     }
@@ -300,7 +299,7 @@ int main(int argc, char** argv)
     const QStringList exportOptions{"format", "paths", "primes-enabled", "o"};
     const QStringList importOptions{"kbm", "tolerance"};
     QStringList foreign = QStringList{"reference"} + exportOptions + importOptions;
-    for (const QString& own : exporting ? exportOptions
+    for (const QString& own : exporting  ? exportOptions
                               : notating ? QStringList{"reference"}
                                          : importOptions) {
         foreign.removeAll(own);
