@@ -17,6 +17,7 @@ install(DIRECTORY "${CMAKE_SOURCE_DIR}/resources/"
         PATTERN "about.*" EXCLUDE
         PATTERN "desktop" EXCLUDE)
 install(FILES ${ARBO_SYMBOL_OUTPUTS} DESTINATION "${ARBO_DATA_INSTALL_DIR}")
+install(FILES ${ARBO_SMUFL_OUTPUTS} DESTINATION "${ARBO_DATA_INSTALL_DIR}/smufl")
 
 # Menu entry, metadata and icon.
 set(ARBO_DESKTOP_DIR "${CMAKE_SOURCE_DIR}/resources/desktop")
@@ -69,6 +70,9 @@ endforeach()
 # (compressed like the manual pages).
 set(ARBO_DOC_DIR "${CMAKE_INSTALL_DATADIR}/doc/merrow-tuning-arbo")
 install(FILES "${CMAKE_SOURCE_DIR}/docs/copyright" DESTINATION "${ARBO_DOC_DIR}")
+# The Helmholtz-Ellis signs are outlines of Bravura's glyphs: the font's own
+# notice and licence travel with them, as the Open Font Licence asks.
+install(FILES "${ARBO_BRAVURA_LICENCE}" DESTINATION "${ARBO_DOC_DIR}" RENAME Bravura-OFL.txt)
 set(ARBO_CHANGELOG_GZ "${ARBO_GENERATED_DIR}/changelog.gz")
 add_custom_command(
     OUTPUT "${ARBO_CHANGELOG_GZ}"

@@ -24,6 +24,6 @@ set(ARBO_LAYER_display model notation settings sound)
 set(ARBO_LAYER_updater "")
 set(ARBO_LAYER_ui display input midi model notation scenes settings sound tuning updater)
 set(ARBO_LAYER_app display input midi model notation osc scenes settings sound tuning ui updater)
-set(ARBO_LAYER_tools input model settings tuning)
+set(ARBO_LAYER_tools input model notation settings tuning)
 # Only arbo.cpp may look up from model to sound (see above).
 set(ARBO_LAYER_EXCEPTIONS "model/arbo.cpp:sound")

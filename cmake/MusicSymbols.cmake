@@ -44,11 +44,72 @@ list(TRANSFORM ARBO_SYMBOL_FILES PREPEND "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/"
      OUTPUT_VARIABLE ARBO_SYMBOL_OUTPUTS)
 add_custom_command(
     OUTPUT ${ARBO_SYMBOL_OUTPUTS}
-    COMMAND "${ARBO_SYMBOLS_PYTHON}" "${ARBO_SYMBOLS_SCRIPT}" "${ARBO_EMMENTALER_FONT}"
-            "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}"
+    COMMAND "${ARBO_SYMBOLS_PYTHON}" "${ARBO_SYMBOLS_SCRIPT}" emmentaler
+            "${ARBO_EMMENTALER_FONT}" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}"
     DEPENDS "${ARBO_SYMBOLS_SCRIPT}" "${ARBO_EMMENTALER_FONT}"
     COMMENT "Drawing the music symbols from ${ARBO_EMMENTALER_FONT}"
     VERBATIM)
 add_custom_target(music-symbols ALL DEPENDS ${ARBO_SYMBOL_OUTPUTS})
 # Whatever links the library (the program, tests, benchmarks) reads them.
 add_dependencies(arbo music-symbols)
+
+# The Helmholtz-Ellis signs come from Bravura, the reference font of SMuFL
+# (SIL Open Font Licence), fetched with npm at build time and checked against
+# a pinned hash. The glyphs drawn are those of the table in
+# src/notation/smuflglyphs.cpp; the script refuses to draw any that the font
+# does not have under that name at that code point.
+set(ARBO_BRAVURA_PACKAGE "@vexflow-fonts/bravura@1.0.2")
+set(ARBO_BRAVURA_SHA256 "0198aadbcdb5cf78e98bb1bbcefccfe886dd77d764b98948269a81391928759f")
+set(ARBO_BRAVURA_TARBALL "" CACHE FILEPATH
+    "The ${ARBO_BRAVURA_PACKAGE} tarball, fetched before (`npm pack`); empty: npm fetches it")
+if(NOT ARBO_BRAVURA_TARBALL)
+    find_program(ARBO_NPM npm)
+    if(NOT ARBO_NPM)
+        message(FATAL_ERROR "npm is missing, which fetches the Bravura font for the note cards' "
+                            "Helmholtz-Ellis signs: install the Debian package npm (or configure "
+                            "with -DARBO_BRAVURA_TARBALL=<the tarball of `npm pack "
+                            "${ARBO_BRAVURA_PACKAGE}`>)")
+    endif()
+endif()
+set(ARBO_BRAVURA_DIR "${CMAKE_BINARY_DIR}/bravura")
+set(ARBO_BRAVURA_FONT "${ARBO_BRAVURA_DIR}/package/bravura.otf")
+set(ARBO_BRAVURA_METADATA "${ARBO_BRAVURA_DIR}/package/metadata.json")
+# Installed with the program (cmake/Install.cmake).
+set(ARBO_BRAVURA_LICENCE "${ARBO_BRAVURA_DIR}/package/LICENSE.txt")
+set(ARBO_BRAVURA_FILES "${ARBO_BRAVURA_FONT}" "${ARBO_BRAVURA_METADATA}" "${ARBO_BRAVURA_LICENCE}")
+add_custom_command(
+    OUTPUT ${ARBO_BRAVURA_FILES}
+    COMMAND "${CMAKE_COMMAND}" -DNPM=${ARBO_NPM} -DPACKAGE=${ARBO_BRAVURA_PACKAGE}
+            -DSHA256=${ARBO_BRAVURA_SHA256} -DDEST=${ARBO_BRAVURA_DIR}
+            -DTARBALL=${ARBO_BRAVURA_TARBALL}
+            -P "${CMAKE_SOURCE_DIR}/cmake/FetchBravura.cmake"
+    DEPENDS "${CMAKE_SOURCE_DIR}/cmake/FetchBravura.cmake"
+    COMMENT "Fetching the Bravura font (${ARBO_BRAVURA_PACKAGE})"
+    VERBATIM)
+
+# One glyph per line of the table: {"name", 0xCODE},
+set(ARBO_SMUFL_TABLE "${CMAKE_SOURCE_DIR}/src/notation/smuflglyphs.cpp")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${ARBO_SMUFL_TABLE}")
+file(STRINGS "${ARBO_SMUFL_TABLE}" ARBO_SMUFL_LINES REGEX "^ *\\{\"[A-Za-z0-9]+\", 0x[0-9A-F]+\\},")
+set(ARBO_SMUFL_GLYPHS "")
+set(ARBO_SMUFL_OUTPUTS "")
+foreach(line IN LISTS ARBO_SMUFL_LINES)
+    string(REGEX REPLACE "^ *\\{\"([A-Za-z0-9]+)\", 0x([0-9A-F]+)\\},.*" "\\1=\\2" glyph "${line}")
+    string(REGEX REPLACE "=.*" "" name "${glyph}")
+    list(APPEND ARBO_SMUFL_GLYPHS "${glyph}")
+    list(APPEND ARBO_SMUFL_OUTPUTS "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/smufl/${name}.svg")
+endforeach()
+if(NOT ARBO_SMUFL_GLYPHS)
+    message(FATAL_ERROR "No SMuFL glyphs found in ${ARBO_SMUFL_TABLE}")
+endif()
+add_custom_command(
+    OUTPUT ${ARBO_SMUFL_OUTPUTS}
+    COMMAND "${ARBO_SYMBOLS_PYTHON}" "${ARBO_SYMBOLS_SCRIPT}" smufl "${ARBO_BRAVURA_FONT}"
+            "${ARBO_BRAVURA_METADATA}" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/smufl"
+            ${ARBO_SMUFL_GLYPHS}
+    DEPENDS "${ARBO_SYMBOLS_SCRIPT}" "${ARBO_BRAVURA_FONT}" "${ARBO_BRAVURA_METADATA}"
+            "${ARBO_SMUFL_TABLE}"
+    COMMENT "Drawing the Helmholtz-Ellis signs from Bravura"
+    VERBATIM)
+add_custom_target(smufl-symbols ALL DEPENDS ${ARBO_SMUFL_OUTPUTS} "${ARBO_BRAVURA_LICENCE}")
+add_dependencies(arbo smufl-symbols)

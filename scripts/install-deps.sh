@@ -9,12 +9,13 @@
 set -eu
 
 # Building and running: compilers, the libraries the program links, the font
-# its music symbols are drawn from and the tools that draw them and its icons.
+# its music symbols are drawn from and the tools that draw them and its icons,
+# and npm, which fetches the font of the Helmholtz-Ellis signs.
 BUILD="
 qtbase5-dev libqt5svg5-dev portaudio19-dev libboost-dev librtmidi-dev liblo-dev
 libasound2-dev libjack-jackd2-dev
 cmake g++ make pkg-config dpkg-dev
-lilypond-fonts python3-fonttools librsvg2-bin
+lilypond-fonts python3-fonttools librsvg2-bin npm
 "
 
 # Testing: benchmarks, a virtual display and sound card, audio analysis, the

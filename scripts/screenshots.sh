@@ -2,9 +2,10 @@
 # Photographs the real program, transposed up a fifth, with a chord sounding
 # (1/1, 5/4, 3/2, 7/4 and 9/8 of the new root, each with its note card), once
 # in each lattice drawing, for the README: docs/lattice-flowers.png and
-# docs/lattice-grapes.png, and the cards enlarged in docs/note-cards.png; and
-# the window with its scenes panel, a cue list's second scene recalled by a
-# tag, in docs/scenes.png.
+# docs/lattice-grapes.png, and the cards enlarged in docs/note-cards.png; the
+# same cards in Helmholtz-Ellis notation in docs/note-cards-heji.png; and the
+# window with its scenes panel, a cue list's second scene recalled by a tag,
+# in docs/scenes.png.
 #
 #   scripts/screenshots.sh [build folder]      (default: build)
 #
@@ -34,15 +35,16 @@ port=$((30000 + $$ % 20000))
 # fifth an octave down (trunk notes), its third and seventh (leaves).
 tags="0000000007 0000000001 0000000002 0000000003 0000000004 0000000005"
 
-shoot() { # name circlesView scenesPanelVisible tags...
-    name=$1 circles=$2 panel=$3
-    shift 3
+shoot() { # name circlesView scenesPanelVisible notation tags...
+    name=$1 circles=$2 panel=$3 notation=$4
+    shift 4
     home="$work/$name"
     config="$home/Merrow Tuning Arbo"
     mkdir -p "$config"
     cat >"$config/options.json" <<JSON
 {
     "circlesView": $circles,
+    "notation": "$notation",
     "udpPort": $port,
     "updateCheckInterval": 4,
     "windowSize": "1200,820",
@@ -94,15 +96,24 @@ JSON
     echo "wrote $out/$name.png"
 }
 
-mkdir -p "$out"
-# shellcheck disable=SC2086
-shoot lattice-flowers true false $tags
-# shellcheck disable=SC2086
-shoot lattice-grapes false false $tags
-shoot scenes false true 0000000008
 # The chord's balls, their connector lines and the cards, twice the size, so
 # that the notation can be read: the cards lie at the window's right edge, the
 # chord near the middle of its 820 pixels' height.
-convert "$out/lattice-grapes.png" -gravity NorthEast -crop 720x200+0+290 +repage \
-    -filter Lanczos -resize 200% "$out/note-cards.png"
-echo "wrote $out/note-cards.png"
+cards() { # window picture
+    convert "$1" -gravity NorthEast -crop 720x200+0+290 +repage \
+        -filter Lanczos -resize 200% "$2"
+    echo "wrote $2"
+}
+
+mkdir -p "$out"
+# shellcheck disable=SC2086
+shoot lattice-flowers true false conventional $tags
+# shellcheck disable=SC2086
+shoot lattice-grapes false false conventional $tags
+shoot scenes false true conventional 0000000008
+cards "$out/lattice-grapes.png" "$out/note-cards.png"
+# The same chord written in Helmholtz-Ellis signs; only its cards are kept.
+# shellcheck disable=SC2086
+shoot heji-window false false helmholtz-ellis $tags
+cards "$out/heji-window.png" "$out/note-cards-heji.png"
+rm "$out/heji-window.png"

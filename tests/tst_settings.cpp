@@ -114,6 +114,12 @@ private slots:
             << QByteArray("{}");
         QTest::newRow("size with one part")
             << QByteArray(R"({"windowSize": "800"})") << QByteArray("{}");
+        // The notation by its word; another word or a number keeps the default.
+        QTest::newRow("notation")
+            << QByteArray(R"({"notation": "helmholtz-ellis"})")
+            << QByteArray(R"({"notation": "helmholtz-ellis"})");
+        QTest::newRow("unknown notation")
+            << QByteArray(R"({"notation": "HEJI"})") << QByteArray("{}");
     }
 
     void readTakesOnlyValuesOfTheRightType()

@@ -378,8 +378,8 @@ private slots:
         QVERIFY(log().contains("Calling Pa_Terminate..."));
         const QStringList critical = log().split('\n').filter(QStringLiteral("CRITICAL"));
         QVERIFY2(critical.isEmpty(), qPrintable(critical.join('\n')));
-        // Options written at shutdown hold all sixteen keys.
-        QCOMPARE(document("options.json").size(), 16);
+        // Options written at shutdown hold all seventeen keys.
+        QCOMPARE(document("options.json").size(), 17);
         QCOMPARE(document("options.json").value("framesPerBuffer").toInt(), 128);
 
         QHash<QString, ino_t> inodes;
@@ -398,7 +398,7 @@ private slots:
             QCOMPARE(inodeOf(config() + "/patch/" + name), inodes[name]);
         }
         // Saved as at any clean exit: the options whole, the lattice written.
-        QCOMPARE(document("options.json").size(), 16);
+        QCOMPARE(document("options.json").size(), 17);
         QVERIFY(QFileInfo(config() + "/arbo_v15.json").isFile());
         // The log grows across runs: two banners.
         QCOMPARE(log().count("Starting app at "), 2);

@@ -4,6 +4,7 @@
 #include "display/arboview.h"
 #include "display/cardconnectoroverlay.h"
 #include "display/cardwidget.h"
+#include "notation/smuflglyphs.h"
 #include "settings/paths.h"
 
 #include <QFile>
@@ -44,6 +45,16 @@ bool CardStackWidget::loadSvgFile(const QString& name, QByteArray& bytes)
     }
     bytes = file.readAll();
     return true;
+}
+
+const QByteArray& CardStackWidget::smuflSvg(const QString& name)
+{
+    auto it = mSmuflSvgs.find(name);
+    if (it == mSmuflSvgs.end()) {
+        it = mSmuflSvgs.insert(name, QByteArray());
+        loadSvgFile(SmuflGlyphs::fileName(name), *it);
+    }
+    return *it;
 }
 
 void CardStackWidget::showCardForBall(const ArboBallWidget* ball)

@@ -49,6 +49,10 @@ public:
     static bool loadSvgFile(const QString& name, QByteArray& bytes);
     static QString symbolFileName(Symbol symbol);
     const QByteArray& svg(Symbol symbol) const { return mSvgs[size_t(symbol)]; }
+    // The SMuFL glyph `name` (SmuflGlyphs), read from the resource folder the
+    // first time a card asks for it; empty (and logged once as above) when
+    // the file cannot be read.
+    const QByteArray& smuflSvg(const QString& name);
 
     // A new card; then the whole pile is ordered by height, the lowest card
     // in front.
@@ -88,4 +92,7 @@ private:
     const ArboView* mView = nullptr;
     int mBottomMargin = 0;
     std::array<QByteArray, SYMBOL_COUNT> mSvgs;
+    // Only the Helmholtz-Ellis notation uses them, and a chord only a few of
+    // the fifty: read on demand rather than all at start-up.
+    QHash<QString, QByteArray> mSmuflSvgs;
 };

@@ -24,6 +24,9 @@ namespace {
 constexpr qreal CLEF_X = 2;
 constexpr qreal NOTE_X = 40;
 constexpr qreal ACCIDENTAL_GAP = 2;
+// Between two Helmholtz-Ellis signs, and between the first and the clef, in
+// line spacings.
+constexpr qreal SIGN_GAP = 0.15;
 // The text column right of the staff, in pixels: the letter's box (the
 // octave follows it), and the heights of the three rows (letter, octave and
 // cents; ratio; frequency). Placed by hand rather than by a layout: every
@@ -76,7 +79,16 @@ CardStackWidget::Symbol accidentalSymbol(int accidental)
 CardWidget::CardWidget(const ArboBall* node, const Settings& options, CardStackWidget* stack)
     : QWidget(stack), mNode(node), mStack(stack), mOptions(options), mFrequency(CardNote::justFrequency(node))
 {
-    mNote = CardNote::noteForBall(node, options, mFrequency);
+    if (options.mNotation == Settings::Notation::HelmholtzEllis) {
+        mHeji = CardNote::hejiForBall(node, options);
+        mShowsHeji = mHeji.isWritable();
+    }
+    if (mShowsHeji) {
+        takeHejiSpelling();
+    } else {
+        mNote = CardNote::noteForBall(node, options, mFrequency);
+        mCents = mNote.cents();
+    }
     mTreble = mNote.octave() >= 4;
     placeNoteHead();
 
@@ -84,7 +96,7 @@ CardWidget::CardWidget(const ArboBall* node, const Settings& options, CardStackW
     // staff has the same spacing.
     setContentsMargins(4, 4, 6, 4);
     setFixedSize(CARD_WIDTH, FIELD_SPACINGS * LINE_SPACING + 8);
-    const int cents = int(std::lround(mNote.cents()));
+    const int cents = int(std::lround(mCents));
     mNoteLabel = addLabel(QStringLiteral("noteLabel"), QString(mNote.noteLetter()));
     mOctaveLabel = addLabel(QStringLiteral("octaveLabel"), QString::number(mNote.octave()));
     mCentsLabel = addLabel(QStringLiteral("centsLabel"),
@@ -113,6 +125,22 @@ CardWidget::CardWidget(const ArboBall* node, const Settings& options, CardStackW
     updateCard();
 }
 
+void CardWidget::takeHejiSpelling()
+{
+    static const char* const ACCIDENTALS[5] = {"bb", "b", "", "#", "##"};
+    mNote = Note(QStringLiteral("%1%2%3")
+                     .arg(mHeji.letterText().toLower())
+                     .arg(mHeji.octave())
+                     .arg(QLatin1String(ACCIDENTALS[mHeji.accidental() + 2])),
+                 0);
+    // Semitones above C0 against the calibration of A4 (semitone 57), as
+    // the conventional card measures its cents: the card shows where the
+    // pitch actually sounds, whatever base frequency the player was given.
+    const double semitone =
+        12.0 * std::log2(double(mFrequency) / double(mOptions.mCalibrationFrequency)) + 57.0;
+    mCents = float((semitone - double(mNote.toSemitonePitch())) * 100.0);
+}
+
 void CardWidget::placeNoteHead()
 {
     mStaffPosition = getStaffLineForNote(mTreble, mNote);
@@ -136,7 +164,7 @@ void CardWidget::addSymbols()
 
     mAccidentalSvg = new QSvgWidget(this);
     mAccidentalSvg->setObjectName(QStringLiteral("accidentalSvg"));
-    if (mNote.accidental() != 0) {
+    if (!mShowsHeji && mNote.accidental() != 0) {
         QByteArray accidental = mStack->svg(accidentalSymbol(mNote.accidental()));
         changeSvgColor(&accidental, mNode, absoluteReadout());
         mAccidentalSvg->load(accidental);
@@ -151,6 +179,23 @@ void CardWidget::addSymbols()
     for (QSvgWidget* symbol : {mClefSvg, mAccidentalSvg, mNoteSvg}) {
         // Clicks and hovers belong to the card.
         symbol->setAttribute(Qt::WA_TransparentForMouseEvents);
+    }
+    if (mShowsHeji) {
+        addHejiSigns();
+    }
+}
+
+void CardWidget::addHejiSigns()
+{
+    for (const HejiSpelling::Sign& sign : mHeji.signs()) {
+        QByteArray bytes = mStack->smuflSvg(sign.glyph);
+        recolorSvg(&bytes, mNode->lattice()->lookupColor(sign.prime));
+        auto* svg = new QSvgWidget(this);
+        svg->setObjectName(QStringLiteral("hejiSignSvg"));
+        svg->setProperty("glyph", sign.glyph);
+        svg->setAttribute(Qt::WA_TransparentForMouseEvents);
+        svg->load(bytes);
+        mHejiSvgs.append(svg);
     }
 }
 
@@ -185,7 +230,11 @@ void CardWidget::changeSvgColor(QByteArray* bytes, const ArboBall* node, bool ab
         ArboRatio::pathRatio(node->path()) == ArboRatio(1, 1)) {
         p = 1;
     }
-    const QColor color = lattice->lookupColor(p);
+    recolorSvg(bytes, lattice->lookupColor(p));
+}
+
+void CardWidget::recolorSvg(QByteArray* bytes, const QColor& color)
+{
     const QByteArray hex = QStringLiteral("#%1%2%3")
                                .arg(color.red(), 2, 16, QLatin1Char('0'))
                                .arg(color.green(), 2, 16, QLatin1Char('0'))
@@ -219,6 +268,29 @@ void CardWidget::placeSymbol(QSvgWidget* symbol, qreal originX, qreal baselineY,
     symbol->show();
 }
 
+qreal CardWidget::noteX() const
+{
+    if (mHejiSvgs.isEmpty()) {
+        return NOTE_X;
+    }
+    const qreal s = mLineSpacing;
+    const auto widthOf = [s](const QSvgWidget* svg) {
+        return svg->renderer()->isValid() ? svg->renderer()->viewBoxF().width() * s : 0.0;
+    };
+    qreal signs = 0.0;
+    for (const QSvgWidget* svg : mHejiSvgs) {
+        signs += widthOf(svg) + SIGN_GAP * s;
+    }
+    // Between the clef and the note head; when the signs need more, the
+    // head moves right as far as the staff allows, and beyond that the signs
+    // reach over the clef rather than off the card.
+    const qreal clefRight =
+        mClefSvg->isHidden() ? CLEF_X : mClefSvg->geometry().right() + 1 - contentsRect().left();
+    const qreal room = NOTE_X - ACCIDENTAL_GAP - clefRight;
+    const qreal furthest = STAFF_WIDTH - widthOf(mNoteSvg) - LEDGER_OVERHANG;
+    return std::clamp(NOTE_X + signs - room, NOTE_X, std::max(NOTE_X, furthest));
+}
+
 QPointF CardWidget::noteHeadCentre() const
 {
     const QRect field = contentsRect();
@@ -235,13 +307,22 @@ void CardWidget::updateCard()
     const qreal clefLine = mTreble ? TREBLE_CLEF_LINE : BASS_CLEF_LINE;
     placeSymbol(mClefSvg, left + CLEF_X, staffTop + (clefLine + FIELD_TOP_TO_STAFF) * s, false);
     const qreal noteY = staffTop + (mStaffPosition + FIELD_TOP_TO_STAFF) * s;
-    placeSymbol(mNoteSvg, left + NOTE_X, noteY, false);
-    placeSymbol(mAccidentalSvg, left + NOTE_X - ACCIDENTAL_GAP, noteY, true);
+    const qreal headX = left + noteX();
+    placeSymbol(mNoteSvg, headX, noteY, false);
+    placeSymbol(mAccidentalSvg, headX - ACCIDENTAL_GAP, noteY, true);
+    // The signs from the note head leftwards, the accidental nearest.
+    qreal signRight = headX - ACCIDENTAL_GAP;
+    for (auto it = mHejiSvgs.crbegin(); it != mHejiSvgs.crend(); ++it) {
+        placeSymbol(*it, signRight, noteY, true);
+        if (!(*it)->isHidden()) {
+            signRight = (*it)->geometry().left() - SIGN_GAP * s;
+        }
+    }
 
     if (mOctaveShift != 0) {
         // Beside the note head, above it when the note sounds higher than
         // drawn, below when lower.
-        const qreal x = left + NOTE_X + 1.5 * s;
+        const qreal x = headX + 1.5 * s;
         const qreal centreY = mOctaveShift > 0 ? noteY - 1.2 * s : noteY + 1.2 * s;
         const int y = std::clamp(int(std::lround(centreY - OCTAVE_MARK_SIZE / 2.0)), 0,
                                  std::max(0, height() - OCTAVE_MARK_SIZE));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "notation/hejispelling.h"
 #include "notation/note.h"
 
 #include <QWidget>
@@ -14,6 +15,13 @@ class QSvgWidget;
 // One note card: the sounding note of a node on a small staff (clef,
 // accidental, note head, ledger lines), its letter and octave, the deviation
 // in cents from equal temperament, the node's ratio and its frequency.
+//
+// When the options choose the Helmholtz-Ellis notation, the staff shows the
+// exact pitch instead: the Pythagorean letter and accidental with the signs
+// of the note's primes in front of the note head, each in its prime's
+// colour, and the cents measured from the written note's equal-tempered
+// pitch. A pitch those signs cannot write (further than three syntonic
+// commas or a double sharp) keeps the conventional spelling.
 //
 // A card is made for one state of the lattice and never edited: when the
 // base frequency, the transposition or the readout mode changes, the stack
@@ -35,6 +43,8 @@ public:
     // an SVG document; anything else in it stays as it is. In an `absolute`
     // readout the root keeps the root's colour however far it is transposed.
     static void changeSvgColor(QByteArray* bytes, const ArboBall* node, bool absolute);
+    // Writes `color` over every black fill and stroke of an SVG document.
+    static void recolorSvg(QByteArray* bytes, const QColor& color);
     // The note's staff position in the treble clef (E4 on the bottom line) or
     // the bass clef (G2 on the bottom line).
     static float getStaffLineForNote(bool treble, const Note& note);
@@ -49,7 +59,13 @@ public:
     int cardHirarchy() const { return mCardHierarchy; }
 
     const ArboBall* node() const { return mNode; }
+    // The note as the staff shows it (for the Helmholtz-Ellis notation, its
+    // letter, accidental and octave), and the cents its label shows.
     const Note& note() const { return mNote; }
+    float cents() const { return mCents; }
+    // Whether the card writes the Helmholtz-Ellis signs, and their spelling.
+    bool showsHeji() const { return mShowsHeji; }
+    const HejiSpelling& heji() const { return mHeji; }
     float frequency() const { return mFrequency; }
     // Where the note head is drawn, after any octave shift.
     float staffPosition() const { return mStaffPosition; }
@@ -83,9 +99,18 @@ private:
     // Takes the note's staff position, moved by octaves (counted in
     // mOctaveShift) until the card can draw it.
     void placeNoteHead();
+    // The letter, accidental and octave of mHeji on the staff, and the
+    // cents from the sounding frequency as the conventional card measures
+    // them.
+    void takeHejiSpelling();
     // Makes the clef, the accidental (when there is one) and the note head,
-    // the latter two in the node's colour.
+    // the latter two in the node's colour; for the Helmholtz-Ellis notation
+    // the signs instead of the accidental.
     void addSymbols();
+    void addHejiSigns();
+    // Where the note head goes: NOTE_X, or further right when the signs in
+    // front of it need the room.
+    qreal noteX() const;
     void drawLines(QPainter& painter) const;
     QLabel* addLabel(const QString& objectName, const QString& text);
     void placeSymbol(QSvgWidget* symbol, qreal originX, qreal baselineY, bool rightAligned);
@@ -95,6 +120,9 @@ private:
     const Settings& mOptions;
     Note mNote;
     float mFrequency;
+    float mCents = 0.0f;
+    HejiSpelling mHeji;
+    bool mShowsHeji = false;
 
     QLabel* mNoteLabel;
     QLabel* mOctaveLabel;
@@ -106,6 +134,7 @@ private:
     QSvgWidget* mClefSvg;
     QSvgWidget* mAccidentalSvg;
     QSvgWidget* mNoteSvg;
+    QList<QSvgWidget*> mHejiSvgs; // left to right
 
     bool mTreble;
     int mOctaveShift = 0;

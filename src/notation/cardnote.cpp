@@ -56,3 +56,13 @@ Note CardNote::noteForBall(const ArboBall* node, const Settings& options, float 
     note.addCents(cents);
     return note;
 }
+
+HejiSpelling CardNote::hejiForBall(const ArboBall* node, const Settings& options)
+{
+    Q_ASSERT(node && node->lattice());
+    ArboRatio ratio = node->lattice()->transposition();
+    if (!ratio.multiplyIfExact(ArboRatio::pathRatio(node->path()))) {
+        return HejiSpelling();
+    }
+    return HejiSpelling(ratio.numerator(), ratio.denominator(), options.mBaseNote);
+}

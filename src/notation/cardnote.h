@@ -1,5 +1,6 @@
 #pragma once
 
+#include "notation/hejispelling.h"
 #include "notation/note.h"
 
 class ArboBall;
@@ -27,4 +28,9 @@ public:
     // pitch in equal temperament. Beyond half a semitone, or past a double
     // sharp or flat, the note is spelled enharmonically (Note::isEnharmonic).
     static Note noteForBall(const ArboBall* node, const Settings& options, float justFrequency);
+
+    // The node's sounding ratio (the transposition times the node's own)
+    // above the options' 1/1 Note, in Helmholtz-Ellis notation. Not valid
+    // when that ratio cannot be formed exactly.
+    static HejiSpelling hejiForBall(const ArboBall* node, const Settings& options);
 };

@@ -22,6 +22,9 @@ const QString DEFAULT_PATCH = QStringLiteral("defaultPatch");
 const QString UDP_PORT = QStringLiteral("udpPort");
 const QString CIRCLES_VIEW = QStringLiteral("circlesView");
 const QString ABS_REL_VIEW = QStringLiteral("absRelView");
+const QString NOTATION = QStringLiteral("notation");
+const QString NOTATION_CONVENTIONAL = QStringLiteral("conventional");
+const QString NOTATION_HELMHOLTZ_ELLIS = QStringLiteral("helmholtz-ellis");
 const QString UPDATE_CHECK_INTERVAL = QStringLiteral("updateCheckInterval");
 const QString T_SYS_LAST_UPDATE_CHECK = QStringLiteral("tSysLastUpdateCheck");
 const QString WINDOW_SIZE = QStringLiteral("windowSize");
@@ -127,6 +130,12 @@ void Settings::read(const QJsonObject& json)
     readInt(json, UDP_PORT, mUdpPort);
     readBool(json, CIRCLES_VIEW, mCirclesView);
     readInt(json, ABS_REL_VIEW, mAbsRelView);
+    const QString notation = json.value(NOTATION).toString();
+    if (notation == NOTATION_HELMHOLTZ_ELLIS) {
+        mNotation = Notation::HelmholtzEllis;
+    } else if (notation == NOTATION_CONVENTIONAL) {
+        mNotation = Notation::Conventional;
+    }
     readInt(json, UPDATE_CHECK_INTERVAL, mUpdateCheckInterval);
     readString(json, T_SYS_LAST_UPDATE_CHECK, mTSysLastUpdateCheck);
 
@@ -156,6 +165,8 @@ void Settings::write(QJsonObject& json) const
     json.insert(UDP_PORT, mUdpPort);
     json.insert(CIRCLES_VIEW, mCirclesView);
     json.insert(ABS_REL_VIEW, mAbsRelView);
+    json.insert(NOTATION, mNotation == Notation::HelmholtzEllis ? NOTATION_HELMHOLTZ_ELLIS
+                                                               : NOTATION_CONVENTIONAL);
     json.insert(UPDATE_CHECK_INTERVAL, mUpdateCheckInterval);
     json.insert(T_SYS_LAST_UPDATE_CHECK, mTSysLastUpdateCheck);
     json.insert(WINDOW_SIZE, pairText(mWindowSize.width(), mWindowSize.height()));

@@ -69,6 +69,15 @@ public:
     int mUdpPort = 8888;
     bool mCirclesView = false;
     int mAbsRelView = 1;
+    // How the note cards write their notes: letter, accidental and cents from
+    // equal temperament, or the exact Helmholtz-Ellis signs (JSON "notation":
+    // "conventional" or "helmholtz-ellis"; anything else keeps the default).
+    enum class Notation
+    {
+        Conventional,
+        HelmholtzEllis
+    };
+    Notation mNotation = Notation::Conventional;
     int mUpdateCheckInterval = 1;
     QString mTSysLastUpdateCheck;
     QSize mWindowSize = QSize(-1, -1); // (-1, -1): never stored, not applied

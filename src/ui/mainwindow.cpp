@@ -336,6 +336,15 @@ OptionsDialog* MainWindow::optionsDialog() const
 void MainWindow::on_optionsButton_clicked()
 {
     OptionsDialog::toggle(mOptionsDialog, mParts, this, mOptionsDialogPosition);
+    if (mOptionsDialog) {
+        connect(mOptionsDialog.data(), &OptionsDialog::notationChanged, this,
+                &MainWindow::onNotationChanged, Qt::UniqueConnection);
+    }
+}
+
+void MainWindow::onNotationChanged()
+{
+    arboView()->updateCardStack();
 }
 
 void MainWindow::queue(ArboEvent::Type type, float value)

@@ -100,6 +100,10 @@ public slots:
     // The transposition or the base frequency changed: the readout follows
     // and the balls recolour.
     void onTransposeChanged();
+    // The options dialog chose another notation: the sounding cards are
+    // made anew in it. (The drawing that is hidden rebuilds its cards when
+    // it is shown.)
+    void onNotationChanged();
     void onVolumeChanged(float volume);
     void onMonophonicChanged(bool monophonic);
     void on_patchMenu_activated(int index);

@@ -99,6 +99,8 @@ OptionsDialog::OptionsDialog(const InstrumentParts& parts, QWidget* parent)
             &OptionsDialog::onCalibrationFreqEditValueChanged);
     connect(mUi->oneOneNoteBox, QOverload<int>::of(&QComboBox::currentIndexChanged), this,
             &OptionsDialog::onOneOneNoteChanged);
+    connect(mUi->notationBox, QOverload<int>::of(&QComboBox::currentIndexChanged), this,
+            &OptionsDialog::onNotationChanged);
     connect(mUi->updateIntervalBox, QOverload<int>::of(&QComboBox::activated), this,
             &OptionsDialog::onUpdateCheckFrequencyActivated);
     connect(mUi->updateCheckButton, &QPushButton::clicked, this,
@@ -132,6 +134,7 @@ void OptionsDialog::fillOptionsPage()
     const QSignalBlocker blockDevices(mUi->audioDeviceBox);
     const QSignalBlocker blockCalibration(mUi->calibrationFreqEdit);
     const QSignalBlocker blockNote(mUi->oneOneNoteBox);
+    const QSignalBlocker blockNotation(mUi->notationBox);
 
     mUi->audioDeviceBox->clear();
     if (output) {
@@ -142,6 +145,8 @@ void OptionsDialog::fillOptionsPage()
     // An unknown stored note shows the first name, the one the calibration
     // then computes with.
     mUi->oneOneNoteBox->setCurrentIndex(std::max(0, noteNames().indexOf(settings->mBaseNote)));
+    mUi->notationBox->setCurrentIndex(
+        settings->mNotation == Settings::Notation::HelmholtzEllis ? 1 : 0);
 }
 
 void OptionsDialog::fillAboutPage()
@@ -260,6 +265,17 @@ void OptionsDialog::onCalibrationFreqEditValueChanged(int hz)
 void OptionsDialog::onOneOneFreqEditValueChanged(double value)
 {
     sendBaseFrequency(float(value));
+}
+
+void OptionsDialog::onNotationChanged(int index)
+{
+    const Settings::Notation notation =
+        index == 1 ? Settings::Notation::HelmholtzEllis : Settings::Notation::Conventional;
+    if (notation == mParts.options->mNotation) {
+        return;
+    }
+    mParts.options->mNotation = notation;
+    emit notationChanged();
 }
 
 void OptionsDialog::sendBaseFrequency(float frequency)

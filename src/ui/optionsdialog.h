@@ -18,7 +18,7 @@ class OptionsDialog;
 }
 
 // The options window: the tabs "Options" (audio device, calibration of A4,
-// the note of the 1/1), "Update" (how often to look for a new version, and a
+// the note of the 1/1, the notation of the cards), "Update" (how often to look for a new version, and a
 // button to look now) and "About", with a single Close button.
 //
 // Every control acts at once; there is no Apply or Cancel. Changes go
@@ -72,6 +72,8 @@ public:
 signals:
     // The dialog closed at `position` (its top-left corner on the screen).
     void positionStored(QPoint position);
+    // The options now ask for another notation: the cards must be made anew.
+    void notationChanged();
 
 public slots:
     // Opens the device at `index` of the list; when that fails, says so and
@@ -82,6 +84,8 @@ public slots:
     // Sends `value` (Hz) to the player as the base frequency, without
     // touching the options.
     void onOneOneFreqEditValueChanged(double value);
+    // 0 conventional, 1 Helmholtz-Ellis, as the choice lists them.
+    void onNotationChanged(int index);
     void onUpdateCheckFrequencyActivated(int index);
     void onUpdateButtonClicked();
 
