@@ -43,6 +43,11 @@ esac
 
 missing=""
 for p in $PACKAGES; do
+    # npm also comes with Node.js from other sources (NodeSource bundles it
+    # and conflicts with Debian's package): any working npm will do.
+    if [ "$p" = npm ] && command -v npm >/dev/null 2>&1; then
+        continue
+    fi
     if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
         missing="$missing $p"
     fi
