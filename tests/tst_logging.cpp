@@ -6,6 +6,7 @@
 #include "testsupport.h"
 #include "ui/diagnosticsdialog.h"
 
+#include <QFileInfo>
 #include <QPlainTextEdit>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -189,6 +190,46 @@ private slots:
         }
         QCOMPARE(diagnostics.load(), threads * perThread);
         QTRY_COMPARE(dialog.textBox()->blockCount(), threads * perThread);
+    }
+
+    // At its size the file becomes log.txt.1 and a new one begins, while
+    // four threads log: every line stays whole and in its thread's order,
+    // and the last line is in the new file.
+    void rotatesAtItsSize()
+    {
+        mApp->mLog.setRotateBytes(64 * 1024);
+        std::vector<QThread*> workers;
+        for (int t = 0; t < 4; ++t) {
+            workers.push_back(QThread::create([t] {
+                for (int i = 0; i < 3000; ++i) {
+                    qWarning("rotating %d line %d", t, i);
+                }
+            }));
+            workers.back()->start();
+        }
+        for (QThread* worker : workers) {
+            QVERIFY(worker->wait(30000));
+            delete worker;
+        }
+        qWarning("the last line");
+        mApp->mLog.setRotateBytes(AppLog::ROTATE_BYTES);
+        const QString older = QString::fromUtf8(TestSupport::readFile(mLogPath + ".1"));
+        QVERIFY(QFileInfo(mLogPath).size() < 64 * 1024 + 100);
+        QVERIFY(older.size() >= 64 * 1024);
+        QVERIFY(logText().contains("The earlier lines are in log.txt.1"));
+        const QRegularExpression line("^" + STAMP + "rotating (\\d) line (\\d+)$");
+        int last[4] = {-1, -1, -1, -1};
+        for (const QString& text : (older + logText()).split('\n', Qt::SkipEmptyParts)) {
+            const QRegularExpressionMatch match = line.match(text);
+            if (text.contains("rotating")) {
+                QVERIFY2(match.hasMatch(), qPrintable(text));
+                const int t = match.captured(1).toInt();
+                QVERIFY(match.captured(2).toInt() > last[t]);
+                last[t] = match.captured(2).toInt();
+            }
+        }
+        QVERIFY(logText().endsWith("the last line\n"));
+        mLogStart = 0;
     }
 
     void fatalMessageStandsInABlock()

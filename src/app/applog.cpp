@@ -2,11 +2,13 @@
 
 #include <QDateTime>
 #include <QDebug>
+#include <QFileInfo>
 #include <QLoggingCategory>
 #include <QTime>
 
 #include <atomic>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
@@ -32,6 +34,7 @@ bool AppLog::open(const QString& path)
         qCritical().noquote() << QStringLiteral("Couldn't open log file %1 for writing.").arg(path);
         return false;
     }
+    mSize.store(mFile.size());
     // Without diagnostics words nobody receives debug messages (the file never
     // gets them), so switch them off at the source: they are then not even
     // formatted, which keeps them off the audio thread's budget.
@@ -65,10 +68,35 @@ void AppLog::write(const QByteArray& bytes)
     // each message whole even when several threads log at once, which the
     // buffered QFile API would not guarantee without a lock.
     const int fd = mFile.handle();
-    if (fd >= 0) {
-        [[maybe_unused]] const ssize_t written =
-            ::write(fd, bytes.constData(), size_t(bytes.size()));
+    if (fd < 0) {
+        return;
     }
+    const ssize_t written = ::write(fd, bytes.constData(), size_t(bytes.size()));
+    const qint64 size = mSize.fetch_add(written > 0 ? written : 0) + (written > 0 ? written : 0);
+    // One thread rotates; the others write on meanwhile.
+    if (size >= mRotateBytes.load() && !mRotating.exchange(true)) {
+        rotate();
+        mRotating.store(false);
+    }
+}
+
+void AppLog::rotate()
+{
+    const QByteArray path = QFile::encodeName(mFile.fileName());
+    if (::rename(path.constData(), (path + ".1").constData()) != 0) {
+        mSize.store(0); // try again after as much again
+        return;
+    }
+    const int fresh = ::open(path.constData(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fresh >= 0) {
+        ::dup2(fresh, mFile.handle());
+        ::close(fresh);
+    }
+    mSize.store(0);
+    const QString stamp = QTime::currentTime().toString(QStringLiteral("[hh:mm:ss.zzz] "));
+    write((stamp + QStringLiteral("The earlier lines are in %1.1\n")
+                       .arg(QFileInfo(mFile.fileName()).fileName()))
+              .toUtf8());
 }
 
 bool AppLog::isAskedFor(const QMessageLogContext& context) const

@@ -6,9 +6,16 @@
 #include <QSet>
 #include <QString>
 
+#include <atomic>
+
 // The program's log: the file "log.txt" in the configuration folder, which
 // grows across runs, and the diagnostics feed of the messages the
 // command-line words ask for.
+//
+// A program left running for days (or a flood of warnings) must not fill the
+// disk: once the file reaches ROTATE_BYTES it becomes "log.txt.1" (replacing
+// the one before) and a new "log.txt" begins, so the log never takes more
+// than about twice that.
 //
 // Once open() has installed it, the process's one message handler writes
 // every message but debug ones to the file, each in a single write() so that
@@ -30,6 +37,9 @@ public:
     // and writes the start-up banner. Without it, messages go to Qt's default
     // output. Returns whether the file opened.
     bool open(const QString& path);
+    static constexpr qint64 ROTATE_BYTES = 10 * 1024 * 1024;
+    // The size at which the file is set aside; any thread.
+    void setRotateBytes(qint64 bytes) { mRotateBytes.store(bytes); }
     // Gives messages back to Qt's default output.
     void remove();
 
@@ -48,10 +58,17 @@ signals:
 
 private:
     void write(const QByteArray& bytes);
+    // Renames the file to "<file>.1" and points the descriptor every writer
+    // uses at a new file, in one dup2(): a message written meanwhile lands
+    // whole in one file or the other.
+    void rotate();
     // Whether the message comes from a source file the words name.
     bool isAskedFor(const QMessageLogContext& context) const;
 
     QFile mFile;
     QMutex mMutex;
     bool mInstalled = false;
+    std::atomic<qint64> mSize{0};
+    std::atomic<qint64> mRotateBytes{ROTATE_BYTES};
+    std::atomic<bool> mRotating{false};
 };
