@@ -22,12 +22,15 @@ struct PlayerResult
         Monophonic,    // `flag`
         PrimeEnabled,  // prime in `number`, new state in `flag`
         MacroValue,    // macro 1..8 in `number`, `value`
+        Level,         // the output since the last one: peak in `value`, RMS in
+                       // `value2`; `flag` set when a sample reached full scale
     };
 
     Kind kind = NoteOn;
     std::int32_t number = 0;
     std::int32_t extra = 0;
     float value = 0.0f;
+    float value2 = 0.0f;
     std::uint64_t numerator = 1;
     std::uint64_t denominator = 1;
     bool flag = false;
