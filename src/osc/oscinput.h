@@ -25,6 +25,9 @@ class PdPlayer;
 //                              show controller can replay the wands' cues
 //   /arbo/note   ,sN "/5" 1    a held note: a non-zero number (or true)
 //                              starts it, zero (or false) ends it
+//   /arbo/record ,N  1         recording: a non-zero number (or true)
+//                              starts it, zero (or false) stops it; without
+//                              an argument it toggles
 //
 // A mapped address without arguments is a press of its binding; with a
 // number or boolean first it is a controller at that position (0 to 1), so a

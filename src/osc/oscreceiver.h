@@ -57,6 +57,7 @@ private:
     void event(const Message& m, const InputMap::Bindings& bindings);
     void tag(const Message& m);
     void note(const Message& m);
+    void record(const Message& m);
     void mapped(const Message& m, const InputMap::Bindings& bindings);
 
     void play(const ArboEvent* event);
