@@ -5,6 +5,8 @@ class AudioOutput;
 class MidiOutput;
 class MidiSettings;
 class PdPlayer;
+class Recorder;
+class RecordingSettings;
 class Settings;
 
 // What the windows act on: the application's long-lived objects, handed down
@@ -13,7 +15,8 @@ class Settings;
 //
 // The lattice, the player and the options are always there. The others are
 // null where a window is made without them (a test of the lattice drawing):
-// the options dialog then offers no device choice or no MIDI tab.
+// the options dialog then offers no device choice or no MIDI tab, and the
+// window no recording controls.
 struct InstrumentParts
 {
     Arbo* lattice = nullptr;
@@ -22,4 +25,6 @@ struct InstrumentParts
     AudioOutput* audioOutput = nullptr;
     MidiOutput* midiOutput = nullptr;
     MidiSettings* midiSettings = nullptr;
+    Recorder* recorder = nullptr;
+    RecordingSettings* recordingSettings = nullptr;
 };

@@ -12,6 +12,7 @@
 #include "ui/optionsdialog.h"
 #include "ui/patchchooser.h"
 #include "ui/importedscale.h"
+#include "ui/recordpanel.h"
 #include "ui/stylesheetloader.h"
 #include "ui/tuningmenu.h"
 #include "ui/tweakdialog.h"
@@ -94,6 +95,10 @@ MainWindow::MainWindow(const InstrumentParts& parts, QWidget* parent)
 
     mMacros = new MacroSliders(this, mPlayer);
     mTuning = new TuningMenu(mUi->tuningButton, mUi->scaleLabel, mParts, this);
+    // Recording, at the end of the lower row, where the program records.
+    if (mParts.recorder) {
+        mUi->lowerLayout->addWidget(new RecordPanel(mParts, this));
+    }
 
     connect(mViewSwitcher, &QLabel::linkActivated, this, &MainWindow::onSwitcherClicked);
     connect(mAbsRelSwitcher, &QLabel::linkActivated, this, &MainWindow::onAbsRelSwitcherClicked);
