@@ -85,10 +85,13 @@ bool chosenPatch(const PerformanceLog::Log& log, const Options& options,
                  PerformanceLog::Patch* patch, QString* error)
 {
     if (options.patch.isEmpty()) {
+        // None at the start is silence until the log's first patch change.
         *patch = log.header.patch;
-        if (patch->none) {
-            *error = QStringLiteral("the log names no patch (nothing played when it began); "
-                                    "choose one");
+        const bool changes = std::any_of(log.entries.begin(), log.entries.end(), [](const auto& e) {
+            return e.kind == PerformanceLog::Entry::PatchChange && !e.patch.none;
+        });
+        if (patch->none && !changes) {
+            *error = QStringLiteral("the log names no patch (nothing played); choose one");
             return false;
         }
         return true;

@@ -5,7 +5,9 @@
 #include "sound/playercontrols.h"
 #include "sound/voicepool.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 
 // Everything the commands have set that decides what the next buffer
 // sounds like: the voices with their notes, the transposition, the prime
@@ -18,6 +20,15 @@
 // allocating (PdPlayer::captureState()).
 struct PlayerState
 {
+    // As a player starts: every voice free, every prime on.
+    PlayerState()
+    {
+        for (int i = 0; i < VoicePool::VOICE_COUNT; ++i) {
+            voices[i].voice = i;
+        }
+        std::fill(std::begin(primeEnabled), std::end(primeEnabled), true);
+    }
+
     VoicePool::NoteOn voices[VoicePool::VOICE_COUNT];
     // The note-on sequence counter, and the voice sounding in monophonic
     // mode (-1: none).
