@@ -13,6 +13,7 @@
 #include "sound/patchloader.h"
 #include "sound/pdplayer.h"
 #include "sound/realtimezone.h"
+#include "sound/recordtap.h"
 #include "testsupport.h"
 
 #include <QElapsedTimer>
@@ -141,6 +142,11 @@ private slots:
             [](QObject*, int, void**) { countIf(sSignals); }, nullptr, nullptr, nullptr};
         qt_register_signal_spy_callbacks(&spy);
 
+        // Recording all along: samples, commands and patch changes into the
+        // tap's rings, which nobody drains, so that they also fill up and
+        // count what they lose.
+        RecordTap tap(true);
+        mPlayer.setRecordTap(&tap);
         // A thread of its own plays the audio thread, at 64 frames.
         mPlayer.setAudioThreadRunning(true);
         std::atomic<bool> stop{false};
@@ -183,6 +189,7 @@ private slots:
                   ArboEvent(ArboEvent::BaseFrequency, 440), ArboEvent(ArboEvent::PrimeToggle, 7),
                   ArboEvent(ArboEvent::PrimeToggle, 7), ArboEvent(ArboEvent::Macro1, 0.4f),
                   ArboEvent(ArboEvent::Macro2, 0.6f), ArboEvent(ArboEvent::PatchStep, 1),
+                  ArboEvent(ArboEvent::Record, -1),
                   ArboEvent(ArboEvent::BaseFrequency, 0.0f)}) { // refused
                 queue(event);
             }
@@ -199,7 +206,10 @@ private slots:
         stop = true;
         audio.join();
         mPlayer.setAudioThreadRunning(false);
+        mPlayer.setRecordTap(nullptr);
         qt_register_signal_spy_callbacks(nullptr);
+        QCOMPARE(tap.phase(), RecordTap::Recording);
+        QCOMPARE(tap.position(), 64 * buffers.load());
 
         QVERIFY2(buffers.load() > 100, qPrintable(QString::number(buffers.load())));
         QCOMPARE(sAllocations.load(), 0L);
