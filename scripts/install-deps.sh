@@ -12,7 +12,7 @@ set -eu
 # its music symbols are drawn from and the tools that draw them and its icons.
 BUILD="
 qtbase5-dev libqt5svg5-dev portaudio19-dev libboost-dev librtmidi-dev liblo-dev
-libasound2-dev libjack-jackd2-dev
+libasound2-dev libjack-jackd2-dev libsndfile1-dev
 cmake g++ make pkg-config dpkg-dev
 lilypond-fonts python3-fonttools librsvg2-bin
 "
