@@ -12,11 +12,21 @@
 #include "recording/performancelog.h"
 #include "recording/recorder.h"
 #include "recording/recordingsettings.h"
+#include "settings/settings.h"
 #include "sound/pdplayer.h"
 #include "testsupport.h"
+#include "ui/levelmeter.h"
+#include "ui/mainwindow.h"
+#include "ui/recordpanel.h"
+#include "ui/renderlogdialog.h"
 
+#include <QComboBox>
 #include <QDeadlineTimer>
+#include <QLabel>
+#include <QLineEdit>
 #include <QProcess>
+#include <QPushButton>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 
@@ -189,6 +199,61 @@ private slots:
         PerformanceLog::Log log;
         QVERIFY2(PerformanceLog::read(mRecorder->logPath(), log, &error), qPrintable(error));
         mOptions.mFolder = mFolder.path();
+    }
+
+    // The window's controls: the Record button with the time recorded and
+    // the level, and "Render a log…" with another voice, then cancelled.
+    void windowRecordsAndRendersLogs()
+    {
+        Settings settings;
+        InstrumentParts parts = OfflinePlayer::parts(mPlayer, mLattice, settings);
+        parts.recorder = mRecorder.get();
+        parts.recordingSettings = &mOptions;
+        MainWindow window(parts);
+        auto* button = window.findChild<QPushButton*>("recordButton");
+        auto* status = window.findChild<QLabel*>("recordStatus");
+        auto* meter = window.findChild<LevelMeter*>();
+        QVERIFY(button && status && meter);
+        button->click();
+        QVERIFY(mRecorder->isRecording() && button->isChecked());
+        QCOMPARE(button->text(), QStringLiteral("Stop"));
+        play("/5");
+        OfflinePlayer::render(mPlayer, 1.2);
+        QTRY_VERIFY(status->text().startsWith("0:01"));
+        QVERIFY(meter->rmsDb() > -40.0);
+        button->click();
+        play("/5");
+        QVERIFY(!mRecorder->isRecording() && !button->isChecked());
+        QCOMPARE(status->text(), QStringLiteral("Saved"));
+
+        RenderLogDialog* dialog = window.findChild<RecordPanel*>()->renderDialog();
+        auto* voice = dialog->findChild<QComboBox*>("renderVoiceBox");
+        voice->setCurrentIndex(voice->findText("Organ"));
+        dialog->findChild<QLineEdit*>("renderLogEdit")->setText(mRecorder->logPath());
+        const QString out = mFolder.filePath("window.wav");
+        dialog->findChild<QLineEdit*>("renderOutputEdit")->setText(out);
+        QSignalSpy finished(dialog, &RenderLogDialog::renderFinished);
+        QVERIFY(dialog->startRender());
+        QVERIFY(finished.wait(60000));
+        QVERIFY2(finished.at(0).at(0).toBool(), qPrintable(finished.at(0).at(1).toString()));
+        QCOMPARE(AudioAnalysis::readSoundFile(out).frames(),
+                 int(std::llround(mRecorder->elapsedSeconds() * SAMPLE_RATE)));
+
+        // Hours of the same log: cancelled once under way, it leaves no file.
+        QString hours = QString::fromUtf8(TestSupport::readFile(mRecorder->logPath()));
+        hours.replace(QRegularExpression("\"end\":\\d+"),
+                      "\"end\":" + QString::number(3600 * SAMPLE_RATE));
+        const QString hoursLog = mFolder.filePath("hours.jsonl");
+        const QString hoursOut = mFolder.filePath("hours.wav");
+        QVERIFY(TestSupport::writeFile(hoursLog, hours.toUtf8()));
+        dialog->findChild<QLineEdit*>("renderLogEdit")->setText(hoursLog);
+        dialog->findChild<QLineEdit*>("renderOutputEdit")->setText(hoursOut);
+        QVERIFY(dialog->startRender());
+        QTRY_VERIFY(dialog->progressDialog() && dialog->progressDialog()->value() > 0);
+        dialog->progressDialog()->findChild<QPushButton*>()->click(); // "Cancel"
+        QVERIFY(finished.wait(60000));
+        QVERIFY(!finished.at(1).at(0).toBool());
+        QVERIFY(!QFileInfo::exists(hoursOut));
     }
 
     void badLogsAreRefused_data()
