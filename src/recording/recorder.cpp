@@ -148,8 +148,9 @@ void Recorder::stop()
     mLastMaxLag = mWriter->maxLagFrames();
     mLastSeconds = double(mTap->position()) / double(mSampleRate);
     const bool began = mWriter->began();
-    const bool failed = mWriter->hasFailed();
-    const QString error = mWriter->error();
+    const bool failed = mWriter->hasFailed() || !mStopReason.isEmpty();
+    const QString error = mWriter->hasFailed() ? mWriter->error() : mStopReason;
+    mStopReason.clear();
     const qint64 written = mWriter->framesWritten();
     mWriter.reset();
     if (released) {
@@ -214,7 +215,16 @@ void Recorder::onRecordRequest(int request)
 
 void Recorder::poll()
 {
-    if (mWriter && mWriter->hasFailed()) {
+    if (!mWriter) {
+        return;
+    }
+    if (mPlayer->sampleRate() != mSampleRate) {
+        // Another sound card: a file has one rate.
+        mStopReason = tr("the sound card's sample rate changed from %1 Hz to %2 Hz.")
+                          .arg(mSampleRate)
+                          .arg(mPlayer->sampleRate());
+    }
+    if (mWriter->hasFailed() || !mStopReason.isEmpty()) {
         stop();
     }
 }

@@ -74,6 +74,8 @@ signals:
 
 private:
     void onPatchHandingOver(quint32 serial, const QString& file);
+    // Ends the recording early when the writer failed or the sound card's
+    // rate changed under it.
     void poll();
     // Where the files of a recording begun now go: a name not yet taken.
     QString freeBaseName(const QString& folder, const QString& extension) const;
@@ -90,5 +92,7 @@ private:
     quint64 mLastLost = 0;
     qint64 mLastMaxLag = 0;
     double mLastSeconds = 0.0;
+    // Why the recording that runs is being ended early; empty otherwise.
+    QString mStopReason;
     QTimer mPoll;
 };

@@ -126,7 +126,6 @@ void PdPlayer::render(float* output, int frames) noexcept
     // changes; the commands this buffer carries out are logged at its first
     // sample.
     RecordTap* const recording = beginRecordedBuffer(frames);
-    mCommands.setLog(recording);
 
     // A patch change starts before the commands, so that this buffer's
     // commands reach the new patch too; while its notes are being started,
@@ -138,7 +137,10 @@ void PdPlayer::render(float* output, int frames) noexcept
         recording->logPatchChange(takenUp);
     }
     if (!preparing) {
+        // Only for this buffer: a tap may be gone by the next one.
+        mCommands.setLog(recording);
         processEvents(commandBudget(frames));
+        mCommands.setLog(nullptr);
     }
 
     const int samples = std::max(frames, 0) * CHANNELS;
