@@ -241,10 +241,10 @@ int main(int argc, char** argv)
 {
     BenchmarkApp<QCoreApplication> app(argc, argv);
     // Each makes its player and lets it go: libpd's hooks reach one at a time.
-    benchmark::RegisterBenchmark("callback", callback)->Iterations(5)->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("writer_lag", writerLag)
-        ->Iterations(1)
-        ->Unit(benchmark::kSecond);
+    benchmark::RegisterBenchmark("callback", callback)
+        ->Iterations(5)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("writer_lag", writerLag)->Iterations(1)->Unit(benchmark::kSecond);
     benchmark::RegisterBenchmark("offline_render", offlineRender)
         ->Iterations(3)
         ->UseManualTime()

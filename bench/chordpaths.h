@@ -52,4 +52,3 @@ inline std::vector<ArboPath> chordPaths(int voices = 128)
     }
     return paths;
 }
-

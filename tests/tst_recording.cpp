@@ -56,8 +56,8 @@ int render(const QStringList& arguments, QString* errors = nullptr)
 // `nominal`; a large number when it does not sound throughout.
 double centsOff(const QVector<float>& left, double nominal, long from)
 {
-    const AudioAnalysis::ToneEstimate tone = AudioAnalysis::measureTone(
-        left.constData(), from, long(left.size()), nominal, SAMPLE_RATE);
+    const AudioAnalysis::ToneEstimate tone =
+        AudioAnalysis::measureTone(left.constData(), from, long(left.size()), nominal, SAMPLE_RATE);
     return tone.minAmplitude > 0.01 ? AudioAnalysis::cents(tone.frequency, nominal) : 1e9;
 }
 
@@ -140,9 +140,9 @@ private slots:
 
         // With another voice, at another rate: the same chord, as long.
         const QString organ = mFolder.filePath("organ.flac");
-        QCOMPARE(render({mRecorder->logPath(), organ, "--patch", "Organ.pd", "--rate", "48000"},
-                        &error),
-                 0);
+        QCOMPARE(
+            render({mRecorder->logPath(), organ, "--patch", "Organ.pd", "--rate", "48000"}, &error),
+            0);
         const AudioAnalysis::Wav other = AudioAnalysis::readSoundFile(organ, &error);
         QCOMPARE(other.sampleRate, 48000);
         QCOMPARE(other.frames(), int(std::llround(wav.frames() * 48000.0 / SAMPLE_RATE)));
@@ -268,12 +268,13 @@ private slots:
         future.replace("\"format\":1", "\"format\":2");
         QTest::newRow("future format")
             << future << ":1: written in log format 2 by a newer version of the program";
-        QTest::newRow("not a log") << QByteArray("RIFF\x24\0\0\0WAVE\n", 13)
-                                   << ":1: not a performance log";
+        QTest::newRow("not a log")
+            << QByteArray("RIFF\x24\0\0\0WAVE\n", 13) << ":1: not a performance log";
         QTest::newRow("cut off") << valid + "{\"at\":0,\"event\":0,\"va"
                                  << ":2: damaged line (unterminated string at character 23)";
         QTest::newRow("back in time")
-            << valid + "{\"at\":512,\"event\":1,\"value\":0}\n{\"at\":256,\"event\":1,\"value\":0}\n"
+            << valid +
+                   "{\"at\":512,\"event\":1,\"value\":0}\n{\"at\":256,\"event\":1,\"value\":0}\n"
             << ":3: \"at\" goes back in time (256 after 512)";
         QTest::newRow("no step 0") << valid + "{\"at\":0,\"event\":0,\"path\":[3,0],\"value\":1}\n"
                                    << ":2: \"path\" step 2 is not a step";

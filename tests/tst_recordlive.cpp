@@ -99,10 +99,10 @@ private slots:
     {
         const quint16 osc = TestSupport::freeUdpPort();
         const QString folder = mFolder.filePath("program");
-        ProgramOnJack program(
-            mJack, {{"input_map.json", "{\"oscPort\": " + QByteArray::number(osc) + "}"},
-                    {"recording.json", "{\"format\": \"wav24\", \"folder\": \"" +
-                                           QFile::encodeName(folder) + "\"}"}});
+        ProgramOnJack program(mJack,
+                              {{"input_map.json", "{\"oscPort\": " + QByteArray::number(osc) + "}"},
+                               {"recording.json", "{\"format\": \"wav24\", \"folder\": \"" +
+                                                      QFile::encodeName(folder) + "\"}"}});
         QVERIFY(program.start({"OSC input listening", "Opening PD patch"}));
         QVERIFY(mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + ":out_0"));
         QUdpSocket socket;
@@ -112,7 +112,7 @@ private slots:
         const auto wav = [&] {
             const QFileInfoList files = QDir(folder).entryInfoList({"*.wav"}, QDir::Files);
             return files.size() == 1 && files.first().size() > 44100 * 6 ? files.first().filePath()
-                                                                           : QString();
+                                                                         : QString();
         };
         QTRY_VERIFY_WITH_TIMEOUT(!wav().isEmpty(), 30000);
         const QString audio = wav();
@@ -121,12 +121,11 @@ private slots:
         QString error;
         const AudioAnalysis::Wav recorded = AudioAnalysis::readSoundFile(audio, &error);
         QVERIFY2(recorded.frames() >= 44100, qPrintable(error));
-        QVERIFY2(AudioAnalysis::soundsNear(recorded.channel(0).mid(recorded.frames() - 22050),
-                                           660.0),
-                 qPrintable(AudioAnalysis::heardNear(recorded.channel(0), 660.0)));
+        QVERIFY2(
+            AudioAnalysis::soundsNear(recorded.channel(0).mid(recorded.frames() - 22050), 660.0),
+            qPrintable(AudioAnalysis::heardNear(recorded.channel(0), 660.0)));
         PerformanceLog::Log log;
-        QVERIFY2(PerformanceLog::read(audio.chopped(4) + ".jsonl", log, &error),
-                 qPrintable(error));
+        QVERIFY2(PerformanceLog::read(audio.chopped(4) + ".jsonl", log, &error), qPrintable(error));
         QCOMPARE(log.end, qint64(recorded.frames()));
         QVERIFY(program.log().contains("Recorded "));
     }

@@ -27,8 +27,7 @@ bool writeText(const QString& path, const QString& text)
 // Puts `patch` into `dir` as the player opens it; `main` is the file to
 // open. The engine's shell patches come from this program's resources, the
 // voice or the patch itself from the log's text.
-bool install(const QString& dir, const PerformanceLog::Patch& patch, QString* main,
-             QString* error)
+bool install(const QString& dir, const PerformanceLog::Patch& patch, QString* main, QString* error)
 {
     if (patch.voiceText.isEmpty() && patch.text.isEmpty()) {
         *error = QStringLiteral("the patch \"%1\" has no text").arg(patch.file);
@@ -61,8 +60,7 @@ bool install(const QString& dir, const PerformanceLog::Patch& patch, QString* ma
 
 // Opens `patch` in `player` (at once while no audio thread is said to run,
 // otherwise handed over to the next buffer, as the window does live).
-bool load(PdPlayer& player, const QString& dir, const PerformanceLog::Patch& patch,
-          QString* error)
+bool load(PdPlayer& player, const QString& dir, const PerformanceLog::Patch& patch, QString* error)
 {
     if (patch.none) {
         player.unloadPatch();
@@ -147,8 +145,8 @@ bool render(const PerformanceLog::Log& log, const QString& outPath, const Option
                    : qint64(std::llround(double(position) * rate / header.sampleRate));
     };
     const qint64 lastEvent = log.entries.empty() ? 0 : log.entries.back().at;
-    const qint64 end = log.end >= 0 ? scaled(log.end)
-                                    : scaled(lastEvent) + qint64(TAIL_SECONDS * rate);
+    const qint64 end =
+        log.end >= 0 ? scaled(log.end) : scaled(lastEvent) + qint64(TAIL_SECONDS * rate);
 
     PerformanceLog::Patch patch;
     if (!chosenPatch(log, options, &patch, error)) {
@@ -213,9 +211,8 @@ bool render(const PerformanceLog::Log& log, const QString& outPath, const Option
                        options.patch.isEmpty()) {
                 QString why;
                 if (!load(player, dir.path(), entry.patch, &why)) {
-                    return abandon(QStringLiteral("the patch change at frame %1: %2")
-                                       .arg(entry.at)
-                                       .arg(why));
+                    return abandon(
+                        QStringLiteral("the patch change at frame %1: %2").arg(entry.at).arg(why));
                 }
             }
         }

@@ -99,8 +99,7 @@ public:
     }
 
     // A whole number from `low` to `high`.
-    bool integer(const QJsonObject& object, const char* key, double low, double high,
-                 qint64* out)
+    bool integer(const QJsonObject& object, const char* key, double low, double high, qint64* out)
     {
         const QJsonValue value = object.value(QLatin1String(key));
         const double number = value.toDouble(std::nan(""));
@@ -285,8 +284,8 @@ bool Reader::state(const QJsonObject& object, PlayerState& state)
     }
     const QJsonArray macros = object.value("macros").toArray();
     if (macros.size() != PatchMixer::MACRO_COUNT) {
-        return fail(QStringLiteral("\"macros\" is not a list of %1 values")
-                        .arg(PatchMixer::MACRO_COUNT));
+        return fail(
+            QStringLiteral("\"macros\" is not a list of %1 values").arg(PatchMixer::MACRO_COUNT));
     }
     for (int i = 0; i < PatchMixer::MACRO_COUNT; ++i) {
         if (!real(macros.at(i), QStringLiteral("macro %1").arg(i + 1), &state.macros[i], true)) {
@@ -374,8 +373,7 @@ bool Reader::event(const QJsonObject& object, Log& log)
         entry.kind = Entry::Command;
         if (!integer(object, "event", std::numeric_limits<std::int32_t>::min(),
                      std::numeric_limits<std::int32_t>::max(), &entry.command.type) ||
-            !real(object.value("value"), QStringLiteral("\"value\""), &entry.command.value,
-                  true) ||
+            !real(object.value("value"), QStringLiteral("\"value\""), &entry.command.value, true) ||
             (object.contains("path") && !path(object.value("path"), &entry.command.path))) {
             return false;
         }
@@ -451,9 +449,8 @@ QByteArray headerLine(const Header& header)
 
 QByteArray commandLine(qint64 at, const PdMessageBuffer::Chunk& command)
 {
-    QJsonObject object{{"at", double(at)},
-                       {"event", command.type},
-                       {"value", number(command.value)}};
+    QJsonObject object{
+        {"at", double(at)}, {"event", command.type}, {"value", number(command.value)}};
     const QJsonArray steps = pathSteps(command.path);
     if (!steps.isEmpty()) {
         object.insert("path", steps);

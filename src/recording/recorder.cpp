@@ -62,7 +62,8 @@ void Recorder::onPatchHandingOver(quint32 serial, const QString& file)
 
 QString Recorder::freeBaseName(const QString& folder, const QString& extension) const
 {
-    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd_HH-mm-ss"));
+    const QString stamp =
+        QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd_HH-mm-ss"));
     QString base = folder + QLatin1Char('/') + stamp;
     for (int n = 2; QFileInfo::exists(base + QLatin1Char('.') + extension) ||
                     QFileInfo::exists(base + QStringLiteral(".jsonl"));
@@ -108,8 +109,8 @@ bool Recorder::start()
     mLogPath = log->fileName();
 
     PerformanceLog::Header header;
-    header.program = QStringLiteral("%1 %2").arg(QLatin1String(Paths::APP_NAME),
-                                                 QStringLiteral(ARBO_VERSION));
+    header.program =
+        QStringLiteral("%1 %2").arg(QLatin1String(Paths::APP_NAME), QStringLiteral(ARBO_VERSION));
     header.sampleRate = mSampleRate;
     mTap = std::make_unique<RecordTap>(audio != nullptr);
     mWriter = std::make_unique<RecordingWriter>(*mTap, std::move(audio), std::move(log), header,
@@ -167,10 +168,10 @@ void Recorder::stop()
         report(tr("Nothing was recorded: no sound was playing."), true);
         return;
     }
-    const QString files = mAudioPath.isEmpty()
-                              ? mLogPath
-                              : tr("%1 and its performance log %2")
-                                    .arg(mAudioPath, QFileInfo(mLogPath).fileName());
+    const QString files =
+        mAudioPath.isEmpty()
+            ? mLogPath
+            : tr("%1 and its performance log %2").arg(mAudioPath, QFileInfo(mLogPath).fileName());
     if (failed) {
         const double kept =
             mAudioPath.isEmpty() ? mLastSeconds : double(written) / double(mSampleRate);
@@ -181,8 +182,8 @@ void Recorder::stop()
     }
     QString message = tr("Recorded %1 to %2.").arg(formatDuration(mLastSeconds), files);
     if (mLastLost > 0) {
-        message += tr(" %1 frames could not be kept in time and are silence in the file.")
-                       .arg(mLastLost);
+        message +=
+            tr(" %1 frames could not be kept in time and are silence in the file.").arg(mLastLost);
     }
     report(message, mLastLost > 0);
 }

@@ -35,8 +35,7 @@ PerformanceLog::Patch RecordingWriter::PatchBook::find(std::uint32_t serial) con
 }
 
 RecordingWriter::RecordingWriter(RecordTap& tap, std::unique_ptr<AudioFileWriter> audio,
-                                 std::unique_ptr<QFile> log,
-                                 const PerformanceLog::Header& header,
+                                 std::unique_ptr<QFile> log, const PerformanceLog::Header& header,
                                  std::shared_ptr<const PatchBook> patches)
     : mTap(tap), mAudio(std::move(audio)), mLog(std::move(log)), mHeader(header),
       mPatches(std::move(patches)), mBuffer(std::size_t(CHUNK_FRAMES) * 2)
@@ -215,8 +214,8 @@ bool RecordingWriter::checkFilesExist()
     // data would go to a file nobody can find any more.
     for (const QString& path : {mAudio ? mAudio->path() : QString(), mLog->fileName()}) {
         if (!path.isEmpty() && !QFileInfo::exists(path)) {
-            fail(QStringLiteral("%1 has vanished (was its folder removed or unmounted?)")
-                     .arg(path));
+            fail(
+                QStringLiteral("%1 has vanished (was its folder removed or unmounted?)").arg(path));
             return false;
         }
     }

@@ -104,9 +104,10 @@ bool readOptions(const QCommandLineParser& parser, const QString& out,
             return false;
         }
     }
-    options.format = QFileInfo(out).suffix().compare(QStringLiteral("flac"), Qt::CaseInsensitive) == 0
-                         ? AudioFileWriter::Flac24
-                         : AudioFileWriter::WavFloat;
+    options.format =
+        QFileInfo(out).suffix().compare(QStringLiteral("flac"), Qt::CaseInsensitive) == 0
+            ? AudioFileWriter::Flac24
+            : AudioFileWriter::WavFloat;
     if (parser.isSet(QStringLiteral("format")) &&
         !AudioFileWriter::formatFromName(parser.value(QStringLiteral("format")), &options.format)) {
         problem = QStringLiteral("--format takes %1")
@@ -133,8 +134,8 @@ LogRenderer::Progress progressFor(const QCommandLineParser& parser, double secon
         constexpr int WIDTH = 40;
         const int filled = int(done * WIDTH);
         std::fprintf(stderr, "\r[%s%s] %3d%%  %.1f of %.1f s", QByteArray(filled, '#').constData(),
-                     QByteArray(WIDTH - filled, ' ').constData(), int(done * 100.0),
-                     done * seconds, seconds);
+                     QByteArray(WIDTH - filled, ' ').constData(), int(done * 100.0), done * seconds,
+                     seconds);
         if (done >= 1.0) {
             std::fputc('\n', stderr);
         }
@@ -172,10 +173,10 @@ int main(int argc, char** argv)
     // Ctrl+C stops the render and removes the half-written file.
     std::signal(SIGINT, onInterrupt);
     std::signal(SIGTERM, onInterrupt);
-    const qint64 frames = log.end >= 0 ? log.end
-                                       : (log.entries.empty() ? 0 : log.entries.back().at) +
-                                             qint64(LogRenderer::TAIL_SECONDS *
-                                                    log.header.sampleRate);
+    const qint64 frames = log.end >= 0
+                              ? log.end
+                              : (log.entries.empty() ? 0 : log.entries.back().at) +
+                                    qint64(LogRenderer::TAIL_SECONDS * log.header.sampleRate);
     const double seconds = double(frames) / log.header.sampleRate;
     if (!LogRenderer::render(log, arguments.at(1), options, progressFor(parser, seconds), &error)) {
         return fail(QStringLiteral("%1: %2").arg(arguments.at(0), error), FAILED);

@@ -65,8 +65,8 @@ void RecordingOptionsWidget::refresh()
 
 void RecordingOptionsWidget::chooseFolder()
 {
-    const QString folder = QFileDialog::getExistingDirectory(this, tr("Recordings folder"),
-                                                             mSettings->folder());
+    const QString folder =
+        QFileDialog::getExistingDirectory(this, tr("Recordings folder"), mSettings->folder());
     if (!folder.isEmpty()) {
         mFolder->setText(folder);
         onEdited();

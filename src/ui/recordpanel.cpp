@@ -17,8 +17,8 @@
 #include <QVBoxLayout>
 
 RecordPanel::RecordPanel(const InstrumentParts& parts, QWidget* window)
-    : QWidget(window), mParts(parts), mButton(new QPushButton(tr("Record"))),
-      mStatus(new QLabel), mRenderButton(new QPushButton(tr("Render a log…"))), mMeter(new LevelMeter)
+    : QWidget(window), mParts(parts), mButton(new QPushButton(tr("Record"))), mStatus(new QLabel),
+      mRenderButton(new QPushButton(tr("Render a log…"))), mMeter(new LevelMeter)
 {
     setObjectName(QStringLiteral("recordPanel"));
     mButton->setObjectName(QStringLiteral("recordButton"));
@@ -74,9 +74,9 @@ void RecordPanel::onRecordingChanged(bool recording)
 void RecordPanel::updateStatus()
 {
     const Recorder* recorder = mParts.recorder;
-    QString text = QStringLiteral("%1  %2").arg(
-        Recorder::formatDuration(recorder->elapsedSeconds()),
-        QLocale().formattedDataSize(recorder->bytesWritten()));
+    QString text =
+        QStringLiteral("%1  %2").arg(Recorder::formatDuration(recorder->elapsedSeconds()),
+                                     QLocale().formattedDataSize(recorder->bytesWritten()));
     if (const quint64 lost = recorder->lostFrames()) {
         text += tr("  %1 frames lost").arg(lost);
     }

@@ -44,8 +44,8 @@ RenderLogDialog::RenderLogDialog(const QString& folder, QWidget* parent)
 
     mVoice->addItem(tr("The one it was played with"), QString());
     const QDir voices(Paths::resourceDir() + QStringLiteral("/patches"));
-    for (const QFileInfo& voice : voices.entryInfoList({QStringLiteral("*.pd")}, QDir::Files,
-                                                       QDir::Name)) {
+    for (const QFileInfo& voice :
+         voices.entryInfoList({QStringLiteral("*.pd")}, QDir::Files, QDir::Name)) {
         mVoice->addItem(voice.completeBaseName(), voice.absoluteFilePath());
     }
     for (const QString& name : AudioFileWriter::formatNames()) {
@@ -188,10 +188,9 @@ void RenderLogDialog::onFinished(int exitCode, QProcess::ExitStatus status)
         mProgress->deleteLater();
     }
     const bool ok = !mCancelled && status == QProcess::NormalExit && exitCode == 0;
-    const QString message =
-        ok ? tr("Rendered %1.").arg(mOutput->text())
-           : mCancelled ? tr("The render was cancelled; no file was written.")
-                        : tr("The log could not be rendered.\n\n%1").arg(errors);
+    const QString message = ok           ? tr("Rendered %1.").arg(mOutput->text())
+                            : mCancelled ? tr("The render was cancelled; no file was written.")
+                                         : tr("The log could not be rendered.\n\n%1").arg(errors);
     if (!mCancelled) {
         auto* box = new QMessageBox(ok ? QMessageBox::Information : QMessageBox::Warning,
                                     windowTitle(), message, QMessageBox::Ok, this);
