@@ -111,6 +111,13 @@ public:
     // patch makes its instance the calling thread's current one (libpd keeps
     // it per thread), as every call of a PdInstance does.
     void processEvents(int budget = commandBudget(256));
+    // GUI thread only, through the GUI command buffer: a command as a
+    // performance log recorded it, byte for byte, for the offline render.
+    // False when the buffer is full.
+    bool replayCommand(const PdMessageBuffer::Chunk& command)
+    {
+        return mCommands.queue(CommandDispatcher::FromWindow, command);
+    }
 
     // The one place where sound is made, shared by the stream callback, the
     // tests and the benchmarks. Carries out the queued commands (within the
@@ -290,15 +297,6 @@ public slots:
     // never log (a full buffer is counted and reported once a second).
     void queueEventMidi(const ArboEvent* event);
     void queueEventOsc(const ArboEvent* event);
-
-public:
-    // GUI thread only, through the GUI command buffer: a command as a
-    // performance log recorded it, byte for byte, for the offline render.
-    // False when the buffer is full.
-    bool replayCommand(const PdMessageBuffer::Chunk& command)
-    {
-        return mCommands.queue(CommandDispatcher::FromWindow, command);
-    }
 
 private:
     // GUI thread: hands `instance` (null: no patch), opened from `file`,
