@@ -18,6 +18,7 @@
 
 #include "model/arboevent.h"
 #include "model/arbonoteevent.h"
+#include "chordpaths.h"
 #include "jackplayback.h"
 #include "model/arboratio.h"
 #include "settings/paths.h"
@@ -56,7 +57,6 @@ namespace {
 constexpr int SR = 44100;
 constexpr int FRAMES = 256;
 constexpr int TICKS = FRAMES / 64;
-constexpr int VOICES = 128;
 
 PdPlayer* sPlayer = nullptr;
 
@@ -84,50 +84,6 @@ const char* const DENORMAL_PATCH = "#N canvas 0 50 450 300 12;\n"
                                    "#X connect 6 0 7 0;\n"
                                    "#X connect 7 0 8 0;\n"
                                    "#X connect 7 0 8 1;\n";
-
-// 128 different notes between 20 Hz and 20 kHz above 440 Hz: paths of up to
-// three prime steps, each ratio once.
-std::vector<ArboPath> chordPaths()
-{
-    const signed char primes[] = {2, 3, 5, 7, 11, 13};
-    std::vector<ArboPath> paths;
-    QSet<QString> ratios;
-    auto consider = [&](const ArboPath& path) {
-        if (int(paths.size()) >= VOICES) {
-            return;
-        }
-        const ArboRatio ratio = ArboRatio::pathRatio(path);
-        const double frequency = ratio.toDouble() * 440.0;
-        const QString key = QStringLiteral("%1/%2").arg(ratio.numerator()).arg(ratio.denominator());
-        if (frequency > 40.0 && frequency < 8000.0 && !ratios.contains(key)) {
-            ratios.insert(key);
-            paths.push_back(path);
-        }
-    };
-    consider(ArboPath());
-    for (signed char a : primes) {
-        for (int sa : {1, -1}) {
-            consider(ArboPath(static_cast<signed char>(sa * a)));
-        }
-    }
-    for (signed char a : primes) {
-        for (signed char b : primes) {
-            for (int sa : {1, -1}) {
-                for (int sb : {1, -1}) {
-                    ArboPath path(static_cast<signed char>(sa * a));
-                    path.addLeaf(static_cast<signed char>(sb * b));
-                    consider(path);
-                    for (signed char c : primes) {
-                        ArboPath longer = path;
-                        longer.addLeaf(static_cast<signed char>(sa * c));
-                        consider(longer);
-                    }
-                }
-            }
-        }
-    }
-    return paths;
-}
 
 void queueChord(PdPlayer& player, const std::vector<ArboPath>& paths)
 {

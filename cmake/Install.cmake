@@ -53,7 +53,7 @@ endforeach()
 
 # Manual pages with the version filled in, compressed as Debian wants them.
 set(ARBO_MAN_OUTPUTS "")
-foreach(page merrow-tuning-arbo arbo-wand arbo-tuning)
+foreach(page merrow-tuning-arbo arbo-wand arbo-tuning arbo-render)
     set(source "${CMAKE_SOURCE_DIR}/docs/man/${page}.1")
     set(gz "${ARBO_GENERATED_DIR}/man/${page}.1.gz")
     add_custom_command(

@@ -13,7 +13,7 @@ set -eu
 # and npm, which fetches the font of the Helmholtz-Ellis signs.
 BUILD="
 qtbase5-dev libqt5svg5-dev portaudio19-dev libboost-dev librtmidi-dev liblo-dev
-libasound2-dev libjack-jackd2-dev
+libasound2-dev libjack-jackd2-dev libsndfile1-dev
 cmake g++ make pkg-config dpkg-dev
 lilypond-fonts python3-fonttools librsvg2-bin npm
 "

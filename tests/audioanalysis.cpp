@@ -3,6 +3,8 @@
 #include <QFile>
 #include <QtEndian>
 
+#include <sndfile.h>
+
 #include <algorithm>
 #include <cmath>
 #include <complex>
@@ -46,6 +48,32 @@ QVector<float> Wav::channel(int index) const
         result.append(samples[frame * channels + index]);
     }
     return result;
+}
+
+Wav readSoundFile(const QString& path, QString* error)
+{
+    Wav wav;
+    SF_INFO info{};
+    SNDFILE* file = sf_open(QFile::encodeName(path).constData(), SFM_READ, &info);
+    if (!file) {
+        if (error) {
+            *error = QStringLiteral("%1: %2").arg(path, QString::fromLocal8Bit(sf_strerror(nullptr)));
+        }
+        return wav;
+    }
+    QVector<float> samples(int(info.frames * info.channels));
+    const sf_count_t read = sf_readf_float(file, samples.data(), info.frames);
+    sf_close(file);
+    if (read != info.frames) {
+        if (error) {
+            *error = QStringLiteral("%1: %2 of %3 frames readable").arg(path).arg(read).arg(info.frames);
+        }
+        return wav;
+    }
+    wav.sampleRate = info.samplerate;
+    wav.channels = info.channels;
+    wav.samples = samples;
+    return wav;
 }
 
 Wav readWav(const QString& path, QString* error)

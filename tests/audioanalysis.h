@@ -24,6 +24,10 @@ struct Wav
 // returns an invalid Wav and, if given, the reason in `error`.
 Wav readWav(const QString& path, QString* error = nullptr);
 
+// Reads any sound file libsndfile reads (the recorder's WAV and FLAC files),
+// as floats; an invalid Wav and the reason in `error` when it cannot, as
+// for a file that is not a valid, playable sound file.
+Wav readSoundFile(const QString& path, QString* error = nullptr);
 double rms(const QVector<float>& samples);
 double peak(const QVector<float>& samples);
 // 20·log10 of the RMS; -infinity for digital silence.

@@ -336,6 +336,7 @@ private slots:
             expected.insert(code);
         }
         expected += {ArboEvent::SceneRecall, ArboEvent::SceneStep, ArboEvent::SceneStore};
+        expected.insert(ArboEvent::Record);
         QStringList members;
         QSet<int> byInputMap;
         for (int code = -1; code <= ArboEvent::LAST_TYPE + 1; ++code) {
@@ -528,6 +529,8 @@ private slots:
     {
         OscInput input;
         QVERIFY(start(input));
+        QSignalSpy recordRequests(&mPlayer, &PdPlayer::recordRequested);
+        send(OSC("/arbo/record", "i", 1));
         send(OSC("/arbo/toggle", "s", "/3/-5"));
         send(oscBundle({OSC("/arbo/event", "if", ArboEvent::VoiceVolume, 0.75)}));
         send(OSC("/arbo/tag", "s", "BASE432"));
@@ -538,7 +541,9 @@ private slots:
         QCOMPARE(mPlayer.voiceVolume(), 0.75f);
         QCOMPARE(mPlayer.baseFrequency(), 432.0f);
         QVERIFY(heldVoice("/5"));
+        QCOMPARE(recordRequests.takeFirst().value(0).toInt(), int(CommandDispatcher::RecordStart));
 
+        send(OSC("/arbo/record", ""));
         send(OSC("/arbo/note", "sd", "/5", 0.0));
         send(OSC("/arbo/event", "dh", double(ArboEvent::BaseFrequency), int64_t(440)));
         send(OSC("/fader/1", "f", 0.25));
@@ -548,6 +553,7 @@ private slots:
         QCOMPARE(mPlayer.baseFrequency(), 440.0f);
         QCOMPARE(mPlayer.voiceVolume(), 0.5f);
         QVERIFY(heldVoice("/7"));
+        QCOMPARE(recordRequests.takeFirst().value(0).toInt(), int(CommandDispatcher::RecordToggle));
         send(OSC("/pad/1", "i", 0));
         send(OSC("/quiet", ""));
         QVERIFY(oscProbe());
@@ -560,7 +566,8 @@ private slots:
             OSC("/arbo/event", "i", 6),        OSC("/arbo/event", "if", 6, double(NAN)),
             OSC("/arbo/event", "ff", 2.5, 1.0), OSC("/arbo/event", "iT", 6),
             OSC("/arbo/tag", "i", 1),          OSC("/arbo/note", "s", "/5"),
-            OSC("/arbo/note", "si", "5\n", 1), OSC("/fader/1", "s", "loud")};
+            OSC("/arbo/note", "si", "5\n", 1), OSC("/fader/1", "s", "loud"),
+            OSC("/arbo/record", "s", "on")};
         for (const int refused : {0, 19, 20, 21, 22, ArboEvent::LAST_TYPE + 1, -1}) {
             send(OSC("/arbo/event", "if", refused, 1.0));
         }

@@ -95,7 +95,7 @@ for tool in $("$root/scripts/install-deps.sh" --list test) $("$root/scripts/inst
     libqt5test5 libbenchmark1debian; do
     if echo "$depends" | grep -qx "$tool"; then fail "the package depends on the build or test tool $tool"; fi
 done
-for lib in libqt5widgets5 libportaudio2 liblo7 librtmidi6; do
+for lib in libqt5widgets5 libportaudio2 liblo7 librtmidi6 libsndfile1; do
     echo "$depends" | grep -qx "$lib" || fail "the package does not depend on $lib"
 done
 # Warnings count as failures; only informational tags (hardening of a build

@@ -14,6 +14,7 @@
 #include "sound/pdplayer.h"
 #include "sound/scenetable.h"
 #include "sound/realtimezone.h"
+#include "sound/recordtap.h"
 #include "testsupport.h"
 
 #include <QElapsedTimer>
@@ -142,6 +143,11 @@ private slots:
             [](QObject*, int, void**) { countIf(sSignals); }, nullptr, nullptr, nullptr};
         qt_register_signal_spy_callbacks(&spy);
 
+        // Recording all along: samples, commands and patch changes into the
+        // tap's rings, which nobody drains, so that they also fill up and
+        // count what they lose.
+        RecordTap tap(true);
+        mPlayer.setRecordTap(&tap);
         // A thread of its own plays the audio thread, at 64 frames.
         mPlayer.setAudioThreadRunning(true);
         std::atomic<bool> stop{false};
@@ -204,6 +210,7 @@ private slots:
                   ArboEvent(ArboEvent::Macro2, 0.6f), ArboEvent(ArboEvent::PatchStep, 1),
                   ArboEvent(ArboEvent::SceneStore, 1), ArboEvent(ArboEvent::SceneRecall, 1),
                   ArboEvent(ArboEvent::SceneStep, 1), ArboEvent(ArboEvent::SceneStep, -1),
+                  ArboEvent(ArboEvent::Record, -1),
                   ArboEvent(ArboEvent::BaseFrequency, 0.0f)}) { // refused
                 queue(event);
             }
@@ -220,7 +227,10 @@ private slots:
         stop = true;
         audio.join();
         mPlayer.setAudioThreadRunning(false);
+        mPlayer.setRecordTap(nullptr);
         qt_register_signal_spy_callbacks(nullptr);
+        QCOMPARE(tap.phase(), RecordTap::Recording);
+        QCOMPARE(tap.position(), 64 * buffers.load());
 
         QVERIFY2(buffers.load() > 100, qPrintable(QString::number(buffers.load())));
         QCOMPARE(sAllocations.load(), 0L);

@@ -131,6 +131,9 @@ void TuningArboApplication::readOptions()
         qCritical().noquote() << text;
         QMessageBox::critical(nullptr, applicationName(), text, QMessageBox::Ok);
     }
+    if (!mRecordingSettings.init()) {
+        qWarning() << "Failed to read the recording options; using the defaults";
+    }
     // Values that would silence the instrument or lose the window go back to
     // their defaults before anything uses them.
     QList<QRect> screens;
@@ -218,7 +221,15 @@ void TuningArboApplication::showMainWindow()
     parts.midiOutput = &mMidiOutput;
     parts.midiSettings = &mMidiSettings;
     parts.scenes = &mScenes;
+    parts.recorder = &mRecorder;
+    parts.recordingSettings = &mRecordingSettings;
     mMainWindow = new MainWindow(parts);
+    // Record commands from the keys, MIDI, OSC and wands; how a recording
+    // went shows in the status line (the window's panel says it too).
+    connect(&mPlayer, &PdPlayer::recordRequested, &mRecorder, &Recorder::onRecordRequest);
+    connect(&mRecorder, &Recorder::finished, mMainWindow, [this](const QString& message) {
+        mMainWindow->statusBar()->showMessage(message.section(QLatin1Char('\n'), 0, 0), 20000);
+    });
     // Queued even for the GUI thread: see DiagnosticsDialog.
     connect(this, &TuningArboApplication::diagnosticMessage, mMainWindow->diagnosticsDialog(),
             &DiagnosticsDialog::onMessage, Qt::QueuedConnection);
@@ -269,8 +280,8 @@ int TuningArboApplication::leave(int exitCode)
 void TuningArboApplication::startInputs()
 {
     // Owned by the window: the keys play while it has focus.
-    auto* keyboard = new KeyboardInput(&mPlayer, mMainWindow, mMainWindow);
-    keyboard->setObjectName(QStringLiteral("keyboardInput"));
+    mKeyboard = new KeyboardInput(&mPlayer, mMainWindow, mMainWindow);
+    mKeyboard->setObjectName(QStringLiteral("keyboardInput"));
 
     // OSC, when the map names a port. A port that cannot be opened costs only
     // the OSC input: the input logs why, the status line shows it, and no box
@@ -295,13 +306,32 @@ void TuningArboApplication::startInputs()
     };
     sceneTriggers();
     connect(&mScenes, &SceneBook::changed, &mMidiInput, sceneTriggers);
-    mMidiInput.open(mInputMap.bindings());
+    mMidiInput.open(inputBindings());
     // The keys and MIDI notes play the map's bindings, or an imported scale's.
-    mMainWindow->attachInputs(mInputMap.bindings(), keyboard, &mMidiInput);
+    mMainWindow->attachInputs(inputBindings(), mKeyboard, &mMidiInput);
+    // A record controller chosen in the options works at once.
+    connect(&mRecordingSettings, &RecordingSettings::changed, this,
+            [this] { mMainWindow->attachInputs(inputBindings(), mKeyboard, &mMidiInput); });
+}
+
+InputMap::Bindings TuningArboApplication::inputBindings() const
+{
+    InputMap::Bindings bindings = mInputMap.bindings();
+    const int controller = mRecordingSettings.mController;
+    if (controller >= 0 && controller < int(bindings.midiControllers.size())) {
+        // Each press toggles, as a foot switch is pressed once to start and
+        // once to stop.
+        bindings.midiControllers[std::size_t(controller)] =
+            InputBinding(ArboEvent::Record, -1.0f);
+    }
+    return bindings;
 }
 
 void TuningArboApplication::term()
 {
+    // First: whatever ends the program (the window closed, a SIGTERM), a
+    // recording under way is finished properly.
+    mRecorder.stop();
     syncToSettings();
     mUdpListener.term();
     mOscInput.term();
@@ -312,6 +342,7 @@ void TuningArboApplication::term()
     mAudioOutput.term();
     mMidiOutput.close();
     mMidiSettings.term();
+    mRecordingSettings.term();
     mSettings.term();
     reportFailedSaves();
     mLog.remove();

@@ -10,6 +10,8 @@
 #include "midi/midisettings.h"
 #include "model/arbo.h"
 #include "osc/oscinput.h"
+#include "recording/recorder.h"
+#include "recording/recordingsettings.h"
 #include "scenes/scenebook.h"
 #include "settings/settings.h"
 #include "sound/paaudiooutput.h"
@@ -27,6 +29,7 @@
 // It hands each object the others it works with (constructors, init() and
 // attach() calls, InstrumentParts for the windows); nothing looks them up.
 // The members are public for the tests that start the whole program.
+class KeyboardInput;
 class MainWindow;
 
 class TuningArboApplication : public QApplication
@@ -67,6 +70,11 @@ public:
     // note tap) before the player goes.
     MidiSettings mMidiSettings;
     MidiOutput mMidiOutput;
+    // After the player, which it feeds from: a recording is finished before
+    // the player goes. Made before the first patch loads, so that it knows
+    // what plays.
+    RecordingSettings mRecordingSettings;
+    Recorder mRecorder{&mPlayer, &mRecordingSettings};
     // After the player, whose OSC ring it writes: it stops before the player goes.
     OscInput mOscInput;
     // MIDI in, after the player: its thread writes into the player's ring,
@@ -112,8 +120,11 @@ private:
     // Starts the keyboard, the MIDI input and the OSC receiver on the input
     // map's bindings.
     void startInputs();
+    // The input map's bindings with the recording options' MIDI controller.
+    InputMap::Bindings inputBindings() const;
 
     UnixSignalWatcher mSignalWatcher;
+    KeyboardInput* mKeyboard = nullptr; // the window's
     ConfigFolder mConfigFolder;
     // A termination signal ends the program with nobody at the window: then
     // nothing may wait for a click.

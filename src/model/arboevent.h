@@ -51,10 +51,15 @@ public:
         SceneRecall = 23,
         SceneStep = 24,
         SceneStore = 25,
+        // Recording: 0.5 or more starts it, 0 up to 0.5 stops it, below 0
+        // toggles it. The engine only passes the request on to the GUI
+        // thread, where the recorder acts on it; so a key, a MIDI controller,
+        // OSC or a wand tag of the map can start and stop a recording.
+        Record = 26,
     };
     // Highest type the player carries out; anything outside 0 to this is
     // ignored by the consumer.
-    static constexpr int LAST_TYPE = SceneStore;
+    static constexpr int LAST_TYPE = Record;
 
     // Whether a command of `type` needs a lattice path (an ArboNoteEvent).
     // Without one it would sound the root, which nobody asked for.

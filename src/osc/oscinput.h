@@ -29,6 +29,9 @@ class PdPlayer;
 //   /arbo/scene/next, /arbo/scene/previous   a step through the cue list
 //   /arbo/scene/store ,s "Intro"   the sound as it is, as a new scene at the
 //                              end of the list (the name may be left out)
+//   /arbo/record ,N  1         recording: a non-zero number (or true)
+//                              starts it, zero (or false) stops it; without
+//                              an argument it toggles
 //
 // A mapped address without arguments is a press of its binding; with a
 // number or boolean first it is a controller at that position (0 to 1), so a

@@ -25,6 +25,7 @@ const char* const EVENT_ADDRESS = "/arbo/event";
 const char* const TAG_ADDRESS = "/arbo/tag";
 const char* const NOTE_ADDRESS = "/arbo/note";
 const char* const SCENE_PREFIX = "/arbo/scene/";
+const char* const RECORD_ADDRESS = "/arbo/record";
 
 // Network text for the log: cut short, and control characters written as
 // \xNN, so that a sender cannot put line breaks or terminal controls into
@@ -168,6 +169,8 @@ void OscReceiver::handle(const char* address, const char* types, lo_arg** argv, 
         tag(m);
     } else if (std::strcmp(address, NOTE_ADDRESS) == 0) {
         note(m);
+    } else if (std::strcmp(address, RECORD_ADDRESS) == 0) {
+        record(m);
     } else if (std::strncmp(address, SCENE_PREFIX, std::strlen(SCENE_PREFIX)) == 0) {
         scene(m, address + std::strlen(SCENE_PREFIX));
     } else {
@@ -261,6 +264,18 @@ void OscReceiver::note(const Message& m)
     // Held, whatever the map's latch says: that is what this address is for.
     const InputBinding note = noteAt(m, m.text(0));
     play(on != 0.0 ? note.press(false) : note.release(false));
+}
+
+void OscReceiver::record(const Message& m)
+{
+    double on = 0.0;
+    if (m.argc > 1 || (m.argc == 1 && !m.number(0, true, &on))) {
+        unfit(m, QStringLiteral("needs no argument, or a number or boolean"));
+        return;
+    }
+    // Without an argument a press of a record button: it toggles.
+    const ArboEvent event(ArboEvent::Record, m.argc == 0 ? -1.0f : on != 0.0 ? 1.0f : 0.0f);
+    play(&event);
 }
 
 void OscReceiver::mapped(const Message& m, const InputMap::Bindings& bindings)

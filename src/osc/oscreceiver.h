@@ -60,6 +60,7 @@ private:
     // /arbo/scene/recall ,N i; /arbo/scene/next; /arbo/scene/previous;
     // /arbo/scene/store ,s name: `verb` is what follows "/arbo/scene/".
     void scene(const Message& m, const char* verb);
+    void record(const Message& m);
     void mapped(const Message& m, const InputMap::Bindings& bindings);
 
     void play(const ArboEvent* event);

@@ -5,6 +5,7 @@
 #include "sound/playercontrols.h"
 #include "sound/playerresultqueue.h"
 #include "sound/scenerecaller.h"
+#include "sound/recordtap.h"
 #include "sound/voicepool.h"
 
 #include <algorithm>
@@ -64,6 +65,9 @@ int CommandDispatcher::processRing(Source source, int budget)
             break;
         }
         ring.pop();
+        if (mLog) {
+            mLog->logCommand(chunk);
+        }
         carryOut(chunk, source);
         ++done;
     }
@@ -81,6 +85,7 @@ int CommandDispatcher::resultsOf(int type)
     case ArboEvent::PatchStep:
     case ArboEvent::SceneRecall: // the recall waits for room itself
     case ArboEvent::SceneStep:
+    case ArboEvent::Record:
         return 0;
     default:
         return 1;
@@ -215,6 +220,9 @@ void CommandDispatcher::carryOutSetting(int type, float value)
     case ArboEvent::BaseFrequency:
         mControls.setBaseFrequency(value);
         break;
+    case ArboEvent::Record:
+        requestRecording(value);
+        break;
     case ArboEvent::PrimeToggle:
         // Truncated; an index outside the flags is no prime and is ignored.
         if (value >= 0.0f && value < float(PlayerControls::PRIME_FLAG_COUNT)) {
@@ -234,6 +242,40 @@ void CommandDispatcher::carryOutSetting(int type, float value)
     default:
         break; // codes outside the vocabulary are ignored
     }
+}
+
+void CommandDispatcher::requestRecording(float value)
+{
+    // Left for the GUI thread, which starts and stops recordings. Requests
+    // not yet taken add up: a start or a stop replaces what was there, and a
+    // toggle turns a pending start into a stop (and back), and two toggles
+    // into none.
+    if (value >= 0.5f) {
+        mRecordRequest.store(RecordStart, std::memory_order_relaxed);
+        return;
+    }
+    if (value >= 0.0f) {
+        mRecordRequest.store(RecordStop, std::memory_order_relaxed);
+        return;
+    }
+    int pending = mRecordRequest.load(std::memory_order_relaxed);
+    int next = NoRecordRequest;
+    do {
+        switch (pending) {
+        case RecordStart:
+            next = RecordStop;
+            break;
+        case RecordStop:
+            next = RecordStart;
+            break;
+        case RecordToggle:
+            next = NoRecordRequest;
+            break;
+        default:
+            next = RecordToggle;
+            break;
+        }
+    } while (!mRecordRequest.compare_exchange_weak(pending, next, std::memory_order_relaxed));
 }
 
 quint32 CommandDispatcher::refusedValues() const

@@ -9,6 +9,7 @@
 class ArboEvent;
 class PlayerControls;
 class PlayerResultQueue;
+class RecordTap;
 class SceneRecaller;
 class VoicePool;
 
@@ -51,12 +52,32 @@ public:
     // The thread of `source` only: copies the event into its command buffer.
     // The caller keeps the event.
     void queue(Source source, const ArboEvent* event) { mRings[source].queueEvent(event); }
+    // The same, for a command already flattened (a logged one, replayed).
+    bool queue(Source source, const PdMessageBuffer::Chunk& chunk)
+    {
+        return mRings[source].writeChunk(&chunk);
+    }
 
     // Audio thread: carries out at most `budget` commands, in order within
     // each source (see the source for how they share), and leaves the rest.
     // Stops at a scene recall, which the commands behind it wait for (see
     // SceneRecaller). Returns how many it carried out.
     int process(int budget);
+    // Audio thread: every command carried out from now on is also logged
+    // into `tap` (null: none), at the position of the buffer it is in.
+    void setLog(RecordTap* tap) { mLog = tap; }
+
+    // What the Record commands not yet taken by the GUI thread add up to.
+    enum RecordRequest
+    {
+        NoRecordRequest,
+        RecordStart,
+        RecordStop,
+        RecordToggle,
+    };
+    // Any thread: takes that request.
+    int takeRecordRequest() { return mRecordRequest.exchange(NoRecordRequest); }
+
     // Any thread: the patch steps asked for (+1 each to the next patch, -1
     // each back) since they were last taken, and takes them.
     int patchSteps() const { return mPatchSteps.load(std::memory_order_relaxed); }
@@ -89,6 +110,7 @@ private:
     bool acceptValue(int type, float value, float current, Source source);
     void carryOutNote(const PdMessageBuffer::Chunk& chunk);
     void carryOutSetting(int type, float value);
+    void requestRecording(float value);
 
     PlayerControls& mControls;
     VoicePool& mVoices;
@@ -105,4 +127,6 @@ private:
     RefusedValues mRefusedValues[SOURCE_COUNT];
     // The patch steps not yet taken by the GUI thread.
     std::atomic<int> mPatchSteps{0};
+    std::atomic<int> mRecordRequest{NoRecordRequest};
+    RecordTap* mLog = nullptr; // audio thread
 };

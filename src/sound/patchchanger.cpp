@@ -45,10 +45,11 @@ void PatchChanger::initAudio(int outChannels, int sampleRate)
 // ---------------------------------------------------------------------------
 // GUI thread
 
-void PatchChanger::handOver(PdInstance* instance)
+void PatchChanger::handOver(PdInstance* instance, std::uint32_t serial)
 {
     auto* swap = new Swap;
     swap->incoming = instance;
+    swap->serial = serial;
     if (instance) {
         matchMacros(*swap, *instance);
         mMacroNames = instance->macroNames();
@@ -188,6 +189,7 @@ bool PatchChanger::takeUp()
     mActiveSwap = swap;
     mPreparing = true;
     mPrepareCursor = 0;
+    mTakenUp = swap->serial;
     // Macros carry over where the new patch has the same name; the others
     // take its defaults.
     for (int i = 0; i < MACRO_COUNT; ++i) {
@@ -247,6 +249,7 @@ void PatchChanger::beginCrossfade()
     }
     mMixer.crossfadeTo(next);
     mActiveSwap->retired = mMixer.old();
+    mPlayingSerial = mActiveSwap->serial;
     // Those in their release finish in the old patch.
     mVoices.leaveToOldPatch(!next);
     if (next) {

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <memory>
 
 class PlayerResultQueue;
@@ -53,7 +54,8 @@ public:
     // note ends. Macros carry over where the new patch has a macro of the
     // same name; the others take its defaults. A change that the audio
     // thread has not taken up yet is replaced: only the latest one counts.
-    void handOver(PdInstance* instance);
+    // `serial` names the change for a recording (see takeTakenUp()).
+    void handOver(PdInstance* instance, std::uint32_t serial = 0);
     // GUI thread, while no audio thread runs, after handOver(): carries the
     // change out at once, without a crossfade.
     void completeNow();
@@ -68,11 +70,23 @@ public:
     // Audio thread: the crossfade is over; the old instance goes back.
     void finishSwap();
     // Audio thread: the last value of macro `index` (0-based), for the next
-    // patch.
+    // patch; negative when it was never set.
     void rememberMacro(int index, float value) { mMacroValues[index] = value; }
     // Audio thread: the value macro `index` (0..7) was last set to; negative
     // when it was never set, and the patch plays its default.
     float macroValue(int index) const { return mMacroValues[index]; }
+    // Audio thread: whether a change is being prepared or crossfaded now.
+    bool isChanging() const { return mPreparing || mMixer.old() != nullptr; }
+    // Audio thread: the serial of the change that takeSwap() took up since
+    // the last call (0: none), and clears it; and the serial of the change
+    // whose patch plays now.
+    std::uint32_t takeTakenUp()
+    {
+        const std::uint32_t serial = mTakenUp;
+        mTakenUp = 0;
+        return serial;
+    }
+    std::uint32_t playingSerial() const { return mPlayingSerial; }
 
 private:
     // A patch change, from the GUI thread to the audio thread and back: the
@@ -82,6 +96,7 @@ private:
     {
         PdInstance* incoming = nullptr;
         PdInstance* retired = nullptr;
+        std::uint32_t serial = 0;
         // For each macro of the new patch: the macro of the old one whose
         // value it takes, or -1 for its default (macroDefault, -1: none).
         int macroSource[MACRO_COUNT] = {-1, -1, -1, -1, -1, -1, -1, -1};
@@ -124,4 +139,6 @@ private:
     float mNextMacroValues[MACRO_COUNT] = {};
     // The last value of each macro (negative: not known), for the next patch.
     float mMacroValues[MACRO_COUNT] = {-1, -1, -1, -1, -1, -1, -1, -1};
+    std::uint32_t mTakenUp = 0;
+    std::uint32_t mPlayingSerial = 0;
 };

@@ -12,6 +12,9 @@
 
 namespace {
 
+// GUI thread: the source of the runtime voice copy.
+QString sCurrentVoice;
+
 // The creation time where the file system records one; otherwise the time
 // the file's metadata last changed, which a fresh copy also renews.
 QDateTime creationTime(const QFileInfo& info)
@@ -95,10 +98,16 @@ bool PatchLoader::loadVoice(PdPlayer* player, const QString& voicePatch)
         qCritical() << "Failed to copy" << voicePatch << "to the runtime patch location";
         return false;
     }
+    sCurrentVoice = QFileInfo(voicePatch).absoluteFilePath();
     const QString main = mainPatchFile();
     if (!player->loadPatch(QFileInfo(main))) {
         qCritical() << "Failed to load" << main << "after copying in voice";
         return false;
     }
     return true;
+}
+
+QString PatchLoader::currentVoice()
+{
+    return sCurrentVoice;
 }

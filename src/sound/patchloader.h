@@ -37,4 +37,7 @@ public:
     // reason logged, when the copy or the opening fails; the patch that
     // played before then plays on.
     static bool loadVoice(PdPlayer* player, const QString& voicePatch);
+    // The voice patch that the runtime copy was last made from (empty before
+    // any), so that a recording can name what it plays.
+    static QString currentVoice();
 };

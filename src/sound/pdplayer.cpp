@@ -5,12 +5,15 @@
 #include "sound/denormals.h"
 #include "sound/pdinstance.h"
 #include "sound/realtimezone.h"
+#include "sound/recordtap.h"
 
 #include <z_libpd.h>
 #include <z_print_util.h>
 
 #include <QDebug>
+#include <QElapsedTimer>
 #include <QFileInfo>
+#include <QThread>
 
 #include <algorithm>
 #include <clocale>
@@ -64,6 +67,8 @@ bool PdPlayer::init()
 int PdPlayer::initAudio(int outChannels, int sampleRate)
 {
     qWarning() << "Initialising libpd with sampleRate" << sampleRate;
+    mSampleRate = sampleRate;
+    mLevelInterval = std::max(64, sampleRate / LEVEL_REPORTS_PER_SECOND);
     mMixer.setSampleRate(sampleRate);
     mChanger.initAudio(outChannels, sampleRate);
     return libpd_init_audio(0, outChannels, sampleRate);
@@ -157,12 +162,25 @@ void PdPlayer::render(float* output, int frames) noexcept
                              std::chrono::steady_clock::now().time_since_epoch())
                              .count());
 
+    // A recording begins or ends at the start of a buffer, before anything
+    // changes; the commands this buffer carries out are logged at its first
+    // sample.
+    RecordTap* const recording = beginRecordedBuffer(frames);
+
     // A patch change starts before the commands, so that this buffer's
     // commands reach the new patch too; while its notes are being started,
     // the commands wait. Commands are carried out whether or not a patch is
     // open.
-    if (!mChanger.takeSwap(noteStartBudget(frames))) {
+    const bool preparing = mChanger.takeSwap(noteStartBudget(frames));
+    const std::uint32_t takenUp = mChanger.takeTakenUp();
+    if (recording && takenUp != 0) {
+        recording->logPatchChange(takenUp);
+    }
+    if (!preparing) {
+        // Only for this buffer: a tap may be gone by the next one.
+        mCommands.setLog(recording);
         processEvents(commandBudget(frames));
+        mCommands.setLog(nullptr);
     }
 
     const int samples = std::max(frames, 0) * CHANNELS;
@@ -191,6 +209,114 @@ void PdPlayer::render(float* output, int frames) noexcept
     if (mMuted.load(std::memory_order_relaxed)) {
         std::fill(output, output + samples, 0.0f);
     }
+    // What goes to the device is what the meter shows and the recording keeps.
+    measureLevel(output, frames);
+    if (recording) {
+        recording->endBuffer(output, frames);
+    }
+    mBuffersEnded.fetch_add(1, std::memory_order_seq_cst);
+}
+
+RecordTap* PdPlayer::beginRecordedBuffer(int frames) noexcept
+{
+    RecordTap* tap = mRecordTap.load(std::memory_order_acquire);
+    if (!tap) {
+        return nullptr;
+    }
+    // Not while a patch change is under way: its half-prepared state could
+    // not be sounded again from the log.
+    switch (tap->beginBuffer(!mChanger.isChanging())) {
+    case RecordTap::Begin:
+        captureState(tap->startState());
+        tap->start(frames);
+        return tap->phase() == RecordTap::Recording ? tap : nullptr;
+    case RecordTap::Record:
+        return tap;
+    case RecordTap::Skip:
+        break;
+    }
+    return nullptr;
+}
+
+void PdPlayer::measureLevel(const float* output, int frames) noexcept
+{
+    const int samples = std::max(frames, 0) * CHANNELS;
+    float peak = mLevelPeak;
+    double squares = 0.0;
+    for (int i = 0; i < samples; ++i) {
+        const float magnitude = std::fabs(output[i]);
+        peak = std::max(peak, magnitude);
+        squares += double(output[i]) * double(output[i]);
+    }
+    mLevelPeak = peak;
+    mLevelSquares += squares;
+    mLevelFrames += std::max(frames, 0);
+    mLevelClipped = mLevelClipped || peak >= 1.0f;
+    if (mLevelFrames >= mLevelInterval) {
+        const float rms = float(std::sqrt(mLevelSquares / double(mLevelFrames * CHANNELS)));
+        mResults.reportLevel(mLevelPeak, rms, mLevelClipped);
+        mLevelPeak = 0.0f;
+        mLevelSquares = 0.0;
+        mLevelFrames = 0;
+        mLevelClipped = false;
+    }
+}
+
+bool PdPlayer::waitForBufferEnd(int timeoutMs) const
+{
+    const std::uint64_t seen = mBuffersEnded.load(std::memory_order_seq_cst);
+    QElapsedTimer waited;
+    waited.start();
+    while (isAudioThreadRunning() && mBuffersEnded.load(std::memory_order_seq_cst) == seen) {
+        if (waited.elapsed() > timeoutMs) {
+            return false;
+        }
+        QThread::usleep(500);
+    }
+    return true;
+}
+
+void PdPlayer::captureState(PlayerState& state) const
+{
+    for (int i = 0; i < VOICE_COUNT; ++i) {
+        state.voices[i] = mVoices.voices()[i];
+    }
+    state.sequence = mVoices.sequence();
+    state.monoVoice = mVoices.monoVoice();
+    state.transposition = mControls.transposition();
+    for (int prime = 0; prime < PRIME_FLAG_COUNT; ++prime) {
+        state.primeEnabled[prime] = mControls.primeEnabled(prime);
+    }
+    state.volume = mMixer.volume();
+    state.voiceVolume = mVoices.voiceVolume();
+    state.baseFrequency = mVoices.baseFrequency();
+    state.monophonic = mVoices.monophonic();
+    for (int i = 0; i < MACRO_COUNT; ++i) {
+        state.macros[i] = mChanger.macroValue(i);
+    }
+    state.builtInSound = mVoices.builtInSound();
+    state.patchSerial = mChanger.playingSerial();
+}
+
+void PdPlayer::restoreState(const PlayerState& state)
+{
+    mControls.setVolume(state.volume);
+    mControls.setVoiceVolume(state.voiceVolume);
+    mControls.setBaseFrequency(state.baseFrequency);
+    mControls.setMonophonic(state.monophonic); // before the voices: it forgets the mono voice
+    for (int prime = 0; prime < PRIME_FLAG_COUNT; ++prime) {
+        if (mControls.primeEnabled(prime) != state.primeEnabled[prime]) {
+            mControls.togglePrimeEnabled(prime);
+        }
+    }
+    mControls.setTransposition(state.transposition);
+    for (int i = 0; i < MACRO_COUNT; ++i) {
+        if (state.macros[i] >= 0.0f) {
+            mControls.setMacroValue(i + 1, state.macros[i]);
+        }
+    }
+    mVoices.setBuiltInSound(state.builtInSound);
+    mVoices.restore(state.voices, state.sequence, state.monoVoice);
 }
 
 // ---------------------------------------------------------------------------
@@ -210,6 +336,9 @@ void PdPlayer::deliverResults()
     }
     signalPatchSteps();
     mScenes.collectRetired();
+    if (const int request = mCommands.takeRecordRequest()) {
+        emit recordRequested(request);
+    }
 }
 
 void PdPlayer::emitResult(const PlayerResult& result)
@@ -255,6 +384,9 @@ void PdPlayer::emitResult(const PlayerResult& result)
         break;
     case PlayerResult::SceneStored:
         emit sceneStored(result.number, result.value, result.flag);
+        break;
+    case PlayerResult::Level:
+        emit levelMeasured(result.value, result.value2, result.flag);
         break;
     }
 }
@@ -389,7 +521,7 @@ bool PdPlayer::loadPatch(const QFileInfo& file)
     if (!instance->open(file.fileName().toLocal8Bit(), file.absolutePath().toLocal8Bit())) {
         return false; // the old patch plays on
     }
-    handOver(instance);
+    handOver(instance, file.absoluteFilePath());
     mPatchOpen.store(true, std::memory_order_release);
     emit macroNamesReceived(mChanger.macroNames());
     emit macroDefaultsReceived(instance->macroDefaults());
@@ -404,19 +536,24 @@ void PdPlayer::unloadPatch()
         return;
     }
     qWarning() << "Closing PD patch...";
-    handOver(nullptr); // no instance: the sound fades out and every note ends
+    handOver(nullptr, QString()); // no instance: the sound fades out and every note ends
     mPatchOpen.store(false, std::memory_order_release);
     emit macroNamesReceived(mChanger.macroNames());
 }
 
-void PdPlayer::handOver(PdInstance* instance)
+void PdPlayer::handOver(PdInstance* instance, const QString& file)
 {
-    mChanger.handOver(instance);
+    // Named before the audio thread can take it up, so that a recording
+    // always knows which patch a change it logs brought.
+    const quint32 serial = ++mHandOverSerial;
+    emit patchHandingOver(serial, file);
+    mChanger.handOver(instance, serial);
     if (!mAudioThreadRunning.load(std::memory_order_acquire)) {
         // No audio thread runs: this thread stands in for it, at once and
         // without a crossfade, after the commands queued before the change.
         processEvents(VOICE_COUNT * VOICE_COUNT);
         mChanger.completeNow();
+        mChanger.takeTakenUp(); // no buffer of a recording took it up
         deliverResults();
     }
 }

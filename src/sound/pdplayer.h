@@ -7,6 +7,7 @@
 #include "sound/playercontrols.h"
 #include "sound/playerresult.h"
 #include "sound/playerresultqueue.h"
+#include "sound/playerstate.h"
 #include "sound/scenerecaller.h"
 #include "sound/spscqueue.h"
 #include "sound/staticarray.h"
@@ -26,6 +27,7 @@ class ArboEvent;
 class MidiNoteRing;
 class PdInstance;
 class QFileInfo;
+class RecordTap;
 struct _atom;
 
 // The sound engine: the open patch in a Pure Data instance (libpd; another
@@ -110,6 +112,13 @@ public:
     // patch makes its instance the calling thread's current one (libpd keeps
     // it per thread), as every call of a PdInstance does.
     void processEvents(int budget = commandBudget(256));
+    // GUI thread only, through the GUI command buffer: a command as a
+    // performance log recorded it, byte for byte, for the offline render.
+    // False when the buffer is full.
+    bool replayCommand(const PdMessageBuffer::Chunk& command)
+    {
+        return mCommands.queue(CommandDispatcher::FromWindow, command);
+    }
 
     // The one place where sound is made, shared by the stream callback, the
     // tests and the benchmarks. Carries out the queued commands (within the
@@ -138,6 +147,30 @@ public:
     }
     // Any thread. Muted, every buffer is silence; the patch runs on.
     void setMuted(bool muted) { mMuted.store(muted, std::memory_order_relaxed); }
+    // Any thread: whether an audio thread calls render() now.
+    bool isAudioThreadRunning() const
+    {
+        return mAudioThreadRunning.load(std::memory_order_acquire);
+    }
+    // The sample rate of the last initAudio() (44100 before any). GUI thread.
+    int sampleRate() const { return mSampleRate; }
+
+    // GUI thread: the recording that render() feeds from its next buffer on
+    // (see RecordTap); null: none. The tap replaced may still be in use by a
+    // buffer under way: it may be freed once waitForBufferEnd() said so.
+    void setRecordTap(RecordTap* tap) { mRecordTap.store(tap, std::memory_order_seq_cst); }
+    // GUI thread: waits until a buffer that was under way when it was called
+    // has ended (true at once while no audio thread runs). False when none
+    // ended within `timeoutMs`: the audio thread is stuck.
+    bool waitForBufferEnd(int timeoutMs) const;
+    // Audio thread (or while none runs): the state the commands have set,
+    // for a recording that begins here.
+    void captureState(PlayerState& state) const;
+    // Only while no audio thread runs, with the patch open: puts a recorded
+    // state back (the controls, the macros, the notes that sounded, each on
+    // its voice), as the offline render does before its first buffer.
+    void restoreState(const PlayerState& state);
+
     // Buffers silenced because a sample was not finite, since the last call
     // to reportRefusedCommands(). Any thread.
     quint32 silencedBuffers() const { return mSilencedBuffers.load(); }
@@ -257,6 +290,19 @@ signals:
     // A store was asked for from `source` (CommandDispatcher::Source) with
     // `ticket`; `taken`: a snapshot waits in takeSceneSnapshot().
     void sceneStored(int source, float ticket, bool taken);
+    // The output's level since the last report, a few dozen times a second
+    // while the audio thread runs: the highest magnitude, the RMS, and
+    // whether a sample reached full scale (1.0).
+    void levelMeasured(float peak, float rms, bool clipped);
+    // Record commands came in (from keys, MIDI, OSC or wands): what they add
+    // up to, a CommandDispatcher::RecordRequest.
+    void recordRequested(int request);
+    // Emitted on the GUI thread right before a patch change is handed to the
+    // audio thread, so that a recording can name the patch when the audio
+    // thread takes the change up (`serial`, counting from 1, see
+    // PlayerState::patchSerial): `file` is the patch opened, empty when the
+    // patch closes. Connect directly.
+    void patchHandingOver(quint32 serial, QString file);
 
 public slots:
     // GUI thread only: copies the event into the GUI command buffer. The
@@ -272,9 +318,14 @@ public slots:
     void queueEventOsc(const ArboEvent* event);
 
 private:
-    // GUI thread: hands `instance` (null: no patch) over to the audio
-    // thread, or, without one, carries the change out at once.
-    void handOver(PdInstance* instance);
+    // GUI thread: hands `instance` (null: no patch), opened from `file`,
+    // over to the audio thread, or, without one, carries the change out at
+    // once.
+    void handOver(PdInstance* instance, const QString& file);
+    // Audio thread: the recording this buffer of `frames` feeds, or null.
+    RecordTap* beginRecordedBuffer(int frames) noexcept;
+    // Audio thread: adds the buffer to the level for the meter.
+    void measureLevel(const float* output, int frames) noexcept;
     // GUI thread: the signal for one result, and the one for a run of patch
     // steps (see takePatchSteps()).
     void emitResult(const PlayerResult& result);
@@ -311,6 +362,7 @@ private:
 
     // Results, from the audio thread to the GUI thread.
     static constexpr int DELIVERY_INTERVAL_MS = 5;
+    static constexpr int LEVEL_REPORTS_PER_SECOND = 30;
     std::chrono::steady_clock::time_point mDeliveredBufferStart; // GUI thread
     // What Pd prints on the audio thread, for the GUI thread to log.
     struct PrintLine
@@ -322,6 +374,16 @@ private:
     std::atomic<bool> mMuted{false};
     std::atomic<bool> mAudioThreadRunning{false};
     std::atomic<quint32> mSilencedBuffers{0};
+    std::atomic<RecordTap*> mRecordTap{nullptr};
+    std::atomic<std::uint64_t> mBuffersEnded{0};
+    quint32 mHandOverSerial = 0; // GUI thread
+    int mSampleRate = 44100;     // GUI thread
+    // The level since the last report (audio thread).
+    float mLevelPeak = 0.0f;
+    double mLevelSquares = 0.0;
+    int mLevelFrames = 0;
+    bool mLevelClipped = false;
+    int mLevelInterval = 44100 / 30; // frames between reports
 
     QTimer mReportTimer;
 };

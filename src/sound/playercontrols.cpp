@@ -90,6 +90,12 @@ void PlayerControls::transpose(signed char step)
     mResults.report(PlayerResult::Transposed, int(step), 0.0f, false, &mTransposition);
 }
 
+void PlayerControls::setTransposition(const ArboRatio& transposition)
+{
+    mTransposition = transposition;
+    mResults.report(PlayerResult::Transposed, 0, 0.0f, false, &mTransposition);
+}
+
 void PlayerControls::transposeBy(float value)
 {
     // Rounded to the nearest step, halves upward. Anything that is not a

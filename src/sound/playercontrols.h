@@ -54,6 +54,9 @@ public:
     // refused unless that is 0 or a prime step of the table.
     void transposeBy(float value);
     const ArboRatio& transposition() const { return mTransposition; }
+    // The whole transposition at once, as a recording found it; reported
+    // with step 0.
+    void setTransposition(const ArboRatio& transposition);
 
     // The sounding ratio of `path` (transposition included); false when the
     // path has no pitch, its prime is switched off or the ratio would leave

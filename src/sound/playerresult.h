@@ -25,12 +25,15 @@ struct PlayerResult
         SceneRecalled, // the scene's index in `number`, its id in `extra`
         SceneStored,   // the source in `number`, the ticket in `value`; `flag`
                        // set when a snapshot is waiting (SceneRecaller)
+        Level,         // the output since the last one: peak in `value`, RMS in
+                       // `value2`; `flag` set when a sample reached full scale
     };
 
     Kind kind = NoteOn;
     std::int32_t number = 0;
     std::int32_t extra = 0;
     float value = 0.0f;
+    float value2 = 0.0f;
     std::uint64_t numerator = 1;
     std::uint64_t denominator = 1;
     bool flag = false;

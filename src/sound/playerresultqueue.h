@@ -55,6 +55,23 @@ public:
         }
     }
 
+    // Audio thread: the output level for the meter. It never takes room a
+    // command may need: with the queue half full it is left out (the next
+    // one comes a few milliseconds later).
+    void reportLevel(float peak, float rms, bool clipped)
+    {
+        if (mResults.freeSlots() <= CAPACITY / 2) {
+            return;
+        }
+        PlayerResult result;
+        result.kind = PlayerResult::Level;
+        result.value = peak;
+        result.value2 = rms;
+        result.flag = clipped;
+        result.bufferStartNs = mBufferStartNs;
+        mResults.push(result);
+    }
+
     // GUI thread: the oldest result into `result`; false when there is none.
     bool take(PlayerResult& result) { return mResults.pop(result); }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -16,8 +17,12 @@
 // empty: a busy pair of threads then does not pull the other side's cache
 // line over for every record.
 //
-// Threads: exactly one thread calls push() and freeSlots(), exactly one other
-// calls pop() and empty(). Neither blocks, allocates or locks.
+// Records also go in and out in runs (pushAll(), popUpTo()): the recorder's
+// samples travel a buffer at a time, copied in at most two pieces.
+//
+// Threads: exactly one thread calls push(), pushAll() and freeSlots(), exactly
+// one other calls pop(), popUpTo(), readable() and empty(). Neither blocks,
+// allocates or locks.
 template <typename T, std::size_t Capacity>
 class SpscQueue
 {
@@ -43,6 +48,25 @@ public:
         return true;
     }
 
+    // Producer. Copies all `count` records in, in order, or none of them
+    // (false) when they do not all fit.
+    bool pushAll(const T* records, std::size_t count) noexcept
+    {
+        const std::size_t write = mWrite.load(std::memory_order_relaxed);
+        if (Capacity - (write - mReadSeen) < count) {
+            mReadSeen = mRead.load(std::memory_order_acquire);
+            if (Capacity - (write - mReadSeen) < count) {
+                return false;
+            }
+        }
+        const std::size_t at = write & (Capacity - 1);
+        const std::size_t first = std::min(count, Capacity - at);
+        std::copy_n(records, first, mRecords.data() + at);
+        std::copy_n(records + first, count - first, mRecords.data());
+        mWrite.store(write + count, std::memory_order_release);
+        return true;
+    }
+
     // Producer. How many records fit now; only grows until the next push().
     std::size_t freeSlots() const noexcept
     {
@@ -63,6 +87,27 @@ public:
         record = mRecords[read & (Capacity - 1)];
         mRead.store(read + 1, std::memory_order_release);
         return true;
+    }
+
+    // Consumer. Takes up to `max` of the oldest records into `out`, in order;
+    // returns how many.
+    std::size_t popUpTo(T* out, std::size_t max) noexcept
+    {
+        const std::size_t read = mRead.load(std::memory_order_relaxed);
+        mWriteSeen = mWrite.load(std::memory_order_acquire);
+        const std::size_t count = std::min(max, mWriteSeen - read);
+        const std::size_t at = read & (Capacity - 1);
+        const std::size_t first = std::min(count, Capacity - at);
+        std::copy_n(mRecords.data() + at, first, out);
+        std::copy_n(mRecords.data(), count - first, out + first);
+        mRead.store(read + count, std::memory_order_release);
+        return count;
+    }
+
+    // Consumer: how many records wait now; only grows until the next pop.
+    std::size_t readable() const noexcept
+    {
+        return mWrite.load(std::memory_order_acquire) - mRead.load(std::memory_order_relaxed);
     }
 
     // Consumer.

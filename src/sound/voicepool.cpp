@@ -251,3 +251,30 @@ void VoicePool::freeOldPatchVoices()
     }
     updateSoundingCount();
 }
+
+void VoicePool::restore(const NoteOn (&voices)[VOICE_COUNT], std::int32_t sequence,
+                        int monoVoice)
+{
+    for (int i = 0; i < VOICE_COUNT; ++i) {
+        NoteOn& record = mVoices[i];
+        record = NoteOn();
+        record.voice = i;
+        const NoteOn& recorded = voices[i];
+        if (recorded.seqId == 0 || recorded.released) {
+            continue; // a release cannot be picked up half-way: it ends here
+        }
+        record = recorded;
+        record.voice = i;
+        record.inMap = true;
+        record.oldOnly = false;
+        if (record.started) {
+            mPatches.sendVoiceMessage(PatchMixer::Frequency, record.frequency, i);
+            mPatches.sendVoiceMessage(PatchMixer::Volume, record.volume, i);
+            mPatches.sendVoiceMessage(PatchMixer::Gate, 1.0f, i);
+        }
+    }
+    mSequence = sequence;
+    const bool monoSounds = monoVoice >= 0 && monoVoice < VOICE_COUNT && mVoices[monoVoice].inMap;
+    mMonoVoice = monoSounds ? monoVoice : -1;
+    updateSoundingCount();
+}

@@ -91,6 +91,13 @@ public:
     void forgetMonoVoice() { mMonoVoice = -1; }
 
     const StaticArray<NoteOn, VOICE_COUNT>& voices() const { return mVoices; }
+    std::int32_t sequence() const { return mSequence; }
+    int monoVoice() const { return mMonoVoice; }
+    // The voices as a recording found them (see PlayerState): each note
+    // that sounded sounds again on its voice, told to the patch as at its
+    // note-on; the voices in their release are left free. Only while no
+    // audio thread runs: the offline render, before its first buffer.
+    void restore(const NoteOn (&voices)[VOICE_COUNT], std::int32_t sequence, int monoVoice);
     // Any thread: notes in the table (sounding or releasing), published after
     // every change.
     int soundingNoteCount() const { return mSoundingNotes.load(std::memory_order_relaxed); }

@@ -5,6 +5,8 @@ class AudioOutput;
 class MidiOutput;
 class MidiSettings;
 class PdPlayer;
+class Recorder;
+class RecordingSettings;
 class SceneBook;
 class Settings;
 
@@ -14,7 +16,8 @@ class Settings;
 //
 // The lattice, the player and the options are always there. The others are
 // null where a window is made without them (a test of the lattice drawing):
-// the options dialog then offers no device choice or no MIDI tab.
+// the options dialog then offers no device choice or no MIDI tab, and the
+// window no recording controls.
 struct InstrumentParts
 {
     Arbo* lattice = nullptr;
@@ -25,4 +28,6 @@ struct InstrumentParts
     MidiSettings* midiSettings = nullptr;
     // The cue lists; without them the window has no scenes panel.
     SceneBook* scenes = nullptr;
+    Recorder* recorder = nullptr;
+    RecordingSettings* recordingSettings = nullptr;
 };

@@ -15,6 +15,7 @@
 #include "ui/scenecontroller.h"
 #include "ui/scenepanel.h"
 #include "ui/importedscale.h"
+#include "ui/recordpanel.h"
 #include "ui/stylesheetloader.h"
 #include "ui/tuningmenu.h"
 #include "ui/tweakdialog.h"
@@ -99,6 +100,10 @@ MainWindow::MainWindow(const InstrumentParts& parts, QWidget* parent)
     mMacros = new MacroSliders(this, mPlayer);
     mTuning = new TuningMenu(mUi->tuningButton, mUi->scaleLabel, mParts, this);
     addScenes();
+    // Recording, at the end of the lower row, where the program records.
+    if (mParts.recorder) {
+        mUi->lowerLayout->addWidget(new RecordPanel(mParts, this));
+    }
 
     connect(mViewSwitcher, &QLabel::linkActivated, this, &MainWindow::onSwitcherClicked);
     connect(mAbsRelSwitcher, &QLabel::linkActivated, this, &MainWindow::onAbsRelSwitcherClicked);

@@ -3,6 +3,7 @@
 #include "model/arboevent.h"
 #include "settings/paths.h"
 #include "ui/midioptionswidget.h"
+#include "ui/recordingoptionswidget.h"
 #include "settings/settings.h"
 #include "sound/audiooutput.h"
 #include "sound/pdplayer.h"
@@ -91,6 +92,11 @@ OptionsDialog::OptionsDialog(const InstrumentParts& parts, QWidget* parent)
         mUi->tabWidget->insertTab(mUi->tabWidget->count() - 1,
                                   new MidiOptionsWidget(mParts.midiSettings, mParts.midiOutput),
                                   QStringLiteral("MIDI"));
+    }
+    if (mParts.recordingSettings) {
+        mUi->tabWidget->insertTab(mUi->tabWidget->count() - 1,
+                                  new RecordingOptionsWidget(mParts.recordingSettings),
+                                  QStringLiteral("Recording"));
     }
 
     connect(mUi->audioDeviceBox, QOverload<int>::of(&QComboBox::activated), this,

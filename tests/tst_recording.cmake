@@ -1,0 +1,2 @@
+# Renders logs with arbo-render.
+add_dependencies(tst_recording arbo-render)
