@@ -14,6 +14,7 @@
 #include "recording/recordingsettings.h"
 #include "settings/settings.h"
 #include "sound/pdplayer.h"
+#include "sound/scenetable.h"
 #include "testsupport.h"
 #include "ui/levelmeter.h"
 #include "ui/mainwindow.h"
@@ -149,6 +150,84 @@ private slots:
         QVERIFY(AudioAnalysis::rmsDb(other.channel(0).mid(other.frames() / 2)) > -40.0);
         const ArboEvent stop(ArboEvent::AllNotesOff, 1.0f);
         mPlayer.queueEventGui(&stop);
+    }
+
+    // A scene recall is logged as what it did, so the offline render,
+    // which has no scenes, plays the same.
+    void sceneRecallsRenderAgain()
+    {
+        auto table = std::make_unique<SceneTable>();
+        SceneTable::Scene scene;
+        scene.id = 1;
+        scene.volume = mPlayer.volume();
+        scene.transposition = ArboRatio(3, 2);
+        scene.macros[1] = 0.3f;
+        std::vector<SceneTable::Note> notes(3);
+        notes[0].ratio = ArboRatio(3, 2);
+        notes[1].ratio = ArboRatio(15, 8);
+        notes[2].ratio = ArboRatio(9, 4);
+        notes[2].path = ArboPath(QStringLiteral("/3"));
+        notes[2].held = true;
+        table->append(scene, notes);
+        scene.id = 2;
+        scene.transposition = ArboRatio(1, 1);
+        scene.volume = mPlayer.volume();
+        scene.monophonic = true;
+        notes.erase(notes.begin(), notes.begin() + 2);
+        notes[0].held = false;
+        table->append(scene, notes);
+        mPlayer.publishScenes(std::move(table));
+        // The tails of the last test's notes are no state a log can hold.
+        QTRY_VERIFY((OfflinePlayer::render(mPlayer, 0.1), mPlayer.soundingNoteCount() == 0));
+        const float volume = mPlayer.volume();
+        QVERIFY(mRecorder->start());
+        std::vector<float> played = OfflinePlayer::render(mPlayer, 0.1);
+        for (float number : {1.0f, 2.0f}) {
+            const ArboEvent recall(ArboEvent::SceneRecall, number);
+            mPlayer.queueEventGui(&recall);
+            const std::vector<float> more = OfflinePlayer::render(mPlayer, 0.5);
+            played.insert(played.end(), more.begin(), more.end());
+        }
+        mRecorder->stop();
+        QCOMPARE(OfflinePlayer::voiceOf(mPlayer, ArboRatio(9, 4)) >= 0, true);
+        PerformanceLog::Log log;
+        QString error;
+        QVERIFY2(PerformanceLog::read(mRecorder->logPath(), log, &error), qPrintable(error));
+        int toggles = 0;
+        for (const PerformanceLog::Entry& entry : log.entries) {
+            QVERIFY(entry.command.type < ArboEvent::SceneRecall ||
+                    entry.command.type > ArboEvent::SceneStore);
+            toggles += entry.command.type == ArboEvent::RatioToggle ? 1 : 0;
+        }
+        QCOMPARE(toggles, 4); // two struck, two ended; the held one as its key's start
+        // Offline: the same bytes twice, and each scene's exact chord. (Not
+        // the live samples: the voices kept the phases of the last test's
+        // notes, which no log holds.)
+        const QString again = mFolder.filePath("scenes.wav");
+        const QString twice = mFolder.filePath("scenes2.wav");
+        QCOMPARE(render({mRecorder->logPath(), again}, &error), 0);
+        QCOMPARE(render({mRecorder->logPath(), twice}, &error), 0);
+        QCOMPARE(TestSupport::readFile(again), TestSupport::readFile(twice));
+        const QVector<float> left = AudioAnalysis::readSoundFile(again).channel(0);
+        const qint64 first = log.entries.front().at;
+        const qint64 second = log.entries.back().at;
+        const auto off = [&left](double nominal, qint64 from, qint64 to) {
+            const AudioAnalysis::ToneEstimate tone = AudioAnalysis::measureTone(
+                left.constData(), long(from), long(to), nominal, SAMPLE_RATE);
+            return tone.minAmplitude > 0.01 ? std::fabs(AudioAnalysis::cents(tone.frequency, nominal))
+                                            : 1e9;
+        };
+        for (double hz : {660.0, 825.0, 990.0}) {
+            QVERIFY2(off(hz, first + SAMPLE_RATE / 10, second) < 0.01, qPrintable(QString::number(hz)));
+        }
+        QVERIFY(off(990.0, second + SAMPLE_RATE / 4, left.size()) < 0.01);
+        QCOMPARE(off(660.0, second + SAMPLE_RATE / 4, left.size()), 1e9);
+        for (const ArboEvent& back :
+             {ArboEvent(ArboEvent::AllNotesOff, 1.0f), ArboEvent(ArboEvent::Monophonic, 0.0f),
+              ArboEvent(ArboEvent::MasterVolume, volume)}) {
+            mPlayer.queueEventGui(&back);
+        }
+        OfflinePlayer::render(mPlayer, 0.2);
     }
 
     void fullDiskEndsTheRecordingWithAValidFile_data()

@@ -22,7 +22,7 @@ const char* ArboEvent::bareRefusal(int type)
     if (needsPath(type)) {
         return "needs a path (a \"value\" such as \"/3/-5\")";
     }
-    if (type == OpenPatch || type == ClosePatch) {
+    if (type == OpenPatch || type == ClosePatch || type == RatioToggle) {
         return "is the program's own";
     }
     return nullptr;

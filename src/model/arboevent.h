@@ -56,10 +56,15 @@ public:
         // thread, where the recorder acts on it; so a key, a MIDI controller,
         // OSC or a wand tag of the map can start and stop a recording.
         Record = 26,
+        // The engine's own, never from outside: the note of an exact ratio
+        // on or off, as a scene recall strikes and ends notes, written into
+        // a recording's log so that the offline render does the same (the
+        // ratio travels packed in the command, see SceneRecaller).
+        RatioToggle = 27,
     };
     // Highest type the player carries out; anything outside 0 to this is
     // ignored by the consumer.
-    static constexpr int LAST_TYPE = Record;
+    static constexpr int LAST_TYPE = RatioToggle;
 
     // Whether a command of `type` needs a lattice path (an ArboNoteEvent).
     // Without one it would sound the root, which nobody asked for.

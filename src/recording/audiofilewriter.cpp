@@ -93,6 +93,9 @@ bool AudioFileWriter::open(const QString& path, Format format, int sampleRate, i
     // Integer samples: clip what goes past full scale rather than wrap it
     // round into a crack.
     sf_command(mFile, SFC_SET_CLIPPING, nullptr, SF_TRUE);
+    // Float WAV files get a PEAK chunk with the time of writing: the same
+    // log rendered twice must give the same bytes.
+    sf_command(mFile, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
     if ((info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_WAV) {
         // A header that always matches the data: a valid file at any moment.
         sf_command(mFile, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);

@@ -181,6 +181,7 @@ bool render(const PerformanceLog::Log& log, const QString& outPath, const Option
     // From here on this thread is the audio thread: a patch change of the
     // log is handed over and taken up by the next buffer, as it was live.
     player.setAudioThreadRunning(true);
+    player.setReplaying(true);
 
     AudioFileWriter out;
     if (!out.open(outPath, options.format, rate, PdPlayer::CHANNELS)) {

@@ -1,6 +1,7 @@
 #include "recording/performancelog.h"
 
 #include "model/arboevent.h"
+#include "sound/scenerecaller.h"
 
 #include <QFile>
 #include <QJsonArray>
@@ -369,7 +370,20 @@ bool Reader::event(const QJsonObject& object, Log& log)
                         .arg(entry.at)
                         .arg(log.entries.back().at));
     }
-    if (object.contains("event")) {
+    if (object.contains("event") && object.value("event").toInt() == ArboEvent::RatioToggle) {
+        entry.kind = Entry::Command;
+        entry.command.type = ArboEvent::RatioToggle;
+        const QStringList parts = object.value("ratio").toString().split(QLatin1Char('/'));
+        bool okNumerator = false;
+        bool okDenominator = false;
+        const qulonglong numerator = parts.value(0).toULongLong(&okNumerator);
+        const qulonglong denominator = parts.value(1).toULongLong(&okDenominator);
+        if (parts.size() != 2 || !okNumerator || !okDenominator || numerator == 0 ||
+            denominator == 0 ||
+            !SceneRecaller::ratioCommand(ArboRatio(numerator, denominator), &entry.command)) {
+            return fail(QStringLiteral("\"ratio\" is no ratio of the lattice's primes"));
+        }
+    } else if (object.contains("event")) {
         entry.kind = Entry::Command;
         if (!integer(object, "event", std::numeric_limits<std::int32_t>::min(),
                      std::numeric_limits<std::int32_t>::max(), &entry.command.type) ||
@@ -449,6 +463,12 @@ QByteArray headerLine(const Header& header)
 
 QByteArray commandLine(qint64 at, const PdMessageBuffer::Chunk& command)
 {
+    // A note by its exact ratio (a scene recall's) is written as the ratio.
+    ArboRatio ratio;
+    if (command.type == ArboEvent::RatioToggle && SceneRecaller::commandRatio(command, &ratio)) {
+        return line(QJsonObject{
+            {"at", double(at)}, {"event", command.type}, {"ratio", ratioText(ratio)}});
+    }
     QJsonObject object{
         {"at", double(at)}, {"event", command.type}, {"value", number(command.value)}};
     const QJsonArray steps = pathSteps(command.path);

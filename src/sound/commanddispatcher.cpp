@@ -65,7 +65,9 @@ int CommandDispatcher::processRing(Source source, int budget)
             break;
         }
         ring.pop();
-        if (mLog) {
+        // A scene command is logged as what it does (see SceneRecaller):
+        // the offline render has no scenes to recall.
+        if (mLog && (chunk.type < ArboEvent::SceneRecall || chunk.type > ArboEvent::SceneStore)) {
             mLog->logCommand(chunk);
         }
         carryOut(chunk, source);
@@ -81,6 +83,7 @@ int CommandDispatcher::resultsOf(int type)
         return VoicePool::VOICE_COUNT + 1; // a note-off for every voice
     case ArboEvent::NoteToggle:
     case ArboEvent::NoteStart:
+    case ArboEvent::RatioToggle:
         return 4; // a stolen voice's end and stop, a mono voice's end, the note
     case ArboEvent::PatchStep:
     case ArboEvent::SceneRecall: // the recall waits for room itself
@@ -114,6 +117,13 @@ void CommandDispatcher::carryOut(const PdMessageBuffer::Chunk& chunk, Source sou
     case ArboEvent::SceneRecall:
         mScenes.recall(int(chunk.value) - 1);
         break;
+    case ArboEvent::RatioToggle: {
+        ArboRatio ratio;
+        if (SceneRecaller::commandRatio(chunk, &ratio)) {
+            mVoices.toggle(ratio);
+        }
+        break;
+    }
     case ArboEvent::SceneStep:
         mScenes.step(chunk.value > 0.0f ? 1 : -1);
         break;

@@ -19,6 +19,7 @@
 #include <clocale>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 PdPlayer* PdPlayer::sThis = nullptr;
 
@@ -179,8 +180,12 @@ void PdPlayer::render(float* output, int frames) noexcept
     if (!preparing) {
         // Only for this buffer: a tap may be gone by the next one.
         mCommands.setLog(recording);
-        processEvents(commandBudget(frames));
+        mScenes.setLog(recording);
+        // A replayed log holds what each buffer carried out: all of it goes
+        // into the same buffer again.
+        processEvents(mReplaying ? std::numeric_limits<int>::max() / 2 : commandBudget(frames));
         mCommands.setLog(nullptr);
+        mScenes.setLog(nullptr);
     }
 
     const int samples = std::max(frames, 0) * CHANNELS;

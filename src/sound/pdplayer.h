@@ -119,6 +119,11 @@ public:
     {
         return mCommands.queue(CommandDispatcher::FromWindow, command);
     }
+    // Whether the commands are a log's, replayed: then every buffer carries
+    // out all that is queued, as the buffer that logged them did (a scene
+    // recall logs more commands than its share of the budget). The thread
+    // that renders.
+    void setReplaying(bool replaying) { mReplaying = replaying; }
 
     // The one place where sound is made, shared by the stream callback, the
     // tests and the benchmarks. Carries out the queued commands (within the
@@ -372,6 +377,7 @@ private:
     SpscQueue<PrintLine, 32> mPrintLines;
     QTimer mDeliveryTimer;
     std::atomic<bool> mMuted{false};
+    bool mReplaying = false; // the rendering thread
     std::atomic<bool> mAudioThreadRunning{false};
     std::atomic<quint32> mSilencedBuffers{0};
     std::atomic<RecordTap*> mRecordTap{nullptr};

@@ -1,12 +1,15 @@
 #include "sound/scenerecaller.h"
 
 #include "model/arboconstants.h"
+#include "model/arboevent.h"
 #include "sound/patchchanger.h"
 #include "sound/playercontrols.h"
 #include "sound/playerresultqueue.h"
+#include "sound/recordtap.h"
 #include "sound/voicepool.h"
 
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -158,6 +161,7 @@ int SceneRecaller::proceed(int budget)
                 if (mResults.freeSlots() < NOTE_RESULTS) {
                     return used;
                 }
+                logToggle(voice.ratio);
                 mVoices.toggle(voice.ratio);
                 ++used;
             }
@@ -176,8 +180,19 @@ int SceneRecaller::proceed(int budget)
                     return used;
                 }
                 if (note.held) {
+                    // The log has no ratio with a key's path: a held note
+                    // goes in as its key's start where the path still leads
+                    // to it, else as a plain note.
+                    ArboRatio resolved;
+                    if (mLog && mControls.resolveNote(note.path, resolved) &&
+                        resolved == note.ratio) {
+                        log(ArboEvent::NoteStart, 1.0f, note.path);
+                    } else {
+                        logToggle(note.ratio);
+                    }
                     mVoices.start(note.ratio, note.path);
                 } else {
+                    logToggle(note.ratio);
                     mVoices.toggle(note.ratio);
                 }
                 ++used;
@@ -197,6 +212,7 @@ void SceneRecaller::applySettings(const SceneTable::Scene& scene)
     for (int prime = 0; prime < SceneTable::PRIME_FLAG_COUNT; ++prime) {
         if (mControls.primeEnabled(prime) != scene.primeEnabled[prime]) {
             mControls.togglePrimeEnabled(prime);
+            log(ArboEvent::PrimeToggle, float(prime));
         }
     }
     // The sounding voices keep the frequency they were struck at: under
@@ -204,20 +220,25 @@ void SceneRecaller::applySettings(const SceneTable::Scene& scene)
     mRestrike = mVoices.baseFrequency() != scene.baseFrequency;
     if (mRestrike) {
         mControls.setBaseFrequency(scene.baseFrequency);
+        log(ArboEvent::BaseFrequency, scene.baseFrequency);
     }
     if (mControls.volume() != scene.volume) {
         mControls.setVolume(scene.volume);
+        log(ArboEvent::MasterVolume, scene.volume);
     }
     if (mControls.voiceVolume() != scene.voiceVolume) {
         mControls.setVoiceVolume(scene.voiceVolume);
+        log(ArboEvent::VoiceVolume, scene.voiceVolume);
     }
     if (mVoices.monophonic() != scene.monophonic) {
         mControls.setMonophonic(scene.monophonic);
+        log(ArboEvent::Monophonic, scene.monophonic ? 1.0f : 0.0f);
     }
     for (int macro = 0; macro < SceneTable::MACRO_COUNT; ++macro) {
         const float value = scene.macros[macro];
         if (value >= 0.0f && mChanger.macroValue(macro) != value) {
             mControls.setMacroValue(macro + 1, value);
+            log(ArboEvent::Macro1 + macro, value);
         }
     }
     if (!(mControls.transposition() == scene.transposition)) {
@@ -235,8 +256,10 @@ void SceneRecaller::transposeTo(const ArboRatio& ratio)
     // Back to 1/1 and up the steps, so that the lattice follows step by
     // step, as it does for the transpose strip.
     mControls.transpose(0);
+    log(ArboEvent::Transpose, 0.0f);
     for (int i = 0; i < count; ++i) {
         mControls.transpose(steps[i]);
+        log(ArboEvent::Transpose, float(steps[i]));
     }
 }
 
@@ -278,6 +301,67 @@ int SceneRecaller::transpositionSteps(const ArboRatio& ratio, signed char* steps
         steps[count++] = static_cast<signed char>(twos > 0 ? 2 : -2);
     }
     return count;
+}
+
+void SceneRecaller::log(int type, float value, const ArboPath& path)
+{
+    if (mLog) {
+        PdMessageBuffer::Chunk command;
+        command.type = type;
+        command.value = value;
+        command.path = path;
+        mLog->logCommand(command);
+    }
+}
+
+void SceneRecaller::logToggle(const ArboRatio& ratio)
+{
+    PdMessageBuffer::Chunk command;
+    if (mLog && ratioCommand(ratio, &command)) {
+        mLog->logCommand(command);
+    }
+}
+
+bool SceneRecaller::ratioCommand(const ArboRatio& ratio, PdMessageBuffer::Chunk* command)
+{
+    unsigned long long numerator = ratio.numerator();
+    unsigned long long denominator = ratio.denominator();
+    if (numerator == 0 || denominator == 0) {
+        return false;
+    }
+    signed char exponents[12] = {};
+    for (int i = 1; i < int(std::size(ArboConstants::PRIMES)); ++i) {
+        const unsigned long long prime = ArboConstants::PRIMES[i];
+        exponents[i - 1] =
+            static_cast<signed char>(exponentOf(numerator, prime) - exponentOf(denominator, prime));
+    }
+    if (numerator != 1 || denominator != 1) {
+        return false;
+    }
+    command->type = ArboEvent::RatioToggle;
+    std::memcpy(static_cast<void*>(&command->path), exponents, sizeof(ArboPath));
+    std::memcpy(&command->value, exponents + sizeof(ArboPath), sizeof(float));
+    return true;
+}
+
+bool SceneRecaller::commandRatio(const PdMessageBuffer::Chunk& command, ArboRatio* ratio)
+{
+    signed char exponents[12];
+    std::memcpy(exponents, static_cast<const void*>(&command.path), sizeof(ArboPath));
+    std::memcpy(exponents + sizeof(ArboPath), &command.value, sizeof(float));
+    ArboRatio result(1, 1);
+    for (int i = 1; i < int(std::size(ArboConstants::PRIMES)); ++i) {
+        const int exponent = exponents[i - 1];
+        const ArboRatio factor = exponent > 0 ? ArboRatio(ArboConstants::PRIMES[i], 1)
+                                              : ArboRatio(1, ArboConstants::PRIMES[i]);
+        for (int k = 0; k < std::abs(exponent); ++k) {
+            if (!result.multiplyIfExact(factor)) {
+                return false;
+            }
+        }
+    }
+    *ratio = result;
+    return true;
 }
 
 bool SceneRecaller::inScene(const ArboRatio& ratio) const

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "sound/pdmessagebuffer.h"
 #include "sound/scenetable.h"
 #include "sound/spscqueue.h"
 
@@ -10,6 +11,7 @@
 class PatchChanger;
 class PlayerControls;
 class PlayerResultQueue;
+class RecordTap;
 class VoicePool;
 
 // Scenes on the audio thread: recalls a scene of the active cue list, steps
@@ -75,6 +77,19 @@ public:
     // the ratio is not made of the lattice's primes. Any thread.
     static int transpositionSteps(const ArboRatio& ratio, signed char* steps, int capacity);
 
+    // A RatioToggle command for `ratio`: the exponents of the lattice's
+    // eleven primes, one signed byte each, in the path's eight bytes and the
+    // value's first three. False when the ratio is not made of those primes.
+    static bool ratioCommand(const ArboRatio& ratio, PdMessageBuffer::Chunk* command);
+    // The ratio of such a command; false when its exponents make none that
+    // fits in 64 bits. Any thread.
+    static bool commandRatio(const PdMessageBuffer::Chunk& command, ArboRatio* ratio);
+
+    // Audio thread, for one buffer: a recording's log (null: none). A recall
+    // is logged as the commands it amounts to, not as the recall, since the
+    // offline render has no scenes.
+    void setLog(RecordTap* tap) { mLog = tap; }
+
 private:
     enum Phase
     {
@@ -87,6 +102,10 @@ private:
     void transposeTo(const ArboRatio& ratio);
     bool inScene(const ArboRatio& ratio) const;
     bool sounding(const ArboRatio& ratio) const;
+    // Into the recording's log, if one runs.
+    void log(int type, float value, const ArboPath& path = ArboPath());
+    void logToggle(const ArboRatio& ratio);
+    RecordTap* mLog = nullptr;
 
     PlayerControls& mControls;
     VoicePool& mVoices;
