@@ -396,6 +396,7 @@ private slots:
         QCOMPARE(warnings.size(), 7);
         const Scene& bad = mBook.active().scenes[0];
         QCOMPARE(bad.notes.size(), std::size_t(1));
+        QVERIFY(!bad.notes[0].path.isValid() && !bad.toJson()["notes"].toArray()[0].toObject().contains("path"));
         QCOMPARE(bad.sound.transposition.toString(), QStringLiteral("1/1"));
         QCOMPARE(bad.sound.volume, 1.0f);
         QCOMPARE(bad.sound.baseFrequency, 440.0f);

@@ -117,11 +117,9 @@ Scene Scene::fromJson(const QJsonObject& json, QStringList* warnings)
             *warnings << QStringLiteral("more than %1 notes").arg(SceneTable::MAX_NOTES);
             break;
         }
-        note.path = ArboPath(object.value(QLatin1String("path")).toString());
+        const QJsonValue path = object.value(QLatin1String("path"));
+        note.path = path.isString() ? ArboPath(path.toString()) : ArboPath(ArboPath::INVALID_STEP);
         note.held = object.value(QLatin1String("held")).toBool() && note.path.isValid();
-        if (!note.path.isValid()) {
-            note.path = ArboPath();
-        }
         scene.notes.push_back(note);
     }
     for (auto it = json.begin(); it != json.end(); ++it) {
@@ -139,9 +137,12 @@ QJsonObject Scene::toJson() const
     json.insert(QStringLiteral("patch"), patch);
     QJsonArray noteArray;
     for (const SceneTable::Note& note : notes) {
-        noteArray.append(QJsonObject{{"ratio", note.ratio.toString()},
-                                     {"path", note.path.toString()},
-                                     {"held", note.held}});
+        QJsonObject object{{"ratio", note.ratio.toString()}, {"held", note.held}};
+        // A note the lattice does not show has no path to write.
+        if (note.path.isValid()) {
+            object.insert(QStringLiteral("path"), note.path.toString());
+        }
+        noteArray.append(object);
     }
     json.insert(QStringLiteral("notes"), noteArray);
     json.insert(QStringLiteral("transposition"), sound.transposition.toString());

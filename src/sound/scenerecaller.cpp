@@ -129,7 +129,9 @@ void SceneRecaller::store(int source, float ticket)
         SceneTable::Note& note = mScratch.notes[at];
         note.ratio = voice.ratio;
         note.held = voice.held;
-        note.path = voice.held ? voice.heldPath : ArboPath();
+        // Only a key's note knows its path here; the window fills in the
+        // others' from the lattice.
+        note.path = voice.held ? voice.heldPath : ArboPath(ArboPath::INVALID_STEP);
     }
     scene.firstNote = 0;
     scene.noteCount = count;
