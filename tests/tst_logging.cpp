@@ -5,9 +5,10 @@
 #include "app/tuningarboapplication.h"
 #include "testsupport.h"
 #include "ui/diagnosticsdialog.h"
+#include "ui/diagnosticslinemodel.h"
 
 #include <QFileInfo>
-#include <QPlainTextEdit>
+#include <QLabel>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
@@ -112,14 +113,13 @@ private slots:
     // callback runs on) arrive in the dialog in the order they were logged,
     // each a paragraph of its own, whether the dialog is shown or not;
     // nothing logged before the dialog existed. A line of the GUI thread does
-    // not overtake the other threads' lines that are still on their way.
+    // not overtake the other threads' lines.
     void linesFromEveryThreadArriveInOrder()
     {
         setFlags({"all"});
         qDebug("before the dialog");
         DiagnosticsDialog dialog;
-        connect(mApp, &TuningArboApplication::diagnosticMessage, &dialog,
-                &DiagnosticsDialog::onMessage, Qt::QueuedConnection);
+        dialog.listenTo(mApp, &TuningArboApplication::diagnosticMessage);
         QStringList expected;
         for (int round = 0; round < 3; ++round) {
             const QString gui = QStringLiteral("gui %1").arg(round);
@@ -139,8 +139,8 @@ private slots:
         qWarning("last from the gui");
         expected << "last from the gui";
 
-        QTRY_COMPARE(dialog.textBox()->blockCount(), expected.size());
-        const QStringList lines = dialog.textBox()->toPlainText().split('\n');
+        const QStringList lines = dialog.shownLines().lines();
+        QCOMPARE(dialog.text().split('\n'), lines);
         QCOMPARE(lines.size(), expected.size());
         for (int i = 0; i < lines.size(); ++i) {
             QVERIFY2(QRegularExpression("^" + STAMP + " " +
@@ -162,8 +162,7 @@ private slots:
             mApp, &TuningArboApplication::diagnosticMessage, &receiver, [&] { ++diagnostics; },
             Qt::DirectConnection);
         DiagnosticsDialog dialog;
-        connect(mApp, &TuningArboApplication::diagnosticMessage, &dialog,
-                &DiagnosticsDialog::onMessage, Qt::QueuedConnection);
+        dialog.listenTo(mApp, &TuningArboApplication::diagnosticMessage);
 
         const int threads = 4;
         const int perThread = 500;
@@ -189,7 +188,38 @@ private slots:
             QVERIFY2(whole.match(line).hasMatch(), qPrintable(line));
         }
         QCOMPARE(diagnostics.load(), threads * perThread);
-        QTRY_COMPARE(dialog.textBox()->blockCount(), threads * perThread);
+        QCOMPARE(dialog.shownLines().rowCount(), threads * perThread);
+    }
+
+    // A shown dialog under a flood lists only the newest lines and says how
+    // many earlier ones it no longer lists; its text still holds them all.
+    void dialogListsTheNewestLines()
+    {
+        setFlags({"all"});
+        DiagnosticsDialog dialog;
+        dialog.listenTo(mApp, &TuningArboApplication::diagnosticMessage);
+        dialog.show();
+        const int lines = DiagnosticsDialog::SHOWN_LINES + 2500;
+        QThread* worker = QThread::create([lines] {
+            for (int i = 0; i < lines; ++i) {
+                qDebug("flood %d", i);
+            }
+        });
+        worker->start();
+        QVERIFY(worker->wait(60000));
+        delete worker;
+        auto* label = dialog.findChild<QLabel*>("droppedLabel");
+        QTRY_VERIFY(label->text().startsWith(QLocale().toString(2500) + " earlier lines"));
+        QVERIFY(label->isVisible());
+        const DiagnosticsLineModel& shown = dialog.shownLines();
+        QCOMPARE(shown.rowCount(), DiagnosticsDialog::SHOWN_LINES);
+        QVERIFY(shown.lines().first().endsWith(" flood 2500"));
+        QVERIFY(shown.lines().last().endsWith(QString(" flood %1").arg(lines - 1)));
+        const QStringList all = dialog.text().split('\n');
+        QCOMPARE(all.size(), lines);
+        for (int i : {0, 4096, lines / 2, lines - 1}) {
+            QVERIFY2(all.at(i).endsWith(QString(" flood %1").arg(i)), qPrintable(all.at(i)));
+        }
     }
 
     // At its size the file becomes log.txt.1 and a new one begins, while

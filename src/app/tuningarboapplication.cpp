@@ -230,9 +230,9 @@ void TuningArboApplication::showMainWindow()
     connect(&mRecorder, &Recorder::finished, mMainWindow, [this](const QString& message) {
         mMainWindow->statusBar()->showMessage(message.section(QLatin1Char('\n'), 0, 0), 20000);
     });
-    // Queued even for the GUI thread: see DiagnosticsDialog.
-    connect(this, &TuningArboApplication::diagnosticMessage, mMainWindow->diagnosticsDialog(),
-            &DiagnosticsDialog::onMessage, Qt::QueuedConnection);
+    // Direct from every logging thread, in the order of logging, without a
+    // queued event per line (see DiagnosticsDialog).
+    mMainWindow->diagnosticsDialog()->listenTo(this, &TuningArboApplication::diagnosticMessage);
     mMainWindow->show();
     if (!mScenes.problem().isEmpty()) {
         mMainWindow->statusBar()->showMessage(mScenes.problem());
