@@ -5,7 +5,8 @@
 //   nodes, each with its 18 leaves); frame_share is the share of one frame.
 // - repaint_all_playing: one full synchronous repaint of a 1200x800 view
 //   with every ball playing (glows, outlines), both drawings; allocs_per_frame
-//   counts the GUI thread's heap allocations during it.
+//   counts the GUI thread's heap allocations during it, pictures_kB is the
+//   size of the ball parts' shared picture cache afterwards.
 // - repaint_one_ball: the ball at /3 starts or stops playing, until the view
 //   has repainted what that changed (from the node's signal through the
 //   scene's dirty-item pass to the end of the viewport's paint event);
@@ -20,6 +21,7 @@
 //   out (the player tells it with noteToggled). Most of it is the wait for
 //   the next callback: goal p99 at most one buffer period plus 1 ms.
 
+#include "display/arboballpart.h"
 #include "display/arboballwidget.h"
 #include "display/arboview.h"
 #include "display/arbowidget.h"
@@ -217,6 +219,7 @@ void repaintAllPlaying(benchmark::State& state, Arbo* lattice, ArboLeavesWidget:
     }
     setAllPlaying(lattice, false);
     state.counters["frame_share_%"] = totalMs / double(state.iterations()) / FRAME_MS * 100.0;
+    state.counters["pictures_kB"] = ArboBallPart::cachedKilobytes();
     state.counters["allocs_per_frame"] =
         double(sAllocations - allocationsBefore) / double(state.iterations());
 }

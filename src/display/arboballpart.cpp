@@ -17,11 +17,12 @@ namespace {
 // larger window, or a resize, only makes some pictures again.
 constexpr int CACHE_KILOBYTES = 24 * 1024;
 
-// A picture's position within a device pixel is rounded to this fraction.
+// A part's position within a device pixel is rounded to 1/PHASES of a pixel.
 constexpr int PHASES = 4;
 
 // What a picture shows: the part's look, the view's scale and the part's
-// position within a device pixel.
+// position within a device pixel. Not the render hints: every lattice view
+// draws with the same.
 struct PictureKey
 {
     uint lookHash;
