@@ -4,7 +4,13 @@
 //   lattice and of a generated lattice with ten times its trunk (190 trunk
 //   nodes, each with its 18 leaves); frame_share is the share of one frame.
 // - repaint_all_playing: one full synchronous repaint of a 1200x800 view
-//   with every ball playing (glows, outlines), both drawings.
+//   with every ball playing (glows, outlines), both drawings; allocs_per_frame
+//   counts the GUI thread's heap allocations during it, pictures_kB is the
+//   size of the ball parts' shared picture cache afterwards.
+// - repaint_one_ball: the ball at /3 starts or stops playing, until the view
+//   has repainted what that changed (from the node's signal through the
+//   scene's dirty-item pass to the end of the viewport's paint event);
+//   painted_% is the share of the viewport that paint covered.
 // - click_to_player/offline: a mouse press on a ball's point of the viewport
 //   until the player's processEvents, called right after, has carried the
 //   toggle out: the program's own share of a click's latency.
@@ -15,6 +21,7 @@
 //   out (the player tells it with noteToggled). Most of it is the wait for
 //   the next callback: goal p99 at most one buffer period plus 1 ms.
 
+#include "display/arboballpart.h"
 #include "display/arboballwidget.h"
 #include "display/arboview.h"
 #include "display/arbowidget.h"
@@ -35,6 +42,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QLoggingCategory>
+#include <QPaintEvent>
 #include <QThread>
 #include <QtTest>
 
@@ -46,6 +54,46 @@
 #include <cstdio>
 #include <random>
 #include <vector>
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* pointer, size_t size);
+}
+
+namespace {
+
+// Heap allocations made by a thread while its tCountAllocations is set. The
+// allocator is interposed below, so the count covers Qt's containers (which
+// call malloc) as well as operator new (which does too).
+thread_local bool tCountAllocations = false;
+long sAllocations = 0;
+
+} // namespace
+
+extern "C" {
+void* malloc(size_t size)
+{
+    if (tCountAllocations) {
+        ++sAllocations;
+    }
+    return __libc_malloc(size);
+}
+void* calloc(size_t count, size_t size)
+{
+    if (tCountAllocations) {
+        ++sAllocations;
+    }
+    return __libc_calloc(count, size);
+}
+void* realloc(void* pointer, size_t size)
+{
+    if (tCountAllocations) {
+        ++sAllocations;
+    }
+    return __libc_realloc(pointer, size);
+}
+}
 
 namespace {
 
@@ -130,6 +178,16 @@ void sceneBuild(benchmark::State& state, Arbo* lattice, ArboLeavesWidget::View s
     state.counters["trunk"] = double(trunkSize(*lattice));
 }
 
+ArboBallWidget* ballAt(const ArboView& view, const QString& path)
+{
+    for (ArboBallWidget* ball : view.arboWidget()->balls()) {
+        if (ball->node()->path() == ArboPath(path)) {
+            return ball;
+        }
+    }
+    return nullptr;
+}
+
 void setAllPlaying(Arbo* lattice, bool playing)
 {
     const QList<ArboBall*> nodes = lattice->root()->findChildren<ArboBall*>() << lattice->root();
@@ -151,23 +209,87 @@ void repaintAllPlaying(benchmark::State& state, Arbo* lattice, ArboLeavesWidget:
     setAllPlaying(lattice, true);
     view.viewport()->repaint(); // fills the glow caches once, as a first frame would
     double totalMs = 0.0;
+    const long allocationsBefore = sAllocations;
     for (auto _ : state) {
         const Clock::time_point start = Clock::now();
+        tCountAllocations = true;
         view.viewport()->repaint();
+        tCountAllocations = false;
         totalMs += std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     }
     setAllPlaying(lattice, false);
     state.counters["frame_share_%"] = totalMs / double(state.iterations()) / FRAME_MS * 100.0;
+    state.counters["pictures_kB"] = ArboBallPart::cachedKilobytes();
+    state.counters["allocs_per_frame"] =
+        double(sAllocations - allocationsBefore) / double(state.iterations());
 }
 
-ArboBallWidget* ballAt(const ArboView& view, const QString& path)
+// Counts the paint events of a widget and the pixels they cover.
+class PaintWatch : public QObject
 {
-    for (ArboBallWidget* ball : view.arboWidget()->balls()) {
-        if (ball->node()->path() == ArboPath(path)) {
-            return ball;
+public:
+    int paints = 0;
+    qint64 pixels = 0;
+
+protected:
+    bool eventFilter(QObject*, QEvent* event) override
+    {
+        if (event->type() == QEvent::Paint) {
+            ++paints;
+            for (const QRect& rect : static_cast<QPaintEvent*>(event)->region()) {
+                pixels += qint64(rect.width()) * rect.height();
+            }
+        }
+        return false;
+    }
+};
+
+void repaintOneBall(benchmark::State& state, Arbo* lattice, ArboLeavesWidget::View style)
+{
+    ArboView view;
+    view.resize(1200, 800);
+    view.init(style, lattice, nullptr, sPlayer, *sOptions);
+    view.show();
+    if (!QTest::qWaitForWindowExposed(&view)) {
+        state.SkipWithError("the view was not shown");
+        return;
+    }
+    PaintWatch watch;
+    view.viewport()->installEventFilter(&watch);
+    ArboBall* node = const_cast<ArboBall*>(ballAt(view, "/3")->node());
+    // Toggles the note and runs the event loop until the viewport has
+    // painted; false if it never does.
+    const auto toggleAndPaint = [&] {
+        const int before = watch.paints;
+        node->setPlaying(!node->isPlaying());
+        for (int i = 0; i < 10000 && watch.paints == before; ++i) {
+            QCoreApplication::processEvents();
+        }
+        return watch.paints > before;
+    };
+    view.viewport()->repaint();
+    toggleAndPaint(); // the first frame of each state fills its caches
+    toggleAndPaint();
+    watch.pixels = 0;
+    double totalMs = 0.0;
+    const long allocationsBefore = sAllocations;
+    for (auto _ : state) {
+        const Clock::time_point start = Clock::now();
+        tCountAllocations = true;
+        const bool painted = toggleAndPaint();
+        tCountAllocations = false;
+        totalMs += std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+        if (!painted) {
+            state.SkipWithError("the view did not repaint");
+            break;
         }
     }
-    return nullptr;
+    node->setPlaying(false);
+    const double frames = double(state.iterations());
+    state.counters["frame_share_%"] = totalMs / frames / FRAME_MS * 100.0;
+    state.counters["allocs_per_frame"] = double(sAllocations - allocationsBefore) / frames;
+    const double viewportPixels = double(view.viewport()->width()) * view.viewport()->height();
+    state.counters["painted_%"] = double(watch.pixels) / frames / viewportPixels * 100.0;
 }
 
 void clickToPlayerOffline(benchmark::State& state)
@@ -362,6 +484,9 @@ int main(int argc, char** argv)
             ->Unit(benchmark::kMillisecond);
         benchmark::RegisterBenchmark((std::string("repaint_all_playing/default/") + name).c_str(),
                                      repaintAllPlaying, sDefaultLattice, style)
+            ->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark((std::string("repaint_one_ball/default/") + name).c_str(),
+                                     repaintOneBall, sDefaultLattice, style)
             ->Unit(benchmark::kMillisecond);
     }
     benchmark::RegisterBenchmark("click_to_player/offline", clickToPlayerOffline)

@@ -538,6 +538,24 @@ private slots:
         QCOMPARE(fill(leaf), leaf->node()->color().lighter(BALL_BRIGHTEN_FACTOR));
     }
 
+    void drawnBallsFollowTheirState()
+    {
+        // Balls are painted from cached pictures: the pixel at a leaf's centre
+        // is its disc's current fill as it starts and stops, at any scale.
+        buildView(ArboLeavesWidget::Grapes);
+        ArboBallWidget* leaf = ballAt(mView, "/3/7");
+        auto* node = const_cast<ArboBall*>(leaf->node());
+        QList<QRgb> fills;
+        for (bool playing : {false, true, false}) {
+            node->setPlaying(playing);
+            mView->scale(0.8, 0.8);
+            const QImage drawn = mView->viewport()->grab().toImage();
+            fills << leaf->disc()->brush().color().rgb();
+            QCOMPARE(drawn.pixel(mView->mapFromScene(leaf->scenePos())), fills.last());
+        }
+        QVERIFY(fills[0] != fills[1] && fills[0] == fills[2]);
+    }
+
     void mainWindowSwitchesBetweenTheDrawings()
     {
         mSettings.mCirclesView = true;

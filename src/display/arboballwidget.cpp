@@ -1,5 +1,6 @@
 #include "display/arboballwidget.h"
 
+#include "display/arboballpart.h"
 #include "display/arbostrutwidget.h"
 #include "display/arboview.h"
 #include "display/arbowidget.h"
@@ -48,7 +49,7 @@ ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diam
     : QGraphicsItemGroup(parent), mNode(node), mOwner(owner),
       // Made as children first: addToGroup keeps an item's scene position, and
       // a leaf's parents are already placed when it is built.
-      mDisc(new QGraphicsEllipseItem(-diameter / 2.0, -diameter / 2.0, diameter, diameter, this)),
+      mDisc(new ArboBallPart(QRectF(-diameter / 2.0, -diameter / 2.0, diameter, diameter), this)),
       mGlow(nullptr), mMark(nullptr), mNoteEvent(node->path()), mDiameter(diameter)
 {
     setHandlesChildEvents(false);
@@ -69,8 +70,6 @@ ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diam
     gradient.setColorAt(0.0, QColor(255, 255, 255, GLOW_ALPHA_START));
     gradient.setColorAt(1.0, QColor(255, 255, 255, 0));
     mGlow->setBrush(QBrush(gradient));
-    // The glow never changes: rendered once per zoom, not per frame.
-    mGlow->setCacheMode(QGraphicsItem::DeviceCoordinateCache);
     mGlow->setVisible(false);
 
     // Above the glow, below the disc; wider than the playing outline.
@@ -80,6 +79,10 @@ ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diam
 
     updateBall();
     setFlag(QGraphicsItem::ItemClipsToShape);
+    // The group itself draws nothing, its parts do. Said so, the scene skips
+    // it when painting instead of clipping the painter to its shape for an
+    // empty paint(), for every ball in every frame.
+    setFlag(QGraphicsItem::ItemHasNoContents);
 
     connect(node, &ArboBall::playingChanged, this, &ArboBallWidget::onPlayingChanged,
             Qt::DirectConnection);
@@ -98,7 +101,7 @@ ArboBallWidget::ArboBallWidget(const ArboBall* node, ArboWidget* owner, int diam
 
 QGraphicsEllipseItem* ArboBallWidget::addPart(double size, qreal z)
 {
-    auto* part = new QGraphicsEllipseItem(-size / 2, -size / 2, size, size, this);
+    auto* part = new ArboBallPart(QRectF(-size / 2, -size / 2, size, size), this);
     part->setAcceptedMouseButtons(Qt::NoButton);
     addToGroup(part);
     part->setZValue(z);

@@ -38,6 +38,8 @@ ArboLeavesWidget::ArboLeavesWidget(View view, int direction, QGraphicsItem* pare
     : QGraphicsItemGroup(parent), mView(view), mDirection(direction)
 {
     setHandlesChildEvents(false);
+    // Only a container: its balls and struts draw (see ArboBallWidget).
+    setFlag(QGraphicsItem::ItemHasNoContents);
     if (view == Circles && sCirclePositions.isEmpty()) {
         fillCirclePositions();
     } else if (view == Grapes && sGrapePositions.isEmpty()) {

@@ -20,6 +20,18 @@ ArboStrutWidget::ArboStrutWidget(ArboBallWidget* from, ArboBallWidget* to, int w
     setLine(QLineF(start, end));
     const QColor base = colour ? *colour : to->node()->color();
     setPen(QPen(QBrush(base.darker(BALL_DIM_FACTOR)), width, Qt::SolidLine));
+    mShape = QGraphicsLineItem::shape();
+    mBoundingRect = QGraphicsLineItem::boundingRect();
     from->struts().append(this);
     to->struts().append(this);
+}
+
+QRectF ArboStrutWidget::boundingRect() const
+{
+    return mBoundingRect;
+}
+
+QPainterPath ArboStrutWidget::shape() const
+{
+    return mShape;
 }

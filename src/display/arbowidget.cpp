@@ -42,6 +42,8 @@ ArboWidget::ArboWidget(ArboLeavesWidget::View view, const ArboView* arboView,
     : mView(view), mLattice(arboView->lattice()), mArboView(arboView), mCardStack(cardStack)
 {
     setHandlesChildEvents(false);
+    // Only a container: its balls and struts draw (see ArboBallWidget).
+    setFlag(QGraphicsItem::ItemHasNoContents);
     buildArbo();
 }
 
