@@ -10,17 +10,28 @@
 //   sees.
 // - note_on_off: one note's card made and thrown away again, as a click on a
 //   ball and a second click do (the ball's signals, no player).
+// - note_on_off/32: the same while 32 other notes sound, so that the pile has
+//   to make room for the new card; and note_on_off_and_paint/32 followed, after
+//   each of the two, by the repaint the window has queued (what was marked
+//   dirty, lattice included).
+// - paint/32: a synchronous repaint of the whole layer with 32 cards. The
+//   paint events of the cards (their parts included) and of the connector
+//   overlay are timed and their heap allocations counted (malloc, calloc and
+//   realloc are interposed in this program): card_allocs and
+//   connector_allocs per frame, card_paint_ms and connector_paint_ms.
 
 #include "display/arboballwidget.h"
 #include "display/arbolayer.h"
 #include "display/arboview.h"
 #include "display/arbowidget.h"
+#include "display/cardconnectoroverlay.h"
+#include "display/cardstackwidget.h"
+#include "display/cardwidget.h"
 #include "model/arbo.h"
 #include "model/arboball.h"
-#include "display/cardstackwidget.h"
+#include "runbenchmarks.h"
 #include "settings/paths.h"
 #include "settings/settings.h"
-#include "runbenchmarks.h"
 #include "testsupport.h"
 
 #include <QApplication>
@@ -33,6 +44,44 @@
 #include <chrono>
 #include <cstdio>
 
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* pointer, size_t size);
+}
+
+namespace {
+
+// Where the allocations of this thread are counted, when anywhere: the
+// counter of the paint event under way.
+thread_local long* sAllocations = nullptr;
+
+} // namespace
+
+extern "C" {
+void* malloc(size_t size)
+{
+    if (sAllocations) {
+        ++*sAllocations;
+    }
+    return __libc_malloc(size);
+}
+void* calloc(size_t count, size_t size)
+{
+    if (sAllocations) {
+        ++*sAllocations;
+    }
+    return __libc_calloc(count, size);
+}
+void* realloc(void* pointer, size_t size)
+{
+    if (sAllocations) {
+        ++*sAllocations;
+    }
+    return __libc_realloc(pointer, size);
+}
+}
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -42,6 +91,53 @@ constexpr int SOUNDING = 32;
 
 ArboLayer* sLayer = nullptr;
 QList<ArboBall*> sNodes;
+// A note beside the 32, for a card that comes and goes among theirs.
+ArboBall* sExtraNode = nullptr;
+
+// What the paint events of one kind of widget cost, summed.
+struct PaintCost
+{
+    long allocations = 0;
+    double ms = 0.0;
+};
+PaintCost sCardPaint;
+PaintCost sConnectorPaint;
+
+// Times and counts the paint events of the cards (and everything on them)
+// and of the connector overlay.
+class CardBenchApp : public BenchmarkApp<QApplication>
+{
+public:
+    using BenchmarkApp<QApplication>::BenchmarkApp;
+
+    bool notify(QObject* receiver, QEvent* event) override
+    {
+        PaintCost* cost = event->type() == QEvent::Paint ? costOf(receiver) : nullptr;
+        if (!cost) {
+            return QApplication::notify(receiver, event);
+        }
+        const Clock::time_point start = Clock::now();
+        sAllocations = &cost->allocations;
+        const bool handled = QApplication::notify(receiver, event);
+        sAllocations = nullptr;
+        cost->ms += std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+        return handled;
+    }
+
+private:
+    static PaintCost* costOf(QObject* receiver)
+    {
+        if (qobject_cast<CardConnectorOverlay*>(receiver)) {
+            return &sConnectorPaint;
+        }
+        for (QObject* o = receiver; o; o = o->parent()) {
+            if (qobject_cast<CardWidget*>(o)) {
+                return &sCardPaint;
+            }
+        }
+        return nullptr;
+    }
+};
 
 double elapsedMs(Clock::time_point start)
 {
@@ -81,27 +177,68 @@ void updateCards(benchmark::State& state, bool paint)
     state.counters["frame_share_%"] = totalMs / double(state.iterations()) / FRAME_MS * 100.0;
 }
 
-void noteOnOff(benchmark::State& state)
+// The repaint the window has queued, drawn now.
+void paintPending()
 {
-    ArboBall* node = sNodes.first();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::UpdateRequest);
+}
+
+void noteOnOff(benchmark::State& state, ArboBall* node, bool among32, bool paint)
+{
+    setSounding(among32);
+    if (among32 && sLayer->cardStack()->cards().size() != SOUNDING) {
+        state.SkipWithError("the sounding notes have no cards");
+        return;
+    }
+    paintPending();
     double totalMs = 0.0;
     for (auto _ : state) {
         const Clock::time_point start = Clock::now();
         node->setPlaying(true);
+        if (paint) {
+            paintPending();
+        }
         node->setPlaying(false);
+        if (paint) {
+            paintPending();
+        }
         totalMs += elapsedMs(start);
         state.PauseTiming();
         QCoreApplication::processEvents();
         state.ResumeTiming();
     }
+    setSounding(false);
     state.counters["frame_share_%"] = totalMs / double(state.iterations()) / FRAME_MS * 100.0;
+}
+
+void paint(benchmark::State& state)
+{
+    setSounding(true);
+    if (sLayer->cardStack()->cards().size() != SOUNDING) {
+        state.SkipWithError("the sounding notes have no cards");
+        return;
+    }
+    // The first frame fills whatever the widgets cache; the frames after it
+    // are the ones measured.
+    sLayer->repaint();
+    sCardPaint = {};
+    sConnectorPaint = {};
+    for (auto _ : state) {
+        sLayer->repaint();
+    }
+    setSounding(false);
+    const double frames = double(state.iterations());
+    state.counters["card_allocs"] = double(sCardPaint.allocations) / frames;
+    state.counters["connector_allocs"] = double(sConnectorPaint.allocations) / frames;
+    state.counters["card_paint_ms"] = sCardPaint.ms / frames;
+    state.counters["connector_paint_ms"] = sConnectorPaint.ms / frames;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    BenchmarkApp<QApplication> app(argc, argv);
+    CardBenchApp app(argc, argv);
     QFile sheet(Paths::resourceDir() + QStringLiteral("/style.qss"));
     if (!sheet.open(QIODevice::ReadOnly)) {
         std::fprintf(stderr, "style.qss is missing beside the benchmark; build first\n");
@@ -122,12 +259,14 @@ int main(int argc, char** argv)
         return 1;
     }
     sLayer = &layer;
-    // The first 32 balls built: leaves of several trunk nodes and trunk notes.
+    // The first 32 balls built: leaves of several trunk nodes and trunk notes;
+    // the extra note is the root, whose card goes among theirs.
     for (const ArboBallWidget* ball : layer.view()->arboWidget()->balls()) {
-        if (sNodes.size() < SOUNDING) {
+        if (sNodes.size() < SOUNDING && ball->node() != lattice.root()) {
             sNodes.append(const_cast<ArboBall*>(ball->node()));
         }
     }
+    sExtraNode = lattice.root();
     for (int s = 0; s < CardStackWidget::SYMBOL_COUNT; ++s) {
         if (layer.cardStack()->svg(CardStackWidget::Symbol(s)).isEmpty()) {
             std::fprintf(stderr, "the music symbols are missing beside the benchmark\n");
@@ -139,7 +278,13 @@ int main(int argc, char** argv)
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("update_cards_and_paint/32", updateCards, true)
         ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("note_on_off", noteOnOff)->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("note_on_off", noteOnOff, sNodes.first(), false, false)
+        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("note_on_off/32", noteOnOff, sExtraNode, true, false)
+        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("note_on_off_and_paint/32", noteOnOff, sExtraNode, true, true)
+        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("paint/32", paint)->Unit(benchmark::kMillisecond);
 
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
