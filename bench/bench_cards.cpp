@@ -8,6 +8,12 @@
 // - update_cards_and_paint/32: the same followed by a synchronous repaint of
 //   the whole layer (lattice, cards, connector lines): the frame the user
 //   sees.
+// - base_frequency/32, transpose/32 and respell/32: the full update the main
+//   window asks for after a change of base frequency (440 Hz to 432 Hz and
+//   back), of transposition (a fifth up and back, the notes reported by the
+//   lattice as the player would, so that they move to other balls) and of
+//   notation (Helmholtz-Ellis and back): two changes per iteration, each
+//   followed by updateCards().
 // - note_on_off: one note's card made and thrown away again, as a click on a
 //   ball and a second click do (the ball's signals, no player).
 // - note_on_off/32: the same while 32 other notes sound, so that the pile has
@@ -29,6 +35,7 @@
 #include "display/cardwidget.h"
 #include "model/arbo.h"
 #include "model/arboball.h"
+#include "model/arboratio.h"
 #include "runbenchmarks.h"
 #include "settings/paths.h"
 #include "settings/settings.h"
@@ -90,6 +97,8 @@ constexpr double FRAME_MS = 1000.0 / 60.0;
 constexpr int SOUNDING = 32;
 
 ArboLayer* sLayer = nullptr;
+Arbo* sLattice = nullptr;
+Settings* sSettings = nullptr;
 QList<ArboBall*> sNodes;
 // A note beside the 32, for a card that comes and goes among theirs.
 ArboBall* sExtraNode = nullptr;
@@ -177,6 +186,55 @@ void updateCards(benchmark::State& state, bool paint)
     state.counters["frame_share_%"] = totalMs / double(state.iterations()) / FRAME_MS * 100.0;
 }
 
+enum class Change
+{
+    BaseFrequency,
+    Transposition,
+    Notation
+};
+
+void updateAfterChange(benchmark::State& state, Change change)
+{
+    // Sounding as the player reports notes, so that the lattice knows them
+    // across a transposition.
+    for (ArboBall* node : qAsConst(sNodes)) {
+        sLattice->onNoteToggled(node->ratio(), true);
+    }
+    if (sLayer->cardStack()->cards().size() != SOUNDING) {
+        state.SkipWithError("the sounding notes have no cards");
+        return;
+    }
+    const auto apply = [change](bool there) {
+        switch (change) {
+        case Change::BaseFrequency:
+            sLattice->onBaseFrequencyChanged(there ? 432.0f : 440.0f);
+            break;
+        case Change::Transposition:
+            sLattice->onTransposed(there ? ArboRatio(3, 2) : ArboRatio(1, 1), there ? 3 : 0);
+            break;
+        case Change::Notation:
+            sSettings->mNotation =
+                there ? Settings::Notation::HelmholtzEllis : Settings::Notation::Conventional;
+            break;
+        }
+        sLayer->view()->updateCardStack();
+    };
+    double totalMs = 0.0;
+    for (auto _ : state) {
+        const Clock::time_point start = Clock::now();
+        apply(true);
+        apply(false);
+        totalMs += elapsedMs(start);
+        state.PauseTiming();
+        QCoreApplication::processEvents();
+        state.ResumeTiming();
+    }
+    for (ArboBall* node : qAsConst(sNodes)) {
+        sLattice->onNoteToggled(node->ratio(), false);
+    }
+    state.counters["frame_share_%"] = totalMs / double(state.iterations()) / FRAME_MS * 100.0;
+}
+
 // The repaint the window has queued, drawn now.
 void paintPending()
 {
@@ -259,6 +317,8 @@ int main(int argc, char** argv)
         return 1;
     }
     sLayer = &layer;
+    sLattice = &lattice;
+    sSettings = &settings;
     // The first 32 balls built: leaves of several trunk nodes and trunk notes;
     // the extra note is the root, whose card goes among theirs.
     for (const ArboBallWidget* ball : layer.view()->arboWidget()->balls()) {
@@ -277,6 +337,12 @@ int main(int argc, char** argv)
     benchmark::RegisterBenchmark("update_cards/32", updateCards, false)
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("update_cards_and_paint/32", updateCards, true)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("base_frequency/32", updateAfterChange, Change::BaseFrequency)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("transpose/32", updateAfterChange, Change::Transposition)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("respell/32", updateAfterChange, Change::Notation)
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("note_on_off", noteOnOff, sNodes.first(), false, false)
         ->Unit(benchmark::kMicrosecond);
