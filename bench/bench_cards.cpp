@@ -1,9 +1,8 @@
 // The note cards' costs against one 60 Hz frame (16.7 ms), with real widgets
 // on the offscreen platform, the program's style sheet applied and the music
 // symbols the build drew, in a 1400x900 lattice layer (grapes):
-// - update_cards/32: CardStackWidget::updateCards() with 32 sounding notes,
-//   every card thrown away and made anew (what a transposition, a new base
-//   frequency or a readout change costs); frame_share is the share of one
+// - update_cards/32: CardStackWidget::updateCards() with 32 sounding notes
+//   and nothing changed since the last one; frame_share is the share of one
 //   frame.
 // - update_cards_and_paint/32: the same followed by a synchronous repaint of
 //   the whole layer (lattice, cards, connector lines): the frame the user
@@ -23,8 +22,14 @@
 // - paint/32: a synchronous repaint of the whole layer with 32 cards. The
 //   paint events of the cards (their parts included) and of the connector
 //   overlay are timed and their heap allocations counted (malloc, calloc and
-//   realloc are interposed in this program): card_allocs and
-//   connector_allocs per frame, card_paint_ms and connector_paint_ms.
+//   realloc are interposed in this program), per frame: card_paints and
+//   connector_paints (paint events), card_allocs and connector_allocs,
+//   card_paint_ms and connector_paint_ms. Qt allocates a few times for every
+//   widget it paints, whatever the widget does (QPainter's private data, its
+//   state, a pen and a brush); a probe widget that only opens a painter
+//   measures that (qt_allocs_per_paint), and card_own_allocs and
+//   connector_own_allocs are what is left: the allocations of the cards' and
+//   connectors' own paint code, which must be 0.
 
 #include "display/arboballwidget.h"
 #include "display/arbolayer.h"
@@ -44,12 +49,14 @@
 #include <QApplication>
 #include <QFile>
 #include <QLoggingCategory>
+#include <QPainter>
 #include <QtTest>
 
 #include <benchmark/benchmark.h>
 
 #include <chrono>
 #include <cstdio>
+#include <string>
 
 extern "C" {
 void* __libc_malloc(size_t size);
@@ -106,11 +113,21 @@ ArboBall* sExtraNode = nullptr;
 // What the paint events of one kind of widget cost, summed.
 struct PaintCost
 {
+    long events = 0;
     long allocations = 0;
     double ms = 0.0;
 };
 PaintCost sCardPaint;
 PaintCost sConnectorPaint;
+PaintCost sProbePaint;
+
+// Its paint only opens a painter: what Qt allocates for any widget it paints.
+class PainterProbe : public QWidget
+{
+protected:
+    void paintEvent(QPaintEvent*) override { QPainter painter(this); }
+};
+PainterProbe* sProbe = nullptr;
 
 // Times and counts the paint events of the cards (and everything on them)
 // and of the connector overlay.
@@ -126,6 +143,7 @@ public:
             return QApplication::notify(receiver, event);
         }
         const Clock::time_point start = Clock::now();
+        ++cost->events;
         sAllocations = &cost->allocations;
         const bool handled = QApplication::notify(receiver, event);
         sAllocations = nullptr;
@@ -136,6 +154,9 @@ public:
 private:
     static PaintCost* costOf(QObject* receiver)
     {
+        if (dynamic_cast<PainterProbe*>(receiver)) {
+            return &sProbePaint;
+        }
         if (qobject_cast<CardConnectorOverlay*>(receiver)) {
             return &sConnectorPaint;
         }
@@ -279,17 +300,30 @@ void paint(benchmark::State& state)
     // The first frame fills whatever the widgets cache; the frames after it
     // are the ones measured.
     sLayer->repaint();
+    sProbe->repaint();
     sCardPaint = {};
     sConnectorPaint = {};
+    sProbePaint = {};
     for (auto _ : state) {
         sLayer->repaint();
+        state.PauseTiming();
+        sProbe->repaint();
+        state.ResumeTiming();
     }
     setSounding(false);
     const double frames = double(state.iterations());
-    state.counters["card_allocs"] = double(sCardPaint.allocations) / frames;
-    state.counters["connector_allocs"] = double(sConnectorPaint.allocations) / frames;
-    state.counters["card_paint_ms"] = sCardPaint.ms / frames;
-    state.counters["connector_paint_ms"] = sConnectorPaint.ms / frames;
+    const double qtAllocs = double(sProbePaint.allocations) / double(sProbePaint.events);
+    const auto report = [&](const char* name, const PaintCost& cost) {
+        const std::string prefix(name);
+        state.counters[prefix + "_paints"] = double(cost.events) / frames;
+        state.counters[prefix + "_allocs"] = double(cost.allocations) / frames;
+        state.counters[prefix + "_own_allocs"] =
+            (double(cost.allocations) - double(cost.events) * qtAllocs) / frames;
+        state.counters[prefix + "_paint_ms"] = cost.ms / frames;
+    };
+    report("card", sCardPaint);
+    report("connector", sConnectorPaint);
+    state.counters["qt_allocs_per_paint"] = qtAllocs;
 }
 
 } // namespace
@@ -317,6 +351,14 @@ int main(int argc, char** argv)
         return 1;
     }
     sLayer = &layer;
+    PainterProbe probe;
+    probe.resize(16, 16);
+    probe.show();
+    if (!QTest::qWaitForWindowExposed(&probe)) {
+        std::fprintf(stderr, "the probe was not shown\n");
+        return 1;
+    }
+    sProbe = &probe;
     sLattice = &lattice;
     sSettings = &settings;
     // The first 32 balls built: leaves of several trunk nodes and trunk notes;
