@@ -367,6 +367,52 @@ private slots:
         QCOMPARE(order(), before);
     }
 
+    void cardsChangeInPlace()
+    {
+        // The cards by their balls' paths, with where they stand.
+        const auto cards = [this] {
+            QMap<QString, QPair<const CardWidget*, QRect>> shown;
+            for (auto it = stack()->cards().constBegin(); it != stack()->cards().constEnd(); ++it) {
+                shown.insert(it.key()->node()->path().toString(),
+                             {it.value(), it.value()->geometry()});
+            }
+            return shown;
+        };
+        for (const char* path : {"/", "/3", "/3/5"}) {
+            click(ballAt(view(), QString::fromLatin1(path)));
+        }
+        QTRY_COMPARE(stack()->cards().size(), 3);
+        const auto chord = cards();
+
+        // A note on and off among them makes and removes its own card only:
+        // the others stay the same widgets in the same places.
+        click(ballAt(view(), "/5"));
+        QTRY_VERIFY(cardOf("/5"));
+        auto withThird = cards();
+        withThird.remove("/5");
+        QCOMPARE(withThird, chord);
+        click(ballAt(view(), "/5"));
+        QTRY_VERIFY(!cardOf("/5"));
+        QCOMPARE(cards(), chord);
+
+        // Transposed a fifth up, each card goes with its note to the ball
+        // that now stands for it, the same widget with the same labels, and
+        // reads the new ratio; a new base frequency rewrites it in place.
+        const CardWidget* root = chord["/"].first;
+        const QList<QLabel*> labels = root->findChildren<QLabel*>();
+        queue(ArboEvent(ArboEvent::Transpose, 3.0f));
+        QTRY_COMPARE(cardOf("/-3"), root);
+        QVERIFY(cardOf("/") == chord["/3"].first && cardOf("/5") == chord["/3/5"].first);
+        QCOMPARE(root->findChildren<QLabel*>(), labels);
+        QCOMPARE(label(root, "ratioLabel"), QStringLiteral("2/3"));
+        queue(ArboEvent(ArboEvent::BaseFrequency, 432.0f));
+        QTRY_COMPARE(mArbo.baseFrequency(), 432.0f);
+        view()->updateCardStack();
+        QCOMPARE(cardOf("/-3"), root);
+        QCOMPARE(label(root, "freqLabel"), QStringLiteral("432.000 Hz"));
+        QCOMPARE(stack()->findChildren<CardWidget*>().size(), 3);
+    }
+
     void symbolsAreRecolouredAndMissingOnesAreSurvived()
     {
         // The seven symbols the build drew from the engraving font: each a

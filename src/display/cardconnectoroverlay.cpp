@@ -18,7 +18,18 @@ constexpr qreal CONNECTOR_WIDTH = 1.0;
 
 } // namespace
 
-CardConnectorOverlay::CardConnectorOverlay(QWidget* parent) : QWidget(parent)
+namespace {
+
+QPen connectorPen()
+{
+    QPen pen(CONNECTOR_COLOR, CONNECTOR_WIDTH, Qt::SolidLine, Qt::RoundCap);
+    pen.setCosmetic(true);
+    return pen;
+}
+
+} // namespace
+
+CardConnectorOverlay::CardConnectorOverlay(QWidget* parent) : QWidget(parent), mPen(connectorPen())
 {
     setAttribute(Qt::WA_TransparentForMouseEvents);
     setAttribute(Qt::WA_NoSystemBackground);
@@ -33,13 +44,30 @@ void CardConnectorOverlay::init(const ArboView* view)
 void CardConnectorOverlay::addConnector(const ArboBallWidget* ball, const CardWidget* card)
 {
     mConnectors.insert(ball, card);
-    update();
+    updateLine(ball);
 }
 
 void CardConnectorOverlay::removeConnector(const ArboBallWidget* ball)
 {
+    updateLine(ball);
+    mConnectors.remove(ball);
+}
+
+void CardConnectorOverlay::forgetConnector(const ArboBallWidget* ball)
+{
     if (mConnectors.remove(ball) > 0) {
         update();
+    }
+}
+
+void CardConnectorOverlay::updateLine(const ArboBallWidget* ball)
+{
+    // The overlay lies over the whole lattice and is transparent: a repaint
+    // of all of it redraws the lattice beneath, where the line's own box
+    // (with a pixel around it for the antialiased ends) redraws only that.
+    const QLineF line = connectorLine(ball);
+    if (!line.isNull()) {
+        update(QRectF(line.p1(), line.p2()).normalized().toAlignedRect().adjusted(-2, -2, 2, 2));
     }
 }
 
@@ -68,9 +96,7 @@ void CardConnectorOverlay::paintEvent(QPaintEvent*)
 {
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
-    QPen pen(CONNECTOR_COLOR, CONNECTOR_WIDTH, Qt::SolidLine, Qt::RoundCap);
-    pen.setCosmetic(true);
-    painter.setPen(pen);
+    painter.setPen(mPen);
     for (auto it = mConnectors.constBegin(); it != mConnectors.constEnd(); ++it) {
         if (it.value()->isHidden()) {
             continue;

@@ -4,10 +4,13 @@
 #include "display/arboview.h"
 #include "display/cardconnectoroverlay.h"
 #include "display/cardwidget.h"
+#include "model/arbo.h"
+#include "model/arboball.h"
 #include "notation/smuflglyphs.h"
 #include "settings/paths.h"
 
 #include <QFile>
+#include <QVarLengthArray>
 
 #include <algorithm>
 
@@ -57,10 +60,56 @@ const QByteArray& CardStackWidget::smuflSvg(const QString& name)
     return *it;
 }
 
+const CardGlyphCache::Source* CardStackWidget::glyph(Symbol symbol)
+{
+    return mGlyphCache.source(symbolFileName(symbol), mSvgs[size_t(symbol)]);
+}
+
+const CardGlyphCache::Source* CardStackWidget::smuflGlyph(const QString& name)
+{
+    return mGlyphCache.source(name, smuflSvg(name));
+}
+
 void CardStackWidget::showCardForBall(const ArboBallWidget* ball)
 {
-    showCardForBall(ball, 0);
+    CardWidget* card = mCards.value(ball);
+    if (card) {
+        // A ball has one card: a second start (a note enabled while already
+        // shown) brings it up to date.
+        if (mOverlay) {
+            mOverlay->removeConnector(ball);
+        }
+        card->refresh();
+    } else if ((card = takeWaitingCard(ball->node()))) {
+        card->setNode(ball->node());
+    } else {
+        // The card takes its natural size itself, when it is made: one size
+        // for every card.
+        card = new CardWidget(ball->node(), ball->options(), this);
+    }
+    mCards.insert(ball, card);
+    connect(ball, &QObject::destroyed, this, &CardStackWidget::onBallDestroyed,
+            Qt::UniqueConnection);
+    updatePosition(ball, card);
+    card->show();
+    if (mOverlay) {
+        mOverlay->addConnector(ball, card);
+    }
     stackByPosition();
+}
+
+CardWidget* CardStackWidget::takeWaitingCard(const ArboBall* node)
+{
+    if (mWaiting.isEmpty()) {
+        return nullptr;
+    }
+    const ArboRatio sounding = CardWidget::soundingRatioOf(node);
+    for (int i = 0; i < mWaiting.size(); ++i) {
+        if (mWaiting[i]->soundingRatio() == sounding) {
+            return mWaiting.takeAt(i);
+        }
+    }
+    return nullptr;
 }
 
 void CardStackWidget::stackByPosition()
@@ -68,45 +117,103 @@ void CardStackWidget::stackByPosition()
     // Cards of neighbouring balls overlap. Piled with the lower ones in
     // front, each card keeps its top row (letter, octave, cents) in sight
     // above the next one; the mouse brings any card wholly to the front.
-    QList<CardWidget*> pile = mCards.values();
-    std::stable_sort(pile.begin(), pile.end(),
+    //
+    // The pile as it stands, back to front, and as it should be.
+    const QObjectList& stacked = children();
+    QVarLengthArray<CardWidget*, 64> pile;
+    for (CardWidget* card : qAsConst(mCards)) {
+        pile.append(card);
+    }
+    std::sort(pile.begin(), pile.end(), [&stacked](CardWidget* a, CardWidget* b) {
+        return stacked.indexOf(a) < stacked.indexOf(b);
+    });
+    QVarLengthArray<CardWidget*, 64> wanted = pile;
+    std::stable_sort(wanted.begin(), wanted.end(),
                      [](const CardWidget* a, const CardWidget* b) { return a->y() < b->y(); });
+    const int n = wanted.size();
+    QHash<const CardWidget*, int> rank;
+    rank.reserve(n);
+    for (int i = 0; i < n; ++i) {
+        rank.insert(wanted[i], i);
+        wanted[i]->setCardHirarchy(n - 1 - i);
+    }
+    // Restacking a card repaints it, so only the cards out of order move:
+    // the longest run of cards already in the right order, back to front,
+    // stays where it is (a longest increasing subsequence of the ranks).
+    QVarLengthArray<int, 64> tails;    // the pile index ending each run length
+    QVarLengthArray<int, 64> previous; // per pile index, the one before it
+    previous.resize(pile.size());
     for (int i = 0; i < pile.size(); ++i) {
-        pile[i]->raise();
-        pile[i]->setCardHirarchy(pile.size() - 1 - i);
+        const int r = rank.value(pile[i]);
+        const auto at = std::lower_bound(tails.begin(), tails.end(), r, [&](int index, int value) {
+            return rank.value(pile[index]) < value;
+        });
+        const int length = int(at - tails.begin());
+        previous[i] = length > 0 ? tails[length - 1] : -1;
+        if (at == tails.end()) {
+            tails.append(i);
+        } else {
+            *at = i;
+        }
     }
-}
-
-void CardStackWidget::showCardForBall(const ArboBallWidget* ball, int hierarchy)
-{
-    // A ball has one card: a second start (a note enabled while already
-    // shown) replaces it rather than leaving an orphan behind.
-    hideCardForBall(ball);
-    // The card takes its natural size itself, when it is made: one size for
-    // every card.
-    auto* card = new CardWidget(ball->node(), ball->options(), this);
-    updatePosition(ball, card);
-    card->show();
-    card->setCardHirarchy(hierarchy);
-    if (mOverlay) {
-        mOverlay->addConnector(ball, card);
+    QVarLengthArray<bool, 64> stays(n);
+    std::fill(stays.begin(), stays.end(), false);
+    for (int i = tails.isEmpty() ? -1 : tails.last(); i >= 0; i = previous[i]) {
+        stays[rank.value(pile[i])] = true;
     }
-    mCards.insert(ball, card);
-    connect(ball, &QObject::destroyed, this, &CardStackWidget::onBallDestroyed,
-            Qt::UniqueConnection);
+    // From the front backwards, each card that moves goes right under the
+    // one that belongs in front of it, which is in place by then.
+    for (int i = n - 1; i >= 0; --i) {
+        if (stays[i]) {
+            continue;
+        }
+        if (i == n - 1) {
+            wanted[i]->raise();
+        } else {
+            wanted[i]->stackUnder(wanted[i + 1]);
+        }
+    }
 }
 
 void CardStackWidget::hideCardForBall(const ArboBallWidget* ball)
+{
+    removeCard(ball, true);
+}
+
+void CardStackWidget::removeCard(const ArboBallWidget* ball, bool ballAlive)
 {
     CardWidget* card = mCards.take(ball);
     if (!card) {
         return;
     }
-    card->hide();
     if (mOverlay) {
-        mOverlay->removeConnector(ball);
+        if (ballAlive) {
+            mOverlay->removeConnector(ball);
+        } else {
+            mOverlay->forgetConnector(ball);
+        }
+    }
+    card->hide();
+    // The node is the lattice's, alive even when the ball is not. Its note
+    // sounds on while the ball stops only when the note is moving to another
+    // ball; a card whose node was switched off (its prime hidden) goes.
+    const ArboBall* node = card->node();
+    const Arbo* lattice = node->lattice();
+    if (node->isEnabled() && lattice && lattice->playingRatios().contains(card->soundingRatio())) {
+        if (mWaiting.isEmpty()) {
+            QMetaObject::invokeMethod(this, &CardStackWidget::dropWaitingCards,
+                                      Qt::QueuedConnection);
+        }
+        mWaiting.append(card);
+        return;
     }
     delete card;
+}
+
+void CardStackWidget::dropWaitingCards()
+{
+    qDeleteAll(mWaiting);
+    mWaiting.clear();
 }
 
 void CardStackWidget::raiseCardForBall(const ArboBallWidget* ball)
@@ -129,33 +236,22 @@ void CardStackWidget::raiseCard(CardWidget* card)
 
 void CardStackWidget::updateCards()
 {
-    struct Entry
-    {
-        const ArboBallWidget* ball;
-        int hierarchy;
-    };
-    std::vector<Entry> entries;
-    entries.reserve(size_t(mCards.size()));
+    // Whatever waited for a ball has not found one by now.
+    dropWaitingCards();
+    bool moved = false;
     for (auto it = mCards.constBegin(); it != mCards.constEnd(); ++it) {
-        entries.push_back({it.key(), it.value()->cardHirarchy()});
+        it.value()->refresh();
+        moved |= updatePosition(it.key(), it.value());
     }
-    // Back cards first: each new card is made on top of the ones before, so
-    // the front card ends up in front again.
-    std::stable_sort(entries.begin(), entries.end(),
-                     [](const Entry& a, const Entry& b) { return a.hierarchy > b.hierarchy; });
-    // One repaint for the whole rebuild, not one request per card.
-    setUpdatesEnabled(false);
-    for (const Entry& entry : entries) {
-        hideCardForBall(entry.ball);
-        showCardForBall(entry.ball, entry.hierarchy);
+    if (moved && mOverlay) {
+        mOverlay->update();
     }
-    setUpdatesEnabled(true);
 }
 
-void CardStackWidget::updatePosition(const ArboBallWidget* ball, CardWidget* card)
+bool CardStackWidget::updatePosition(const ArboBallWidget* ball, CardWidget* card)
 {
     if (!mView) {
-        return;
+        return false;
     }
     const QPoint atBall = mView->mapFromScene(ball->scenePos());
     int y = std::max(atBall.y() - card->height() / 2, 0);
@@ -163,7 +259,11 @@ void CardStackWidget::updatePosition(const ArboBallWidget* ball, CardWidget* car
     if (y + card->height() > mView->height() - mBottomMargin) {
         y = lowest;
     }
+    if (card->pos() == QPoint(0, y)) {
+        return false;
+    }
     card->move(0, y);
+    return true;
 }
 
 void CardStackWidget::updatePositions()
@@ -181,7 +281,7 @@ void CardStackWidget::onBallDestroyed(QObject* object)
     // The ball is half destroyed: it is only compared, never used.
     for (auto it = mCards.constBegin(); it != mCards.constEnd(); ++it) {
         if (static_cast<const QObject*>(it.key()) == object) {
-            hideCardForBall(it.key());
+            removeCard(it.key(), false);
             return;
         }
     }

@@ -1,17 +1,17 @@
 #include "display/cardwidget.h"
 
+#include "display/cardglyph.h"
+#include "display/cardlabel.h"
+#include "display/cardstackwidget.h"
 #include "model/arbo.h"
 #include "model/arboball.h"
 #include "model/arboratio.h"
 #include "notation/cardnote.h"
-#include "display/cardstackwidget.h"
 #include "settings/settings.h"
 
-#include <QLabel>
+#include <QEvent>
 #include <QPainter>
 #include <QStyleOption>
-#include <QSvgRenderer>
-#include <QSvgWidget>
 
 #include <algorithm>
 #include <cmath>
@@ -58,7 +58,12 @@ constexpr float OCTAVE_SPACINGS = 3.5f;
 // second from the top.
 constexpr float TREBLE_CLEF_LINE = 3.0f;
 constexpr float BASS_CLEF_LINE = 1.0f;
-const QColor STAFF_GREY(170, 170, 170);
+// Staff and ledger lines, one pixel wide.
+const QPen& staffPen()
+{
+    static const QPen PEN(QColor(170, 170, 170), 1, Qt::SolidLine);
+    return PEN;
+}
 
 CardStackWidget::Symbol accidentalSymbol(int accidental)
 {
@@ -77,52 +82,87 @@ CardStackWidget::Symbol accidentalSymbol(int accidental)
 } // namespace
 
 CardWidget::CardWidget(const ArboBall* node, const Settings& options, CardStackWidget* stack)
-    : QWidget(stack), mNode(node), mStack(stack), mOptions(options), mFrequency(CardNote::justFrequency(node))
+    : QWidget(stack), mNode(node), mStack(stack), mOptions(options)
 {
-    if (options.mNotation == Settings::Notation::HelmholtzEllis) {
-        mHeji = CardNote::hejiForBall(node, options);
+    // One size for every card, so that a column of them lines up and each
+    // staff has the same spacing.
+    setContentsMargins(4, 4, 6, 4);
+    setFixedSize(CARD_WIDTH, FIELD_SPACINGS * LINE_SPACING + 8);
+    const auto label = [this](const char* name, Qt::Alignment alignment) {
+        return new CardLabel(QString::fromLatin1(name), alignment, this);
+    };
+    mNoteLabel = label("noteLabel", Qt::AlignRight | Qt::AlignBottom);
+    mOctaveLabel = label("octaveLabel", Qt::AlignLeft | Qt::AlignBottom);
+    mCentsLabel = label("centsLabel", Qt::AlignRight | Qt::AlignBottom);
+    mRatioLabel = label("ratioLabel", Qt::AlignLeft | Qt::AlignVCenter);
+    mFreqLabel = label("freqLabel", Qt::AlignLeft | Qt::AlignVCenter);
+    mEnharmonicLabel = label("enharmonicLabel", Qt::AlignRight | Qt::AlignVCenter);
+    // Not in the text column: it sits beside the note head (updateCard).
+    mOctaveShiftLabel = label("octaveShiftLabel", Qt::AlignCenter);
+    placeText();
+    mEnharmonicLabel->hide(); // until a note needs it
+    mEnharmonicLabel->setCardText(QStringLiteral("enh"));
+
+    CardGlyphCache* glyphs = stack->glyphCache();
+    mClefSvg = new CardGlyph(QStringLiteral("clefSvg"), glyphs, this);
+    mAccidentalSvg = new CardGlyph(QStringLiteral("accidentalSvg"), glyphs, this);
+    mNoteSvg = new CardGlyph(QStringLiteral("noteSvg"), glyphs, this);
+    // The style sheet's fonts and colours first: the panel and the texts are
+    // drawn with them.
+    ensurePolished();
+    drawPanel();
+    refresh();
+}
+
+void CardWidget::setNode(const ArboBall* node)
+{
+    mNode = node;
+    refresh();
+}
+
+ArboRatio CardWidget::soundingRatioOf(const ArboBall* node)
+{
+    // The way the lattice keys its nodes by the ratios that sound.
+    ArboRatio ratio = node->lattice()->transposition();
+    return ratio.multiplyIfExact(node->ratio()) ? ratio : ArboRatio();
+}
+
+void CardWidget::refresh()
+{
+    mSounding = soundingRatioOf(mNode);
+    mFrequency = CardNote::justFrequency(mNode);
+    mHeji = HejiSpelling();
+    mShowsHeji = false;
+    if (mOptions.mNotation == Settings::Notation::HelmholtzEllis) {
+        mHeji = CardNote::hejiForBall(mNode, mOptions);
         mShowsHeji = mHeji.isWritable();
     }
     if (mShowsHeji) {
         takeHejiSpelling();
     } else {
-        mNote = CardNote::noteForBall(node, options, mFrequency);
+        mNote = CardNote::noteForBall(mNode, mOptions, mFrequency);
         mCents = mNote.cents();
     }
     mTreble = mNote.octave() >= 4;
     placeNoteHead();
-
-    // One size for every card, so that a column of them lines up and each
-    // staff has the same spacing.
-    setContentsMargins(4, 4, 6, 4);
-    setFixedSize(CARD_WIDTH, FIELD_SPACINGS * LINE_SPACING + 8);
-    const int cents = int(std::lround(mCents));
-    mNoteLabel = addLabel(QStringLiteral("noteLabel"), QString(mNote.noteLetter()));
-    mOctaveLabel = addLabel(QStringLiteral("octaveLabel"), QString::number(mNote.octave()));
-    mCentsLabel = addLabel(QStringLiteral("centsLabel"),
-                           cents > 0 ? QStringLiteral("+%1").arg(cents) : QString::number(cents));
-    const ArboRatio ratio(node->path(), node->lattice()->transposeSteps());
-    mRatioLabel = addLabel(QStringLiteral("ratioLabel"),
-                           absoluteReadout() ? ratio.toStringAbs() : ratio.toString());
-    mFreqLabel = addLabel(QStringLiteral("freqLabel"),
-                          QString::number(double(mFrequency), 'f', 3) + QStringLiteral(" Hz"));
-    mEnharmonicLabel = addLabel(QStringLiteral("enharmonicLabel"), QStringLiteral("enh"));
-    mEnharmonicLabel->setVisible(mNote.isEnharmonic());
-    mOctaveShiftLabel =
-        addLabel(QStringLiteral("octaveShiftLabel"),
-                 mOctaveShift == 0 ? QString() : QString::number(std::abs(mOctaveShift) * 7 + 1));
-    // Not in the text column: it sits beside the note head (updateCard).
-    mOctaveShiftLabel->setVisible(mOctaveShift != 0);
-    mNoteLabel->setAlignment(Qt::AlignRight | Qt::AlignBottom);
-    mOctaveLabel->setAlignment(Qt::AlignLeft | Qt::AlignBottom);
-    mCentsLabel->setAlignment(Qt::AlignRight | Qt::AlignBottom);
-    mRatioLabel->setAlignment(Qt::AlignLeft | Qt::AlignVCenter);
-    mEnharmonicLabel->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
-    mFreqLabel->setAlignment(Qt::AlignLeft | Qt::AlignVCenter);
-    mOctaveShiftLabel->setAlignment(Qt::AlignCenter);
-
-    addSymbols();
+    setTexts();
+    setSymbols();
     updateCard();
+}
+
+void CardWidget::setTexts()
+{
+    const int cents = int(std::lround(mCents));
+    mNoteLabel->setCardText(QString(mNote.noteLetter()));
+    mOctaveLabel->setCardText(QString::number(mNote.octave()));
+    mCentsLabel->setCardText(cents > 0 ? QStringLiteral("+%1").arg(cents) : QString::number(cents));
+    const ArboRatio ratio(mNode->path(), mNode->lattice()->transposeSteps());
+    mRatioLabel->setCardText(absoluteReadout() ? ratio.toStringAbs() : ratio.toString());
+    mFreqLabel->setCardText(QString::number(double(mFrequency), 'f', 3) + QStringLiteral(" Hz"));
+    mEnharmonicLabel->setVisible(mNote.isEnharmonic());
+    mOctaveShiftLabel->setCardText(
+        mOctaveShift == 0 ? QString() : QString::number(std::abs(mOctaveShift) * 7 + 1));
+    mOctaveShiftLabel->setVisible(mOctaveShift != 0);
 }
 
 void CardWidget::takeHejiSpelling()
@@ -143,6 +183,7 @@ void CardWidget::takeHejiSpelling()
 
 void CardWidget::placeNoteHead()
 {
+    mOctaveShift = 0;
     mStaffPosition = getStaffLineForNote(mTreble, mNote);
     while (mStaffPosition < HIGHEST_DRAWN) {
         mStaffPosition += OCTAVE_SPACINGS;
@@ -154,57 +195,38 @@ void CardWidget::placeNoteHead()
     }
 }
 
-void CardWidget::addSymbols()
+void CardWidget::setSymbols()
 {
-    const CardStackWidget::Symbol clef =
-        mTreble ? CardStackWidget::TrebleClef : CardStackWidget::BassClef;
-    mClefSvg = new QSvgWidget(this);
-    mClefSvg->setObjectName(QStringLiteral("clefSvg"));
-    mClefSvg->load(mStack->svg(clef));
-
-    mAccidentalSvg = new QSvgWidget(this);
-    mAccidentalSvg->setObjectName(QStringLiteral("accidentalSvg"));
-    if (!mShowsHeji && mNote.accidental() != 0) {
-        QByteArray accidental = mStack->svg(accidentalSymbol(mNote.accidental()));
-        changeSvgColor(&accidental, mNode, absoluteReadout());
-        mAccidentalSvg->load(accidental);
-    }
-
-    QByteArray head = mStack->svg(CardStackWidget::NoteHead);
-    changeSvgColor(&head, mNode, absoluteReadout());
-    mNoteSvg = new QSvgWidget(this);
-    mNoteSvg->setObjectName(QStringLiteral("noteSvg"));
-    mNoteSvg->load(head);
-
-    for (QSvgWidget* symbol : {mClefSvg, mAccidentalSvg, mNoteSvg}) {
-        // Clicks and hovers belong to the card.
-        symbol->setAttribute(Qt::WA_TransparentForMouseEvents);
-    }
-    if (mShowsHeji) {
-        addHejiSigns();
-    }
+    mClefSvg->setGlyph(
+        mStack->glyph(mTreble ? CardStackWidget::TrebleClef : CardStackWidget::BassClef), QColor());
+    const QColor color = symbolColor(mNode, absoluteReadout());
+    mAccidentalSvg->setGlyph(!mShowsHeji && mNote.accidental() != 0
+                                 ? mStack->glyph(accidentalSymbol(mNote.accidental()))
+                                 : nullptr,
+                             color);
+    mNoteSvg->setGlyph(mStack->glyph(CardStackWidget::NoteHead), color);
+    setHejiSigns();
 }
 
-void CardWidget::addHejiSigns()
+void CardWidget::setHejiSigns()
 {
-    for (const HejiSpelling::Sign& sign : mHeji.signs()) {
-        QByteArray bytes = mStack->smuflSvg(sign.glyph);
-        recolorSvg(&bytes, mNode->lattice()->lookupColor(sign.prime));
-        auto* svg = new QSvgWidget(this);
-        svg->setObjectName(QStringLiteral("hejiSignSvg"));
+    const QVector<HejiSpelling::Sign> signs =
+        mShowsHeji ? mHeji.signs() : QVector<HejiSpelling::Sign>();
+    // The signs a spelling no longer has go at once: whatever looks at the
+    // card's symbols sees only the ones it draws.
+    while (mHejiSvgs.size() > signs.size()) {
+        delete mHejiSvgs.takeLast();
+    }
+    for (int i = 0; i < signs.size(); ++i) {
+        const HejiSpelling::Sign& sign = signs[i];
+        if (i == mHejiSvgs.size()) {
+            mHejiSvgs.append(
+                new CardGlyph(QStringLiteral("hejiSignSvg"), mStack->glyphCache(), this));
+        }
+        CardGlyph* svg = mHejiSvgs[i];
         svg->setProperty("glyph", sign.glyph);
-        svg->setAttribute(Qt::WA_TransparentForMouseEvents);
-        svg->load(bytes);
-        mHejiSvgs.append(svg);
+        svg->setGlyph(mStack->smuflGlyph(sign.glyph), mNode->lattice()->lookupColor(sign.prime));
     }
-}
-
-QLabel* CardWidget::addLabel(const QString& objectName, const QString& text)
-{
-    auto* label = new QLabel(text, this);
-    label->setObjectName(objectName);
-    label->setAttribute(Qt::WA_TransparentForMouseEvents);
-    return label;
 }
 
 bool CardWidget::absoluteReadout() const
@@ -212,11 +234,11 @@ bool CardWidget::absoluteReadout() const
     return mOptions.mAbsRelView != 0;
 }
 
-void CardWidget::changeSvgColor(QByteArray* bytes, const ArboBall* node, bool absolute)
+QColor CardWidget::symbolColor(const ArboBall* node, bool absolute)
 {
     const Arbo* lattice = node->lattice();
-    if (!lattice || !bytes) {
-        return;
+    if (!lattice) {
+        return QColor();
     }
     QList<int> steps = lattice->transposeSteps();
     steps += node->path().toList();
@@ -226,22 +248,18 @@ void CardWidget::changeSvgColor(QByteArray* bytes, const ArboBall* node, bool ab
     }
     // In the absolute readouts the root keeps the root's colour however far
     // the lattice is transposed.
-    if (absolute &&
-        ArboRatio::pathRatio(node->path()) == ArboRatio(1, 1)) {
+    if (absolute && ArboRatio::pathRatio(node->path()) == ArboRatio(1, 1)) {
         p = 1;
     }
-    recolorSvg(bytes, lattice->lookupColor(p));
+    return lattice->lookupColor(p);
 }
 
-void CardWidget::recolorSvg(QByteArray* bytes, const QColor& color)
+void CardWidget::changeSvgColor(QByteArray* bytes, const ArboBall* node, bool absolute)
 {
-    const QByteArray hex = QStringLiteral("#%1%2%3")
-                               .arg(color.red(), 2, 16, QLatin1Char('0'))
-                               .arg(color.green(), 2, 16, QLatin1Char('0'))
-                               .arg(color.blue(), 2, 16, QLatin1Char('0'))
-                               .toLatin1();
-    bytes->replace(QByteArrayLiteral("fill:#000000"), QByteArrayLiteral("fill:") + hex);
-    bytes->replace(QByteArrayLiteral("stroke:#000000"), QByteArrayLiteral("stroke:") + hex);
+    const QColor color = symbolColor(node, absolute);
+    if (bytes && color.isValid()) {
+        CardGlyphCache::recolor(bytes, color);
+    }
 }
 
 float CardWidget::getStaffLineForNote(bool treble, const Note& note)
@@ -252,20 +270,15 @@ float CardWidget::getStaffLineForNote(bool treble, const Note& note)
            0.5f * note.note();
 }
 
-void CardWidget::placeSymbol(QSvgWidget* symbol, qreal originX, qreal baselineY, bool rightAligned)
+void CardWidget::placeSymbol(CardGlyph* symbol, qreal originX, qreal baselineY, bool rightAligned)
 {
     // The symbols are drawn in staff spaces with the glyph's baseline at
     // y = 0, so the view box says where and how large each one goes.
-    const QRectF box = symbol->renderer()->isValid() ? symbol->renderer()->viewBoxF() : QRectF();
-    if (box.isEmpty()) {
-        symbol->hide();
-        return;
-    }
+    const QRectF box = symbol->viewBox();
     const qreal s = mLineSpacing;
     const qreal width = box.width() * s;
     const qreal left = rightAligned ? originX - width : originX + box.left() * s;
-    symbol->setGeometry(QRectF(left, baselineY + box.top() * s, width, box.height() * s).toRect());
-    symbol->show();
+    symbol->place(QRectF(left, baselineY + box.top() * s, width, box.height() * s).toRect());
 }
 
 qreal CardWidget::noteX() const
@@ -274,11 +287,9 @@ qreal CardWidget::noteX() const
         return NOTE_X;
     }
     const qreal s = mLineSpacing;
-    const auto widthOf = [s](const QSvgWidget* svg) {
-        return svg->renderer()->isValid() ? svg->renderer()->viewBoxF().width() * s : 0.0;
-    };
+    const auto widthOf = [s](const CardGlyph* svg) { return svg->viewBox().width() * s; };
     qreal signs = 0.0;
-    for (const QSvgWidget* svg : mHejiSvgs) {
+    for (const CardGlyph* svg : mHejiSvgs) {
         signs += widthOf(svg) + SIGN_GAP * s;
     }
     // Between the clef and the note head; when the signs need more, the
@@ -329,6 +340,24 @@ void CardWidget::updateCard()
         mOctaveShiftLabel->setGeometry(int(std::lround(x)), y, OCTAVE_MARK_SIZE, OCTAVE_MARK_SIZE);
     }
 
+    // The ledger lines reach past the note head on both sides.
+    const QList<int> ledgers = ledgerLines();
+    const QRect head = mNoteSvg->geometry();
+    const int from = head.isValid() ? head.left() - LEDGER_OVERHANG : int(left + NOTE_X);
+    const int to = head.isValid() ? head.right() + 1 + LEDGER_OVERHANG : from;
+    QVector<QLine> lines;
+    lines.reserve(ledgers.size());
+    for (int y : ledgers) {
+        lines.append(QLine(from, y, to, y));
+    }
+    if (lines != mLedgers) {
+        mLedgers = lines;
+        update();
+    }
+}
+
+void CardWidget::placeText()
+{
     const QRect field = contentsRect();
     const int textLeft = field.left() + STAFF_WIDTH + TEXT_GAP;
     const int textWidth = field.right() + 1 - textLeft;
@@ -374,23 +403,25 @@ QList<int> CardWidget::ledgerLines() const
     return lines;
 }
 
-void CardWidget::drawLines(QPainter& painter) const
+void CardWidget::drawPanel()
 {
-    painter.setPen(QPen(STAFF_GREY, 1, Qt::SolidLine));
+    const qreal ratio = devicePixelRatioF();
+    mPanel = QPixmap(size() * ratio);
+    mPanel.setDevicePixelRatio(ratio);
+    mPanel.fill(Qt::transparent);
+    QPainter painter(&mPanel);
+    // The panel as the style sheet draws it. Every card has the same rule
+    // (it has no states such as :hover), so the panel changes only with the
+    // size and the style.
+    QStyleOption option;
+    option.initFrom(this);
+    style()->drawPrimitive(QStyle::PE_Widget, &option, &painter, this);
+    painter.setPen(staffPen());
     const int left = contentsRect().left();
     for (int y : staffLines()) {
         painter.drawLine(left, y, left + STAFF_WIDTH, y);
     }
-    const QList<int> ledgers = ledgerLines();
-    if (ledgers.isEmpty()) {
-        return;
-    }
-    const QRect head = mNoteSvg->geometry();
-    const int from = head.isValid() ? head.left() - LEDGER_OVERHANG : left + int(NOTE_X);
-    const int to = head.isValid() ? head.right() + 1 + LEDGER_OVERHANG : from;
-    for (int y : ledgers) {
-        painter.drawLine(from, y, to, y);
-    }
+    update();
 }
 
 void CardWidget::enterEvent(QEvent* event)
@@ -402,16 +433,35 @@ void CardWidget::enterEvent(QEvent* event)
 void CardWidget::resizeEvent(QResizeEvent* event)
 {
     QWidget::resizeEvent(event);
-    mLineSpacing = contentsRect().height() / float(FIELD_SPACINGS);
-    updateCard();
+    const float spacing = contentsRect().height() / float(FIELD_SPACINGS);
+    if (spacing != mLineSpacing || mPanel.size() / mPanel.devicePixelRatio() != size()) {
+        mLineSpacing = spacing;
+        placeText();
+        updateCard();
+        drawPanel();
+    }
+}
+
+void CardWidget::changeEvent(QEvent* event)
+{
+    QWidget::changeEvent(event);
+    // Not before the constructor drew the panel for the first time.
+    if ((event->type() == QEvent::StyleChange || event->type() == QEvent::PaletteChange) &&
+        !mPanel.isNull()) {
+        drawPanel();
+    }
 }
 
 void CardWidget::paintEvent(QPaintEvent*)
 {
+    if (mPanel.devicePixelRatio() != devicePixelRatioF()) {
+        // Moved to a screen of another pixel density: drawn anew, once.
+        drawPanel();
+    }
     QPainter painter(this);
-    // The panel as the style sheet draws it.
-    QStyleOption option;
-    option.initFrom(this);
-    style()->drawPrimitive(QStyle::PE_Widget, &option, &painter, this);
-    drawLines(painter);
+    painter.drawPixmap(0, 0, mPanel);
+    if (!mLedgers.isEmpty()) {
+        painter.setPen(staffPen());
+        painter.drawLines(mLedgers.constData(), mLedgers.size());
+    }
 }
