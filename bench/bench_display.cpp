@@ -196,14 +196,23 @@ void setAllPlaying(Arbo* lattice, bool playing)
     }
 }
 
-void repaintAllPlaying(benchmark::State& state, Arbo* lattice, ArboLeavesWidget::View style)
+// The lattice in a window of a usual size, shown and exposed.
+bool showView(ArboView& view, Arbo* lattice, ArboLeavesWidget::View style, benchmark::State& state)
 {
-    ArboView view;
     view.resize(1200, 800);
     view.init(style, lattice, nullptr, sPlayer, *sOptions);
     view.show();
     if (!QTest::qWaitForWindowExposed(&view)) {
         state.SkipWithError("the view was not shown");
+        return false;
+    }
+    return true;
+}
+
+void repaintAllPlaying(benchmark::State& state, Arbo* lattice, ArboLeavesWidget::View style)
+{
+    ArboView view;
+    if (!showView(view, lattice, style, state)) {
         return;
     }
     setAllPlaying(lattice, true);
@@ -247,11 +256,7 @@ protected:
 void repaintOneBall(benchmark::State& state, Arbo* lattice, ArboLeavesWidget::View style)
 {
     ArboView view;
-    view.resize(1200, 800);
-    view.init(style, lattice, nullptr, sPlayer, *sOptions);
-    view.show();
-    if (!QTest::qWaitForWindowExposed(&view)) {
-        state.SkipWithError("the view was not shown");
+    if (!showView(view, lattice, style, state)) {
         return;
     }
     PaintWatch watch;
