@@ -3,7 +3,9 @@
 #   make test  installs that and the test tools, builds and runs every test (CTest)
 # Both are quick when nothing changed. Also:
 #   make package       the Debian package, from a build folder of its own without tests
-#   make bench         every benchmark
+#   make bench         every benchmark but the soak
+#   make soak          the real program played for MINUTES (default 10) on a
+#                      private display and JACK server; MINUTES=60 for an hour
 #   make screenshots   the README's pictures
 #   make startup-time  the median time from start to the first paint
 
@@ -14,7 +16,7 @@ JOBS ?= $(shell nproc)
 BIN := $(BUILD_DIR)/bin
 
 .PHONY: all deps-build deps-test libpd configure-run configure-test build-run build-test \
-        run test package bench screenshots startup-time clean
+        run test package bench soak screenshots startup-time clean
 
 all: build-run
 
@@ -63,8 +65,13 @@ package: libpd
 	cd $(PACKAGE_DIR) && cpack
 	@ls $(PACKAGE_DIR)/*.deb
 
+# The soak runs for minutes, so it has a target of its own.
 bench: build-test
-	@for b in $(BIN)/bench_*; do [ -x "$$b" ] && "$$b"; done
+	@for b in $(BIN)/bench_*; do [ "$${b##*/}" = bench_soak ] && continue; [ -x "$$b" ] && "$$b"; done
+
+MINUTES ?= 10
+soak: build-test
+	$(BIN)/bench_soak --minutes $(MINUTES)
 
 # The README's pictures of the lattice, from the real program under Xvfb.
 screenshots: build-test

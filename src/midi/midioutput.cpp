@@ -258,6 +258,16 @@ void MidiOutput::onCheckPort()
 
 void MidiOutput::send(const MidiEncoder::Messages& messages)
 {
+    // RtMidi's JACK port waits for room in its buffer, spinning, and only the
+    // server's process cycle makes room: once the server has gone, a send
+    // would spin for good, burning a core, and close() would wait for this
+    // thread for ever, so that a shutdown after a restarted sound server
+    // hangs before the options are saved. What is sent then has nowhere to
+    // go anyway. (A server that stalls with the buffer full and then dies
+    // can still catch a send inside RtMidi; this check cannot reach there.)
+    if (mWatch && mWatch->gone()) {
+        return;
+    }
     for (const auto& message : messages) {
         mOut->sendMessage(message.data(), message.size());
     }

@@ -252,6 +252,7 @@ bool PaAudioOutput::closeDevice()
         closed = mStream.stopAndClose(mLibrary, STOP_TIMEOUT_MS);
     }
     retireCallbacks();
+    logStreamStats();
     // No callback renders any more: patch changes are carried out at once.
     mPlayer->setAudioThreadRunning(false);
     if (!mLibrary->isAbandoned()) {
@@ -259,6 +260,27 @@ bool PaAudioOutput::closeDevice()
     }
     mContext = nullptr;
     return closed;
+}
+
+void PaAudioOutput::logStreamStats() const
+{
+    // The callback counts its timing but may not log, and nothing else shows
+    // it outside the program: one line per stream, here, once its last
+    // callback has ended and the figures are final, lets a long run (a show,
+    // a soak under load) read its xruns and worst callback from the log.
+    const CallbackStats::Snapshot stats = mStats.snapshot();
+    if (stats.callbacks == 0) {
+        return;
+    }
+    const auto ms = [](std::int64_t ns) { return QString::number(double(ns) / 1e6, 'f', 3); };
+    qInfo().noquote() << QStringLiteral(
+                             "Audio stream closed after %1 callbacks: %2 xruns, %3 "
+                             "overruns, worst %4 ms, 99th percentile %5 ms, period %6 ms")
+                             .arg(stats.callbacks)
+                             .arg(stats.underflows)
+                             .arg(stats.overruns)
+                             .arg(ms(stats.maxNs), ms(stats.percentileNs(0.99)),
+                                  ms(stats.periodNs));
 }
 
 void PaAudioOutput::retireCallbacks()

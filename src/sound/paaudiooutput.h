@@ -138,6 +138,9 @@ private:
     // Makes sure no callback of an old stream is inside render() and none
     // will enter it again.
     void retireCallbacks();
+    // Logs the closed stream's callback timing (see CallbackStats), once no
+    // callback runs any more.
+    void logStreamStats() const;
     // Ends PortAudio within STOP_TIMEOUT_MS, leaving the library behind if
     // it does not come back.
     void terminateLibrary();
