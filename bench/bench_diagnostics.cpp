@@ -10,6 +10,11 @@
 //   GUI thread's event loop went without running a 16 ms timer (how sluggish
 //   the window gets); rss_growth_MB and bytes_per_line, resident memory
 //   after the flood against before it (what the hours cost); peak_rss_MB.
+// - diagnostics/take_in_a_full_frame: the worst frame of a flood, without
+//   the flood: 20,000 new lines (as many as the list shows) taken into a
+//   shown dialog that already lists 20,000, laid out and painted. This is
+//   the GUI thread's own part of the stall above, which on a busy machine
+//   also holds the time the thread waits for a core.
 // - diagnostics/100k_lines/append_per_line: for comparison, the same flood
 //   into a plain text box that appends each line as it comes (one paragraph
 //   per queued signal), a tenth of the lines.
@@ -22,6 +27,7 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
+#include <QListView>
 #include <QLoggingCategory>
 #include <QPlainTextEdit>
 #include <QTemporaryDir>
@@ -147,6 +153,30 @@ void dialog(benchmark::State& state)
     }
 }
 
+void takeInAFullFrame(benchmark::State& state)
+{
+    DiagnosticsDialog dialog;
+    dialog.show();
+    const auto give = [&dialog](int round) {
+        for (int i = 0; i < DiagnosticsDialog::SHOWN_LINES; ++i) {
+            dialog.onMessage(
+                QStringLiteral("[12:00:00.000]  round %1 line %2 of the flood\n").arg(round).arg(i));
+        }
+    };
+    give(0);
+    dialog.shownLines();
+    QCoreApplication::processEvents();
+    int round = 1;
+    for (auto _ : state) {
+        state.PauseTiming();
+        give(round++);
+        state.ResumeTiming();
+        dialog.shownLines();
+        QCoreApplication::processEvents();
+        dialog.lineView()->viewport()->repaint();
+    }
+}
+
 void appendPerLine(benchmark::State& state)
 {
     const int lines = int(state.range(0));
@@ -194,6 +224,8 @@ int main(int argc, char** argv)
         ->Arg(1000000)
         ->Iterations(1)
         ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("diagnostics/take_in_a_full_frame", takeInAFullFrame)
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("diagnostics/100k_lines/append_per_line", appendPerLine)
         ->Arg(100000)
