@@ -1,5 +1,7 @@
 #include "ui/diagnosticslinemodel.h"
 
+#include <algorithm>
+
 DiagnosticsLineModel::DiagnosticsLineModel(int limit, QObject* parent)
     : QAbstractListModel(parent), mLimit(limit)
 {
