@@ -411,12 +411,14 @@ private slots:
         mJack.killServer();
         keys.abandon();
         QTRY_VERIFY2_WITH_TIMEOUT(log().contains("Audio device lost") &&
-                                      log().contains("input is off until it is back"),
+                                      log().contains("input is off until it is back") &&
+                                      log().contains("output is off until it is back"),
                                   qPrintable(log()), 15000);
         QVERIFY2(mJack.restartServer(), qPrintable(mJack.error()));
         QVERIFY(keys.open(QStringLiteral("arbo-keys")));
         QTRY_VERIFY2_WITH_TIMEOUT(log().contains("Audio device opened again") &&
-                                      log().count(connected) == 2,
+                                      log().count(connected) == 2 &&
+                                      log().contains("MIDI output is back"),
                                   qPrintable(log()), 30000);
         QVERIFY(mJack.waitForPort(JackFixture::PORTAUDIO_CLIENT + QStringLiteral(":out_0")));
         // The note that sounded was let go with the device; the tag strikes

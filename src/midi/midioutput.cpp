@@ -86,6 +86,10 @@ QStringList MidiOutput::portNames(Api api)
 bool MidiOutput::open(const MidiSettings& settings, Api api)
 {
     close();
+    if (!mOpened) {
+        mOpened = std::make_unique<MidiSettings>();
+    }
+    mOpened->copyValues(settings);
     if (!settings.mEnabled) {
         setStatus(tr("MIDI output is off"));
         return false;
@@ -110,7 +114,8 @@ bool MidiOutput::open(const MidiSettings& settings, Api api)
     return true;
 }
 
-bool MidiOutput::openPort(RtMidiOut& out, const QString& port, Api used, QString& where)
+bool MidiOutput::openPort(RtMidiOut& out, const QString& port, Api used, QString& where,
+                          bool quiet)
 {
     const QString system = used == Api::Jack ? QStringLiteral("JACK") : QStringLiteral("ALSA");
     if (port.isEmpty()) {
@@ -119,7 +124,9 @@ bool MidiOutput::openPort(RtMidiOut& out, const QString& port, Api used, QString
     } else {
         const int index = portIndex(out, port);
         if (index < 0) {
-            warn(tr("MIDI port \"%1\" not found: MIDI output is off").arg(port));
+            if (!quiet) {
+                warn(tr("MIDI port \"%1\" not found: MIDI output is off").arg(port));
+            }
             return false;
         }
         out.openPort(unsigned(index), PORT_NAME);
@@ -130,6 +137,9 @@ bool MidiOutput::openPort(RtMidiOut& out, const QString& port, Api used, QString
     // port is judged by its errors alone.
     const bool failed = mErrors.take(openError);
     if (failed || (!port.isEmpty() && !out.isPortOpen())) {
+        if (quiet) {
+            return false;
+        }
         warn(tr("Could not open the MIDI %1 (%2): MIDI output is off")
                  .arg(where, QString::fromStdString(openError).trimmed()));
         return false;
@@ -172,6 +182,7 @@ void MidiOutput::start(std::unique_ptr<RtMidiOut> out, const MidiSettings& setti
 void MidiOutput::close()
 {
     mPortCheck.stop();
+    mServerLost = false;
     if (mPlayer) {
         // With no MIDI going out, the built-in sound always plays.
         mPlayer->setNoteTap(nullptr);
@@ -228,9 +239,47 @@ void MidiOutput::warn(const QString& text)
     setStatus(text);
 }
 
+void MidiOutput::loseServer()
+{
+    // The MIDI thread sends nothing to a server that has gone (see send()),
+    // so it ends at its next look at the stop flag; close() abandons the
+    // port instead of closing it.
+    close();
+    mServerLost = true;
+    warn(tr("The JACK server has gone: MIDI output is off until it is back"));
+    mPortCheck.start();
+}
+
+void MidiOutput::reopenAfterServerLoss()
+{
+    // JACK only: the server comes back under the same name, and the notes
+    // should go where they went before, not to the ALSA sequencer.
+    std::string error;
+    bool jack = false;
+    std::unique_ptr<RtMidiOut> out =
+        RtMidiErrorSink::openFirst<RtMidiOut>(true, false, PORT_NAME, mErrors, error, jack);
+    QString where;
+    if (!out || !openPort(*out, mOpened->mPort, Api::Jack, where, true)) {
+        mErrors.take(error); // said once already, when the server went
+        return;
+    }
+    start(std::move(out), *mOpened, Api::Jack);
+    mServerLost = false;
+    setStatus(tr("%1 on the %2").arg(mOpened->mMethod, where));
+    qInfo().noquote() << "MIDI output is back:" << mStatus;
+}
+
 void MidiOutput::onCheckPort()
 {
+    if (mServerLost) {
+        reopenAfterServerLoss(); // quietly, once a second, until the server is back
+        return;
+    }
     if (!mOut) {
+        return;
+    }
+    if (mWatch && mWatch->gone()) {
+        loseServer();
         return;
     }
     // The MIDI thread never logs; what RtMidi said to it is reported here.

@@ -32,7 +32,9 @@ class RtMidiOut;
 // programs connect to, or a connection to an existing port chosen by name.
 // The MIDI system is JACK when a JACK server runs (the audio then runs on it
 // too), the ALSA sequencer otherwise. A missing MIDI system leaves the output
-// off with a warning; the program goes on without it.
+// off with a warning; the program goes on without it. A JACK server that goes
+// away while the output is open (killed, restarted) is said once; the output
+// opens again by itself, with the same settings, when the server is back.
 //
 // Threads: everything public belongs to the GUI thread, except ring(),
 // notesSent() and lastLatencyNs(), which any thread may call.
@@ -96,10 +98,18 @@ private:
     // Opens on `out` the virtual port, or, when `port` names one, the
     // connection to that port; `where` says which, for the status. On failure
     // the output stays off, with a warning.
-    bool openPort(RtMidiOut& out, const QString& port, Api used, QString& where);
+    // `quiet`: a failure is only returned, not logged (the retries after a
+    // lost server repeat every second).
+    bool openPort(RtMidiOut& out, const QString& port, Api used, QString& where,
+                  bool quiet = false);
     // Takes `out` over with the encoder the settings choose, and starts the
     // MIDI thread and the port check.
     void start(std::unique_ptr<RtMidiOut> out, const MidiSettings& settings, Api used);
+    // GUI thread: lets go of the port on a JACK server that has gone and
+    // starts looking for its return.
+    void loseServer();
+    // GUI thread: one quiet attempt to open the output again on JACK.
+    void reopenAfterServerLoss();
     void setStatus(const QString& status);
     // Logs `text` as a warning and shows it as the status.
     void warn(const QString& text);
@@ -121,5 +131,7 @@ private:
     QString mPort;
     QString mStatus;
     bool mPortLost = false;
+    bool mServerLost = false;
+    std::unique_ptr<MidiSettings> mOpened; // the settings of the last open(), to open again
     QTimer mPortCheck;
 };
