@@ -137,6 +137,7 @@ bool JackFixture::start(int sampleRate, int periodFrames, int timeoutMs, bool re
     // late, and an asynchronous server would run the cycle without it,
     // losing that client's audio and MIDI for the period; tests that compare
     // every MIDI byte cannot allow that.
+    removeServerFiles(); // of an earlier process that had this process id
     mServerArguments = scheduling + QStringList{"--sync", "-n", mServerName, "-d", "dummy", "-r",
                                                 QString::number(sampleRate), "-p",
                                                 QString::number(periodFrames)};
@@ -167,6 +168,27 @@ void JackFixture::killServer()
         mServer.kill();
         mServer.waitForFinished(10000);
     }
+    removeServerFiles();
+}
+
+void JackFixture::removeServerFiles() const
+{
+    // A killed server, and the clients killed with it, leave their socket and
+    // named semaphores behind. Process ids come round again, and with them
+    // server names, so a later server of the same name would find another's
+    // semaphores with their old counts; and every test run would add to a
+    // pile that never shrinks.
+    if (mServerName.isEmpty()) {
+        return;
+    }
+    QDir shm(QStringLiteral("/dev/shm"));
+    const QStringList left =
+        shm.entryList({QStringLiteral("jack_sem.*_%1_*").arg(mServerName),
+                       QStringLiteral("jack_%1_*").arg(mServerName)},
+                      QDir::Files | QDir::System | QDir::Hidden);
+    for (const QString& name : left) {
+        shm.remove(name);
+    }
 }
 
 void JackFixture::stopProcess(QProcess& process)
@@ -186,6 +208,7 @@ void JackFixture::stop()
 {
     stopProcess(mCapture);
     stopProcess(mServer);
+    removeServerFiles();
 }
 
 bool JackFixture::waitForPort(const QString& pattern, int timeoutMs) const

@@ -123,6 +123,8 @@ private:
     bool startTool(ChildProcess& process, const QString& program, const QStringList& args,
                    const QString& logName);
     static void stopProcess(QProcess& process);
+    // Removes what a server of this fixture's name left in /dev/shm.
+    void removeServerFiles() const;
 
     std::unique_ptr<QTemporaryDir> mDir;
     ChildProcess mServer;
