@@ -89,27 +89,6 @@ void openPatch(benchmark::State& state, const QString& voicePath)
     state.counters["heap_kept_KB"] = kept / 1024.0 / double(state.iterations());
 }
 
-// What handing a closed patch's free pages back to the system costs the
-// thread that closed it (the player does it after each patch change).
-void trimAfterClose(benchmark::State& state, const QString& voicePath)
-{
-    if (!Rig::prepareRuntimeFolder(sRuntime->path(), voicePath)) {
-        state.SkipWithError("could not prepare the runtime folder");
-        return;
-    }
-    for (auto _ : state) {
-        state.PauseTiming();
-        const bool opened = Rig::open(sRuntime->path());
-        Rig::close();
-        state.ResumeTiming();
-        if (!opened) {
-            state.SkipWithError("could not open the patch");
-            return;
-        }
-        malloc_trim(0);
-    }
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -124,8 +103,6 @@ int main(int argc, char** argv)
     for (const QString& path : Rig::voicePatches()) {
         const std::string name = QFileInfo(path).completeBaseName().toStdString();
         benchmark::RegisterBenchmark(("open_engine_patch/" + name).c_str(), openPatch, path)
-            ->Unit(benchmark::kMillisecond);
-        benchmark::RegisterBenchmark(("trim_after_close/" + name).c_str(), trimAfterClose, path)
             ->Unit(benchmark::kMillisecond);
         for (int voices : {0, 16, 128}) {
             benchmark::RegisterBenchmark(

@@ -7,8 +7,6 @@
 #include <QElapsedTimer>
 #include <QThread>
 
-#include <malloc.h>
-
 PatchChanger::PatchChanger(PatchMixer& mixer, VoicePool& voices, PlayerResultQueue& results)
     : mMixer(mixer), mVoices(voices), mResults(results)
 {
@@ -104,24 +102,10 @@ void PatchChanger::completeNow()
 void PatchChanger::collectRetired()
 {
     Swap* swap = nullptr;
-    bool released = false;
     while (mRetired.pop(swap)) {
-        released = released || swap->retired;
         release(swap->retired);
         delete swap;
     }
-#ifdef __GLIBC__
-    // A voice patch is tens of megabytes of small Pd objects, made and freed
-    // on this thread among the window's own long-lived objects. Those pin
-    // pages here and there, so the allocator keeps most of the freed patch
-    // resident, and over a night of patch changes the program creeps upward
-    // by megabytes an hour without a single leak. Handing the free pages
-    // back after each change keeps it flat; it takes a few milliseconds, on
-    // this thread, beside the tens that opening the next patch took.
-    if (released) {
-        malloc_trim(0);
-    }
-#endif
 }
 
 void PatchChanger::release(PdInstance* instance)

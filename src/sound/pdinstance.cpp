@@ -1,6 +1,7 @@
 #include "sound/pdinstance.h"
 
 #include "settings/debuglog.h"
+#include "sound/patchthread.h"
 #include "sound/realtimezone.h"
 
 #include <m_pd.h>
@@ -51,7 +52,21 @@ void PdInstance::initAudio(int outChannels, int sampleRate)
 
 bool PdInstance::open(const QByteArray& file, const QByteArray& folder)
 {
-    close();
+    bool opened = false;
+    PatchThread::run([&] { opened = openHere(file, folder); });
+    return opened;
+}
+
+void PdInstance::close()
+{
+    if (mPatch) {
+        PatchThread::run([this] { closeHere(); });
+    }
+}
+
+bool PdInstance::openHere(const QByteArray& file, const QByteArray& folder)
+{
+    closeHere();
     makeCurrent();
     mMacroNames.clear();
     mMacroDefaults.clear();
@@ -90,7 +105,7 @@ bool PdInstance::open(const QByteArray& file, const QByteArray& folder)
     return true;
 }
 
-void PdInstance::close()
+void PdInstance::closeHere()
 {
     if (!mPatch) {
         return;

@@ -18,10 +18,10 @@ struct _pdinstance;
 // while the sound runs (libpd takes its global write lock for that, which
 // would stop the audio thread for the time it takes).
 //
-// Threads: one thread at a time uses an instance. open(), close() and
-// warmUp() run off the audio thread while the audio thread does not use
-// this instance; the message calls and process() run on whichever thread
-// owns it at the moment (the audio thread once it plays). libpd keeps its
+// Threads: one thread at a time uses an instance. open() and close() run
+// off the audio thread while the audio thread does not use this instance
+// (carried out on the PatchThread while the caller waits); the message
+// calls and process() run on whichever thread owns it at the moment (the audio thread once it plays). libpd keeps its
 // current instance per thread: every call here makes this instance the
 // calling thread's current one first.
 class PdInstance
@@ -80,6 +80,9 @@ public:
 
 private:
     void makeCurrent() const;
+    // open() and close() themselves, on the calling thread.
+    bool openHere(const QByteArray& file, const QByteArray& folder);
+    void closeHere();
     void parseMacroNames(const QString& text);
 
     _pdinstance* mPd = nullptr;
