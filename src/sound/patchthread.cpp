@@ -8,20 +8,12 @@ thread_local bool tOnPatchThread = false;
 
 PatchThread::PatchThread() : mThread([this] { loop(); }) {}
 
-PatchThread::~PatchThread()
-{
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mStop = true;
-    }
-    mWake.notify_one();
-    mThread.join();
-}
-
 PatchThread& PatchThread::instance()
 {
-    static PatchThread thread;
-    return thread;
+    // Never destroyed: an instance closed while static objects are torn
+    // down still finds it. It waits, idle, until the process ends.
+    static PatchThread* thread = new PatchThread;
+    return *thread;
 }
 
 void PatchThread::run(const std::function<void()>& work)
@@ -43,18 +35,14 @@ void PatchThread::loop()
     tOnPatchThread = true;
     std::unique_lock<std::mutex> lock(mMutex);
     for (;;) {
-        mWake.wait(lock, [this] { return mStop || mWork; });
-        if (mWork) {
-            // Unlocked while it runs: nothing else touches mWork meanwhile,
-            // since the one caller waits for it.
-            const std::function<void()>* work = mWork;
-            lock.unlock();
-            (*work)();
-            lock.lock();
-            mWork = nullptr;
-            mDone.notify_all();
-        } else if (mStop) {
-            return;
-        }
+        mWake.wait(lock, [this] { return mWork != nullptr; });
+        // Unlocked while it runs: nothing else touches mWork meanwhile,
+        // since the one caller waits for it.
+        const std::function<void()>* work = mWork;
+        lock.unlock();
+        (*work)();
+        lock.lock();
+        mWork = nullptr;
+        mDone.notify_all();
     }
 }

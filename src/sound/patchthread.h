@@ -28,7 +28,6 @@ public:
 
 private:
     PatchThread();
-    ~PatchThread();
     static PatchThread& instance();
     void loop();
 
@@ -37,6 +36,5 @@ private:
     std::condition_variable mWake;
     std::condition_variable mDone;
     const std::function<void()>* mWork = nullptr;
-    bool mStop = false;
     std::thread mThread;
 };
