@@ -1070,11 +1070,11 @@ bool Soak::finish()
     const double hours = (played - warmAt) / 3600.0;
     const double growth = hours > 0 ? (endMb - warmMb) / hours : 0.0;
     const double slope = n > 2 ? (n * sxy - sx * sy) / (n * sxx - sx * sx) * 3600.0 : 0.0;
-    // The program hands a patch's memory back when the next one plays, so
-    // its size follows the patch that plays (tens of MB between the
-    // smallest and the largest voice) and two samples compare only under
-    // the same patch: the samples before the changes that end the same
-    // patch, one straight line each, averaged over the patches.
+    // A voice patch is tens of MB, and how much of it stays resident
+    // depends on which patches were open last, so two samples compare
+    // fairly only under the same patch: the samples before the changes that
+    // end the same patch, one straight line each, averaged over the
+    // patches.
     double samePatch = 0.0;
     int samePatchLines = 0;
     for (int phase = 0; phase < mPatchCount; ++phase) {

@@ -21,9 +21,10 @@ struct _pdinstance;
 // Threads: one thread at a time uses an instance. open() and close() run
 // off the audio thread while the audio thread does not use this instance
 // (carried out on the PatchThread while the caller waits); the message
-// calls and process() run on whichever thread owns it at the moment (the audio thread once it plays). libpd keeps its
-// current instance per thread: every call here makes this instance the
-// calling thread's current one first.
+// calls and process() run on whichever thread owns it at the moment (the
+// audio thread once it plays). libpd keeps its current instance per thread:
+// every call here makes this instance the calling thread's current one
+// first.
 class PdInstance
 {
 public:

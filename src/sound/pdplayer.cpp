@@ -340,9 +340,6 @@ void PdPlayer::deliverResults()
         ARBO_DEBUG().noquote() << "libPD:" << line.text;
     }
     signalPatchSteps();
-    // A patch that has faded out is closed now rather than at the next
-    // change, so that its memory goes back as soon as it is heard no more.
-    mChanger.collectRetired();
     mScenes.collectRetired();
     if (const int request = mCommands.takeRecordRequest()) {
         emit recordRequested(request);
